@@ -1,0 +1,30 @@
+// BLAKE2sp with a 32-byte digest.
+#pragma once
+
+#include "IHashFunction.h"
+
+namespace kelvane {
+
+// The official BLAKE2sp (eight leaves, depth two, inner length 32), digest length 32, without key, salt
+// or personalisation. Objects keep no state: one may be shared by threads, and all give the same digests.
+class BlakeHash : public IHashFunction {
+public:
+    ~BlakeHash() override = default;
+
+    // The digest of `length` bytes at `buffer`, which needs no alignment. Length 0 gives the digest of
+    // the empty message, whatever `buffer` is. A null buffer with a length above 0, or a negative
+    // length, gives an empty value.
+    HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override;
+
+    kelvane_size_t hash_size_in_bytes() const override; // 32
+
+    HashFunctionType hash_id() const override; // Blake2dHashFunctionType
+
+    // As the interface has it. Many buffers at once cost less per buffer than one by one, and buffers of
+    // nothing but zeros cost no more than a look at them. Stops at the first null buffer, unless
+    // `length` is 0; a negative length writes nothing. Allocates nothing.
+    std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
+                           unsigned char* const* digests) override;
+};
+
+} // namespace kelvane

@@ -1,0 +1,7 @@
+#pragma once
+
+namespace kelvane {
+
+constexpr int INVALID_FD = -1; // the descriptor value that denotes no file
+
+} // namespace kelvane

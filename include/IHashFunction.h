@@ -1,0 +1,39 @@
+// A hash function as the block hash store sees it.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "HashFunctionType.h"
+#include "Types.h"
+
+namespace kelvane {
+
+// An object is used by one thread at a time. The operations of this class itself are those of no hash
+// function at all: they fail, and have size 0 and the type Invalid.
+class IHashFunction {
+public:
+    using HashValue = std::vector<unsigned char>; // one digest; an empty one means that hashing failed
+
+    virtual ~IHashFunction() = default;
+
+    // The digest of the `length` bytes at `buffer`: exactly hash_size_in_bytes() bytes, or an empty
+    // value when hashing fails. The buffer is only read.
+    virtual HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length);
+
+    // The size of every digest in bytes. It is the same for all objects of one type, for ever.
+    virtual kelvane_size_t hash_size_in_bytes() const;
+
+    virtual HashFunctionType hash_id() const;
+
+    // Hashes `count` buffers of `length` bytes each, in order, and writes the digest of buffers[i] to the
+    // hash_size_in_bytes() bytes at digests[i]. No two digests may overlap, nor a digest a buffer; there
+    // is no requirement of alignment. Returns how many digests were written: `count`, or k when
+    // hashing buffers[k] failed, by an empty digest or one of another size; then the digests before the
+    // k-th are written. An exception that hashing throws passes through.
+    // Unless overridden it calls get_hash for one buffer after the other.
+    virtual std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
+                                   unsigned char* const* digests);
+};
+
+} // namespace kelvane

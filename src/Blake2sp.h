@@ -1,0 +1,27 @@
+// BLAKE2sp, 32-byte digest: the official eight-leaf, depth-two tree over BLAKE2s, without key, salt
+// or personalisation.
+//
+// Every function is safe to call from any thread at any time, allocates nothing and gives the same
+// digests on every instruction set. The widest one that the processor has is chosen at the first call.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kelvane {
+
+constexpr size_t BLAKE2SP_DIGEST_SIZE_IN_BYTES = 32;
+
+// Writes the digest of the `length` bytes at `message` to the 32 bytes at `digest`. Neither needs to
+// be aligned. `message` may be null when `length` is 0.
+void blake2sp(const void* message, size_t length, unsigned char* digest);
+
+// Writes the digest of messages[i], each `length` bytes long, to the 32 bytes at digests[i], for every
+// i below `count`. Many messages at once cost less per message than one at a time, because their trees'
+// roots are computed side by side. Digests must not overlap messages.
+void blake2spMany(const void* const* messages, size_t count, size_t length, unsigned char* const* digests);
+
+// The name of the instruction set in use, for reports; a string that lives as long as the program.
+const char* blake2spInstructionSet();
+
+} // namespace kelvane
