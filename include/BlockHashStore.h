@@ -1,0 +1,254 @@
+// The block hash store: one hash for every fixed-size block of a target, kept in a file of its own.
+//
+// Offsets. A target starts at `partitionOffset` on the device that holds it. All offsets that callers
+// give and get are external: positions on that device, in bytes. Blocks are counted from the partition
+// offset on. The target size that `create` and `open` take is the end of the target in external offsets:
+// for S bytes that start at partition offset P, pass P + S.
+//
+// Threads. A store belongs to one thread at a time, and so does a hash file while it is created or its
+// size is adapted. Stores on different files share nothing. A data callback runs on the calling thread
+// and must not use the store that called it; metric callbacks must not either.
+//
+// Failures. Every failure is a thrown std::runtime_error with the text given below; "(errno)" stands for
+// ": " and the error number in decimal. Failed allocations and whatever a callback throws pass through
+// unchanged. After a failure the store can be used as before, unless moved from. While another exception
+// is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
+// `create`, `update_hashes` and `invalidate_hashes` then just return, `open` returns an empty pointer, the
+// range hash an empty value, and nothing more is read or written by that call.
+//
+// Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one; the
+// target's size plays no part. Hand huge ranges over in slices.
+//
+// Durability. Nothing but `create`, the adapting part of `open` and `sync_to_disk` waits for the disk.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HashFunctionType.h"
+#include "IHashFunction.h"
+#include "Protocol.h"
+#include "SimpleCachedReader.h"
+#include "Types.h"
+
+namespace kelvane {
+
+class BlockHashStore {
+public:
+    using HashValue = IHashFunction::HashValue;
+
+    // Supplies target data: for every i, lengths[i] bytes of the target from the external offset
+    // offsets[i] on. The result holds one array per range, in the same order, each at least as long as
+    // asked for; the store releases them when the request is done. The ranges ascend and do not touch.
+    using DataRequiredFunc = std::function<std::vector<std::unique_ptr<char[]>>(
+        const std::vector<kelvane_off_t>& offsets, const std::vector<kelvane_off_t>& lengths)>;
+
+    // Receives the bytes that a transfer moved to or from the hash file.
+    using DataTransferMetricFunc = SimpleCachedReader::DataTransferMetricFunc;
+
+    // Closes the hash file; flushes nothing.
+    ~BlockHashStore();
+
+    BlockHashStore(const BlockHashStore&) = delete;
+    BlockHashStore& operator=(const BlockHashStore&) = delete;
+
+    // A store that was moved from can only be destroyed or assigned to.
+    BlockHashStore(BlockHashStore&& other) noexcept;
+    BlockHashStore& operator=(BlockHashStore&& other) noexcept;
+
+    // Makes a hash file at `path` in which every block is unknown, replacing a file that is there, and
+    // waits until it is on the disk. It is readable and writable for its owner alone.
+    //   targetSizeInBytes  the target's end in external offsets, in bytes
+    //   partitionOffset    the external offset at which block 0 starts, in bytes
+    //   blockSize          in bytes, any value above 0; all blocks but the last are whole
+    //   deleteFileOnError  removes the file at `path` after a failure, but not after the first three
+    // An interrupted creation leaves a file that `open` refuses.
+    // Failures, before anything on disk is touched:
+    //   "unknown hash id: " and the number
+    //   "block size is invalid: 0"
+    //   "target is too large for its block size: " and the target's and the block's size, when the hash
+    //   file's size could not be expressed as a signed 64-bit number
+    // and then:
+    //   "error opening file for writing", with or without (errno)
+    //   "error in seek while trying to grow the file to " N ", errno = " E
+    //   "failed to write to block hash file"
+    //   "failed to seek to beginning of file to write header." (errno)
+    //   "failed to initialize header data" (errno)
+    //   "failed to close fd while creating the block hash store" (errno)
+    static void create(const std::string& path, HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
+                       kelvane_size_t partitionOffset, uint32_t blockSize, bool deleteFileOnError);
+
+    // Checks an access to `length` bytes from the external offset `offset` on: it returns when
+    // partition offset <= offset < target size, and offset + length <= target size; these are the
+    // mathematical values, none of them wraps around. Otherwise it throws `log_tag` ": offset is out of
+    // bounds: " offset ", " end, where end is the target size less the partition offset. Ranges that end
+    // past 2^63 - 1 are refused too. A negative length passes; the operations refuse it afterwards.
+    void throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset, kelvane_buf_len_t length) const;
+
+    // Opens the hash file at `path` for a target that ends at `targetSizeInBytes` (an external offset, as
+    // with `create`). When the file records another size it is adapted: entries are added as unknown or
+    // cut off at its end, and its header is rewritten; all other entries stay as they are. A failure
+    // may leave an adapted file. Allocates one block's size besides a fixed amount.
+    //
+    // The entry of a block that was the target's last, and those beyond a new end that share its last
+    // page in the hash file, keep their hashes. After growing a target invalidate from its old end on.
+    // Failures:
+    //   "failed to stat hash file" (errno)
+    //   "path does not represent a hash file"
+    //   "file is too small to be valid: " and its size
+    //   "failed to open file: " path (errno)
+    //   "failed to read header" (errno)
+    //   "header magic number does not match expected"
+    //   "header version does not match the expected value"
+    //   "the target size managed by the hash store has changed"
+    //   "hash data offset is invalid: " found " " expected
+    //   "unknown hashing function: " and the number
+    //   "block size is invalid: 0"
+    //   "target is too large for its block size: ..." as for `create`
+    //   "the hash file size is incorrect for given target size"
+    // and while adapting the file:
+    //   "error in seek while initting file region: " offset ", " length ", errno = " E
+    //   "error in write while initting file region: " E
+    //   "initFileRegion failed to sync hash file" (errno)
+    //   "failed to truncate file: " E
+    //   those of `create` that concern the header and the closing
+    static std::unique_ptr<BlockHashStore> open(std::string path, kelvane_size_t targetSizeInBytes);
+
+    // The hash of `length` bytes from the external offset `offset` on: the hash of the concatenated hashes
+    // of all blocks that the range touches. A block that the range covers in part counts as a whole one
+    // with zeros outside the range. Never empty. Length 0 gives the hash of zero bytes, without any
+    // access or callback.
+    //
+    // Hashes of whole blocks come from the hash file; what it lacks, and partial blocks, is asked
+    // of `dataRequiredFunc`, in at most one call, and stored. A range whose blocks are all known costs one
+    // read; otherwise one read, one call and one write.
+    // Failures, with `offset` as given:
+    //   that of throwOnAccessViolation, with the tag get_hash
+    //   "get_hash: length is negative: " and the length
+    //   "get_hash: too many blocks in one request: " and their number, above 2^31 - 1
+    //   "failed to seek in hash file: " position (errno)
+    //   "failed to read hash value: " offset (errno)
+    //   std::bad_function_call, when data is needed and `dataRequiredFunc` is empty
+    //   "expected more image data than was returned while hashing" (errno), for fewer arrays than ranges,
+    //   for more, and for a null array
+    //   "failed to generate block hash"
+    // so far the hash file is untouched; then
+    //   "failed to seek in hash file during update: " position (errno)
+    //   "failed to write hash: " offset (errno), which is also what becomes of more than 2^31 - 1 bytes of
+    //   entries (65,075,262 blocks) in one request
+    //   "failed to hash aggregate hashes"
+    HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length, DataRequiredFunc dataRequiredFunc);
+
+    // The hash of `blockSize` bytes at `buffer`, of any number; nothing is stored. Empty when the hash
+    // function fails, as it does for a null buffer with a size above 0.
+    HashValue get_hash(kelvane_buf_t buffer, kelvane_size_t blockSize) const;
+
+    // Tells the store that the `length` bytes at `buffer` now stand in the target from the external offset
+    // `offset` on. Blocks that the range covers wholly get new hashes; those that it covers in
+    // part become unknown, also by a range of length 0 inside a block. Costs one write.
+    // Failures, with `offset` as given; the hash file is untouched but for the last:
+    //   that of throwOnAccessViolation, with the tag update_hashes
+    //   "update_hashes: length is negative: " and the length
+    //   "update_hashes: too many blocks in one request: " and their number, above 2^31 - 1
+    //   "encountered a null buffer while updating hashes", when the range touches a block
+    //   "failed to compute hash from data"
+    //   "failed to seek in hash file: " position (errno)
+    //   "failed to write hash: " offset (errno); also for more than 65,075,262 blocks
+    void update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length);
+
+    // Makes every block that the range touches unknown. Costs one write. Fails as update_hashes does.
+    void invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
+
+    // The size of a block in bytes.
+    uint32_t getBlockSize() const;
+
+    HashFunctionType getHashFunctionType() const;
+
+    // Install callbacks for the hash file's traffic; empty ones switch them off. A callback that throws
+    // ends the operation with its exception; the transfer has taken place.
+    void setOnWriteCallback(DataTransferMetricFunc on_write);
+    void setOnReadCallback(DataTransferMetricFunc on_read);
+
+    // Brings all entries to stable storage; true when that succeeded, with `errno` set otherwise.
+    bool sync_to_disk();
+
+private:
+    friend struct BlockHashStoreTestPeer;
+
+    struct Header {
+        uint64_t magicNumber;
+        uint64_t version;
+        uint64_t dataRegionOffsetInBytes;
+        uint32_t blockSizeInBytes;
+        uint64_t targetSizeInBytes;
+        uint64_t partitionOffset;
+        uint32_t hashId;
+    };
+
+    enum HashFlags : uint8_t { InUse = 1 };
+
+    class DescriptorGuard;
+    struct Span;
+    struct Runs;
+
+    static constexpr kelvane_buf_len_t MAXIMUM_CREATE_FILE_BUFFER_SIZE = 1048576;
+    static constexpr uint32_t DEFAULT_BLOCK_SIZE = 4096;
+    static constexpr uint64_t BLOCK_HASH_STORE_MAGIC_NUMBER = 0x20001312;
+    static constexpr uint64_t BLOCK_HASH_STORE_CURRENT_VERSION = 0;
+
+    BlockHashStore();
+
+    void update_hashes_internal(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length,
+                                bool invalidate_only);
+    void init();
+    void open_internal(const std::string& path, kelvane_size_t targetSizeInBytes);
+    bool resizeIfTargetChangeDetected(const std::string& path, kelvane_size_t targetSizeInBytes,
+                                      kelvane_size_t fileSize);
+    void validateHeader(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize);
+    void growHashBufferWhenNeeded(kelvane_buf_len_t sizeRequested);
+    kelvane_off_t toInternalOffset(kelvane_off_t offset) const;
+    kelvane_off_t fromInternalOffset(kelvane_off_t offset) const;
+    kelvane_size_t hashSize() const;
+    kelvane_off_t getPartitionOffset() const;
+    static kelvane_size_t getSystemPageSize();
+    static off_t seek(int fd, off_t offset, int whence);
+    static void createFile(const std::string& path, kelvane_size_t fileLength);
+    void initFileRegion(uint64_t offset, uint64_t length);
+    static void initHeader(const std::string& path, kelvane_size_t targetSizeInBytes, kelvane_off_t partitionOffset,
+                           uint32_t blockSize, uint32_t hashId);
+    static uint64_t bytesToBlocks(kelvane_size_t bytes, uint32_t blockSize);
+    static kelvane_size_t getHashEntrySize(kelvane_size_t hashSize);
+    static uint64_t computeDataSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
+    static uint64_t computeHeaderSize();
+    static uint64_t computeFileSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
+    uint64_t computeMaximumInternalOffset() const;
+    static bool validReadWrite(kelvane_ssize_t expectedValue, kelvane_ssize_t actualValue);
+    static void throwWithErrno(const std::string& message);
+
+    // Helpers of the operations above, beyond the file format.
+    [[noreturn]] static void failWithErrno(const std::string& message);
+    static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
+    Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
+    char* entryAt(kelvane_ssize_t position) const;
+    kelvane_ssize_t entryOffsetInFile(kelvane_ssize_t block) const;
+    void hashFullBlocks(const Span& span, char* buffer);
+    void loadFullEntries(const Span& span);
+    Runs planRuns(const Span& span) const;
+    void hashRuns(const Runs& runs, const std::vector<std::unique_ptr<char[]>>& data);
+    void storeFullEntries(const Span& span);
+    HashValue aggregate(kelvane_ssize_t numberOfHashes);
+
+    Header m_header;
+    SimpleCachedReader m_file;
+    std::unique_ptr<char[]> m_hashBuffer;
+    kelvane_buf_len_t m_hashBufferSize;
+    std::unique_ptr<IHashFunction> m_hashFunction;
+    std::unique_ptr<char[]> m_blockBuffer;
+};
+
+} // namespace kelvane
