@@ -1,0 +1,68 @@
+// A seam at the C library: the test program defines the file calls that the library makes, forwards them
+// to the kernel, and lets a test watch each one or have it fail.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <initializer_list>
+
+namespace kelvane::testing {
+
+enum class Call { Open, Close, Stat, Seek, Read, ReadAt, Write, WriteAt, Fsync, SyncFileRange, Truncate, Unlink };
+
+struct CallRecord {
+    Call call;
+    int fd;             // -1 for calls that take a path
+    const void* buffer; // of a write
+    std::size_t length; // of a transfer, a synced range or a truncated file
+    off_t offset;       // of a positioned transfer, a seek or a synced range
+};
+
+// What becomes of a call: by default it is forwarded. With an error it fails without reaching the
+// kernel; with a limit, a transfer is forwarded for that many bytes only.
+struct Outcome {
+    int error = 0;
+    ssize_t limit = -1;
+};
+
+// While it lives, every intercepted call asks the hook. One at a time; calls that the hook itself makes,
+// or other threads, are forwarded.
+class CallHook {
+public:
+    explicit CallHook(std::function<Outcome(const CallRecord&)> hook);
+    ~CallHook();
+    CallHook(const CallHook&) = delete;
+    CallHook& operator=(const CallHook&) = delete;
+};
+
+// Gives calls of one kind an outcome, from the one after `skipped` of them on, `times` times, and fails the
+// test when it never did. A close is carried out all the same, so that no descriptor leaks.
+class Fault {
+public:
+    Fault(Call call, Outcome outcome, int skipped = 0, int times = 1);
+    ~Fault();
+
+private:
+    int m_skipped;
+    int m_times;
+    int m_fired = 0;
+    CallHook m_hook;
+};
+
+// Counts calls while it lives.
+class CallCounter {
+public:
+    CallCounter();
+    std::size_t operator[](Call call) const; // how many calls of that kind
+    std::size_t transfers() const;           // reads and writes of every kind
+
+private:
+    std::size_t m_counts[12] = {};
+    CallHook m_hook;
+};
+
+int openDescriptors(); // how many the process holds
+
+} // namespace kelvane::testing
