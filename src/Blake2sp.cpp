@@ -194,31 +194,72 @@ HWY_INLINE void storeDigests(D d, const Vector<D>* h, uint8_t* const* rows)
 
 #endif
 
-template <class D, class V>
-HWY_INLINE void mix(D d, V& a, V& b, V& c, V& e, V m0, V m1)
+template <int Bits, class D, class V>
+HWY_INLINE V xorRotated(D d, V a, V b)
 {
-    a = hn::Add(hn::Add(a, m0), b);
-    e = rotateRight16(d, hn::Xor(e, a));
-    c = hn::Add(c, e);
-    b = hn::RotateRight<12>(hn::Xor(b, c));
-    a = hn::Add(hn::Add(a, m1), b);
-    e = rotateRight8(d, hn::Xor(e, a));
-    c = hn::Add(c, e);
-    b = hn::RotateRight<7>(hn::Xor(b, c));
+    const V v = hn::Xor(a, b);
+    if constexpr (Bits == 16) {
+        return rotateRight16(d, v);
+    } else if constexpr (Bits == 8) {
+        return rotateRight8(d, v);
+    } else {
+        return hn::RotateRight<Bits>(v);
+    }
+}
+
+// Four words of the state, or of the message.
+template <class V>
+struct Four {
+    V& v0;
+    V& v1;
+    V& v2;
+    V& v3;
+};
+
+template <class V, class W>
+HWY_INLINE void add(Four<V> a, Four<W> b)
+{
+    a.v0 = hn::Add(a.v0, b.v0);
+    a.v1 = hn::Add(a.v1, b.v1);
+    a.v2 = hn::Add(a.v2, b.v2);
+    a.v3 = hn::Add(a.v3, b.v3);
+}
+
+template <int Bits, class D, class V>
+HWY_INLINE void turn(D d, Four<V> a, Four<V> b)
+{
+    a.v0 = xorRotated<Bits>(d, a.v0, b.v0);
+    a.v1 = xorRotated<Bits>(d, a.v1, b.v1);
+    a.v2 = xorRotated<Bits>(d, a.v2, b.v2);
+    a.v3 = xorRotated<Bits>(d, a.v3, b.v3);
+}
+
+// Half a round: four mixings, step by step side by side, for each alone is one long chain.
+template <class D, class V>
+HWY_INLINE void mixFour(D d, Four<V> a, Four<V> b, Four<V> c, Four<V> e, Four<const V> m0, Four<const V> m1)
+{
+    add(a, m0);
+    add(a, b);
+    turn<16>(d, e, a);
+    add(c, e);
+    turn<12>(d, b, c);
+    add(a, m1);
+    add(a, b);
+    turn<8>(d, e, a);
+    add(c, e);
+    turn<7>(d, b, c);
 }
 
 template <int Round, class D, class V>
 HWY_INLINE void round(D d, V* v, const V* m)
 {
     constexpr auto& s = SIGMA[Round];
-    mix(d, v[0], v[4], v[8], v[12], m[s[0]], m[s[1]]);
-    mix(d, v[1], v[5], v[9], v[13], m[s[2]], m[s[3]]);
-    mix(d, v[2], v[6], v[10], v[14], m[s[4]], m[s[5]]);
-    mix(d, v[3], v[7], v[11], v[15], m[s[6]], m[s[7]]);
-    mix(d, v[0], v[5], v[10], v[15], m[s[8]], m[s[9]]);
-    mix(d, v[1], v[6], v[11], v[12], m[s[10]], m[s[11]]);
-    mix(d, v[2], v[7], v[8], v[13], m[s[12]], m[s[13]]);
-    mix(d, v[3], v[4], v[9], v[14], m[s[14]], m[s[15]]);
+    mixFour<D, V>(d, {v[0], v[1], v[2], v[3]}, {v[4], v[5], v[6], v[7]}, {v[8], v[9], v[10], v[11]},
+                  {v[12], v[13], v[14], v[15]}, {m[s[0]], m[s[2]], m[s[4]], m[s[6]]},
+                  {m[s[1]], m[s[3]], m[s[5]], m[s[7]]});
+    mixFour<D, V>(d, {v[0], v[1], v[2], v[3]}, {v[5], v[6], v[7], v[4]}, {v[10], v[11], v[8], v[9]},
+                  {v[15], v[12], v[13], v[14]}, {m[s[8]], m[s[10]], m[s[12]], m[s[14]]},
+                  {m[s[9]], m[s[11]], m[s[13]], m[s[15]]});
 }
 
 // BLAKE2s compression of the block at rows[lane] + offset into the state h, for every lane.
@@ -287,12 +328,18 @@ struct LeafGroup {
     HWY_INLINE LeafGroup(const uint8_t* const* messages, size_t first)
         : firstLeaf(first)
     {
-        uint32_t offsets[LANES];
         for (size_t lane = 0; lane < LANES; ++lane) {
-            offsets[lane] = static_cast<uint32_t>(leaf(lane));
             rows[lane] = messages[(firstLeaf + lane) / LEAVES] + NODE_BLOCK * leaf(lane);
         }
-        initialState(d, hn::LoadU(d, offsets), PARAMETER_LEAF, h);
+        initialState(d, leaves(), PARAMETER_LEAF, h);
+    }
+
+    // Absorbs a whole stripe at `offset` that is the message's last: the way of every usual block size.
+    HWY_INLINE void absorbLastStripe(size_t offset)
+    {
+        Tweak<D> tweak = sameTweak(d, (offset + STRIPE) / LEAVES, ALL_ONES, 0);
+        tweak.lastNode = hn::IfThenElseZero(hn::Eq(leaves(), hn::Set(d, uint32_t {LEAVES - 1})), tweak.lastBlock);
+        compress(d, h, rows, offset, tweak);
     }
 
     // Absorbs the last stripes, `remaining` bytes (below 1024) from `offset` on. Leaves run out of
@@ -320,6 +367,12 @@ struct LeafGroup {
     }
 
 private:
+    HWY_INLINE Vector<D> leaves() const
+    {
+        const auto numbers = hn::Iota(d, static_cast<uint32_t>(firstLeaf));
+        return hn::And(numbers, hn::Set(d, uint32_t {LEAVES - 1}));
+    }
+
     // How much of a stripe that holds `bytes` bytes falls to the lane's leaf.
     HWY_INLINE size_t bytesOf(size_t lane, size_t bytes) const
     {
@@ -361,7 +414,11 @@ HWY_INLINE void hashLeafGroup(D d, const uint8_t* const* messages, size_t firstL
     for (; length - offset >= 2 * STRIPE; offset += STRIPE) {
         compress(d, group.h, group.rows, offset, sameTweak(d, (offset + STRIPE) / LEAVES, 0, 0));
     }
-    group.absorbTail(offset, length - offset);
+    if (length - offset == STRIPE) {
+        group.absorbLastStripe(offset);
+    } else {
+        group.absorbTail(offset, length - offset);
+    }
     uint8_t* rows[LANES];
     for (size_t lane = 0; lane < LANES; ++lane) {
         rows[lane] = digests + DIGEST * lane;
@@ -414,6 +471,19 @@ HWY_INLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
 
 using Row = hn::Full128<uint32_t>;
 
+HWY_INLINE void mix(Vector<Row>& a, Vector<Row>& b, Vector<Row>& c, Vector<Row>& e, Vector<Row> m0, Vector<Row> m1)
+{
+    const Row d;
+    a = hn::Add(hn::Add(a, m0), b);
+    e = xorRotated<16>(d, e, a);
+    c = hn::Add(c, e);
+    b = xorRotated<12>(d, b, c);
+    a = hn::Add(hn::Add(a, m1), b);
+    e = xorRotated<8>(d, e, a);
+    c = hn::Add(c, e);
+    b = xorRotated<7>(d, b, c);
+}
+
 template <int A, int B, int C, int E>
 HWY_INLINE Vector<Row> pick(const uint32_t* m)
 {
@@ -428,11 +498,11 @@ template <int Round>
 HWY_INLINE void rowRound(Vector<Row>& a, Vector<Row>& b, Vector<Row>& c, Vector<Row>& e, const uint32_t* m)
 {
     constexpr auto& s = SIGMA[Round];
-    mix(Row(), a, b, c, e, pick<s[0], s[2], s[4], s[6]>(m), pick<s[1], s[3], s[5], s[7]>(m));
+    mix(a, b, c, e, pick<s[0], s[2], s[4], s[6]>(m), pick<s[1], s[3], s[5], s[7]>(m));
     a = hn::Shuffle2103(a);
     c = hn::Shuffle0321(c);
     e = hn::Shuffle1032(e);
-    mix(Row(), a, b, c, e, pick<s[14], s[8], s[10], s[12]>(m), pick<s[15], s[9], s[11], s[13]>(m));
+    mix(a, b, c, e, pick<s[14], s[8], s[10], s[12]>(m), pick<s[15], s[9], s[11], s[13]>(m));
     a = hn::Shuffle0321(a);
     c = hn::Shuffle2103(c);
     e = hn::Shuffle1032(e);

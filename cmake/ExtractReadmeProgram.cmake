@@ -1,0 +1,12 @@
+# Copies the program that README.md shows into a source file, so that the tests compile and run it.
+function(extract_readme_program output)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/README.md)
+  file(READ ${PROJECT_SOURCE_DIR}/README.md readme)
+  string(FIND "${readme}" "```cpp\n" start)
+  string(SUBSTRING "${readme}" ${start} -1 program)
+  string(FIND "${program}" "\n```\n" length)
+  string(SUBSTRING "${program}" 7 ${length} program)
+  string(FIND "${program}" "\n```" length)
+  string(SUBSTRING "${program}" 0 ${length} program)
+  file(CONFIGURE OUTPUT ${output} CONTENT "${program}\n" @ONLY)
+endfunction()
