@@ -174,6 +174,17 @@ public:
     void setOnWriteCallback(DataTransferMetricFunc on_write);
     void setOnReadCallback(DataTransferMetricFunc on_read);
 
+    // For use after a crash of the machine, before any hash is trusted: makes unknown every entry of which a
+    // part may not have reached the disk, and returns how many those are. An entry that crosses a boundary of
+    // 512 bytes in the hash file can be stored in halves; what a half replaces is zeros, because unknown
+    // entries hold zeros, and by that it is known. (About one whole entry in a hundred thousand looks the same
+    // and is made unknown too.) Reads the hash file once, in small pieces; call `sync_to_disk` afterwards.
+    // Presumes that entries were invalidated, and that was synced, before new hashes replaced known ones.
+    // Failures:
+    //   "failed to read hash entry: " position in the hash file (errno)
+    //   "failed to clear hash entry: " position in the hash file (errno)
+    uint64_t discard_torn_entries();
+
     // Brings all entries to stable storage; true when that succeeded, with `errno` set otherwise.
     bool sync_to_disk();
 

@@ -26,6 +26,7 @@ namespace {
 
 constexpr const char* SOURCE_FILE = "BlockHashStore.cpp";
 constexpr auto MAXIMUM_SIGNED = static_cast<uint64_t>(std::numeric_limits<kelvane_ssize_t>::max());
+constexpr kelvane_ssize_t SECTOR = 512; // what a disk writes wholly or not at all
 constexpr kelvane_ssize_t MAXIMUM_BLOCKS_PER_REQUEST = std::numeric_limits<int32_t>::max();
 
 // Ends a public operation whose failure was logged because another exception is propagating.
@@ -346,6 +347,7 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
         throw std::runtime_error("unknown hash id: " + std::to_string(static_cast<uint32_t>(hashType)));
     }
     throwOnUnusableSizes(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes());
+    const char* const function = __func__; // the lambda's own name would appear in the log
     untilFailureIsLogged([&] {
         try {
             createFile(path, computeFileSize(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes()));
@@ -353,7 +355,7 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
                        hashFunction->hash_id());
         } catch (...) {
             if (deleteFileOnError && posix::unlink(path) == 0) {
-                Logger(KELVANE_INFO, SOURCE_FILE, __LINE__, __func__) << "deleted hash file due to error: " << errno;
+                Logger(KELVANE_INFO, SOURCE_FILE, __LINE__, function) << "deleted hash file due to error: " << errno;
             }
             throw;
         }
@@ -662,6 +664,40 @@ void BlockHashStore::hashFullBlocks(const Span& span, char* buffer)
     if (!hashed || !hasher.flush()) {
         throw std::runtime_error("failed to compute hash from data");
     }
+}
+
+uint64_t BlockHashStore::discard_torn_entries()
+{
+    return untilFailureIsLogged([&] {
+        const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+        const auto dataStart = static_cast<kelvane_ssize_t>(m_header.dataRegionOffsetInBytes);
+        const auto dataSize
+            = static_cast<kelvane_ssize_t>(computeDataSize(m_header.targetSizeInBytes, getBlockSize(), hashSize()));
+        const std::vector<char> zeros(static_cast<std::size_t>(entrySize), 0);
+        std::vector<char> entry(zeros);
+        uint64_t discarded = 0;
+        for (kelvane_ssize_t boundary = SECTOR; boundary < dataSize; boundary += SECTOR) {
+            const kelvane_ssize_t start = boundary / entrySize * entrySize;
+            const kelvane_ssize_t whereTo = dataStart + start;
+            if (start == boundary || start + entrySize > dataSize) {
+                continue;
+            }
+            if (m_file.seek(whereTo, SEEK_SET) != whereTo
+                || !validReadWrite(entrySize, m_file.read(entry.data(), entrySize))) {
+                failWithErrno("failed to read hash entry: " + std::to_string(whereTo));
+            }
+            const auto secondHalf = entry.begin() + (boundary - start);
+            if ((entry.front() & InUse) == 0 || !std::equal(secondHalf, entry.end(), zeros.begin())) {
+                continue;
+            }
+            if (m_file.seek(whereTo, SEEK_SET) != whereTo
+                || !validReadWrite(entrySize, m_file.write(zeros.data(), zeros.size()))) {
+                failWithErrno("failed to clear hash entry: " + std::to_string(whereTo));
+            }
+            ++discarded;
+        }
+        return discarded;
+    });
 }
 
 // ---------------------------------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -11,11 +12,14 @@
 #include <iterator>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "BlakeHash.h"
 #include "BlockHashStore.h"
+#include "Logger.h"
 
 namespace kelvane {
 
@@ -35,6 +39,7 @@ struct BlockHashStoreTestPeer {
     {
         Store::initHeader(path, target, partition, block, id);
     }
+    static void validateHeader(Store& s, uint64_t target, uint64_t file) { s.validateHeader(target, file); }
     static void throwWithErrno(const std::string& message) { Store::throwWithErrno(message); }
     static uint64_t bytesToBlocks(uint64_t bytes, uint32_t block) { return Store::bytesToBlocks(bytes, block); }
     static uint64_t computeHeaderSize() { return Store::computeHeaderSize(); }
@@ -125,6 +130,129 @@ struct MemoryTarget {
         };
     }
 };
+
+// A new store, with its hash file, on a target of `size` bytes in memory.
+struct MemoryStore {
+    MemoryStore(std::size_t size, kelvane_off_t partitionOffset, uint32_t blockSize)
+        : target {randomBytes(size, 1), partitionOffset}
+        , path(directory.file("hashes"))
+    {
+        BlockHashStore::create(path, Blake2dHashFunctionType, target.endOffset(),
+                               static_cast<kelvane_size_t>(partitionOffset), blockSize, false);
+        reopen();
+    }
+
+    void reopen() { store = BlockHashStore::open(path, target.endOffset()); }
+    Bytes file() const { return readFile(path); }
+    BlockHashStore* operator->() const { return store.get(); }
+
+    TemporaryDirectory directory;
+    MemoryTarget target;
+    std::string path;
+    std::unique_ptr<BlockHashStore> store;
+};
+
+inline Bytes digestOf(Bytes bytes)
+{
+    return BlakeHash().get_hash(bytes.data(), static_cast<kelvane_buf_len_t>(bytes.size()));
+}
+
+// The digest of one block of a target, with zeros for every byte outside `from` to `to`.
+inline Bytes blockDigest(const Bytes& target, int64_t blockSize, int64_t block, int64_t from, int64_t to)
+{
+    Bytes bytes(static_cast<std::size_t>(blockSize), 0);
+    for (int64_t i = 0; i < blockSize; ++i) {
+        const int64_t position = block * blockSize + i;
+        if (from <= position && position < to) {
+            bytes[static_cast<std::size_t>(i)] = target[static_cast<std::size_t>(position)];
+        }
+    }
+    return digestOf(std::move(bytes));
+}
+
+// The aggregate hash of a range of a target, computed from its bytes alone.
+inline Bytes aggregateDigest(const Bytes& target, int64_t blockSize, int64_t from, int64_t length)
+{
+    Bytes digests;
+    for (int64_t block = from / blockSize; length > 0 && block * blockSize < from + length; ++block) {
+        const Bytes digest = blockDigest(target, blockSize, block, from, from + length);
+        digests.insert(digests.end(), digest.begin(), digest.end());
+    }
+    return digestOf(std::move(digests));
+}
+
+constexpr std::size_t DATA = 4096; // where the entries of a hash file start
+constexpr std::size_t ENTRY = 33;
+
+// Sets the entry of a block in the bytes of a hash file: known with `digest`, or all zero without one.
+inline void setEntry(Bytes& hashFile, int64_t block, const Bytes& digest)
+{
+    const auto entry = hashFile.begin() + static_cast<std::ptrdiff_t>(DATA + ENTRY * static_cast<std::size_t>(block));
+    std::fill_n(entry, ENTRY, static_cast<unsigned char>(0));
+    if (!digest.empty()) {
+        *entry = 1;
+        std::copy(digest.begin(), digest.end(), entry + 1);
+    }
+}
+
+// Hashes one buffer at a time as BlakeHash does, but answers call number `failAt` with `size` bytes.
+class FailingHash : public IHashFunction {
+public:
+    FailingHash(int failAt, std::size_t size)
+        : m_failAt(failAt)
+        , m_size(size)
+    {
+    }
+
+    HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
+    {
+        return m_calls++ == m_failAt ? HashValue(m_size) : m_blake.get_hash(buffer, length);
+    }
+    kelvane_size_t hash_size_in_bytes() const override { return m_blake.hash_size_in_bytes(); }
+    HashFunctionType hash_id() const override { return m_blake.hash_id(); }
+
+private:
+    BlakeHash m_blake;
+    int m_failAt;
+    std::size_t m_size;
+    int m_calls = 0;
+};
+
+// Runs `operation` and returns the log lines that it caused, as "level function: text"; last an exception that
+// left it, as "thrown: text".
+inline std::vector<std::string> logOf(const std::function<void()>& operation)
+{
+    std::vector<std::string> lines;
+    Logger::setSink(
+        [&](log_level_t level, const std::string&, int, const std::string& function, const std::string& text) {
+            lines.push_back(std::to_string(level) + " " + function + ": " + text);
+        });
+    const std::string failure = failureOf(operation);
+    Logger::setSink({});
+    if (failure != "(none)") {
+        lines.push_back("thrown: " + failure);
+    }
+    return lines;
+}
+
+// The same when `operation` runs in a destructor while an exception propagates.
+inline std::vector<std::string> logWhileUnwinding(const std::function<void()>& operation)
+{
+    struct Unwinding {
+        const std::function<void()>& operation;
+        std::vector<std::string>& lines;
+        ~Unwinding() { lines = logOf(operation); }
+    };
+    std::vector<std::string> lines;
+    const std::logic_error propagating("the exception that propagates");
+    try {
+        const Unwinding unwinding {operation, lines};
+        throw propagating;
+    } catch (const std::logic_error& caught) {
+        EXPECT_STREQ(caught.what(), propagating.what());
+    }
+    return lines;
+}
 
 } // namespace testing
 } // namespace kelvane

@@ -18,6 +18,7 @@ struct CallRecord {
     const void* buffer; // of a write
     std::size_t length; // of a transfer, a synced range or a truncated file
     off_t offset;       // of a positioned transfer, a seek or a synced range
+    int flags;          // of an open or a synced range
 };
 
 // What becomes of a call: by default it is forwarded. With an error it fails without reaching the
@@ -35,6 +36,9 @@ public:
     ~CallHook();
     CallHook(const CallHook&) = delete;
     CallHook& operator=(const CallHook&) = delete;
+
+private:
+    std::function<Outcome(const CallRecord&)> m_hook;
 };
 
 // Gives calls of one kind an outcome, from the one after `skipped` of them on, `times` times, and fails the

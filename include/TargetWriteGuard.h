@@ -1,0 +1,62 @@
+// The safe order of a write to a target whose hashes are kept.
+#pragma once
+
+#include <cerrno>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "BlockHashStore.h"
+
+namespace kelvane {
+
+// Surrounds one write to the target, so that no crash can leave a hash marked as known for bytes that
+// the target does not hold:
+//
+//     TargetWriteGuard guard(store, offset, length); // the range is unknown, on the disk
+//     ... write `buffer` to the target, and flush the target ...
+//     guard.commit(buffer);                          // the range has its new hashes
+//
+// Destroyed without commit, after a failed write for instance, the range stays unknown, and its blocks are
+// hashed again when they are next asked for. The guard refers to the store, which must outlive it and may
+// be used in between, but must not be asked for the hash of the range. For many writes at once it is
+// cheaper to invalidate all ranges, sync once, write and flush, and then update all.
+class TargetWriteGuard {
+public:
+    // Makes the blocks that the range touches unknown and waits until that is on the disk. `offset` and
+    // `length` are those of BlockHashStore::invalidate_hashes, whose failures it shares; further
+    //   "failed to sync hash file: " and `errno`
+    //   "cannot guard a target write while an exception propagates", for then the store could not report
+    //   its failures; nothing is changed.
+    // After any failure the target must not be written.
+    TargetWriteGuard(BlockHashStore& store, kelvane_off_t offset, kelvane_buf_len_t length)
+        : m_store(store)
+        , m_offset(offset)
+        , m_length(length)
+    {
+        if (std::uncaught_exceptions() != 0) {
+            throw std::runtime_error("cannot guard a target write while an exception propagates");
+        }
+        m_store.invalidate_hashes(offset, length);
+        if (!m_store.sync_to_disk()) {
+            const int error = errno;
+            throw std::runtime_error("failed to sync hash file: " + std::to_string(error));
+        }
+    }
+
+    TargetWriteGuard(const TargetWriteGuard&) = delete;
+    TargetWriteGuard& operator=(const TargetWriteGuard&) = delete;
+
+    // Stores the hashes of the blocks that the range covers wholly; `buffer` holds the range's bytes as
+    // they now stand in the target, on stable storage. At most once per guard. Fails as
+    // BlockHashStore::update_hashes does; the range then stays unknown, or has its new hashes in part.
+    // The hashes reach the disk in their own time: losing them costs a rehash.
+    void commit(kelvane_buf_t buffer) { m_store.update_hashes(m_offset, buffer, m_length); }
+
+private:
+    BlockHashStore& m_store;
+    kelvane_off_t m_offset;
+    kelvane_buf_len_t m_length;
+};
+
+} // namespace kelvane

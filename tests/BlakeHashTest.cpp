@@ -1,0 +1,260 @@
+#include "BlakeHash.h"
+
+#include <blake2.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <limits>
+#include <numeric>
+
+#include "Blake2sp.h"
+#include "HashFunctionFactory.h"
+#include "Support.h"
+
+// As the kernel has it, so that both mean the same targets.
+#define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
+#include <hwy/targets.h>
+
+namespace kelvane::testing {
+namespace {
+
+constexpr std::size_t DIGEST = BLAKE2SP_DIGEST_SIZE_IN_BYTES;
+
+Bytes referenceDigest(const void* message, std::size_t length)
+{
+    Bytes digest(DIGEST);
+    EXPECT_EQ(::blake2sp(digest.data(), message, nullptr, DIGEST, length, 0), 0);
+    return digest;
+}
+
+// The end of at least `size` random bytes, which is the start of a page that cannot be read.
+std::shared_ptr<unsigned char> endOfGuardedBytes(std::size_t size, unsigned seed)
+{
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const std::size_t usable = (size / page + 1) * page;
+    void* memory = ::mmap(nullptr, usable + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    unsigned char* end = std::ranges::copy(randomBytes(usable, seed), static_cast<unsigned char*>(memory)).out;
+    EXPECT_EQ(::mprotect(end, page, PROT_NONE), 0);
+    return {end, [=](unsigned char*) { ::munmap(memory, usable + page); }};
+}
+
+// Hashes a batch to where a hash file would have the digests, unaligned and each behind a byte of another
+// meaning. As many as there are in `digests` must be written, and no other byte.
+void expectBatch(IHashFunction& hash, const std::vector<kelvane_buf_t>& buffers, kelvane_buf_len_t length,
+                 const std::vector<Bytes>& digests)
+{
+    const std::size_t entry = 1 + (digests.empty() ? DIGEST : digests[0].size());
+    Bytes actual(buffers.size() * entry + 1, 0xA5), expected = actual;
+    std::vector<unsigned char*> places;
+    for (std::size_t i = 0; i < buffers.size(); ++i) {
+        places.push_back(&actual[i * entry + 1]);
+        if (i < digests.size()) {
+            std::ranges::copy(digests[i], &expected[i * entry + 1]);
+        }
+    }
+    EXPECT_EQ(hash.get_hashes(buffers.data(), buffers.size(), length, places.data()), digests.size());
+    EXPECT_EQ(actual, expected);
+}
+
+// Every test of this suite runs on each instruction set that the build and this machine have.
+class Blake2spTest : public ::testing::TestWithParam<std::int64_t> {
+protected:
+    Blake2spTest() { hwy::SetSupportedTargetsForTest(GetParam()); }
+    ~Blake2spTest() override { hwy::SetSupportedTargetsForTest(0); }
+    void SetUp() override { ASSERT_STREQ(blake2spInstructionSet(), hwy::TargetName(GetParam())); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Targets, Blake2spTest, ::testing::ValuesIn(hwy::SupportedAndGeneratedTargets()),
+                         [](const auto& target) { return std::string(hwy::TargetName(target.param)); });
+
+// Python computes these digests from hashlib.blake2s with digest_size=32, fanout=8, depth=2, inner_size=32:
+// leaf i takes the message's 64-byte blocks i, i + 8, ... with node_offset=i and, for i == 7, last_node=True;
+// the root takes the leaves' digests side by side with node_depth=1 and last_node=True.
+TEST_P(Blake2spTest, GivesTheOfficialDigests)
+{
+    const std::pair<std::size_t, const char*> vectors[]
+        = {{0, "dd0e891776933f43c7d032b08a917e25741f8aa9a12c12e1cac8801500f2ca4f"},
+           {3, "ed14413b40da689f1f7fed2b08dff45b8092db5ec2c3610e02724d202f423c46"},
+           {256, "5140cfbe0c4ec095dd01713dc470e0ca049e5ba8671984cd28ab510dffee97cd"},
+           {1024, "c9f79171d19c3703b7ebf9f762ce3fd24b302e2281f72da31a65014ff923c859"}};
+    Bytes message(1024); // 00 01 02 ... ff 00 01 ...
+    std::iota(message.begin(), message.end(), static_cast<unsigned char>(0));
+    for (const auto& [length, expected] : vectors) {
+        std::string hex;
+        for (const unsigned char byte : BlakeHash().get_hash(message.data(), static_cast<kelvane_buf_len_t>(length))) {
+            hex.append({"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]});
+        }
+        EXPECT_EQ(hex, expected) << length;
+    }
+}
+
+TEST_P(Blake2spTest, HashesMessagesOfEveryLength)
+{
+    constexpr std::size_t EVERY = 2100, LONGEST = 20000;
+    const auto end = endOfGuardedBytes(LONGEST + 64, 1);
+    std::mt19937 generator(2);
+    for (std::size_t i = 0; i < EVERY + 40; ++i) {
+        const std::size_t length = i <= EVERY ? i : EVERY + generator() % (LONGEST - EVERY);
+        for (const std::size_t distance : {std::size_t {0}, generator() % 64}) {
+            const unsigned char* message = end.get() - distance - length;
+            Bytes digest(1 + DIGEST);
+            blake2sp(message, length, &digest[1]);
+            digest.erase(digest.begin());
+            ASSERT_EQ(digest, referenceDigest(message, length)) << length << " bytes, " << distance << " from the end";
+        }
+    }
+}
+
+TEST_P(Blake2spTest, HashesBatchesOfEveryCount)
+{
+    constexpr std::size_t MOST = 2 * 16 + 1; // no vector has more lanes than 16
+    std::vector<std::shared_ptr<unsigned char>> ends;
+    for (unsigned i = 0; i < MOST; ++i) {
+        ends.push_back(endOfGuardedBytes(8192, i));
+    }
+    BlakeHash hash;
+    for (const int length : {0, 1, 63, 64, 65, 449, 511, 512, 513, 961, 1023, 1024, 1025, 1537, 4096, 4097, 5000}) {
+        // Filled from its front, so that every message comes by every lane; a third are off the guard.
+        std::deque<kelvane_buf_t> messages;
+        std::deque<Bytes> digests;
+        for (std::size_t count = 0; count <= MOST && !HasFailure(); ++count) {
+            SCOPED_TRACE(std::to_string(count) + " messages of " + std::to_string(length) + " bytes");
+            if (count != 0) {
+                messages.push_front(ends[count - 1].get() - length - (count % 3 == 0 ? count : 0));
+                digests.push_front(referenceDigest(messages[0], static_cast<std::size_t>(length)));
+            }
+            expectBatch(hash, {messages.begin(), messages.end()}, length, {digests.begin(), digests.end()});
+        }
+    }
+}
+
+TEST(BlakeHashTest, RunsOnTheWidestInstructionSet)
+{
+    EXPECT_STREQ(blake2spInstructionSet(), hwy::TargetName(hwy::SupportedAndGeneratedTargets().front()));
+}
+
+// Kind 0 is all zeros, kinds 1 to 4 are zeros but for one byte, and kind 5 is random.
+Bytes nearlyZeroBytes(std::size_t length, std::size_t kind, unsigned seed)
+{
+    const std::size_t positions[] = {0, 0, length - 1, length / 2, seed % length};
+    if (kind == std::size(positions)) {
+        return randomBytes(length, seed);
+    }
+    Bytes bytes(length);
+    bytes[positions[kind]] = static_cast<unsigned char>(kind == 0 ? 0 : 1u << seed % 8);
+    return bytes;
+}
+
+TEST(BlakeHashTest, TellsZeroBuffersFromNearlyZeroOnes)
+{
+    BlakeHash hash;
+    std::mt19937 generator(3);
+    for (const int length : {1, 2, 3, 8, 33, 64, 511, 513, 4096, 4097}) {
+        for (const unsigned kinds : {1u, 2u, 6u}) { // zeros alone, with one neighbour, with all kinds
+            SCOPED_TRACE(std::to_string(length) + " bytes, kinds: " + std::to_string(kinds));
+            std::deque<Bytes> contents;
+            std::vector<kelvane_buf_t> buffers;
+            std::vector<Bytes> digests;
+            for (std::size_t i = 0; i < 150; ++i) {
+                const auto seed = static_cast<unsigned>(generator());
+                contents.push_back(nearlyZeroBytes(static_cast<std::size_t>(length), generator() % kinds, seed));
+                buffers.push_back(contents[i].data());
+                digests.push_back(hash.get_hash(buffers[i], length));
+            }
+            expectBatch(hash, buffers, length, digests);
+        }
+    }
+}
+
+TEST(BlakeHashTest, StopsABatchAtTheFirstNullBuffer)
+{
+    Bytes random = randomBytes(140 + 1000, 4), zeros(1000);
+    BlakeHash hash;
+    for (const std::size_t null : {0, 1, 2, 63, 64, 65, 130, 139}) {
+        SCOPED_TRACE(null);
+        std::vector<kelvane_buf_t> buffers;
+        std::vector<Bytes> digests;
+        for (std::size_t i = 0; i < 140; ++i) {
+            buffers.push_back(i == null ? nullptr : i % 5 == 1 ? zeros.data() : &random[i]);
+            if (i < null) {
+                digests.push_back(referenceDigest(buffers[i], 1000));
+            }
+        }
+        expectBatch(hash, buffers, 1000, digests);
+    }
+}
+
+TEST(BlakeHashTest, HashesEmptyBuffersAndRefusesImpossibleOnes)
+{
+    constexpr kelvane_buf_len_t LEAST = std::numeric_limits<kelvane_buf_len_t>::min();
+    const Bytes ofNothing = referenceDigest("", 0);
+    unsigned char byte = 7;
+    const std::tuple<kelvane_buf_t, kelvane_buf_len_t, Bytes> cases[]
+        = {{nullptr, 0, ofNothing}, {&byte, 0, ofNothing}, {nullptr, 1, {}},
+           {nullptr, -1, {}},       {&byte, -1, {}},       {&byte, LEAST, {}}};
+    BlakeHash hash;
+    for (const auto& [buffer, length, digest] : cases) {
+        SCOPED_TRACE(length);
+        EXPECT_EQ(hash.get_hash(buffer, length), digest);
+        expectBatch(hash, {buffer, buffer, buffer}, length, std::vector<Bytes>(digest.empty() ? 0 : 3, digest));
+    }
+    EXPECT_EQ(hash.get_hashes(nullptr, 0, 4096, nullptr), 0);
+}
+
+// Hashes a buffer to two copies of its first byte, and to the failure where that is 0.
+struct FailingHash : IHashFunction {
+    HashValue failure;
+
+    HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t /*length*/) override
+    {
+        const unsigned char first = *static_cast<unsigned char*>(buffer);
+        return first == 0 ? failure : HashValue(2, first);
+    }
+    kelvane_size_t hash_size_in_bytes() const override { return 2; }
+};
+
+TEST(IHashFunctionTest, HashesABatchUpToTheFirstFailure)
+{
+    FailingHash hash;
+    for (const std::size_t sizeOfFailure : {0, 1, 3}) {
+        hash.failure.assign(sizeOfFailure, 9);
+        for (std::size_t failing = 0; failing <= 4; ++failing) { // 4: none of the batch
+            SCOPED_TRACE(failing);
+            Bytes contents = {1, 2, 3, 4, 5};
+            contents[failing] = 0;
+            std::vector<Bytes> digests;
+            for (std::size_t i = 0; i < failing; ++i) {
+                digests.emplace_back(2, contents[i]);
+            }
+            expectBatch(hash, {&contents[0], &contents[1], &contents[2], &contents[3]}, 1, digests);
+        }
+    }
+}
+
+TEST(IHashFunctionTest, IsNoHashFunctionItself)
+{
+    IHashFunction none;
+    unsigned char byte = 7;
+    EXPECT_TRUE(none.get_hash(&byte, 1).empty());
+    EXPECT_EQ(none.hash_size_in_bytes(), 0);
+    EXPECT_EQ(none.hash_id(), Invalid);
+    expectBatch(none, {&byte}, 1, {});
+}
+
+TEST(HashFunctionFactoryTest, KnowsTheOneFunction)
+{
+    for (const std::uint32_t unknown : {0u, 2u, ~0u}) {
+        EXPECT_EQ(HashFunctionFactory::createHashFunction(static_cast<HashFunctionType>(unknown)), nullptr) << unknown;
+    }
+    const auto hash = HashFunctionFactory::createHashFunction(static_cast<HashFunctionType>(1));
+    ASSERT_NE(hash, nullptr);
+    EXPECT_EQ(hash->hash_id(), Blake2dHashFunctionType);
+    EXPECT_EQ(hash->hash_size_in_bytes(), DIGEST);
+    Bytes data = randomBytes(4096, 5);
+    EXPECT_EQ(hash->get_hash(data.data(), 4096), referenceDigest(data.data(), 4096));
+}
+
+} // namespace
+} // namespace kelvane::testing

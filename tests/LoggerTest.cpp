@@ -1,0 +1,129 @@
+#include "Logger.h"
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <locale>
+#include <stdexcept>
+
+#include "Support.h"
+#include "SystemCalls.h"
+
+namespace kelvane::testing {
+namespace {
+
+using ::testing::ElementsAre;
+
+using Lines = std::vector<std::string>;
+
+struct LoggerTest : ::testing::Test {
+    ~LoggerTest() override
+    {
+        Logger::setSink({});
+        Logger::setLowestLevel(KELVANE_DEBUG);
+    }
+
+    // What each call wrote while `operation` ran. They all fail, so that the test's own output stays readable.
+    static Lines writesOf(const std::function<void()>& operation)
+    {
+        Lines writes;
+        const CallHook hook([&](const CallRecord& record) {
+            EXPECT_TRUE(record.call == Call::Write && record.fd == STDERR_FILENO);
+            writes.emplace_back(static_cast<const char*>(record.buffer), record.length);
+            return Outcome {EIO};
+        });
+        operation();
+        return writes;
+    }
+
+    static void logAtEveryLevel()
+    {
+        for (const auto level : {KELVANE_DEBUG, KELVANE_INFO, KELVANE_WARNING, KELVANE_ERROR}) {
+            Logger(level, "Example.cpp", 12, "function") << "blocks: " << 5 << std::string(" of 7");
+        }
+    }
+};
+
+TEST_F(LoggerTest, WritesEachLineToStandardErrorAtOnce)
+{
+    EXPECT_THAT(writesOf(logAtEveryLevel),
+                ElementsAre("kelvane DEBUG Example.cpp:12 function: blocks: 5 of 7\n",
+                            "kelvane INFO Example.cpp:12 function: blocks: 5 of 7\n",
+                            "kelvane WARNING Example.cpp:12 function: blocks: 5 of 7\n",
+                            "kelvane ERROR Example.cpp:12 function: blocks: 5 of 7\n"));
+    const std::string text(100000, 'x');
+    EXPECT_THAT(writesOf([&] { Logger(KELVANE_INFO, "E.cpp", 1, "f") << text; }),
+                ElementsAre("kelvane INFO E.cpp:1 f: " + text + "\n"));
+}
+
+TEST_F(LoggerTest, HandsLinesFromTheLowestLevelOnToTheSinkUntilItIsRemoved)
+{
+    Lines lines;
+    Logger::setSink([&](log_level_t level, const std::string& file, int line, const std::string& function,
+                        const std::string& text) {
+        lines.push_back(std::to_string(level) + file + std::to_string(line) + function + "|" + text);
+    });
+    Lines all;
+    for (const auto lowest : {KELVANE_ERROR, KELVANE_WARNING, KELVANE_INFO, KELVANE_DEBUG}) {
+        all.insert(all.begin(), std::to_string(lowest) + "Example.cpp12function|blocks: 5 of 7");
+        lines.clear();
+        Logger::setLowestLevel(lowest);
+        EXPECT_EQ(writesOf(logAtEveryLevel), Lines());
+        EXPECT_EQ(lines, all);
+    }
+    Logger::setSink({});
+    Logger::setLowestLevel(KELVANE_WARNING);
+    EXPECT_EQ(writesOf(logAtEveryLevel).size(), 2);
+    EXPECT_EQ(lines, all);
+}
+
+// Spoils `errno` as it is printed.
+struct Spoiler {
+    friend std::ostream& operator<<(std::ostream& stream, Spoiler /*value*/)
+    {
+        errno = EBADF;
+        return stream;
+    }
+};
+
+TEST_F(LoggerTest, PreservesErrnoAndSurvivesSinksThatThrow)
+{
+    std::string line;
+    const auto take = [&](const std::string& text) {
+        line = text;
+        errno = EBADF;
+    };
+    const Logger::Sink sinks[]
+        = {{}, // standard error, where the write fails
+           [&](auto, auto&, auto, auto&, auto& text) { take(text); },
+           [&](auto, auto&, auto, auto&, auto& text) { take(text), throw std::runtime_error("full"); },
+           [&](auto, auto&, auto, auto&, auto& text) { take(text), throw 1; }};
+    for (const Logger::Sink& sink : sinks) {
+        line.clear();
+        Logger::setSink(sink);
+        const Lines writes = writesOf([] {
+            errno = ENOSPC;
+            Logger(KELVANE_ERROR, "E.cpp", 1, "f") << errno << Spoiler();
+            EXPECT_EQ(errno, ENOSPC);
+        });
+        const std::string expected = std::to_string(ENOSPC);
+        EXPECT_EQ(line, sink ? expected : "");
+        EXPECT_EQ(writes, sink ? Lines() : Lines {"kelvane ERROR E.cpp:1 f: " + expected + "\n"});
+    }
+}
+
+TEST_F(LoggerTest, PrintsPlainNumbersInEveryLocale)
+{
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+    const Lines writes = writesOf([] { Logger(KELVANE_INFO, "E.cpp", 12345, "f") << 1234567 << ' ' << ~0ull; });
+    std::locale::global(before);
+    EXPECT_THAT(writes, ElementsAre("kelvane INFO E.cpp:12345 f: 1234567 18446744073709551615\n"));
+}
+
+} // namespace
+} // namespace kelvane::testing

@@ -1,0 +1,67 @@
+// An independent program's view of a hash file that the store wrote.
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <iomanip>
+#include <sstream>
+
+#include "Support.h"
+
+namespace kelvane::testing {
+namespace {
+
+struct ProgramResult {
+    std::string output;
+    int status;
+};
+
+ProgramResult runOracle(const std::string& arguments)
+{
+    ProgramResult result = {};
+    const std::string command = "'" KELVANE_PYTHON "' '" KELVANE_ORACLE "' " + arguments;
+    FILE* const pipe = ::popen(command.c_str(), "r");
+    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
+        result.output += static_cast<char>(c);
+    }
+    const int status = ::pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+std::string hex(const Bytes& bytes)
+{
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        text += "0123456789abcdef"[byte / 16];
+        text += "0123456789abcdef"[byte % 16];
+    }
+    return text;
+}
+
+TEST(Oracle, AgreesWithTheStoreAndNoticesWrongDigests)
+{
+    MemoryStore store(300000, 12345, 4096);
+    const std::string image = store.directory.file("image");
+    writeFile(image, store.target.bytes);
+    std::ostringstream arguments;
+    arguments << std::quoted(store.path) << " " << std::quoted(image);
+    std::string expected;
+    for (const auto& [start, length] :
+         std::vector<std::pair<int64_t, int64_t>> {{0, 100000}, {5000, 100}, {4096, 4096}, {50001, 249999}, {777, 0}}) {
+        expected += hex(store->get_hash(12345 + start, length, store.target.supplier())) + "\n";
+        arguments << " " << 12345 + start << " " << length;
+    }
+    store->invalidate_hashes(12345 + 20000, 10000);
+    ProgramResult result = runOracle(arguments.str());
+    EXPECT_EQ(result.output, expected);
+    EXPECT_EQ(result.status, 0);
+    Bytes file = store.file();
+    file[DATA + ENTRY * 2 + 20] ^= 1;
+    writeFile(store.path, file);
+    result = runOracle(arguments.str());
+    EXPECT_EQ(result.output, "block 2 has another digest\n");
+    EXPECT_EQ(result.status, 1);
+}
+
+} // namespace
+} // namespace kelvane::testing
