@@ -62,7 +62,7 @@ public:
     BlockHashStore& operator=(BlockHashStore&& other) noexcept;
 
     // Makes a hash file at `path` in which every block is unknown, replacing a file that is there, and
-    // waits until it is on the disk. It is readable and writable for its owner alone.
+    // waits until it is on the disk. A new file is readable and writable for its owner alone.
     //   targetSizeInBytes  the target's end in external offsets, in bytes
     //   partitionOffset    the external offset at which block 0 starts, in bytes
     //   blockSize          in bytes, any value above 0; all blocks but the last are whole

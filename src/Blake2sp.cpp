@@ -140,7 +140,7 @@ HWY_INLINE Vector<D> loadPiece(D d, const uint8_t* const* rows, size_t offset)
 }
 
 template <class D>
-HWY_INLINE void storePiece(D d, Vector<D> v, uint8_t* const* rows, size_t offset)
+HWY_INLINE void storePiece([[maybe_unused]] D d, Vector<D> v, uint8_t* const* rows, size_t offset)
 {
     if constexpr (hn::MaxLanes(D()) == 4) {
         const hn::Repartition<uint8_t, D> d8;

@@ -251,7 +251,7 @@ void SimpleCachedReader::dropCache()
 // Copies what the cache holds of the `length` bytes at `offset`, from their first byte on.
 kelvane_ssize_t SimpleCachedReader::copyFromCache(char* buffer, kelvane_ssize_t offset, kelvane_ssize_t length) const
 {
-    if (offset < m_read_buffer_start_offset || offset >= m_read_buffer_end_offset) {
+    if (length == 0 || offset < m_read_buffer_start_offset || offset >= m_read_buffer_end_offset) {
         return 0;
     }
     const kelvane_ssize_t count = std::min(length, m_read_buffer_end_offset - offset);

@@ -168,7 +168,7 @@ private:
     // Up to a few hundred blocks, for some pages of entries, but little to hash.
     int64_t randomSize()
     {
-        const int64_t blocks = m_random.below(std::min<int64_t>(450, 300000 / m_model.blockSize) + 1);
+        const int64_t blocks = m_random.below(std::min<int64_t>(450, 200000 / m_model.blockSize) + 1);
         return std::max<int64_t>(0, blocks * m_model.blockSize + m_random.below(m_model.blockSize));
     }
 
@@ -277,7 +277,7 @@ uint64_t setting(const char* name, uint64_t otherwise)
 TEST(Model, StoreBehavesAsItsModelUnderRandomOperations)
 {
     const uint64_t firstSeed = setting("KELVANE_MODEL_SEED", 20001312);
-    const uint64_t rounds = setting("KELVANE_MODEL_ROUNDS", 60);
+    const uint64_t rounds = setting("KELVANE_MODEL_ROUNDS", 50);
     Logger::setLowestLevel(KELVANE_WARNING); // every other size would make a line
     for (uint64_t seed = firstSeed; seed < firstSeed + rounds && !HasFailure(); ++seed) {
         SCOPED_TRACE("KELVANE_MODEL_SEED=" + std::to_string(seed));

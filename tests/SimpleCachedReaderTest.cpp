@@ -263,6 +263,26 @@ TEST_F(SimpleCachedReaderTest, FlushesWithRetriesAndReportsFailures)
     EXPECT_EQ(failureOf([&] { reader.truncate(FILE_SIZE); }), "(none)");
 }
 
+// The first bytes come and overwrite what the cache held, then the read fails.
+TEST_F(SimpleCachedReaderTest, AFailingReadLeavesNothingWrongBehind)
+{
+    for (const kelvane_ssize_t next : {0, 100000}) {
+        expectReadAt(0, 5000);
+        seekTo(100000);
+        reads.clear();
+        {
+            int calls = 0;
+            const CallHook hook([&](const CallRecord&) { return ++calls == 1 ? Outcome {0, 3000} : Outcome {EIO}; });
+            EXPECT_EQ(reader.read(Bytes(5000).data(), 5000), -1);
+            EXPECT_EQ(errno, EIO);
+            EXPECT_EQ(calls, 2);
+        }
+        EXPECT_THAT(reads, ElementsAre(3000));
+        EXPECT_EQ(position(), 100000);
+        expectReadAt(next, 5000);
+    }
+}
+
 TEST_F(SimpleCachedReaderTest, ReadsAheadWhenReadsAscend)
 {
     for (const kelvane_ssize_t gap : {0, 400}) {
@@ -331,12 +351,12 @@ struct ReaderModelTest : SimpleCachedReaderTest, ::testing::WithParamInterface<i
     Outcome disturb(const CallRecord& record)
     {
         const kelvane_ssize_t choice = random(40);
-        failed = choice == 0;
-        if (choice < 2) {
+        failed = choice == 0 || (moved > 0 && choice < 10);
+        if (failed || choice == 1) {
             return {failed ? EIO : EINTR};
         }
         const auto length = static_cast<kelvane_ssize_t>(record.length);
-        const kelvane_ssize_t limit = choice < 10 && length > 1 ? 1 + random(length - 1) : length;
+        const kelvane_ssize_t limit = choice < 20 && length > 1 ? 1 + random(length - 1) : length;
         moved += limit;
         return {0, limit};
     }
