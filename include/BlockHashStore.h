@@ -86,8 +86,8 @@ public:
     // Checks an access to `length` bytes from the external offset `offset` on: it returns when
     // partition offset <= offset < target size, and offset + length <= target size; these are the
     // mathematical values, none of them wraps around. Otherwise it throws `log_tag` ": offset is out of
-    // bounds: " offset ", " end, where end is the target size less the partition offset. Ranges that end
-    // past 2^63 - 1 are refused too. A negative length passes; the operations refuse it afterwards.
+    // bounds: " offset ", " end, where end is the target size less the partition offset. Ranges that start at
+    // 2^63 - 1 or end past it are refused too. A negative length passes; the operations refuse it afterwards.
     void throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset, kelvane_buf_len_t length) const;
 
     // Opens the hash file at `path` for a target that ends at `targetSizeInBytes` (an external offset, as
@@ -95,8 +95,10 @@ public:
     // cut off at its end, and its header is rewritten; all other entries stay as they are. A failure
     // may leave an adapted file. Allocates one block's size besides a fixed amount.
     //
-    // The entry of a block that was the target's last, and those beyond a new end that share its last
-    // page in the hash file, keep their hashes. After growing a target invalidate from its old end on.
+    // The entry of a block that was the target's last, and those beyond a new end that share its last page
+    // in the hash file, keep their hashes, or the part of them that the cut leaves; a later growth would
+    // bring them back as known. So invalidate from the new end on before a target shrinks, or from the old
+    // end on after it has grown.
     // Failures:
     //   "failed to stat hash file" (errno)
     //   "path does not represent a hash file"
