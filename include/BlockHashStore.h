@@ -14,9 +14,10 @@
 // unchanged. After a failure the store can be used as before, unless moved from. While another exception
 // is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
 // `create`, `update_hashes` and `invalidate_hashes` then just return, `open` returns an empty pointer, the
-// range hash an empty value, and nothing more is read or written by that call.
+// range hash an empty value, `discard_torn_entries` 0, and nothing more is read or written by that call.
 //
-// Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one; the
+// Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one, and while
+// it lasts at most 56 bytes per stretch of unknown blocks and what the callback hands over. The
 // target's size plays no part. Hand huge ranges over in slices.
 //
 // Durability. Nothing but `create`, the adapting part of `open` and `sync_to_disk` waits for the disk.
@@ -62,7 +63,7 @@ public:
     BlockHashStore& operator=(BlockHashStore&& other) noexcept;
 
     // Makes a hash file at `path` in which every block is unknown, replacing a file that is there, and
-    // waits until it is on the disk. A new file is readable and writable for its owner alone.
+    // waits until its content is on the disk. A new file is readable and writable for its owner alone.
     //   targetSizeInBytes  the target's end in external offsets, in bytes
     //   partitionOffset    the external offset at which block 0 starts, in bytes
     //   blockSize          in bytes, any value above 0; all blocks but the last are whole
@@ -86,8 +87,9 @@ public:
     // Checks an access to `length` bytes from the external offset `offset` on: it returns when
     // partition offset <= offset < target size, and offset + length <= target size; these are the
     // mathematical values, none of them wraps around. Otherwise it throws `log_tag` ": offset is out of
-    // bounds: " offset ", " end, where end is the target size less the partition offset. Ranges that start at
-    // 2^63 - 1 or end past it are refused too. A negative length passes; the operations refuse it afterwards.
+    // bounds: " offset ", " end, where end is the target size less the partition offset, printed as a signed
+    // 64-bit number. Ranges that start at 2^63 - 1 or end past it are refused too. A negative length passes;
+    // the operations refuse it afterwards.
     void throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset, kelvane_buf_len_t length) const;
 
     // Opens the hash file at `path` for a target that ends at `targetSizeInBytes` (an external offset, as
@@ -244,7 +246,8 @@ private:
     static void throwWithErrno(const std::string& message);
 
     // Helpers of the operations above, beyond the file format.
-    [[noreturn]] static void failWithErrno(const std::string& message);
+    [[noreturn]] static void failWithErrno(const char* message, const std::string& value = {});
+    [[noreturn]] static void failWithErrno(const char* message, kelvane_ssize_t value);
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
     char* entryAt(kelvane_ssize_t position) const;

@@ -10,8 +10,8 @@
 
 namespace kelvane {
 
-// Surrounds one write to the target, so that no crash can leave a hash marked as known for bytes that
-// the target does not hold:
+// Surrounds one write to the target, so that no crash can leave a hash marked as known for bytes that the
+// target does not hold, provided that BlockHashStore::discard_torn_entries follows a crash of the machine:
 //
 //     TargetWriteGuard guard(store, offset, length); // the range is unknown, on the disk
 //     ... write `buffer` to the target, and flush the target ...
@@ -19,7 +19,8 @@ namespace kelvane {
 //
 // Destroyed without commit, after a failed write for instance, the range stays unknown, and its blocks are
 // hashed again when they are next asked for. The guard refers to the store, which must outlive it and may
-// be used in between, but must not be asked for the hash of the range. For many writes at once it is
+// be used in between, but must not be asked for a hash that takes in a block which the range touches: that
+// would store the block's hash before the write is complete. For many writes at once it is
 // cheaper to invalidate all ranges, sync once, write and flush, and then update all.
 class TargetWriteGuard {
 public:

@@ -3,7 +3,9 @@
 #include <cstring>
 
 // The scalable vector targets are left out: the kernel keeps vectors in arrays, which those forbid.
+#ifndef HWY_DISABLED_TARGETS
 #define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
+#endif
 
 // Everything down to HWY_AFTER_NAMESPACE is compiled once per instruction set.
 #undef HWY_TARGET_INCLUDE
@@ -319,17 +321,17 @@ struct LeafGroup {
     static constexpr size_t LANES = hn::MaxLanes(D());
 
     D d;
+    const uint8_t* const* messages;
     size_t firstLeaf;
-    const uint8_t* rows[LANES];
+    const uint8_t* rows[LANES]; // where each leaf's first block lies; null for messages shorter than a stripe
     Vector<D> h[8];
 
-    HWY_INLINE size_t leaf(size_t lane) const { return (firstLeaf + lane) % LEAVES; }
-
-    HWY_INLINE LeafGroup(const uint8_t* const* messages, size_t first)
-        : firstLeaf(first)
+    HWY_INLINE LeafGroup(const uint8_t* const* allMessages, size_t first, size_t length)
+        : messages(allMessages)
+        , firstLeaf(first)
     {
         for (size_t lane = 0; lane < LANES; ++lane) {
-            rows[lane] = messages[(firstLeaf + lane) / LEAVES] + NODE_BLOCK * leaf(lane);
+            rows[lane] = length < STRIPE ? nullptr : blockOf(lane, 0);
         }
         initialState(d, leaves(), PARAMETER_LEAF, h);
     }
@@ -367,6 +369,14 @@ struct LeafGroup {
     }
 
 private:
+    HWY_INLINE size_t leaf(size_t lane) const { return (firstLeaf + lane) % LEAVES; }
+
+    // The lane's block of the stripe at `offset`.
+    HWY_INLINE const uint8_t* blockOf(size_t lane, size_t offset) const
+    {
+        return messages[(firstLeaf + lane) / LEAVES] + (offset + NODE_BLOCK * leaf(lane));
+    }
+
     HWY_INLINE Vector<D> leaves() const
     {
         const auto numbers = hn::Iota(d, static_cast<uint32_t>(firstLeaf));
@@ -390,7 +400,7 @@ private:
             const size_t own = bytesOf(lane, bytes);
             const uint64_t counter = offset / LEAVES + own;
             if (own != 0) {
-                memcpy(padded[lane], rows[lane] + offset, own);
+                memcpy(padded[lane], blockOf(lane, offset), own);
             }
             paddedRows[lane] = padded[lane];
             low[lane] = static_cast<uint32_t>(counter);
@@ -409,7 +419,7 @@ template <class D>
 HWY_INLINE void hashLeafGroup(D d, const uint8_t* const* messages, size_t firstLeaf, size_t length, uint8_t* digests)
 {
     constexpr size_t LANES = hn::MaxLanes(D());
-    LeafGroup<D> group(messages, firstLeaf);
+    LeafGroup<D> group(messages, firstLeaf, length);
     size_t offset = 0;
     for (; length - offset >= 2 * STRIPE; offset += STRIPE) {
         compress(d, group.h, group.rows, offset, sameTweak(d, (offset + STRIPE) / LEAVES, 0, 0));

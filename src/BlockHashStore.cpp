@@ -229,6 +229,7 @@ uint64_t BlockHashStore::computeDataSize(kelvane_size_t targetSizeInBytes, uint3
 
 uint64_t BlockHashStore::computeHeaderSize()
 {
+    static_assert(sizeof(off_t) == 8 && sizeof(std::size_t) == 8, "sizes and positions take 64 bits");
     static_assert(std::endian::native == std::endian::little, "the header is stored as it stands in memory");
     static_assert(sizeof(Header) == 56 && offsetof(Header, magicNumber) == 0 && offsetof(Header, version) == 8
                   && offsetof(Header, dataRegionOffsetInBytes) == 16 && offsetof(Header, blockSizeInBytes) == 24
@@ -329,11 +330,23 @@ void BlockHashStore::throwWithErrno(const std::string& message)
     Logger(KELVANE_ERROR, SOURCE_FILE, __LINE__, __func__) << text;
 }
 
-// As throwWithErrno, for failures after which the operation has nothing to go on with.
-void BlockHashStore::failWithErrno(const std::string& message)
+// As throwWithErrno, for failures after which the operation has nothing to go on with. `errno` must not
+// change while the message is put together.
+void BlockHashStore::failWithErrno(const char* message, const std::string& value)
 {
-    throwWithErrno(message);
+    const int error = errno;
+    const std::string text = message + value;
+    errno = error;
+    throwWithErrno(text);
     throw FailureAlreadyLogged();
+}
+
+void BlockHashStore::failWithErrno(const char* message, kelvane_ssize_t value)
+{
+    const int error = errno;
+    const std::string text = std::to_string(value);
+    errno = error;
+    failWithErrno(message, text);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -518,7 +531,7 @@ void BlockHashStore::open_internal(const std::string& path, kelvane_size_t targe
         }
         m_file = SimpleCachedReader(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES);
         if (m_file.open(path, O_RDWR) < 0) {
-            failWithErrno("failed to open file: " + path);
+            failWithErrno("failed to open file: ", path);
         }
         if (!validReadWrite(sizeof(Header), m_file.read(&m_header, sizeof(Header)))) {
             failWithErrno("failed to read header");
@@ -635,10 +648,10 @@ void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t 
         }
         const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock);
         if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-            failWithErrno("failed to seek in hash file: " + std::to_string(whereTo));
+            failWithErrno("failed to seek in hash file: ", whereTo);
         }
         if (!validReadWrite(bytesToWrite, m_file.write(m_hashBuffer.get(), static_cast<std::size_t>(bytesToWrite)))) {
-            failWithErrno("failed to write hash: " + std::to_string(offset));
+            failWithErrno("failed to write hash: ", offset);
         }
     });
 }
@@ -648,6 +661,9 @@ void BlockHashStore::hashFullBlocks(const Span& span, char* buffer)
 {
     if (buffer == nullptr) {
         throw std::runtime_error("encountered a null buffer while updating hashes");
+    }
+    if (span.numberOfFullBlocks == 0) {
+        return;
     }
     const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
     const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
@@ -684,7 +700,7 @@ uint64_t BlockHashStore::discard_torn_entries()
             }
             if (m_file.seek(whereTo, SEEK_SET) != whereTo
                 || !validReadWrite(entrySize, m_file.read(entry.data(), entrySize))) {
-                failWithErrno("failed to read hash entry: " + std::to_string(whereTo));
+                failWithErrno("failed to read hash entry: ", whereTo);
             }
             const auto secondHalf = entry.begin() + (boundary - start);
             if ((entry.front() & InUse) == 0 || !std::equal(secondHalf, entry.end(), zeros.begin())) {
@@ -692,7 +708,7 @@ uint64_t BlockHashStore::discard_torn_entries()
             }
             if (m_file.seek(whereTo, SEEK_SET) != whereTo
                 || !validReadWrite(entrySize, m_file.write(zeros.data(), zeros.size()))) {
-                failWithErrno("failed to clear hash entry: " + std::to_string(whereTo));
+                failWithErrno("failed to clear hash entry: ", whereTo);
             }
             ++discarded;
         }
@@ -733,12 +749,12 @@ void BlockHashStore::loadFullEntries(const Span& span)
     }
     const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock + span.firstFullPosition);
     if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-        failWithErrno("failed to seek in hash file: " + std::to_string(whereTo));
+        failWithErrno("failed to seek in hash file: ", whereTo);
     }
     char* const first = entryAt(span.firstFullPosition);
     const kelvane_ssize_t bytesToRead = entryAt(span.firstFullPosition + span.numberOfFullBlocks) - first;
     if (!validReadWrite(bytesToRead, m_file.read(first, bytesToRead))) {
-        failWithErrno("failed to read hash value: " + std::to_string(span.offset));
+        failWithErrno("failed to read hash value: ", span.offset);
     }
 }
 
@@ -802,12 +818,12 @@ void BlockHashStore::storeFullEntries(const Span& span)
     }
     const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock + span.firstFullPosition);
     if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-        failWithErrno("failed to seek in hash file during update: " + std::to_string(whereTo));
+        failWithErrno("failed to seek in hash file during update: ", whereTo);
     }
     const char* const first = entryAt(span.firstFullPosition);
     const kelvane_ssize_t bytesToWrite = entryAt(span.firstFullPosition + span.numberOfFullBlocks) - first;
     if (!validReadWrite(bytesToWrite, m_file.write(first, static_cast<std::size_t>(bytesToWrite)))) {
-        failWithErrno("failed to write hash: " + std::to_string(span.offset));
+        failWithErrno("failed to write hash: ", span.offset);
     }
 }
 

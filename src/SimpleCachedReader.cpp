@@ -57,9 +57,10 @@ Window windowFor(kelvane_ssize_t start, kelvane_ssize_t length, bool ascending, 
 {
     const kelvane_ssize_t lead = start % PAGE;
     if (ascending || lead + length > capacity) {
-        return {start, capacity};
+        return {start, std::min(capacity, MAXIMUM_POSITION - start)};
     }
-    return {start - lead, std::min(capacity, (lead + length + PAGE - 1) / PAGE * PAGE)};
+    const kelvane_ssize_t pages = (lead + length + PAGE - 1) / PAGE * PAGE;
+    return {start - lead, std::min({pages, capacity, MAXIMUM_POSITION - (start - lead)})};
 }
 
 } // namespace
@@ -186,6 +187,8 @@ int SimpleCachedReader::write(const void* buffer, std::size_t length)
     rememberWritten(static_cast<const char*>(buffer), static_cast<kelvane_ssize_t>(moved));
     if (count >= 0) {
         m_seek_offset += count;
+    } else {
+        dropCache(); // nobody knows what the failed part left in the file
     }
     report(m_on_write, moved);
     return static_cast<int>(count);
@@ -274,12 +277,10 @@ kelvane_ssize_t SimpleCachedReader::readThroughCache(char* buffer, kelvane_ssize
     dropCache(); // the buffer's content holds only once the read has succeeded
     const kelvane_ssize_t fetched = result(
         posix::readAt(m_fd, m_read_buffer.get(), static_cast<std::size_t>(window.length), window.start), moved);
-    if (fetched < 0) {
-        return fetched;
-    }
     m_read_buffer_start_offset = window.start;
-    m_read_buffer_end_offset = window.start + fetched;
-    return cached + copyFromCache(buffer + cached, missing, length - cached);
+    m_read_buffer_end_offset = window.start + static_cast<kelvane_ssize_t>(moved);
+    const kelvane_ssize_t count = cached + copyFromCache(buffer + cached, missing, length - cached);
+    return fetched < 0 && count < length ? fetched : count; // what was not asked for may be unreadable
 }
 
 // Brings the cache up to date after `length` bytes were written at the position. It keeps as many of them
