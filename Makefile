@@ -5,19 +5,30 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = tools/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
-.PHONY: demo test sanitize valgrind format clean
+.PHONY: demo test bench sanitize valgrind format clean
 
 demo:
 	$(INSTALL) build demo
 	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF
 	cmake --build build/demo --parallel $(BUILD_JOBS)
-	examples/run_demo.sh build/demo/examples/range_hash
+	examples/run_demo.sh build/demo
 
 test:
 	$(INSTALL) build test
 	cmake --preset release
 	cmake --build --preset release --parallel $(BUILD_JOBS)
 	ctest --preset release --parallel $(BUILD_JOBS)
+
+# Figures mean something on a machine that has nothing else to do. BENCH_REPORT=--strict makes rows that fall
+# short a failure; BENCH_REPORT='--markdown docs/performance.md' puts the table there.
+bench:
+	$(INSTALL) build bench
+	cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF -DKELVANE_BUILD_TOOLS=OFF \
+	  -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_BENCHMARKS=ON
+	cmake --build build/bench --parallel $(BUILD_JOBS)
+	build/bench/bench/kelvane_benchmarks --benchmark_out=build/bench.json --benchmark_out_format=json \
+	  >build/bench.log 2>&1 || { cat build/bench.log; false; }
+	bench/report.py build/bench.json --svg docs/performance.svg $(BENCH_REPORT)
 
 # The tests again, with the address and undefined behaviour sanitizers.
 sanitize:
@@ -29,9 +40,17 @@ sanitize:
 # The tests again, under valgrind.
 valgrind:
 	$(INSTALL) build test valgrind
-	cmake --preset debug
-	cmake --build --preset debug --parallel $(BUILD_JOBS)
-	valgrind --quiet --error-exitcode=1 --leak-check=full build/debug/tests/kelvane_tests --gtest_brief=1
+	cmake --preset release
+	cmake --build --preset release --parallel $(BUILD_JOBS)
+	valgrind --quiet --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite \
+	  build/release/tests/kelvane_tests --gtest_brief=1
+
+# Power cuts at every step: how many states were built, and how many held a wrong known entry.
+check-crash:
+	$(INSTALL) build test
+	cmake --preset release
+	cmake --build --preset release --parallel $(BUILD_JOBS)
+	build/release/tests/kelvane_tests --gtest_brief=1 --gtest_filter='CrashTest.*'
 
 format:
 	$(INSTALL) format
