@@ -224,6 +224,7 @@ private:
     void check(const Bytes& hashState, const Bytes& targetState)
     {
         ++m_states;
+        std::filesystem::remove(m_statePath);
         writeFile(m_statePath, hashState);
         try {
             const auto store = BlockHashStore::open(m_statePath, targetState.size());

@@ -47,6 +47,7 @@ struct Lab : MemoryStore {
     void restart(std::size_t targetSize)
     {
         store.reset();
+        std::filesystem::remove(path);
         writeFile(path, image);
         target.bytes = randomBytes(targetSize, 1);
         if (targetSize == SIZE) {
