@@ -5,7 +5,7 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = tools/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
-.PHONY: demo test bench sanitize valgrind format clean
+.PHONY: demo test bench bench-tools sanitize valgrind format clean
 
 demo:
 	$(INSTALL) build demo
@@ -29,6 +29,13 @@ bench:
 	build/bench/bench/kelvane_benchmarks --benchmark_out=build/bench.json --benchmark_out_format=json \
 	  >build/bench.log 2>&1 || { cat build/bench.log; false; }
 	bench/report.py build/bench.json --svg docs/performance.svg $(BENCH_REPORT)
+
+# The program side by side with others that hash whole images.
+bench-tools:
+	$(INSTALL) build bench-tools
+	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF
+	cmake --build build/demo --parallel $(BUILD_JOBS) --target kelvane-hash
+	bench/compare_tools.py build/demo/tools/kelvane-hash
 
 # The tests again, with the address and undefined behaviour sanitizers.
 sanitize:
