@@ -1,5 +1,6 @@
-"""Drives kelvane-hash, and the example programs, from end to end: kelvane_hash_test.py PROGRAM [EXAMPLE...]. Expected hashes and differences are computed
-from the images alone, with Python's hashlib."""
+"""Drives kelvane-hash and the example programs from end to end: kelvane_hash_test.py PROGRAM [RANGE_HASH TWO_MACHINES]
+
+Expected hashes and differences are computed from the images alone, with Python's hashlib."""
 import json
 import os
 import random
@@ -162,23 +163,31 @@ class KelvaneHash(unittest.TestCase):
         self.check_hash_file(image)
 
     def test_interrupted_it_goes_on_where_it_stopped(self):
-        size = 16 << 30
-        image = self.image("i", b"")
-        os.truncate(image, size)
         for jobs in "1", "2":
+            image = self.image("i" + jobs, b"")
+            os.truncate(image, 16 << 30)
             build = [PROGRAM, "build", image, "--block-size", "1MiB", "--progress=json", "-j", jobs]
             with subprocess.Popen(build, stderr=subprocess.PIPE, text=True) as process:
-                progress = json.loads(process.stderr.readline())
+                done = json.loads(process.stderr.readline())["done"]
                 process.send_signal(signal.SIGINT)
                 error = process.stderr.read().splitlines()[-1]
             self.assertEqual(process.returncode, 130)
             self.assertIn("interrupted", error)
             info = self.json("info", image + ".hashes")
-            self.assertGreaterEqual(info["knownBlocks"] << 20, progress["done"])
-            self.assertGreater(info["unknownBlocks"], 0)
-        result = self.json("build", image)
-        self.assertEqual(result["bytesKnownBefore"], info["knownBlocks"] << 20)
-        self.assertEqual(self.json("info", image + ".hashes")["unknownBlocks"], 0)
+            self.assertGreaterEqual(info["knownBlocks"] << 20, done)
+            self.assertGreater(info["unknownBlocks"], 64)
+            os.truncate(image, (info["knownBlocks"] + 64) << 20)  # the rest would take long
+            result = self.json("build", image)
+            self.assertEqual(result["bytesKnownBefore"], info["knownBlocks"] << 20)
+            self.assertEqual(self.json("info", image + ".hashes")["unknownBlocks"], 0)
+
+    def test_after_a_crash_half_an_entry_is_no_hash(self):
+        image = self.image("t", noise(100 * BLOCK))
+        self.run_program("build", image)
+        self.patch(image + ".hashes", 4096 + 512, bytes(16))  # the second half of entry 15
+        result = self.json("build", image, "--after-crash")
+        self.assertEqual((result["tornEntries"], result["bytesRead"]), (1, BLOCK))
+        self.check_hash_file(image)
 
     @unittest.skipUnless(EXAMPLES, "the examples were not built")
     def test_examples(self):
