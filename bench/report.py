@@ -3,6 +3,7 @@
 import argparse
 import json
 import pathlib
+import statistics
 import subprocess
 import sys
 
@@ -14,6 +15,17 @@ STANDARD_FIELDS = {"name", "family_index", "per_family_instance_index", "run_nam
                    "repetition_index", "threads", "iterations", "real_time", "cpu_time", "time_unit"}
 
 COLORS = ("#b2182b", "#ef6c00", "#1b6ca8", "#2e7d32", "#555555")
+
+
+def merged(results):
+    """One run for the repetitions of each benchmark, with the medians of their figures."""
+    groups = {}
+    for run in results:
+        if run["run_type"] == "iteration":
+            groups.setdefault((run["family_index"], run["per_family_instance_index"]), []).append(run)
+    return [{**{key: statistics.median(run[key] for run in group) if isinstance(value, float) else value
+                for key, value in group[0].items()}, "name": group[0]["name"].split("/iterations:")[0]}
+            for _, group in sorted(groups.items())]
 
 
 def rate(value, unit):
@@ -83,9 +95,7 @@ def main():
     with open(options.results, encoding="utf-8") as file:
         results = json.load(file)
     processor, instruction_set = (results["context"][key] for key in ("processor", "instruction set"))
-    runs = results["benchmarks"]
-    for run in runs:
-        run["name"] = run["name"].split("/iterations:")[0]
+    runs = merged(results["benchmarks"])
     rows = [run for run in runs if "label" in run]
     clock = next(run["hertz"] for run in runs if "hertz" in run)
     cells = [["row", "against", "ours", "theirs", "ratio", "middle half", "must", ""], *map(row, rows)]
