@@ -11,6 +11,8 @@ thread_local long allocationsUntilFailure = -1;
 
 using kelvane::testing::allocationsUntilFailure;
 
+#if !defined(__SANITIZE_ADDRESS__) // which brings its own
+
 void* operator new(std::size_t size)
 {
     if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) {
@@ -46,3 +48,5 @@ void operator delete[](void* memory, std::size_t) noexcept
 {
     std::free(memory);
 }
+
+#endif
