@@ -181,6 +181,23 @@ class KelvaneHash(unittest.TestCase):
             self.assertEqual(result["bytesKnownBefore"], info["knownBlocks"] << 20)
             self.assertEqual(self.json("info", image + ".hashes")["unknownBlocks"], 0)
 
+    def test_interrupted_sync_leaves_no_wrong_hash(self):
+        size = 256 << 20
+        source, target = self.image("s", os.urandom(size)), self.image("t", b"")
+        os.truncate(target, size)
+        self.run_program("build", target)
+        with subprocess.Popen([PROGRAM, "sync", source, target, "--progress=json"], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.PIPE, text=True) as process:
+            while json.loads(process.stderr.readline())["phase"] != "copy":
+                pass
+            process.send_signal(signal.SIGINT)
+            process.stderr.read()
+        self.assertEqual(process.returncode, 130)
+        self.assertGreater(self.json("verify", target)["blocksChecked"], 0)
+        self.assertIn(self.json("sync", source, target, "--verify")["bytesCopied"], range(1, size))
+        self.run_program("verify", target)
+        self.assertEqual(content(target), content(source))
+
     def test_after_a_crash_half_an_entry_is_no_hash(self):
         image = self.image("t", noise(100 * BLOCK))
         self.run_program("build", image)
