@@ -27,7 +27,7 @@ bench:
 	  -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_BENCHMARKS=ON
 	cmake --build build/bench --parallel $(BUILD_JOBS)
 	build/bench/bench/kelvane_benchmarks --benchmark_out=build/bench.json --benchmark_out_format=json \
-	  --benchmark_repetitions=3 --benchmark_enable_random_interleaving=true \
+	  --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
 	  >build/bench.log 2>&1 || { cat build/bench.log; false; }
 	bench/report.py build/bench.json --svg docs/performance.svg $(BENCH_REPORT)
 

@@ -45,7 +45,7 @@ def row(run):
     if run["must_not_exceed"]:
         must, verdict = f"≤ {run['must_not_exceed']:g}", "ok" if run["ratio"] <= run["must_not_exceed"] else "short"
     return [run["name"], run["label"], rate(run["ours"], unit), rate(run["theirs"], unit), f"{run['ratio']:.2f}",
-            f"{run['ratio_low']:.2f} to {run['ratio_high']:.2f}", must, verdict]
+            f"{run['rounds_middle']:.2f} ({run['rounds_low']:.2f} to {run['rounds_high']:.2f})", must, verdict]
 
 
 def aligned(rows):
@@ -98,7 +98,7 @@ def main():
     runs = merged(results["benchmarks"])
     rows = [run for run in runs if "label" in run]
     clock = next(run["hertz"] for run in runs if "hertz" in run)
-    cells = [["row", "against", "ours", "theirs", "ratio", "middle half", "must", ""], *map(row, rows)]
+    cells = [["row", "against", "ours", "theirs", "ratio", "round by round", "must", ""], *map(row, rows)]
     text = "\n".join([f"Processor: {processor}. Instruction set: {instruction_set}.", "", *aligned(cells), "",
                       *limit(rows, clock, instruction_set)])
     print(text)
