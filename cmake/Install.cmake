@@ -15,6 +15,7 @@ install(FILES ${PROJECT_BINARY_DIR}/kelvaneConfig.cmake ${PROJECT_BINARY_DIR}/ke
 
 # The prefix is found from the file's own place, wherever that was moved.
 file(RELATIVE_PATH prefix_from_pkgconfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
 if(NOT BUILD_SHARED_LIBS)
   set(pkgconfig_requires "Requires: libhwy >= 1.0.3\n") # not private: without it nothing links
 endif()

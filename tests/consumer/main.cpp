@@ -7,8 +7,7 @@
 
 using namespace kelvane;
 
-struct NoHash : IHashFunction {
-};
+struct NoHash : IHashFunction { };
 
 int main(int, char** argv)
 {
