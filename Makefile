@@ -5,7 +5,7 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = tools/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
-.PHONY: demo test bench bench-tools sanitize valgrind format clean
+.PHONY: demo test install package bench bench-tools sanitize valgrind format clean
 
 demo:
 	$(INSTALL) build demo
@@ -18,6 +18,21 @@ test:
 	cmake --preset release
 	cmake --build --preset release --parallel $(BUILD_JOBS)
 	ctest --preset release --parallel $(BUILD_JOBS)
+
+# The library, the program and its manual page, under PREFIX; DESTDIR is heeded.
+PREFIX ?= /usr/local
+install:
+	$(INSTALL) build install
+	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DKELVANE_BUILD_TESTS=OFF
+	cmake --build build/demo --parallel $(BUILD_JOBS)
+	cmake --install build/demo
+
+# Debian packages of the library with its headers and of the program, in build/.
+package:
+	$(INSTALL) build install package
+	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DKELVANE_BUILD_TESTS=OFF
+	cmake --build build/demo --parallel $(BUILD_JOBS)
+	cpack --config build/demo/CPackConfig.cmake -B build
 
 # Figures mean something on a machine that has nothing else to do. BENCH_REPORT=--strict makes rows that fall
 # short a failure; BENCH_REPORT='--markdown docs/performance.md' puts the table there.

@@ -11,8 +11,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "BlockHashStore.h"
-#include "TargetWriteGuard.h"
+#include <kelvane/BlockHashStore.h>
+#include <kelvane/TargetWriteGuard.h>
 
 using namespace kelvane;
 

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "BlockHashStore.h"
+#include <kelvane/BlockHashStore.h>
 
 using namespace kelvane;
 

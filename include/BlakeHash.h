@@ -1,13 +1,14 @@
 // BLAKE2sp with a 32-byte digest.
 #pragma once
 
+#include "Export.h"
 #include "IHashFunction.h"
 
 namespace kelvane {
 
 // The official BLAKE2sp (eight leaves, depth two, inner length 32), digest length 32, without key, salt
 // or personalisation. Objects keep no state: one may be shared by threads, and all give the same digests.
-class BlakeHash : public IHashFunction {
+class KELVANE_EXPORT BlakeHash : public IHashFunction {
 public:
     ~BlakeHash() override = default;
 

@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "Export.h"
 #include "HashFunctionType.h"
 #include "IHashFunction.h"
 #include "Protocol.h"
@@ -39,7 +40,7 @@
 
 namespace kelvane {
 
-class BlockHashStore {
+class KELVANE_EXPORT BlockHashStore {
 public:
     using HashValue = IHashFunction::HashValue;
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "Export.h"
 #include "HashFunctionType.h"
 #include "Types.h"
 
@@ -11,7 +12,7 @@ namespace kelvane {
 
 // An object is used by one thread at a time. The operations of this class itself are those of no hash
 // function at all: they fail, and have size 0 and the type Invalid.
-class IHashFunction {
+class KELVANE_EXPORT IHashFunction {
 public:
     using HashValue = std::vector<unsigned char>; // one digest; an empty one means that hashing failed
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "Export.h"
+
 namespace kelvane {
 
 enum log_level_t { KELVANE_DEBUG = 0, KELVANE_INFO = 1, KELVANE_WARNING = 2, KELVANE_ERROR = 3 };
@@ -16,7 +18,7 @@ enum log_level_t { KELVANE_DEBUG = 0, KELVANE_INFO = 1, KELVANE_WARNING = 2, KEL
 //
 // Unless an application installs a sink, a line goes to standard error in one write:
 //     kelvane INFO Example.cpp:12 function: blocks: 5
-class Logger {
+class KELVANE_EXPORT Logger {
 public:
     // What a sink receives: the level, the source file's name without directories, the line, the
     // function's name and the text without a line end. The strings live until the sink returns.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Constants.h"
+#include "Export.h"
 #include "Types.h"
 
 namespace kelvane {
@@ -23,7 +24,7 @@ namespace kelvane {
 // Reads of at least the cache's size go straight into the caller's buffer. A smaller one that misses the
 // cache fetches the 4096-byte pages that it touches; one that goes on where the last read ended fetches
 // as much as the cache holds. What was written last stays in the cache when it fits.
-class SimpleCachedReader {
+class KELVANE_EXPORT SimpleCachedReader {
 public:
     // Receives the bytes of a transfer: what really went to or came from the file, once per transfer, also
     // when it failed half-way. Reads served from the cache are not counted.

@@ -10,11 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <kelvane/HashFunctionType.h>
 #include <limits>
 #include <utility>
 
 #include "Failure.h"
-#include "HashFunctionType.h"
 
 namespace kelvane::tool {
 

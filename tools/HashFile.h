@@ -3,12 +3,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <kelvane/BlockHashStore.h>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "BlockHashStore.h"
 #include "Image.h"
 #include "Range.h"
 

@@ -1,10 +1,10 @@
 #include <array>
+#include <kelvane/HashFunctionFactory.h>
 #include <mutex>
 
 #include "Blocks.h"
 #include "Commands.h"
 #include "Failure.h"
-#include "HashFunctionFactory.h"
 #include "Text.h"
 
 namespace kelvane::tool {

@@ -5,13 +5,13 @@
 #include <cstdio>
 #include <functional>
 #include <iostream>
+#include <kelvane/Logger.h>
 #include <limits>
 #include <thread>
 
 #include "Commands.h"
 #include "Failure.h"
 #include "Interrupt.h"
-#include "Logger.h"
 
 using namespace kelvane::tool;
 
