@@ -5,7 +5,7 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = tools/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
-.PHONY: demo test install package bench bench-tools sanitize valgrind format clean
+.PHONY: demo test install package bench bench-tools sanitize valgrind check-crash docs format clean
 
 demo:
 	$(INSTALL) build demo
@@ -79,6 +79,12 @@ check-crash:
 format:
 	$(INSTALL) format
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+# build/docs/html/index.html
+docs:
+	$(INSTALL) docs
+	mkdir -p build
+	doxygen docs/Doxyfile
 
 clean:
 	rm -rf build

@@ -40,9 +40,10 @@
 
 namespace kelvane {
 
+// An open hash file. What holds for all operations is said at the top of BlockHashStore.h.
 class KELVANE_EXPORT BlockHashStore {
 public:
-    using HashValue = IHashFunction::HashValue;
+    using HashValue = IHashFunction::HashValue; // one digest
 
     // Supplies target data: for every i, lengths[i] bytes of the target from the external offset
     // offsets[i] on. The result holds one array per range, in the same order, each at least as long as
@@ -61,6 +62,8 @@ public:
 
     // A store that was moved from can only be destroyed or assigned to.
     BlockHashStore(BlockHashStore&& other) noexcept;
+
+    // Closes the hash file that was open before.
     BlockHashStore& operator=(BlockHashStore&& other) noexcept;
 
     // Makes a hash file at `path` in which every block is unknown, replacing a file that is there, and
@@ -172,11 +175,14 @@ public:
     // The size of a block in bytes.
     uint32_t getBlockSize() const;
 
+    // As the hash file records it.
     HashFunctionType getHashFunctionType() const;
 
-    // Install callbacks for the hash file's traffic; empty ones switch them off. A callback that throws
-    // ends the operation with its exception; the transfer has taken place.
+    // Installs a callback for what is written to the hash file; an empty one switches it off. A callback that
+    // throws ends the operation with its exception; the transfer has taken place.
     void setOnWriteCallback(DataTransferMetricFunc on_write);
+
+    // The same for what is read from the hash file.
     void setOnReadCallback(DataTransferMetricFunc on_read);
 
     // For use after a crash of the machine, before any hash is trusted: makes unknown every entry of which a

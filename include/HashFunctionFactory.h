@@ -9,6 +9,7 @@
 
 namespace kelvane {
 
+// Makes hash functions by their number.
 class HashFunctionFactory {
 public:
     // A new object owned by the caller, or an empty pointer for Invalid and every unknown number.

@@ -25,7 +25,7 @@ public:
     // The size of every digest in bytes. It is the same for all objects of one type, for ever.
     virtual kelvane_size_t hash_size_in_bytes() const;
 
-    virtual HashFunctionType hash_id() const;
+    virtual HashFunctionType hash_id() const; // its number in hash files
 
     // Hashes `count` buffers of `length` bytes each, in order, and writes the digest of buffers[i] to the
     // hash_size_in_bytes() bytes at digests[i]. No two digests may overlap, nor a digest a buffer; there

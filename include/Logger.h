@@ -10,6 +10,7 @@
 
 namespace kelvane {
 
+// How much a line matters.
 enum log_level_t { KELVANE_DEBUG = 0, KELVANE_INFO = 1, KELVANE_WARNING = 2, KELVANE_ERROR = 3 };
 
 // One log line, built by streaming into a temporary and emitted at the end of the statement:
@@ -31,6 +32,7 @@ public:
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
 
+    // Appends to the line, as an output stream would.
     template <class T>
     Logger& operator<<(const T& value)
     {

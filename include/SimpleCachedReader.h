@@ -30,7 +30,7 @@ public:
     // when it failed half-way. Reads served from the cache are not counted.
     using DataTransferMetricFunc = std::function<void(unsigned long)>;
 
-    static constexpr std::size_t CACHE_BUFFER_SIZE_IN_BYTES = 49152;
+    static constexpr std::size_t CACHE_BUFFER_SIZE_IN_BYTES = 49152; // of a store's reader
 
     SimpleCachedReader(const SimpleCachedReader&) = delete;
     SimpleCachedReader& operator=(const SimpleCachedReader&) = delete;
@@ -41,8 +41,10 @@ public:
     // Closes the file. Everything written has been handed to the system, nothing is flushed.
     ~SimpleCachedReader();
 
-    // The source is left without file, cache and callbacks. Assignment closes the target's file first.
+    // The source is left without file, cache and callbacks.
     SimpleCachedReader(SimpleCachedReader&& other) noexcept;
+
+    // The same; closes the file that was open before.
     SimpleCachedReader& operator=(SimpleCachedReader&& other) noexcept;
 
     // Opens `path` with the flags of the POSIX call of that name, O_CLOEXEC added, at position 0. Returns
@@ -71,8 +73,10 @@ public:
     // metadata are not part of that. Length 0 means everything from `offset` on. 0 on success.
     int sync_file_range(kelvane_ssize_t offset, kelvane_buf_len_t length);
 
-    // Empty callables are never invoked. A callable must not use this reader.
+    // An empty callable is never invoked. A callable must not use this reader.
     void setOnWriteCallback(DataTransferMetricFunc on_write);
+
+    // The same for what is read.
     void setOnReadCallback(DataTransferMetricFunc on_read);
 
     // Sets the file's length; the position stays. Throws std::runtime_error with "failed to truncate

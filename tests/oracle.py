@@ -1,3 +1,4 @@
+#!/usr/bin/env python3
 """Checks a hash file against the image that it describes, with nothing but Python's own BLAKE2s.
 
     oracle.py HASHFILE IMAGE [OFFSET LENGTH]...

@@ -1,0 +1,33 @@
+"""Runs what documents show: docs_test.py DOCUMENT...
+
+In every ```console block, lines that start with "$ " are commands, which must succeed, and what follows is their output.
+A ```python block that starts with "# NAME.py" is a file that they use. Every document has an empty directory of its own.
+"""
+import re
+import subprocess
+import sys
+import tempfile
+
+
+def run(document):
+    with open(document, encoding="utf-8") as file:
+        blocks = re.findall(r"^```(console|python)\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL)
+    commands = failures = 0
+    with tempfile.TemporaryDirectory() as directory:
+        for language, text in blocks:
+            if language == "python":
+                with open(f"{directory}/{re.match('# ([a-z_]+[.]py)$', text, re.MULTILINE)[1]}", "w") as file:
+                    file.write(text)
+                continue
+            for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE):
+                done = subprocess.run(["bash", "-c", command], cwd=directory, text=True, check=False,
+                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+                commands += 1
+                if done.returncode != 0 or done.stdout != expected:
+                    failures += 1
+                    print(f"{document}: $ {command}\n{done.stdout}exit code {done.returncode}, instead of\n{expected}")
+    print(f"{document}: {commands} commands, {failures} failures")
+    return commands > 0 and failures == 0
+
+
+sys.exit(0 if all([run(document) for document in sys.argv[1:]]) and len(sys.argv) > 1 else 1)
