@@ -178,6 +178,7 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
             threads.emplace_back(job);
         }
     }
+    hashFile.reopenStore();
     if (failure) {
         std::rethrow_exception(failure);
     }

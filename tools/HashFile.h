@@ -92,6 +92,9 @@ public:
     Store& store() { return *m_store; }
     Store anotherStore() const { return Store(m_path, m_header); }
 
+    // To be called when other stores have changed the file: a store does not notice.
+    void reopenStore() { m_store = std::make_unique<Store>(m_path, m_header); }
+
     // From an offset in the image to one on the device, on which a partition starts at its own offset.
     std::int64_t onDevice(std::int64_t offset) const
     {
