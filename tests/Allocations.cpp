@@ -9,24 +9,14 @@ thread_local long allocationsUntilFailure = -1;
 
 } // namespace kelvane::testing
 
-using kelvane::testing::allocationsUntilFailure;
+#if !defined(__SANITIZE_ADDRESS__)
 
-#if !defined(__SANITIZE_ADDRESS__) // which brings its own
-
+// The library's other forms of these call the two.
 void* operator new(std::size_t size)
 {
-    if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) {
-        throw std::bad_alloc();
-    }
-    if (void* const memory = std::malloc(size != 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-void* operator new[](std::size_t size)
-{
-    return operator new(size);
+    long& left = kelvane::testing::allocationsUntilFailure;
+    void* const memory = left < 0 || left-- > 0 ? std::malloc(size != 0 ? size : 1) : nullptr;
+    return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 void operator delete(void* memory) noexcept
@@ -35,16 +25,6 @@ void operator delete(void* memory) noexcept
 }
 
 void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept
 {
     std::free(memory);
 }
