@@ -109,7 +109,7 @@ TEST(RangeHash, CostsOneReadAndOneWriteAtMost)
         const auto transfers = [&] {
             const CallCounter counter;
             store->get_hash(7, blocks * 16, store.target.supplier());
-            return std::pair(counter[Call::ReadAt], counter.transfers());
+            return std::pair(counter[Call::ReadAt], counter.total());
         };
         EXPECT_EQ(transfers(), std::pair(std::size_t {1}, std::size_t {2})) << blocks;
         store.reopen();
@@ -356,7 +356,7 @@ TEST(RangeHash, RefusesRequestsThatItCannotServe)
     EXPECT_EQ(request(1050, (int64_t {1} << 40) - 1050), "get_hash: too many blocks in one request: 1099511626726");
     EXPECT_EQ(Peer::hashBufferSize(*rig.store), 0);
     EXPECT_EQ(rig.target.calls, 0);
-    EXPECT_EQ(counter.transfers(), 0U);
+    EXPECT_EQ(counter.total(), 0U);
     EXPECT_EQ(rig.file(), before);
 }
 

@@ -211,7 +211,7 @@ TEST_F(SimpleCachedReaderTest, RefusesToWriteWhatItsResultCannotCount)
         EXPECT_EQ(reader.write(nullptr, length), -1);
         EXPECT_EQ(errno, EFBIG);
     }
-    EXPECT_EQ(counter.transfers(), 0U);
+    EXPECT_EQ(counter.total(), 0U);
     EXPECT_EQ(position(), 0);
 }
 
@@ -292,7 +292,7 @@ TEST_F(SimpleCachedReaderTest, ReadsAheadWhenReadsAscend)
             expectRead(330);
             reader.seek(gap, SEEK_CUR);
         }
-        EXPECT_LE(counter.transfers(), 6U) << "gap " << gap;
+        EXPECT_LE(counter.total(), 6U) << "gap " << gap;
     }
 }
 
@@ -310,7 +310,7 @@ TEST_F(SimpleCachedReaderTest, ReadsOfTheCacheSizeGoStraight)
     for (const kelvane_ssize_t length : {CACHE, CACHE + 1, kelvane_ssize_t {200000}}) {
         expectReadAt(1001, length);
     }
-    EXPECT_EQ(counter.transfers(), 3U);
+    EXPECT_EQ(counter.total(), 3U);
     EXPECT_THAT(reads, ElementsAre(CACHE, CACHE + 1, 200000));
 }
 

@@ -89,20 +89,19 @@ Fault::~Fault()
 
 CallCounter::CallCounter()
     : m_hook([this](const CallRecord& record) {
-        ++m_counts[static_cast<int>(record.call)];
+        ++m_counts[record.call];
         return Outcome();
     })
 {
 }
 
-std::size_t CallCounter::operator[](Call call) const
+std::size_t CallCounter::total() const
 {
-    return m_counts[static_cast<int>(call)];
-}
-
-std::size_t CallCounter::transfers() const
-{
-    return (*this)[Call::Read] + (*this)[Call::ReadAt] + (*this)[Call::Write] + (*this)[Call::WriteAt];
+    std::size_t sum = 0;
+    for (const auto& [call, count] : m_counts) {
+        sum += count;
+    }
+    return sum;
 }
 
 int openDescriptors()

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 #include <functional>
-#include <initializer_list>
+#include <map>
 
 namespace kelvane::testing {
 
@@ -55,15 +55,18 @@ private:
     CallHook m_hook;
 };
 
+using CallCounts = std::map<Call, std::size_t>; // of the calls that were made
+
 // Counts calls while it lives.
 class CallCounter {
 public:
     CallCounter();
-    std::size_t operator[](Call call) const; // how many calls of that kind
-    std::size_t transfers() const;           // reads and writes of every kind
+    const CallCounts& counts() const { return m_counts; }
+    std::size_t operator[](Call call) const { return m_counts.contains(call) ? m_counts.at(call) : 0; }
+    std::size_t total() const;
 
 private:
-    std::size_t m_counts[12] = {};
+    CallCounts m_counts;
     CallHook m_hook;
 };
 

@@ -103,7 +103,7 @@ TEST(Update, NextQueryUsesTheNewDigestsWithoutReading)
     rig.update(0, 40960);
     const CallCounter counter;
     EXPECT_EQ(rig->get_hash(1048576, 40960, nullptr), aggregateDigest(rig.target.bytes, 4096, 0, 40960));
-    EXPECT_EQ(counter.transfers(), 0U);
+    EXPECT_EQ(counter.total(), 0U);
 }
 
 struct Failure {
@@ -181,7 +181,7 @@ TEST(Update, RefusesRangesAndBuffersThatItCannotServe)
     Peer::header(*rig.store).targetSizeInBytes = uint64_t {1} << 40;
     EXPECT_EQ(failures(1048576, int64_t {1} << 31), "update_hashes: too many blocks in one request: 2147483648");
     EXPECT_EQ(Peer::hashBufferSize(*rig.store), room);
-    EXPECT_EQ(counter.transfers(), 0U);
+    EXPECT_EQ(counter.total(), 0U);
     EXPECT_EQ(rig.file(), rig.before);
 }
 
