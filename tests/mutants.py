@@ -35,7 +35,6 @@ hashSize()) != fileSize => hashSize()) > fileSize
 !S_ISREG(status.st_mode) => S_ISDIR(status.st_mode)
 fileSize < sizeof(Header) => fileSize == 0
 blockSize == 0) => blockSize == 1)
-> room / getHashEntrySize(hashSize) => > room
 numberOfBlocks > MAXIMUM_BLOCKS_PER_REQUEST => numberOfBlocks > MAXIMUM_BLOCKS_PER_REQUEST + 1
 targetSizeInBytes, getPartitionOffset(), => targetSizeInBytes, 0,
 initFileRegion(fileSize, => initFileRegion(fileSize + 1,
