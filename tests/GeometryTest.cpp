@@ -54,8 +54,6 @@ TEST(Geometry, TranslatesEveryOffsetThereAndBack)
             EXPECT_EQ(Peer::fromInternalOffset(*store.store, Peer::toInternalOffset(*store.store, offset)), offset);
         }
     }
-    Peer::header(*store.store).partitionOffset = 1048576;
-    EXPECT_EQ(Peer::toInternalOffset(*store.store, 1058576), 10000);
 }
 
 // What an access ends with, by numbers that cannot wrap around.
@@ -78,14 +76,8 @@ TEST(Geometry, AcceptsTheAccessesInsideTheTargetOnly)
         return failureOf([&] { store->throwOnAccessViolation("tag", offset, length); });
     };
     EXPECT_EQ(check(8192, 0, 0, 8192), "(none)");
-    EXPECT_EQ(check(8192, 0, 8191, 1), "(none)");
-    EXPECT_EQ(check(8192, 0, 8191, 2), "tag: offset is out of bounds: 8191, 8192");
     EXPECT_EQ(check(8192, 0, 8192, 0), "tag: offset is out of bounds: 8192, 8192");
-    EXPECT_EQ(check(8192, 0, -1, 1), "tag: offset is out of bounds: -1, 8192");
-    EXPECT_EQ(check(8192, 1000, 999, 1), "tag: offset is out of bounds: 999, 7192");
-    EXPECT_EQ(check(8192, 1000, 1000, 7192), "(none)");
     EXPECT_EQ(check(8192, 1000, 1000, 7193), "tag: offset is out of bounds: 1000, 7192");
-    EXPECT_EQ(check(8192, 1000, 8192, 0), "tag: offset is out of bounds: 8192, 7192");
     for (const int64_t target : INTERESTING) {
         for (const int64_t partition : INTERESTING) {
             for (const int64_t offset : INTERESTING) {
