@@ -153,6 +153,7 @@ public:
         }
         m_model.resize(randomSize());
         scribble(0, m_model.size());
+        writeFile(m_path, randomBytes(20000, 1)); // which is replaced
         const auto create = [this] {
             const CallCounter counter;
             BlockHashStore::create(m_path, Blake2dHashFunctionType, endOffset(),
