@@ -258,7 +258,9 @@ private:
         EXPECT_GE(reads, entries < CACHE ? 0U : 1U);
         EXPECT_LE(counter[Call::ReadAt], 2 * reads); // reading ahead, the second one meets the file's end
         EXPECT_EQ(counter[Call::WriteAt], entries > 0 && !runs.empty() ? 1U : 0U);
-        EXPECT_EQ(counter.total(), counter[Call::WriteAt] + counter[Call::ReadAt]);
+        EXPECT_TRUE(std::all_of(counter.counts().begin(), counter.counts().end(), [](const auto& count) {
+            return count.first == Call::WriteAt || count.first == Call::ReadAt;
+        }));
         EXPECT_EQ(target.asked, runs);
         EXPECT_EQ(target.calls, runs.empty() ? 0 : 1);
         EXPECT_EQ(aggregate, m_model.query(start, length));

@@ -196,26 +196,20 @@ inline void setEntry(Bytes& hashFile, int64_t block, const Bytes& digest)
 }
 
 // Hashes one buffer at a time as BlakeHash does, but answers call number `failAt` with `size` bytes.
-class FailingHash : public IHashFunction {
-public:
-    FailingHash(int failAt, std::size_t size)
-        : m_failAt(failAt)
-        , m_size(size)
+struct FailingHash : IHashFunction {
+    FailingHash(int failingCall, std::size_t sizeOfFailure)
+        : failAt(failingCall)
+        , size(sizeOfFailure)
     {
     }
-
     HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
     {
-        return m_calls++ == m_failAt ? HashValue(m_size) : m_blake.get_hash(buffer, length);
+        return calls++ == failAt ? HashValue(size) : BlakeHash().get_hash(buffer, length);
     }
-    kelvane_size_t hash_size_in_bytes() const override { return m_blake.hash_size_in_bytes(); }
-    HashFunctionType hash_id() const override { return m_blake.hash_id(); }
+    kelvane_size_t hash_size_in_bytes() const override { return 32; }
 
-private:
-    BlakeHash m_blake;
-    int m_failAt;
-    std::size_t m_size;
-    int m_calls = 0;
+    int failAt, calls = 0;
+    std::size_t size;
 };
 
 // Runs `operation` and returns the log lines that it caused, as "level function: text"; last an exception that
