@@ -5,7 +5,7 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = tools/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
-.PHONY: demo test bench bench-tools sanitize valgrind format clean
+.PHONY: demo test bench bench-tools sanitize valgrind mutants format clean
 
 demo:
 	$(INSTALL) build demo
@@ -60,6 +60,11 @@ check-crash:
 	cmake --preset release
 	cmake --build --preset release --parallel $(BUILD_JOBS)
 	build/release/tests/kelvane_tests --gtest_brief=1 --gtest_filter='CrashTest.*'
+
+# Do the tests bite? Plants bugs in a copy of the sources, one at a time.
+mutants:
+	$(INSTALL) build test
+	tests/mutants.py build/mutants
 
 format:
 	$(INSTALL) format

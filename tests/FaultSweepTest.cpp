@@ -115,33 +115,15 @@ bool open(Lab& lab)
     return lab.store != nullptr;
 }
 
-bool hashRange(Lab& lab)
-{
-    return !lab.aggregate().empty();
-}
-
 bool update(Lab& lab)
 {
     lab.store->update_hashes(PARTITION + 70 * BLOCK + 5, lab.target.bytes.data() + 70 * BLOCK + 5, 80 * BLOCK);
     return true;
 }
 
-bool invalidate(Lab& lab)
-{
-    lab.store->invalidate_hashes(PARTITION + 3, 99 * BLOCK);
-    return true;
-}
-
-bool discard(Lab& lab)
-{
-    lab.store->discard_torn_entries();
-    return true;
-}
-
 bool guardWrite(Lab& lab)
 {
-    TargetWriteGuard(*lab.store, PARTITION, 9 * BLOCK).commit(lab.target.bytes.data());
-    return true;
+    return TargetWriteGuard(*lab.store, PARTITION, 9 * BLOCK).commit(lab.target.bytes.data()), true;
 }
 
 bool sync(Lab& lab)
@@ -173,17 +155,21 @@ const Lines DISCARD = {"failed to read hash entry: 4591: E", "failed to clear ha
                        "failed to read hash entry: 8188: E", "failed to read hash entry: 57325: E", ""};
 const Lines GROW = {"!error in write while initting file region: E", "initFileRegion failed to sync hash file: E"};
 
+bool (*const HASH_RANGE)(Lab&) = [](Lab& lab) { return !lab.aggregate().empty(); };
+bool (*const INVALIDATE)(Lab&) = [](Lab& lab) { return lab.store->invalidate_hashes(PARTITION + 3, 50000), true; };
+bool (*const DISCARD_TORN)(Lab&) = [](Lab& lab) { return lab.store->discard_torn_entries(), true; };
+
 const Operation OPERATIONS[]
     = {{Operation::Creates, "create", SIZE, create<false>, 0, 300, CREATE},
        {Operation::Creates, "create or delete", SIZE, create<true>, 0, 300, CREATE},
        {Operation::Opens, "open", SIZE, open, 0, 0, OPEN},
        {Operation::Opens, "open and grow", 2 * SIZE, open, 0, 0, openAndResize(GROW)},
        {Operation::Opens, "open and shrink", SIZE / 3, open, 0, 0, openAndResize({"!failed to truncate file: E"})},
-       {Operation::Hashes, "get_hash", SIZE, hashRange, 0, 300, HASH},
+       {Operation::Hashes, "get_hash", SIZE, HASH_RANGE, 0, 300, HASH},
        {Operation::Changes, "update_hashes", SIZE, update, 70, 81, {"failed to write hash: 1084421: E"}},
-       {Operation::Changes, "invalidate_hashes", SIZE, invalidate, 0, 100, {"failed to write hash: 1048579: E"}},
+       {Operation::Changes, "invalidate_hashes", SIZE, INVALIDATE, 0, 100, {"failed to write hash: 1048579: E"}},
        {Operation::Changes, "sync_to_disk", SIZE, sync, 0, 0, {"!sync failed"}},
-       {Operation::Discards, "discard_torn_entries", SIZE, discard, 15, 2, DISCARD},
+       {Operation::Discards, "discard_torn_entries", SIZE, DISCARD_TORN, 15, 2, DISCARD},
        {Operation::Guards, "TargetWriteGuard", SIZE, guardWrite, 0, 9, GUARD}};
 
 // One fault: the k-th call of a kind, or allocation, that the operation makes.
@@ -294,7 +280,7 @@ bool recovers(Lab& lab, const Operation& operation)
         return operation.run == create<true>;
     }
     if (operation.kind == Operation::Discards) {
-        discard(lab);
+        lab.store->discard_torn_entries();
     }
     if (!lab.isTrue(operation) || (lab.store && !lab.answersRight())) {
         return false;

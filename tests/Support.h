@@ -41,10 +41,7 @@ struct BlockHashStoreTestPeer {
     }
     static void validateHeader(Store& s, uint64_t target, uint64_t file) { s.validateHeader(target, file); }
     static void throwWithErrno(const std::string& message) { Store::throwWithErrno(message); }
-    static uint64_t bytesToBlocks(uint64_t bytes, uint32_t block) { return Store::bytesToBlocks(bytes, block); }
     static uint64_t computeHeaderSize() { return Store::computeHeaderSize(); }
-    static uint64_t getSystemPageSize() { return Store::getSystemPageSize(); }
-    static uint64_t computeDataSize(uint64_t t, uint32_t b, uint64_t h) { return Store::computeDataSize(t, b, h); }
     static uint64_t computeFileSize(uint64_t t, uint32_t b, uint64_t h) { return Store::computeFileSize(t, b, h); }
     static bool validReadWrite(int64_t expected, int64_t actual) { return Store::validReadWrite(expected, actual); }
     static int64_t toInternalOffset(const Store& s, int64_t offset) { return s.toInternalOffset(offset); }
