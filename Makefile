@@ -5,7 +5,7 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = tools/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
-.PHONY: demo test bench bench-tools sanitize valgrind fuzz coverage check format clean
+.PHONY: demo test bench bench-tools sanitize valgrind fuzz coverage check mutants format clean
 
 demo:
 	$(INSTALL) build demo
@@ -80,6 +80,11 @@ coverage:
 check:
 	$(MAKE) test
 	tests/check.py
+
+# Do the tests bite? Plants bugs in a copy of the sources, one at a time.
+mutants:
+	$(INSTALL) build test
+	tests/mutants.py build/mutants
 
 format:
 	$(INSTALL) format
