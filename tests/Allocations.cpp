@@ -1,27 +1,67 @@
 #include "Allocations.h"
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 namespace kelvane::testing {
 
 thread_local long allocationsUntilFailure = -1;
 
+namespace {
+
+constexpr std::size_t NO_LIMIT = std::numeric_limits<std::size_t>::max();
+
+thread_local std::size_t limit = NO_LIMIT;
+thread_local std::ptrdiff_t held = 0; // negative where other threads' memory was freed
+thread_local std::ptrdiff_t peakHeld = 0;
+
+void* allocate(std::size_t size) noexcept
+{
+    long& left = allocationsUntilFailure;
+    const bool granted = size <= limit && (left < 0 || left-- > 0);
+    void* const memory = granted ? std::malloc(size != 0 ? size : 1) : nullptr;
+    held += static_cast<std::ptrdiff_t>(::malloc_usable_size(memory));
+    peakHeld = std::max(peakHeld, held);
+    return memory;
+}
+
+} // namespace
+
+AllocationLimit::AllocationLimit(std::size_t largest)
+    : m_heldAtStart(held)
+{
+    limit = largest;
+    peakHeld = held;
+}
+
+AllocationLimit::~AllocationLimit()
+{
+    limit = NO_LIMIT;
+}
+
+std::size_t AllocationLimit::peak() const
+{
+    return static_cast<std::size_t>(peakHeld - m_heldAtStart);
+}
+
 } // namespace kelvane::testing
 
-using kelvane::testing::allocationsUntilFailure;
+using namespace kelvane::testing;
 
-#if !defined(__SANITIZE_ADDRESS__) // which brings its own
+// All forms that are in use, because the address sanitizer's own do not call each other as the library's do.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return allocate(size);
+}
 
 void* operator new(std::size_t size)
 {
-    if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) {
-        throw std::bad_alloc();
-    }
-    if (void* const memory = std::malloc(size != 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
+    void* const memory = allocate(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 void* operator new[](std::size_t size)
@@ -31,22 +71,21 @@ void* operator new[](std::size_t size)
 
 void operator delete(void* memory) noexcept
 {
+    held -= static_cast<std::ptrdiff_t>(::malloc_usable_size(memory));
     std::free(memory);
 }
 
 void operator delete(void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    operator delete(memory);
 }
 
 void operator delete[](void* memory) noexcept
 {
-    std::free(memory);
+    operator delete(memory);
 }
 
 void operator delete[](void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    operator delete(memory);
 }
-
-#endif

@@ -1,6 +1,9 @@
-// Damaged hash files: opening accepts exactly what an independent reading of the format accepts, and leaves
-// what it refuses as it is.
+// Damaged hash files, and the stored inputs of the fuzzer: opening accepts exactly what an independent reading of
+// the format accepts, leaves what it refuses as it is, and holds no more memory than it may.
 
+#include "../fuzz/CorruptFile.h"
+
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <limits>
@@ -14,69 +17,43 @@ namespace {
 constexpr uint64_t TARGET = 200 * 4096;
 
 template <class T>
-T fieldAt(const Bytes& file, std::size_t offset)
-{
-    T value;
-    std::memcpy(&value, file.data() + offset, sizeof(value));
-    return value;
-}
-
-template <class T>
 void setField(Bytes& file, std::size_t offset, T value)
 {
     std::memcpy(file.data() + offset, &value, sizeof(value));
-}
-
-// The format's rules, in arithmetic that does not overflow.
-bool isValid(const Bytes& file)
-{
-    if (file.size() < 56 || fieldAt<uint64_t>(file, 0) != 0x20001312 || fieldAt<uint64_t>(file, 8) != 0
-        || fieldAt<uint64_t>(file, 16) != 4096 || fieldAt<uint32_t>(file, 24) == 0
-        || fieldAt<uint32_t>(file, 48) != 1) {
-        return false;
-    }
-    __extension__ using Wide = unsigned __int128;
-    const Wide blockSize = fieldAt<uint32_t>(file, 24);
-    const Wide entries = (Wide {fieldAt<uint64_t>(file, 32)} + blockSize - 1) / blockSize * 33;
-    return 4096 + (entries + 4095) / 4096 * 4096 == file.size();
 }
 
 class CorruptFileTest : public ::testing::Test {
 protected:
     CorruptFileTest()
     {
-        BlockHashStore::create(path, Blake2dHashFunctionType, TARGET, 0, 4096, false);
-        Bytes data = randomBytes(TARGET, 5);
-        BlockHashStore::open(path, TARGET)->update_hashes(0, data.data(), TARGET);
-        good = readFile(path);
+        Logger::setLowestLevel(KELVANE_WARNING); // sizes change often here
+        MemoryStore memory(TARGET, 0, 4096);
+        memory->update_hashes(0, memory.target.bytes.data(), TARGET);
+        good = memory.file();
     }
 
     ~CorruptFileTest() override
     {
-        std::cout << cases << " damaged files, " << accepted << " accepted, " << wrong << " wrong\n";
+        std::cout << what << ": " << files << " files, " << accepted << " accepted, " << wrong << " wrong, at most "
+                  << peak << " bytes held\n";
+        Logger::setLowestLevel(KELVANE_DEBUG);
     }
 
-    // Opens the file for the target size that it records, or for the one that it had.
-    void check(const Bytes& file)
+    void count(const CorruptFileResult& result, const std::string& name = {})
     {
-        std::filesystem::remove(path); // a file that is cut to nothing and written again is flushed by some systems
-        writeFile(path, file);
-        const uint64_t recorded = file.size() < 40 ? TARGET : fieldAt<uint64_t>(file, 32);
-        const bool opened = failureOf([&] { BlockHashStore::open(path, recorded); }) == "(none)";
-        if (!isValid(file)) {
-            EXPECT_NE(failureOf([&] { BlockHashStore::open(path, TARGET); }), "(none)");
-        }
-        const bool right = opened == isValid(file) && readFile(path) == file;
-        ++cases;
-        accepted += opened ? 1 : 0;
-        wrong += right ? 0 : 1;
-        ASSERT_TRUE(right) << "case " << cases;
+        ++files;
+        accepted += result.accepted ? 1 : 0;
+        wrong += result.problem.empty() ? 0 : 1;
+        peak = std::max(peak, result.peak);
+        ASSERT_EQ(result.problem, "") << what << ' ' << files << ' ' << name;
     }
 
-    TemporaryDirectory directory;
-    std::string path = directory.file("hashes");
+    void check(const Bytes& file, uint64_t otherTarget = 2 * TARGET) { count(checkCorruptFile(file, otherTarget)); }
+
+    const char* what = "corrupt files";
     Bytes good;
-    int cases = 0, accepted = 0, wrong = 0;
+    int files = 0, accepted = 0, wrong = 0;
+    std::size_t peak = 0;
 };
 
 TEST_F(CorruptFileTest, EverySingleByteOfTheHeader)
@@ -88,7 +65,8 @@ TEST_F(CorruptFileTest, EverySingleByteOfTheHeader)
             check(file);
         }
     }
-    EXPECT_GT(accepted, 8 * 255); // at least those of the gaps
+    EXPECT_EQ(files, 56 * 255);
+    EXPECT_GT(accepted, 16 * 255); // those of the gaps and of the partition offset
 }
 
 TEST_F(CorruptFileTest, ExtremeFieldsAndSizes)
@@ -113,12 +91,29 @@ TEST_F(CorruptFileTest, ExtremeFieldsAndSizes)
                 check(file);
             }
         }
+        check(good, target);
     }
+    Bytes huge = good; // one block of 4 GiB, for which there is no memory
+    huge.resize(8192);
+    setField(huge, 24, std::numeric_limits<uint32_t>::max());
+    check(huge);
     for (std::size_t size = 0; size <= good.size() + 8192; size += size < 128 || size % 4096 > 4000 ? 1 : 13) {
         Bytes file = good;
         file.resize(size);
         check(file);
     }
+    EXPECT_GT(accepted, 10);
+}
+
+TEST_F(CorruptFileTest, WhatTheFuzzerFound)
+{
+    what = "corpus replay";
+    for (const auto& entry : std::filesystem::directory_iterator(KELVANE_CORPUS)) {
+        const Bytes input = readFile(entry.path().string());
+        count(checkCorruptFileFrom(input.data(), input.size()), entry.path().filename().string());
+    }
+    EXPECT_GT(files, 20);
+    EXPECT_GT(accepted, 5);
 }
 
 } // namespace

@@ -312,7 +312,7 @@ TEST(CrashTest, WritingTheTargetFirstIsShownToBeUnsafe)
         lab.writeTarget(8 * BLOCK, bytes);
         store->update_hashes(8 * BLOCK, bytes.data(), 4 * BLOCK);
     });
-    report("naive order", lab);
+    report("negative control: naive order", lab);
     EXPECT_GT(lab.lies(), 0U);
 }
 
@@ -320,7 +320,7 @@ TEST(CrashTest, TornEntriesAreWhatDiscardingIsFor)
 {
     CrashLab lab(Recovery::Nothing);
     lab.run([&] { writeInSafeOrder(lab, *lab.open(BLOCKS)); });
-    report("safe order, torn entries kept", lab);
+    report("negative control: torn entries kept", lab);
     EXPECT_GT(lab.lies(), 0U);
 }
 
@@ -360,7 +360,7 @@ TEST(CrashTest, AShrinkThatInvalidatesFirstIsSafeToGrowAfter)
 
     CrashLab careless;
     shrinkAndGrow(careless, false);
-    report("shrink and grow, not invalidated", careless);
+    report("negative control: shrink and grow, not invalidated", careless);
     EXPECT_GT(careless.lies(), 0U);
 }
 

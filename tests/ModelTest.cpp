@@ -1,12 +1,16 @@
 // A store against a model of it, under random operations. KELVANE_MODEL_SEED is the first round's seed and
 // KELVANE_MODEL_ROUNDS the number of rounds, each with the next seed.
 #include <algorithm>
-#include <limits>
+#include <iostream>
 
 #include "Support.h"
+#include "SystemCalls.h"
 
 namespace kelvane::testing {
 namespace {
+
+constexpr int64_t MEBIBYTE = 1048576;
+constexpr auto CACHE = static_cast<int64_t>(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES);
 
 std::size_t at(int64_t index)
 {
@@ -74,12 +78,23 @@ struct Model {
         }
     }
 
-    void change(int64_t start, int64_t length, bool known)
+    int64_t numberOfWholeBlocks(int64_t start, int64_t length) const
     {
+        int64_t number = 0;
+        forEachBlock(start, length, [&](int64_t block) { number += covers(start, length, block) ? 1 : 0; });
+        return number;
+    }
+
+    // Returns how many blocks it touched.
+    int64_t change(int64_t start, int64_t length, bool known)
+    {
+        int64_t touched = 0;
         forEachBlock(start, length, [&](int64_t block) {
             const bool hashed = known && covers(start, length, block);
             setEntry(file, block, hashed ? blockDigest(target, blockSize, block, 0, size()) : Bytes());
+            ++touched;
         });
+        return touched;
     }
 
     Bytes::const_iterator entry(int64_t block) const { return file.begin() + 4096 + block * 33; }
@@ -89,18 +104,19 @@ struct Model {
     std::vector<std::pair<int64_t, int64_t>> missing(int64_t start, int64_t length) const
     {
         std::vector<std::pair<int64_t, int64_t>> runs;
-        bool joins = false;
-        for (int64_t byte = start; byte < start + length; ++byte) {
-            const int64_t block = byte / blockSize;
-            const bool needed = !covers(start, length, block) || !isKnown(block);
-            if (needed && !joins) {
-                runs.emplace_back(partitionOffset + byte, 0);
+        int64_t end = -1; // of the last run, inside the target
+        forEachBlock(start, length, [&](int64_t block) {
+            const int64_t from = std::max(start, block * blockSize);
+            const int64_t to = std::min(start + length, (block + 1) * blockSize);
+            if (from == to || (covers(start, length, block) && isKnown(block))) {
+                return;
             }
-            if (needed) {
-                ++runs.back().second;
+            if (end != from) {
+                runs.emplace_back(partitionOffset + from, 0);
             }
-            joins = needed;
-        }
+            runs.back().second += to - from;
+            end = to;
+        });
         return runs;
     }
 
@@ -130,13 +146,24 @@ public:
         : m_random {std::mt19937_64(seed)}
         , m_path(m_directory.file("hashes"))
         , m_model {m_random.oneOf({1, 3, 512, 4095, 4096, 4097, 65536}), m_random.oneOf({0, 1, 1000, 4096, 5000}), {}}
-        , m_invalidatesAfterGrowth(m_random.chance(50))
+        , m_keepsToTheRules(m_random.chance(50))
     {
+        if (m_model.blockSize == 65536 && m_random.chance(30)) {
+            m_model.partitionOffset += int64_t {1} << 32; // and the hash file exceeds a mebibyte
+        }
         m_model.resize(randomSize());
         scribble(0, m_model.size());
-        BlockHashStore::create(m_path, Blake2dHashFunctionType, endOffset(),
-                               static_cast<kelvane_size_t>(m_model.partitionOffset),
-                               static_cast<uint32_t>(m_model.blockSize), false);
+        writeFile(m_path, randomBytes(20000, 1)); // which is replaced
+        const auto create = [this] {
+            const CallCounter counter;
+            BlockHashStore::create(m_path, Blake2dHashFunctionType, endOffset(),
+                                   static_cast<kelvane_size_t>(m_model.partitionOffset),
+                                   static_cast<uint32_t>(m_model.blockSize), false);
+            return counter.counts();
+        };
+        const CallCounts counts
+            = {{Call::Open, 2}, {Call::Close, 2}, {Call::Seek, 2}, {Call::Write, 1 + pieces(m_model.file.size())}};
+        EXPECT_EQ(create(), counts);
         reopen();
     }
 
@@ -150,36 +177,49 @@ public:
                      + std::to_string(m_model.blockSize));
         if (kind < 45) {
             query(start, length);
-        } else if (kind < 85) {
+        } else if (kind < 83) {
             change(start, length, kind < 70);
-        } else if (kind < 90) {
+        } else if (kind < 88) {
             resize();
-        } else if (kind < 95) {
+        } else if (kind < 92) {
+            damage();
+        } else if (kind < 96) {
             reopen();
         } else {
+            const CallCounter counter;
             EXPECT_TRUE(m_store->sync_to_disk());
+            EXPECT_EQ(counter.counts(), (CallCounts {{Call::Fsync, 1}}));
         }
         compareFile();
+        work += 100 + m_model.size() / m_model.blockSize + m_model.size() / 2000;
     }
+
+    int64_t work = 0; // how much there was to do, roughly
 
 private:
+    static std::size_t pieces(std::size_t bytes) { return (bytes + MEBIBYTE - 1) / MEBIBYTE; }
     kelvane_size_t endOffset() const { return static_cast<kelvane_size_t>(m_model.partitionOffset + m_model.size()); }
 
-    // Up to a few hundred blocks, for some pages of entries, but little to hash.
+    // Up to a few hundred blocks, or as many bytes, or entries, as lie around a size that matters.
     int64_t randomSize()
     {
-        const int64_t blocks = m_random.below(std::min<int64_t>(450, 200000 / m_model.blockSize) + 1);
-        return std::max<int64_t>(0, blocks * m_model.blockSize + m_random.below(m_model.blockSize));
+        const int64_t block = m_model.blockSize;
+        const int64_t edge = m_random.oneOf({block, 4096, CACHE, MEBIBYTE});
+        const int64_t few = m_random.below(std::min<int64_t>(450, 200000 / block) + 1) * block + m_random.below(block);
+        const int64_t size = m_random.chance(60) ? few
+            : m_random.chance(50)                ? edge + m_random.oneOf({-1, 0, 1, block})
+                                                 : (edge / 33 + m_random.below(3)) * block;
+        return std::clamp<int64_t>(size, 0, std::min<int64_t>(32000 * block, MEBIBYTE + block));
     }
 
-    // A position in the target, mostly near the edge of a block, now and then outside.
+    // A position in the target, mostly near the edge of a block or another one that matters, now and then outside.
     int64_t randomPosition()
     {
+        const int64_t unit = m_random.chance(70) ? m_model.blockSize : m_random.oneOf({4096, CACHE, MEBIBYTE});
         const int64_t position = m_random.below(m_model.size() + 2);
-        const int64_t edge = position / m_model.blockSize * m_model.blockSize;
         return m_random.chance(20) ? position
             : m_random.chance(10)  ? m_model.size()
-                                   : edge + m_random.oneOf({-1, 0, 0, 0, 1});
+                                   : position / unit * unit + m_random.oneOf({-1, 0, 0, 0, 1});
     }
 
     // Fills a range with zeros, with nearly nothing else, or at random.
@@ -198,8 +238,10 @@ private:
     {
         MemoryTarget target {m_model.target, m_model.partitionOffset};
         const kelvane_off_t offset = m_model.partitionOffset + start;
+        const CallCounter counter;
         if (!m_model.accepts(start, length)) {
             EXPECT_NE(failureOf([&] { m_store->get_hash(offset, length, target.supplier()); }), "(none)");
+            EXPECT_EQ(counter.counts(), CallCounts());
             return;
         }
         const auto runs = m_model.missing(start, length);
@@ -207,10 +249,22 @@ private:
             EXPECT_THROW(m_store->get_hash(offset, length, nullptr), std::bad_function_call);
             return;
         }
+        std::size_t reads = 0;
+        m_store->setOnReadCallback([&](unsigned long) { ++reads; });
         const Bytes aggregate = m_store->get_hash(offset, length, target.supplier());
+        m_store->setOnReadCallback({});
+        const int64_t entries = 33 * m_model.numberOfWholeBlocks(start, length);
+        EXPECT_LE(reads, entries > 0 ? 1U : 0U);
+        EXPECT_GE(reads, entries < CACHE ? 0U : 1U);
+        EXPECT_LE(counter[Call::ReadAt], 2 * reads); // reading ahead, the second one meets the file's end
+        EXPECT_EQ(counter[Call::WriteAt], entries > 0 && !runs.empty() ? 1U : 0U);
+        EXPECT_TRUE(std::all_of(counter.counts().begin(), counter.counts().end(), [](const auto& count) {
+            return count.first == Call::WriteAt || count.first == Call::ReadAt;
+        }));
         EXPECT_EQ(target.asked, runs);
+        EXPECT_EQ(target.calls, runs.empty() ? 0 : 1);
         EXPECT_EQ(aggregate, m_model.query(start, length));
-        if (m_invalidatesAfterGrowth) {
+        if (m_keepsToTheRules) {
             EXPECT_EQ(aggregate, aggregateDigest(m_model.target, m_model.blockSize, start, length));
         }
     }
@@ -221,35 +275,72 @@ private:
         if (accepted) {
             scribble(start, length);
         }
+        unsigned long written = 0;
+        m_store->setOnWriteCallback([&](unsigned long bytes) { written += bytes; });
+        const CallCounter counter;
         const std::string failure = failureOf([&] {
             const kelvane_off_t offset = m_model.partitionOffset + start;
             update ? m_store->update_hashes(offset, m_model.target.data() + (accepted ? start : 0), length)
                    : m_store->invalidate_hashes(offset, length);
         });
+        m_store->setOnWriteCallback({});
         EXPECT_EQ(failure == "(none)", accepted) << failure;
-        if (accepted) {
-            m_model.change(start, length, update);
-        }
+        const int64_t blocks = accepted ? m_model.change(start, length, update) : 0;
+        EXPECT_EQ(counter.counts(), blocks == 0 ? CallCounts() : (CallCounts {{Call::WriteAt, 1}}));
+        EXPECT_EQ(written, 33U * at(blocks));
     }
 
     void resize()
     {
         const int64_t oldSize = m_model.size();
+        const std::size_t oldFileSize = m_model.file.size();
         m_model.resize(m_random.chance(5) ? 0 : randomSize());
-        reopen();
+        const std::size_t size = m_model.file.size();
+        m_store.reset();
+        CallCounts expected = {{Call::Stat, 1}, {Call::Open, 1}, {Call::ReadAt, 1}};
+        if (m_model.size() != oldSize) { // the header is written, and all is done again
+            expected = {{Call::Stat, 2},   {Call::Open, 3}, {Call::Close, 2},
+                        {Call::ReadAt, 2}, {Call::Seek, 1}, {Call::Write, 1}};
+        }
+        if (size > oldFileSize) {
+            expected[Call::WriteAt] = pieces(size - oldFileSize);
+            expected[Call::SyncFileRange] = 1;
+        } else if (size < oldFileSize) {
+            expected[Call::Truncate] = 1;
+        }
+        {
+            const CallCounter counter;
+            m_store = BlockHashStore::open(m_path, endOffset());
+            EXPECT_EQ(counter.counts(), expected);
+        }
         if (m_model.size() > oldSize) {
             scribble(oldSize, m_model.size() - oldSize);
             compareFile();
-            if (m_invalidatesAfterGrowth) {
+            if (m_keepsToTheRules) {
                 change(oldSize, m_model.size() - oldSize, false);
             }
         }
     }
 
+    // Entries get flags and digests that the store would not write: a flag's lowest bit decides.
+    void damage()
+    {
+        for (int i = 0; i < 5 && !m_keepsToTheRules && m_model.size() > 0; ++i) {
+            const int64_t block = m_random.below((m_model.size() + m_model.blockSize - 1) / m_model.blockSize);
+            std::generate_n(m_model.file.begin() + 4096 + 33 * block, 33,
+                            [&] { return static_cast<unsigned char>(m_random.generator()); });
+        }
+        m_store.reset();
+        writeFile(m_path, m_model.file);
+        reopen();
+    }
+
     void reopen()
     {
         m_store.reset();
+        const CallCounter counter;
         m_store = BlockHashStore::open(m_path, endOffset());
+        EXPECT_EQ(counter.counts(), (CallCounts {{Call::Stat, 1}, {Call::Open, 1}, {Call::ReadAt, 1}}));
     }
 
     void compareFile() const
@@ -264,7 +355,7 @@ private:
     TemporaryDirectory m_directory;
     std::string m_path;
     Model m_model;
-    bool m_invalidatesAfterGrowth; // which callers must for hashes to follow the target's bytes
+    bool m_keepsToTheRules; // invalidates after growth, and nothing else writes the file: hashes follow the target
     std::unique_ptr<BlockHashStore> m_store;
 };
 
@@ -277,16 +368,19 @@ uint64_t setting(const char* name, uint64_t otherwise)
 TEST(Model, StoreBehavesAsItsModelUnderRandomOperations)
 {
     const uint64_t firstSeed = setting("KELVANE_MODEL_SEED", 20001312);
-    const uint64_t rounds = setting("KELVANE_MODEL_ROUNDS", 50);
+    const uint64_t rounds = setting("KELVANE_MODEL_ROUNDS", 30);
     Logger::setLowestLevel(KELVANE_WARNING); // every other size would make a line
+    int operations = 0;
     for (uint64_t seed = firstSeed; seed < firstSeed + rounds && !HasFailure(); ++seed) {
         SCOPED_TRACE("KELVANE_MODEL_SEED=" + std::to_string(seed));
         Round round(seed);
-        for (int step = 0; step < 150 && !HasFailure(); ++step) {
+        while (round.work < 60000 && !HasFailure()) {
             round.step();
+            ++operations;
         }
     }
     Logger::setLowestLevel(KELVANE_DEBUG);
+    std::cout << "model: " << operations << " operations, seeds from " << firstSeed << " on, " << rounds << " rounds\n";
 }
 
 } // namespace

@@ -41,10 +41,7 @@ struct BlockHashStoreTestPeer {
     }
     static void validateHeader(Store& s, uint64_t target, uint64_t file) { s.validateHeader(target, file); }
     static void throwWithErrno(const std::string& message) { Store::throwWithErrno(message); }
-    static uint64_t bytesToBlocks(uint64_t bytes, uint32_t block) { return Store::bytesToBlocks(bytes, block); }
     static uint64_t computeHeaderSize() { return Store::computeHeaderSize(); }
-    static uint64_t getSystemPageSize() { return Store::getSystemPageSize(); }
-    static uint64_t computeDataSize(uint64_t t, uint32_t b, uint64_t h) { return Store::computeDataSize(t, b, h); }
     static uint64_t computeFileSize(uint64_t t, uint32_t b, uint64_t h) { return Store::computeFileSize(t, b, h); }
     static bool validReadWrite(int64_t expected, int64_t actual) { return Store::validReadWrite(expected, actual); }
     static int64_t toInternalOffset(const Store& s, int64_t offset) { return s.toInternalOffset(offset); }
@@ -196,26 +193,20 @@ inline void setEntry(Bytes& hashFile, int64_t block, const Bytes& digest)
 }
 
 // Hashes one buffer at a time as BlakeHash does, but answers call number `failAt` with `size` bytes.
-class FailingHash : public IHashFunction {
-public:
-    FailingHash(int failAt, std::size_t size)
-        : m_failAt(failAt)
-        , m_size(size)
+struct FailingHash : IHashFunction {
+    FailingHash(int failingCall, std::size_t sizeOfFailure)
+        : failAt(failingCall)
+        , size(sizeOfFailure)
     {
     }
-
     HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
     {
-        return m_calls++ == m_failAt ? HashValue(m_size) : m_blake.get_hash(buffer, length);
+        return calls++ == failAt ? HashValue(size) : BlakeHash().get_hash(buffer, length);
     }
-    kelvane_size_t hash_size_in_bytes() const override { return m_blake.hash_size_in_bytes(); }
-    HashFunctionType hash_id() const override { return m_blake.hash_id(); }
+    kelvane_size_t hash_size_in_bytes() const override { return 32; }
 
-private:
-    BlakeHash m_blake;
-    int m_failAt;
-    std::size_t m_size;
-    int m_calls = 0;
+    int failAt, calls = 0;
+    std::size_t size;
 };
 
 // Runs `operation` and returns the log lines that it caused, as "level function: text"; last an exception that

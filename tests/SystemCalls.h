@@ -2,11 +2,12 @@
 // to the kernel, and lets a test watch each one or have it fail.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <functional>
-#include <initializer_list>
+#include <map>
 
 namespace kelvane::testing {
 
@@ -14,11 +15,11 @@ enum class Call { Open, Close, Stat, Seek, Read, ReadAt, Write, WriteAt, Fsync, 
 
 struct CallRecord {
     Call call;
-    int fd;             // -1 for calls that take a path
-    const void* buffer; // of a write
-    std::size_t length; // of a transfer, a synced range or a truncated file
-    off_t offset;       // of a positioned transfer, a seek or a synced range
-    int flags;          // of an open or a synced range
+    int fd = -1;                  // for calls that take one
+    const void* buffer = nullptr; // of a write
+    std::size_t length = 0;       // of a transfer, a synced range or a truncated file
+    off_t offset = 0;             // of a positioned transfer, a seek or a synced range
+    int flags = 0;                // of an open or a synced range
 };
 
 // What becomes of a call: by default it is forwarded. With an error it fails without reaching the
@@ -46,25 +47,28 @@ private:
 class Fault {
 public:
     Fault(Call call, Outcome outcome, int skipped = 0, int times = 1);
-    ~Fault();
+    ~Fault() { EXPECT_GT(m_fired, 0) << "the fault never fired"; }
 
 private:
     int m_skipped;
-    int m_times;
     int m_fired = 0;
     CallHook m_hook;
 };
 
+using CallCounts = std::map<Call, std::size_t>; // of the calls that were made
+
 // Counts calls while it lives.
 class CallCounter {
 public:
-    CallCounter();
-    std::size_t operator[](Call call) const; // how many calls of that kind
-    std::size_t transfers() const;           // reads and writes of every kind
+    const CallCounts& counts() const { return m_counts; }
+    std::size_t operator[](Call call) const { return m_counts.contains(call) ? m_counts.at(call) : 0; }
 
 private:
-    std::size_t m_counts[12] = {};
-    CallHook m_hook;
+    CallCounts m_counts;
+    CallHook m_hook {[this](const CallRecord& record) {
+        ++m_counts[record.call];
+        return Outcome();
+    }};
 };
 
 int openDescriptors(); // how many the process holds

@@ -1,0 +1,124 @@
+// The edges of what the format and the system allow, with real files and the kernel's own failures.
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "Support.h"
+
+namespace kelvane::testing {
+
+namespace {
+
+constexpr int64_t MOST_BLOCKS = (int64_t {1} << 31) - 1;
+constexpr int64_t BLOCK = 4096;
+
+// A hash file for `blocks` blocks from the partition offset on, of which nothing but the header takes space; none
+// where the file system cannot hold one.
+std::unique_ptr<BlockHashStore> openSparse(const std::string& path, int64_t partitionOffset, int64_t blocks)
+{
+    const auto end = static_cast<kelvane_size_t>(partitionOffset + blocks * BLOCK);
+    writeFile(path, {});
+    if (::truncate(path.c_str(), static_cast<off_t>(Peer::computeFileSize(end, BLOCK, 32))) != 0) {
+        return nullptr;
+    }
+    Peer::initHeader(path, end, partitionOffset, BLOCK, 1);
+    return BlockHashStore::open(path, end);
+}
+
+Bytes entryOf(const std::string& path, int64_t block)
+{
+    std::ifstream file(path, std::ios::binary);
+    Bytes entry(ENTRY);
+    file.seekg(static_cast<int64_t>(DATA) + block * 33).read(reinterpret_cast<char*>(entry.data()), 33);
+    return entry;
+}
+
+void report(const std::string& what)
+{
+    std::cout << what << (::testing::Test::HasFailure() ? ": wrong\n" : ": right\n");
+}
+
+class LimitsTest : public ::testing::TestWithParam<int64_t> { };
+
+TEST_P(LimitsTest, TargetsOf8TiB)
+{
+    const TemporaryDirectory directory;
+    const int64_t partition = GetParam();
+    for (const int64_t blocks : {MOST_BLOCKS, MOST_BLOCKS + 1}) {
+        const auto store = openSparse(directory.file("hashes"), partition, blocks);
+        if (!store) {
+            GTEST_SKIP() << "the file system has no files of 66 GiB";
+        }
+        const int64_t end = partition + blocks * BLOCK;
+        const int64_t last = end - BLOCK;
+        Bytes data = randomBytes(BLOCK, 1);
+        store->update_hashes(last, data.data(), BLOCK);
+        Bytes entry = digestOf(data);
+        EXPECT_EQ(store->get_hash(last, BLOCK, nullptr), digestOf(entry));
+        entry.insert(entry.begin(), 1);
+        EXPECT_EQ(entryOf(directory.file("hashes"), blocks - 1), entry);
+        const auto failure = [&](int64_t offset, int64_t length) {
+            return failureOf([&] { store->invalidate_hashes(offset, length); });
+        };
+        const std::string text = "update_hashes: offset is out of bounds: ";
+        EXPECT_EQ(failure(last, BLOCK + 1), text + std::to_string(last) + ", " + std::to_string(blocks * BLOCK));
+        EXPECT_EQ(failure(end, 0), text + std::to_string(end) + ", " + std::to_string(blocks * BLOCK));
+        if (blocks > MOST_BLOCKS) {
+            EXPECT_EQ(failure(partition, blocks * BLOCK), "update_hashes: too many blocks in one request: 2147483648");
+        }
+    }
+    report("limits: 2147483648 blocks from offset " + std::to_string(partition) + " on");
+}
+
+INSTANTIATE_TEST_SUITE_P(PartitionOffset, LimitsTest, ::testing::Values(0, 5 * (int64_t {1} << 30)));
+
+// In a process of its own: files end at `size` bytes, where the kernel first writes short and then fails.
+void limitFiles(rlim_t size)
+{
+    const rlimit limit = {size, RLIM_INFINITY};
+    std::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+std::string failuresWhereFilesEnd()
+{
+    MemoryStore memory(1000 * BLOCK, 0, BLOCK); // 40960 bytes of hash file
+    const std::string other = memory.directory.file("other");
+    limitFiles(20000);
+    std::string texts = failureOf([&] { memory->update_hashes(0, memory.target.bytes.data(), 1000 * BLOCK); });
+    texts += ", " + failureOf([&] { BlockHashStore::create(other, Blake2dHashFunctionType, 1 << 30, 0, BLOCK, true); });
+    limitFiles(60000);
+    texts += ", " + failureOf([&] { BlockHashStore::open(memory.path, 2000 * BLOCK); });
+    limitFiles(RLIM_INFINITY);
+    memory->invalidate_hashes(0, 1000 * BLOCK);
+    const bool right = memory->get_hash(0, 1000 * BLOCK, memory.target.supplier())
+        == aggregateDigest(memory.target.bytes, BLOCK, 0, 1000 * BLOCK);
+    return texts + (right && memory.target.calls == 1 && !std::filesystem::exists(other) ? "" : ", wrong");
+}
+
+TEST(LimitsDeathTest, AFileThatMayNotGrowAndAFullDevice)
+{
+    EXPECT_EXIT(std::cerr << failuresWhereFilesEnd();
+                ::_exit(0), ::testing::ExitedWithCode(0),
+                "failed to write hash: 0: 27, failed to write to block hash file, "
+                "error in write while initting file region: 27$");
+
+    MemoryStore memory(300 * BLOCK, 0, BLOCK);
+    const std::string link = memory.directory.file("full");
+    std::filesystem::create_symlink("/dev/full", link);
+    EXPECT_EQ(failureOf([&] { BlockHashStore::create(link, Blake2dHashFunctionType, 1 << 20, 0, BLOCK, true); }),
+              "failed to write to block hash file");
+    EXPECT_FALSE(std::filesystem::exists(link)); // the link, that is
+    ASSERT_GE(Peer::file(*memory.store).open("/dev/full", O_RDWR), 0);
+    EXPECT_EQ(failureOf([&] { memory->get_hash(0, 300 * BLOCK, memory.target.supplier()); }),
+              "failed to write hash: 0: 28");
+    EXPECT_EQ(failureOf([&] { memory->update_hashes(BLOCK, memory.target.bytes.data(), BLOCK); }),
+              "failed to write hash: 4096: 28");
+    report("kernel failures: 3 at a file's largest size, 3 on a full device");
+}
+
+} // namespace
+} // namespace kelvane::testing

@@ -1,0 +1,64 @@
+#!/usr/bin/env python3
+"""Runs every check and prints its figures, one line each; fails when one of them fails or prints too few of them.
+
+Usage: check.py [NAME]...; KELVANE_MODEL_ROUNDS and FUZZ_SECONDS make the model's run and the fuzzer's longer."""
+import os
+import re
+import subprocess
+import sys
+import time
+
+PROGRAM = "build/release/tests/kelvane_tests"
+MODEL_ROUNDS = os.environ.get("KELVANE_MODEL_ROUNDS", "200")
+FUZZ_SECONDS = os.environ.get("FUZZ_SECONDS", "60")
+
+
+def tests(names):
+    return [PROGRAM, f"--gtest_filter={names}"]
+
+
+# What a check is called, how it is run, which lines of its output are figures (the groups alone, where there are
+# groups), and how many of them there must be.
+CHECKS = [
+    ("fault sweep", tests("*FaultSweep*"), r"fault sweep.*, 0 wrong", 2),
+    ("model", tests("Model.*"), r"model: \d+ operations.*", 1),
+    ("corrupt files", tests("CorruptFileTest.*"), r"(?:corrupt files|corpus replay): .* 0 wrong.*", 3),
+    ("crash states", tests("CrashTest.*"),
+     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative control.* [1-9]\d* with a wrong known entry", 6),
+    ("limits", tests("*Limits*"), r"(?:limits|kernel failures): .*: right", 3),
+    ("fuzzer", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"], r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 2),
+    ("address, undefined", ["make", "sanitize"], r"(\d+% tests passed.*)", 1),
+    ("valgrind", ["make", "valgrind"], r"\[  PASSED  \] (\d+ tests).*|.*(ERROR SUMMARY: 0 errors).*", 2),
+    ("coverage", ["make", "coverage"], r"((?:lines|branches): .*)", 2),
+]
+
+
+def figures(output, pattern):
+    for line in output.splitlines():
+        match = re.fullmatch(pattern, line.strip())
+        if match:
+            yield " ".join(filter(None, match.groups())) or line.strip()
+
+
+def run(title, command, pattern, count):
+    start = time.monotonic()
+    environment = dict(os.environ, **({"KELVANE_MODEL_ROUNDS": MODEL_ROUNDS} if title == "model" else {}))
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=environment)
+    output = done.stdout.decode(errors="replace")
+    found = list(figures(output, pattern))
+    good = done.returncode == 0 and len(found) >= count
+    if not good:
+        print(output[-5000:])
+    for line in found + [f"took {time.monotonic() - start:.0f} s"]:
+        print(f"{'ok' if good else 'FAILED':7}{title:20}{line}", flush=True)
+    return good
+
+
+def main():
+    os.chdir(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+    chosen = [check for check in CHECKS if len(sys.argv) == 1 or check[0] in sys.argv[1:]]
+    return 0 if all([run(*check) for check in chosen]) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
