@@ -153,6 +153,20 @@ TEST_F(SimpleCachedReaderTest, RepeatsInterruptedCallsAndReportsOtherFailures)
     EXPECT_EQ(reader.sync_file_range(4096, 8192), 0);
 }
 
+TEST_F(SimpleCachedReaderTest, ForgetsWhatAFailedWriteMayHaveChanged)
+{
+    expectReadAt(4096, 100);
+    seekTo(4096);
+    {
+        const CallHook hook([&](const CallRecord&) {
+            writeFile(path, content = randomBytes(FILE_SIZE, 8)); // nobody knows what becomes of the file
+            return Outcome {EIO};
+        });
+        EXPECT_EQ(reader.write(&byte, 1), -1);
+    }
+    expectReadAt(4096, 100);
+}
+
 TEST_F(SimpleCachedReaderTest, FetchesPagesOrStraightAndAheadWhereReadsAscend)
 {
     for (const kelvane_ssize_t offset : {290000, 200000, 150000, 100000, 8190, 1}) { // scattered
