@@ -19,7 +19,7 @@ using Lines = std::vector<std::string>;
 
 constexpr uint32_t BLOCK = 512;
 constexpr kelvane_off_t PARTITION = 1048576;
-constexpr std::size_t SIZE = 300 * BLOCK + 100; // entries on three pages, and a block that is not whole
+constexpr std::size_t SIZE = 500 * BLOCK + 100; // entries on some pages, and a block that is not whole
 constexpr std::size_t TORN = DATA + 512;        // where an entry crosses a sector's end
 using Arrays = std::vector<std::unique_ptr<char[]>>;
 
@@ -40,7 +40,7 @@ struct Lab : MemoryStore {
     Lab()
         : MemoryStore(SIZE, PARTITION, BLOCK)
     {
-        for (int i = 0; i < 300; i += 3) { // every third block is known
+        for (int i = 0; i < 500; i += 3) { // every third block is known
             store->update_hashes(PARTITION + i * BLOCK, target.bytes.data() + i * BLOCK, BLOCK);
         }
         image = file();
@@ -132,7 +132,7 @@ bool sync(Lab& lab)
 }
 
 const Lines CREATE
-    = {"error opening file for writing: E",   "!error in seek while trying to grow the file to 81920, errno = E",
+    = {"error opening file for writing: E",   "!error in seek while trying to grow the file to 90112, errno = E",
        "!failed to write to block hash file", "failed to close fd while creating the block hash store: E",
        "!error opening file for writing",     "failed to seek to beginning of file to write header.: E",
        "failed to initialize header data: E", "failed to close fd while creating the block hash store: E"};
@@ -160,12 +160,12 @@ bool (*const INVALIDATE)(Lab&) = [](Lab& lab) { return lab.store->invalidate_has
 bool (*const DISCARD_TORN)(Lab&) = [](Lab& lab) { return lab.store->discard_torn_entries(), true; };
 
 const Operation OPERATIONS[]
-    = {{Operation::Creates, "create", SIZE, create<false>, 0, 300, CREATE},
-       {Operation::Creates, "create or delete", SIZE, create<true>, 0, 300, CREATE},
+    = {{Operation::Creates, "create", SIZE, create<false>, 0, 500, CREATE},
+       {Operation::Creates, "create or delete", SIZE, create<true>, 0, 500, CREATE},
        {Operation::Opens, "open", SIZE, open, 0, 0, OPEN},
        {Operation::Opens, "open and grow", 2 * SIZE, open, 0, 0, openAndResize(GROW)},
        {Operation::Opens, "open and shrink", SIZE / 3, open, 0, 0, openAndResize({"!failed to truncate file: E"})},
-       {Operation::Hashes, "get_hash", SIZE, HASH_RANGE, 0, 300, HASH},
+       {Operation::Hashes, "get_hash", SIZE, HASH_RANGE, 0, 500, HASH},
        {Operation::Changes, "update_hashes", SIZE, update, 70, 81, {"failed to write hash: 1084421: E"}},
        {Operation::Changes, "invalidate_hashes", SIZE, INVALIDATE, 0, 100, {"failed to write hash: 1048579: E"}},
        {Operation::Changes, "sync_to_disk", SIZE, sync, 0, 0, {"!sync failed"}},

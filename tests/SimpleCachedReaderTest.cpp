@@ -153,6 +153,30 @@ TEST_F(SimpleCachedReaderTest, RepeatsInterruptedCallsAndReportsOtherFailures)
     EXPECT_EQ(reader.sync_file_range(4096, 8192), 0);
 }
 
+TEST_F(SimpleCachedReaderTest, ForgetsWhatAFailedWriteMayHaveChanged)
+{
+    expectReadAt(4096, 100);
+    seekTo(4096);
+    {
+        const CallHook hook([&](const CallRecord&) {
+            writeFile(path, content = randomBytes(FILE_SIZE, 8)); // nobody knows what becomes of the file
+            return Outcome {EIO};
+        });
+        EXPECT_EQ(reader.write(&byte, 1), -1);
+    }
+    expectReadAt(4096, 100);
+}
+
+TEST_F(SimpleCachedReaderTest, WritesThatLeaveAByteOutDoNotMakeItUp)
+{
+    for (const std::size_t offset : {200000U, 200011U}) {
+        seekTo(static_cast<kelvane_ssize_t>(offset));
+        ASSERT_EQ(reader.write(content.data(), 10), 10);
+        std::copy_n(content.begin(), 10, &content[offset]);
+    }
+    expectReadAt(200000, 21);
+}
+
 TEST_F(SimpleCachedReaderTest, FetchesPagesOrStraightAndAheadWhereReadsAscend)
 {
     for (const kelvane_ssize_t offset : {290000, 200000, 150000, 100000, 8190, 1}) { // scattered

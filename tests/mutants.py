@@ -53,7 +53,7 @@ bytes + 1, length - 1) => bytes + 1, length - (length > 1 ? 2 : 1))
 @ src/IHashFunction.cpp
 || hash.size() != hash_size_in_bytes() =>
 @ src/Blake2sp.cpp
-batch - batch % MESSAGES_AT_ONCE; => batch;
+leafDigests + (lane < count => leafDigests + (lane + 1 < count
 counter = offset / LEAVES + own => counter = offset / LEAVES + (own == 63 ? 64 : own)
 @ src/Logger.cpp
 }\n    errno = m_savedErrno;\n} => }\n}
@@ -112,7 +112,8 @@ def main():
         results.append(bool(tests))
         if results[0]:
             sys.exit("the tests fail without any bug")
-        print(f"{name}: {line}\n    {'caught by ' + ', '.join(tests) if tests else 'SURVIVED'}", flush=True)
+        if len(results) > 1:
+            print(f"{name}: {line}\n    {'caught by ' + ', '.join(tests) if tests else 'SURVIVED'}", flush=True)
     print(f"mutants: {len(results) - 1} planted, {sum(results[1:])} caught")
     return not all(results[1:])
 
