@@ -45,13 +45,14 @@ sanitize:
 	cmake --build --preset sanitize --parallel $(BUILD_JOBS)
 	ctest --preset sanitize --parallel $(BUILD_JOBS)
 
-# The tests again, under valgrind, which leaves them their own operator new.
+# The tests again, under valgrind, which leaves them their own operator new. Threads only wait there.
 valgrind:
 	$(INSTALL) build test valgrind
 	cmake --preset release
 	cmake --build --preset release --parallel $(BUILD_JOBS)
-	KELVANE_MODEL_ROUNDS=5 valgrind --error-exitcode=1 --soname-synonyms=somalloc=nouserintercepts --leak-check=full \
-	  --errors-for-leak-kinds=definite --show-leak-kinds=definite build/release/tests/kelvane_tests --gtest_brief=1
+	KELVANE_MODEL_ROUNDS=5 OMP_NUM_THREADS=1 valgrind --error-exitcode=1 --soname-synonyms=somalloc=nouserintercepts \
+	  --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite \
+	  build/release/tests/kelvane_tests --gtest_brief=1
 
 # Searches for hash files that opening gets wrong. The inputs that it makes stay in build/fuzz/corpus.
 FUZZ_SECONDS ?= 60
