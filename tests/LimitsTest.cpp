@@ -53,21 +53,18 @@ TEST_P(LimitsTest, TargetsOf8TiB)
             GTEST_SKIP() << "the file system has no files of 66 GiB";
         }
         const int64_t end = partition + blocks * BLOCK;
-        const int64_t last = end - BLOCK;
         Bytes data = randomBytes(BLOCK, 1);
-        store->update_hashes(last, data.data(), BLOCK);
+        store->update_hashes(end - BLOCK, data.data(), BLOCK);
         Bytes entry = digestOf(data);
-        EXPECT_EQ(store->get_hash(last, BLOCK, nullptr), digestOf(entry));
+        EXPECT_EQ(store->get_hash(end - BLOCK, BLOCK, nullptr), digestOf(entry));
         entry.insert(entry.begin(), 1);
         EXPECT_EQ(entryOf(directory.file("hashes"), blocks - 1), entry);
-        const auto failure = [&](int64_t offset, int64_t length) {
-            return failureOf([&] { store->invalidate_hashes(offset, length); });
-        };
-        const std::string text = "update_hashes: offset is out of bounds: ";
-        EXPECT_EQ(failure(last, BLOCK + 1), text + std::to_string(last) + ", " + std::to_string(blocks * BLOCK));
-        EXPECT_EQ(failure(end, 0), text + std::to_string(end) + ", " + std::to_string(blocks * BLOCK));
+        EXPECT_EQ(failureOf([&] { store->invalidate_hashes(end, 0); }),
+                  "update_hashes: offset is out of bounds: " + std::to_string(end) + ", "
+                      + std::to_string(blocks * BLOCK));
         if (blocks > MOST_BLOCKS) {
-            EXPECT_EQ(failure(partition, blocks * BLOCK), "update_hashes: too many blocks in one request: 2147483648");
+            EXPECT_EQ(failureOf([&] { store->invalidate_hashes(partition, blocks * BLOCK); }),
+                      "update_hashes: too many blocks in one request: 2147483648");
         }
     }
     report("limits: 2147483648 blocks from offset " + std::to_string(partition) + " on");
@@ -75,7 +72,7 @@ TEST_P(LimitsTest, TargetsOf8TiB)
 
 INSTANTIATE_TEST_SUITE_P(PartitionOffset, LimitsTest, ::testing::Values(0, 5 * (int64_t {1} << 30)));
 
-// In a process of its own: files end at `size` bytes, where the kernel first writes short and then fails.
+// Files end at `size` bytes, where the kernel first writes short and then fails.
 void limitFiles(rlim_t size)
 {
     const rlimit limit = {size, RLIM_INFINITY};
@@ -117,6 +114,9 @@ TEST(LimitsDeathTest, AFileThatMayNotGrowAndAFullDevice)
               "failed to write hash: 0: 28");
     EXPECT_EQ(failureOf([&] { memory->update_hashes(BLOCK, memory.target.bytes.data(), BLOCK); }),
               "failed to write hash: 4096: 28");
+    SimpleCachedReader& file = Peer::file(*memory.store);
+    EXPECT_EQ(file.seek(INT64_MAX, SEEK_SET), INT64_MAX); // behind which no byte can lie
+    EXPECT_EQ(file.read(memory.target.bytes.data(), 1) + file.write(memory.target.bytes.data(), 1), -2);
     report("kernel failures: 3 at a file's largest size, 3 on a full device");
 }
 
