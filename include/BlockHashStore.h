@@ -148,7 +148,8 @@ public:
     // so far the hash file is untouched; then
     //   "failed to seek in hash file during update: " position (errno)
     //   "failed to write hash: " offset (errno), which is also what becomes of more than 2^31 - 1 bytes of
-    //   entries (65,075,262 blocks) in one request
+    //   entries (65,075,262 blocks) in one request. What the write left is not repaired: some entries may be
+    //   stored, and one by half, though known, so invalidate the range
     //   "failed to hash aggregate hashes"
     HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length, DataRequiredFunc dataRequiredFunc);
 
@@ -166,7 +167,8 @@ public:
     //   "encountered a null buffer while updating hashes", when the range touches a block
     //   "failed to compute hash from data"
     //   "failed to seek in hash file: " position (errno)
-    //   "failed to write hash: " offset (errno); also for more than 65,075,262 blocks
+    //   "failed to write hash: " offset (errno); also for more than 65,075,262 blocks. See get_hash for what the
+    //   file may then hold
     void update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length);
 
     // Makes every block that the range touches unknown. Costs one write. Fails as update_hashes does.

@@ -50,11 +50,29 @@ public:
 
     // Stores the hashes of the blocks that the range covers wholly; `buffer` holds the range's bytes as
     // they now stand in the target, on stable storage. At most once per guard. Fails as
-    // BlockHashStore::update_hashes does; the range then stays unknown, or has its new hashes in part.
+    // BlockHashStore::update_hashes does; the range is then made unknown again, for a write of hashes that was cut
+    // short can leave one of them by half. Where the hash file takes no write at all, nothing has changed.
     // The hashes reach the disk in their own time: losing them costs a rehash.
-    void commit(kelvane_buf_t buffer) { m_store.update_hashes(m_offset, buffer, m_length); }
+    void commit(kelvane_buf_t buffer)
+    {
+        try {
+            m_store.update_hashes(m_offset, buffer, m_length);
+        } catch (...) {
+            makeUnknownAgain();
+            throw;
+        }
+    }
 
 private:
+    void makeUnknownAgain()
+    {
+        try {
+            m_store.invalidate_hashes(m_offset, m_length);
+        } catch (const std::runtime_error&) {
+            // The caller learns of the failure that came first.
+        }
+    }
+
     BlockHashStore& m_store;
     kelvane_off_t m_offset;
     kelvane_buf_len_t m_length;

@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "Support.h"
+#include "TargetWriteGuard.h"
 
 namespace kelvane::testing {
 
@@ -84,13 +85,13 @@ std::string failuresWhereFilesEnd()
 {
     MemoryStore memory(1000 * BLOCK, 0, BLOCK); // 40960 bytes of hash file
     const std::string other = memory.directory.file("other");
+    TargetWriteGuard guard(*memory.store, 0, 1000 * BLOCK);
     limitFiles(20000);
-    std::string texts = failureOf([&] { memory->update_hashes(0, memory.target.bytes.data(), 1000 * BLOCK); });
+    std::string texts = failureOf([&] { guard.commit(memory.target.bytes.data()); });
     texts += ", " + failureOf([&] { BlockHashStore::create(other, Blake2dHashFunctionType, 1 << 30, 0, BLOCK, true); });
     limitFiles(60000);
     texts += ", " + failureOf([&] { BlockHashStore::open(memory.path, 2000 * BLOCK); });
     limitFiles(RLIM_INFINITY);
-    memory->invalidate_hashes(0, 1000 * BLOCK);
     const bool right = memory->get_hash(0, 1000 * BLOCK, memory.target.supplier())
         == aggregateDigest(memory.target.bytes, BLOCK, 0, 1000 * BLOCK);
     return texts + (right && memory.target.calls == 1 && !std::filesystem::exists(other) ? "" : ", wrong");

@@ -141,7 +141,21 @@ Store::Hash Store::hash(const void* buffer, std::size_t length) const
 
 void Store::update(Range range, char* data)
 {
-    naming([&] { m_store->update_hashes(m_partitionOffset + range.offset, data, range.length); });
+    try {
+        naming([&] { m_store->update_hashes(m_partitionOffset + range.offset, data, range.length); });
+    } catch (const Failure&) {
+        forget(range); // a write that was cut short can leave a hash by half
+        throw;
+    }
+}
+
+void Store::forget(Range range)
+{
+    try {
+        m_store->invalidate_hashes(m_partitionOffset + range.offset, range.length);
+    } catch (const std::runtime_error&) {
+        // The failure that came first is reported.
+    }
 }
 
 void Store::invalidate(Range range)

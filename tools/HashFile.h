@@ -54,6 +54,7 @@ public:
 private:
     template <class Operation>
     auto naming(Operation operation) const -> decltype(operation());
+    void forget(Range range);
 
     std::string m_path;
     std::int64_t m_partitionOffset;
