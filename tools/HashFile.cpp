@@ -291,8 +291,9 @@ bool HashFile::isNewer(const Image& image, const std::string& hashFilePath)
         || ::stat(hashFilePath.c_str(), &hashFileStatus) != 0) {
         return false;
     }
-    const timespec& changed = imageStatus.st_mtim;
-    const timespec& stored = hashFileStatus.st_mtim;
+    // Not the times of modification, which a copy that keeps its original's time would bring along.
+    const timespec& changed = imageStatus.st_ctim;
+    const timespec& stored = hashFileStatus.st_ctim;
     return changed.tv_sec > stored.tv_sec || (changed.tv_sec == stored.tv_sec && changed.tv_nsec > stored.tv_nsec);
 }
 

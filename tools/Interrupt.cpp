@@ -24,6 +24,7 @@ void installInterruptHandler()
     action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND); // the second one ends the program at once
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGXFSZ, SIG_IGN); // a file at its largest size is an error with a cause
 }
 
 int interruptSignal()
