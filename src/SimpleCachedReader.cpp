@@ -274,7 +274,6 @@ kelvane_ssize_t SimpleCachedReader::readThroughCache(char* buffer, kelvane_ssize
     const bool ascending
         = m_last_read_end >= 0 && m_seek_offset >= m_last_read_end && m_seek_offset - m_last_read_end <= ASCENDING_GAP;
     const Window window = windowFor(missing, length - cached, ascending, static_cast<kelvane_ssize_t>(m_cache_size));
-    dropCache(); // the buffer's content holds only once the read has succeeded
     const kelvane_ssize_t fetched = result(
         posix::readAt(m_fd, m_read_buffer.get(), static_cast<std::size_t>(window.length), window.start), moved);
     m_read_buffer_start_offset = window.start;

@@ -181,6 +181,21 @@ inline Bytes aggregateDigest(const Bytes& target, int64_t blockSize, int64_t fro
 constexpr std::size_t DATA = 4096; // where the entries of a hash file start
 constexpr std::size_t ENTRY = 33;
 
+// Whether an entry says that a whole block of the target is known, but has another digest.
+inline bool hasWrongEntry(const Bytes& hashFile, const Bytes& target, std::size_t blockSize)
+{
+    const std::size_t entries = (std::max(hashFile.size(), DATA) - DATA) / ENTRY;
+    const std::size_t blocks = std::min(target.size() / blockSize, entries);
+    for (std::size_t block = 0; block < blocks; ++block) {
+        const unsigned char* const entry = &hashFile[DATA + block * ENTRY];
+        const unsigned char* const data = &target[block * blockSize];
+        if ((*entry & 1) != 0 && Bytes(entry + 1, entry + ENTRY) != digestOf(Bytes(data, data + blockSize))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Sets the entry of a block in the bytes of a hash file: known with `digest`, or all zero without one.
 inline void setEntry(Bytes& hashFile, int64_t block, const Bytes& digest)
 {
