@@ -1,5 +1,4 @@
 // Requests to an open store that the model and the fault sweep do not make.
-#include <cerrno>
 #include <limits>
 
 #include "Support.h"
@@ -9,8 +8,41 @@ namespace {
 
 constexpr int64_t LOWEST = std::numeric_limits<int64_t>::min();
 constexpr int64_t HIGHEST = std::numeric_limits<int64_t>::max();
+constexpr int64_t INTERESTING[]
+    = {LOWEST, LOWEST + 1, -4096, -1, 0, 1, 999, 1000, 1001, 7192, 7193, 8191, 8192, 8193, HIGHEST - 1, HIGHEST};
 
-using Ranges = std::vector<std::pair<kelvane_off_t, kelvane_off_t>>;
+// What an access ends with, by numbers that cannot wrap around.
+std::string violation(uint64_t target, uint64_t partition, int64_t offset, int64_t length)
+{
+    const __int128 end = std::min<__int128>(target, HIGHEST); // offsets beyond do not exist
+    const bool accepted
+        = offset >= static_cast<__int128>(partition) && offset < end && static_cast<__int128>(offset) + length <= end;
+    return accepted ? "(none)"
+                    : "tag: offset is out of bounds: " + std::to_string(offset) + ", "
+            + std::to_string(static_cast<int64_t>(target - partition));
+}
+
+TEST(Request, IsAcceptedInsideTheTargetOnly)
+{
+    const MemoryStore store(1, 0, 1);
+    const auto check = [&](int64_t target, int64_t partition, int64_t offset, int64_t length) {
+        const auto [t, p] = std::pair(static_cast<uint64_t>(target), static_cast<uint64_t>(partition));
+        Peer::header(*store.store).targetSizeInBytes = t;
+        Peer::header(*store.store).partitionOffset = p;
+        EXPECT_EQ(Peer::toInternalOffset(*store.store, Peer::fromInternalOffset(*store.store, offset)), offset);
+        EXPECT_EQ(failureOf([&] { store->throwOnAccessViolation("tag", offset, length); }),
+                  violation(t, p, offset, length));
+    };
+    for (const int64_t target : INTERESTING) {
+        for (const int64_t partition : INTERESTING) {
+            for (const int64_t offset : INTERESTING) {
+                for (const int64_t length : INTERESTING) {
+                    check(target, partition, offset, length);
+                }
+            }
+        }
+    }
+}
 
 TEST(Request, RefusesWhatItCannotServe)
 {
@@ -27,13 +59,13 @@ TEST(Request, RefusesWhatItCannotServe)
     check(2049, 2, "offset is out of bounds: 2049, 1000");
     check(1100, -1, "length is negative: -1");
     check(1100, LOWEST, "length is negative: -9223372036854775808");
-    const auto updateFailure = [&](int64_t offset, int64_t length) {
-        return failureOf([&] { store->update_hashes(offset, nullptr, length); });
-    };
-    EXPECT_EQ(updateFailure(1050, 100), "encountered a null buffer while updating hashes");
-    EXPECT_EQ(updateFailure(1051, 0), "encountered a null buffer while updating hashes");
-    EXPECT_EQ(updateFailure(1050, -1), "update_hashes: length is negative: -1");
-    EXPECT_EQ(updateFailure(1150, 0), "(none)");
+    const std::string null = "encountered a null buffer while updating hashes";
+    for (const auto& [offset, length, text] : {std::tuple(1050, 100, null),
+                                               {1051, 0, null},
+                                               {1050, -1, "update_hashes: length is negative: -1"},
+                                               {1150, 0, "(none)"}}) {
+        EXPECT_EQ(failureOf([&] { store->update_hashes(offset, nullptr, length); }), text);
+    }
     const kelvane_buf_len_t room = Peer::hashBufferSize(*store.store);
     Peer::header(*store.store).blockSizeInBytes = 1;
     Peer::header(*store.store).targetSizeInBytes = uint64_t {1} << 40;
@@ -48,56 +80,39 @@ TEST(Request, RefusesWhatItCannotServe)
 TEST(Request, FailsWithoutItsFile)
 {
     MemoryStore store(1000, 1050, 100);
-    const auto lose = [&] { Peer::file(*store.store) = SimpleCachedReader(0); };
-    const auto hash = [&] {
-        store->get_hash(1150, 100, [&](const auto& offsets, const auto& lengths) {
-            lose();
-            return store.target.supplier()(offsets, lengths);
-        });
-    };
-    EXPECT_EQ(failureOf(hash), "failed to seek in hash file during update: 4129: 9");
-    EXPECT_EQ(failureOf(hash), "failed to seek in hash file: 4129: 9");
-    EXPECT_EQ(failureOf([&] { store->invalidate_hashes(1150, 100); }), "failed to seek in hash file: 4129: 9");
-    EXPECT_EQ(failureOf([&] { store->discard_torn_entries(); }), "failed to read hash entry: 4591: 9");
-    EXPECT_EQ(failureOf([&] { Peer::initFileRegion(*store.store, 10, 20); }),
-              "error in seek while initting file region: 10, 20, errno = 9");
-}
-
-TEST(Request, ReachesTheLastOffset)
-{
-    const MemoryStore store(1, 0, 4096);
-    Peer::header(*store.store).targetSizeInBytes = UINT64_MAX;
-    Peer::header(*store.store).partitionOffset = 4096;
-    Ranges asked;
     const auto supplier = [&](const auto& offsets, const auto& lengths) {
-        asked.emplace_back(offsets[0], lengths[0]);
-        std::vector<std::unique_ptr<char[]>> data;
-        data.push_back(std::make_unique<char[]>(2));
-        data.back()[1] = 'x';
-        return data;
+        Peer::file(*store.store) = SimpleCachedReader(0);
+        return store.target.supplier()(offsets, lengths);
     };
-    Bytes block(4096);
-    block[4094] = 'x';
-    EXPECT_EQ(store->get_hash(HIGHEST - 2, 2, supplier), digestOf(digestOf(block)));
-    EXPECT_EQ(asked, (Ranges {{HIGHEST - 2, 2}}));
+    const std::pair<std::function<void()>, std::string> failures[]
+        = {{[&] { store->get_hash(1150, 100, supplier); }, "failed to seek in hash file during update: 4129: 9"},
+           {[&] { store->get_hash(1150, 100, supplier); }, "failed to seek in hash file: 4129: 9"},
+           {[&] { store->invalidate_hashes(1150, 100); }, "failed to seek in hash file: 4129: 9"},
+           {[&] { store->discard_torn_entries(); }, "failed to read hash entry: 4591: 9"},
+           {[&] { Peer::initFileRegion(*store.store, 10, 20); },
+            "error in seek while initting file region: 10, 20, errno = 9"}};
+    for (const auto& [operation, text] : failures) {
+        EXPECT_EQ(failureOf(operation), text);
+    }
 }
 
 TEST(Request, HashFunctionFailuresKeepTheFileUntilAllBlocksAreHashed)
 {
     constexpr int BLOCKS = 300;
     constexpr int64_t LENGTH = BLOCKS * 20 - 7; // the last block is partial
+    MemoryStore store(LENGTH, 11, 20);
+    const Bytes before = store.file();
+    Bytes after = before;
+    for (int64_t block = 0; block < BLOCKS - 1; ++block) {
+        setEntry(after, block, blockDigest(store.target.bytes, 20, block, 0, LENGTH));
+    }
+    const auto hash = [&] { return store->get_hash(11, LENGTH, store.target.supplier()); };
+    const auto update = [&] { store->update_hashes(11, store.target.bytes.data(), LENGTH); };
     for (const int failAt : {0, 1, 127, 128, 200, 256, BLOCKS - 2, BLOCKS - 1, BLOCKS}) {
         for (const std::size_t size : {0U, 31U, 33U}) {
             SCOPED_TRACE(std::to_string(failAt) + ", " + std::to_string(size));
-            MemoryStore store(LENGTH, 11, 20);
-            const Bytes before = store.file();
-            Bytes after = before;
-            for (int64_t block = 0; block < BLOCKS - 1; ++block) {
-                setEntry(after, block, blockDigest(store.target.bytes, 20, block, 0, LENGTH));
-            }
-            const auto hash = [&] { return store->get_hash(11, LENGTH, store.target.supplier()); };
-            const auto update = [&] { store->update_hashes(11, store.target.bytes.data(), LENGTH); };
             const auto failureWith = [&](const std::function<void()>& operation) {
+                store->invalidate_hashes(11, LENGTH);
                 auto good
                     = std::exchange(Peer::hashFunction(*store.store), std::make_unique<FailingHash>(failAt, size));
                 const std::string failure = failureOf(operation);
@@ -119,51 +134,6 @@ TEST(Request, HashFunctionFailuresKeepTheFileUntilAllBlocksAreHashed)
             EXPECT_EQ(store.file(), after);
         }
     }
-}
-
-// A hash function with digests of another size, which repeat one byte.
-struct SizedHash : IHashFunction {
-    explicit SizedHash(std::size_t sizeInBytes)
-        : size(sizeInBytes)
-    {
-    }
-    HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
-    {
-        return HashValue(size, BlakeHash().get_hash(buffer, length)[0]);
-    }
-    kelvane_size_t hash_size_in_bytes() const override { return size; }
-
-    std::size_t size;
-};
-
-TEST(Request, FollowsTheDigestSizeOfTheHashFunction)
-{
-    for (const std::size_t size : {1U, 20U, 100U}) {
-        MemoryStore store(400, 0, 10);
-        SizedHash hash(size);
-        Bytes expected(store.file()), digests;
-        expected.resize(DATA);
-        for (std::size_t block = 0; block < 40; ++block) {
-            const Bytes digest = hash.get_hash(store.target.bytes.data() + block * 10, 10);
-            expected.push_back(1);
-            expected.insert(expected.end(), digest.begin(), digest.end());
-            digests.insert(digests.end(), digest.begin(), digest.end());
-        }
-        Peer::hashFunction(*store.store) = std::make_unique<SizedHash>(size);
-        const Bytes aggregate = hash.get_hash(digests.data(), static_cast<kelvane_buf_len_t>(digests.size()));
-        EXPECT_EQ(store->get_hash(0, 400, store.target.supplier()), aggregate);
-        EXPECT_EQ(store->get_hash(0, 400, nullptr), aggregate);
-        Bytes found = store.file();
-        found.resize(expected.size());
-        EXPECT_EQ(found, expected);
-    }
-}
-
-TEST(Request, OneBufferHashPassesOnWhatTheHashFunctionGives)
-{
-    MemoryStore store(100, 0, 4096);
-    EXPECT_EQ(store->get_hash(store.target.bytes.data(), 100), digestOf(store.target.bytes));
-    EXPECT_TRUE(store->get_hash(kelvane_buf_t {}, 1).empty());
     Peer::hashFunction(*store.store) = std::make_unique<FailingHash>(0, 5);
     EXPECT_EQ(store->get_hash(store.target.bytes.data(), 1).size(), 5U);
 }

@@ -40,10 +40,7 @@ struct BlockHashStoreTestPeer {
         Store::initHeader(path, target, partition, block, id);
     }
     static void validateHeader(Store& s, uint64_t target, uint64_t file) { s.validateHeader(target, file); }
-    static void throwWithErrno(const std::string& message) { Store::throwWithErrno(message); }
-    static uint64_t computeHeaderSize() { return Store::computeHeaderSize(); }
     static uint64_t computeFileSize(uint64_t t, uint32_t b, uint64_t h) { return Store::computeFileSize(t, b, h); }
-    static bool validReadWrite(int64_t expected, int64_t actual) { return Store::validReadWrite(expected, actual); }
     static int64_t toInternalOffset(const Store& s, int64_t offset) { return s.toInternalOffset(offset); }
     static int64_t fromInternalOffset(const Store& s, int64_t offset) { return s.fromInternalOffset(offset); }
 };
