@@ -39,23 +39,11 @@ struct Model {
         for (int64_t block = 0; block * blockSize < partitionOffset + newSize; ++block) {
             end += ENTRY;
         }
-        while (end % 4096 != 0) {
-            ++end;
-        }
         target.resize(at(newSize));
-        file.resize(end); // entries that the last page keeps come back when the target grows again
-        put(0, 0x20001312);
-        put(16, DATA);
-        put(24, static_cast<uint64_t>(blockSize));
-        put(32, static_cast<uint64_t>(partitionOffset + newSize));
-        put(40, static_cast<uint64_t>(partitionOffset));
-        put(48, 1);
-    }
-
-    void put(std::size_t position, uint64_t value)
-    {
-        for (int i = 0; i < 8; ++i) {
-            file[position++] = static_cast<unsigned char>(value >> (8 * i));
+        file.resize((end + 4095) / 4096 * 4096); // entries that the last page keeps come back when the target grows
+        const int64_t header[] = {0x20001312, 0, 4096, blockSize, partitionOffset + newSize, partitionOffset, 1};
+        for (std::size_t i = 0; i < 7 * 8; ++i) {
+            file[i] = static_cast<unsigned char>(header[i / 8] >> (8 * (i % 8)));
         }
     }
 
@@ -69,32 +57,22 @@ struct Model {
         return start <= block * blockSize && (block + 1) * blockSize <= start + length;
     }
 
-    // Visits the blocks that a range touches; an empty one touches the block that it lies inside of.
-    template <class Visitor>
-    void forEachBlock(int64_t start, int64_t length, Visitor visitor) const
+    // The blocks that a range touches; an empty one touches the block that it lies inside of.
+    std::vector<int64_t> blocks(int64_t start, int64_t length) const
     {
+        std::vector<int64_t> blocks;
         for (int64_t block = start / blockSize; block * blockSize < start + length; ++block) {
-            visitor(block);
+            blocks.push_back(block);
         }
+        return blocks;
     }
 
-    int64_t numberOfWholeBlocks(int64_t start, int64_t length) const
+    void change(int64_t start, int64_t length, bool known)
     {
-        int64_t number = 0;
-        forEachBlock(start, length, [&](int64_t block) { number += covers(start, length, block) ? 1 : 0; });
-        return number;
-    }
-
-    // Returns how many blocks it touched.
-    int64_t change(int64_t start, int64_t length, bool known)
-    {
-        int64_t touched = 0;
-        forEachBlock(start, length, [&](int64_t block) {
+        for (const int64_t block : blocks(start, length)) {
             const bool hashed = known && covers(start, length, block);
             setEntry(file, block, hashed ? blockDigest(target, blockSize, block, 0, size()) : Bytes());
-            ++touched;
-        });
-        return touched;
+        }
     }
 
     Bytes::const_iterator entry(int64_t block) const { return file.begin() + 4096 + block * 33; }
@@ -105,18 +83,17 @@ struct Model {
     {
         std::vector<std::pair<int64_t, int64_t>> runs;
         int64_t end = -1; // of the last run, inside the target
-        forEachBlock(start, length, [&](int64_t block) {
+        for (const int64_t block : blocks(start, length)) {
             const int64_t from = std::max(start, block * blockSize);
             const int64_t to = std::min(start + length, (block + 1) * blockSize);
-            if (from == to || (covers(start, length, block) && isKnown(block))) {
-                return;
+            if (from != to && (!covers(start, length, block) || !isKnown(block))) {
+                if (end != from) {
+                    runs.emplace_back(partitionOffset + from, 0);
+                }
+                runs.back().second += to - from;
+                end = to;
             }
-            if (end != from) {
-                runs.emplace_back(partitionOffset + from, 0);
-            }
-            runs.back().second += to - from;
-            end = to;
-        });
+        }
         return runs;
     }
 
@@ -126,7 +103,7 @@ struct Model {
         if (length == 0) {
             return digestOf(digests);
         }
-        forEachBlock(start, length, [&](int64_t block) {
+        for (const int64_t block : blocks(start, length)) {
             Bytes digest = blockDigest(target, blockSize, block, start, start + length);
             if (covers(start, length, block)) {
                 if (!isKnown(block)) {
@@ -135,10 +112,12 @@ struct Model {
                 digest.assign(entry(block) + 1, entry(block) + 33);
             }
             digests.insert(digests.end(), digest.begin(), digest.end());
-        });
+        }
         return digestOf(digests);
     }
 };
+
+const CallCounts OPENING = {{Call::Stat, 1}, {Call::Open, 1}, {Call::ReadAt, 1}};
 
 class Round {
 public:
@@ -155,15 +134,13 @@ public:
         scribble(0, m_model.size());
         writeFile(m_path, randomBytes(20000, 1)); // which is replaced
         const auto create = [this] {
-            const CallCounter counter;
             BlockHashStore::create(m_path, Blake2dHashFunctionType, endOffset(),
                                    static_cast<kelvane_size_t>(m_model.partitionOffset),
                                    static_cast<uint32_t>(m_model.blockSize), false);
-            return counter.counts();
         };
-        const CallCounts counts
-            = {{Call::Open, 2}, {Call::Close, 2}, {Call::Seek, 2}, {Call::Write, 1 + pieces(m_model.file.size())}};
-        EXPECT_EQ(create(), counts);
+        expectCalls(
+            create,
+            {{Call::Open, 2}, {Call::Close, 2}, {Call::Seek, 2}, {Call::Write, 1 + pieces(m_model.file.size())}});
         reopen();
     }
 
@@ -186,9 +163,7 @@ public:
         } else if (kind < 96) {
             reopen();
         } else {
-            const CallCounter counter;
-            EXPECT_TRUE(m_store->sync_to_disk());
-            EXPECT_EQ(counter.counts(), (CallCounts {{Call::Fsync, 1}}));
+            expectCalls([&] { EXPECT_TRUE(m_store->sync_to_disk()); }, {{Call::Fsync, 1}});
         }
         compareFile();
         work += 100 + m_model.size() / m_model.blockSize + m_model.size() / 2000;
@@ -197,6 +172,13 @@ public:
     int64_t work = 0; // how much there was to do, roughly
 
 private:
+    static void expectCalls(const std::function<void()>& operation, const CallCounts& expected)
+    {
+        const CallCounter counter;
+        operation();
+        EXPECT_EQ(counter.counts(), expected);
+    }
+
     static std::size_t pieces(std::size_t bytes) { return (bytes + MEBIBYTE - 1) / MEBIBYTE; }
     kelvane_size_t endOffset() const { return static_cast<kelvane_size_t>(m_model.partitionOffset + m_model.size()); }
 
@@ -253,7 +235,10 @@ private:
         m_store->setOnReadCallback([&](unsigned long) { ++reads; });
         const Bytes aggregate = m_store->get_hash(offset, length, target.supplier());
         m_store->setOnReadCallback({});
-        const int64_t entries = 33 * m_model.numberOfWholeBlocks(start, length);
+        int64_t entries = 0; // their bytes
+        for (const int64_t block : m_model.blocks(start, length)) {
+            entries += m_model.covers(start, length, block) ? 33 : 0;
+        }
         EXPECT_LE(reads, entries > 0 ? 1U : 0U);
         EXPECT_GE(reads, entries < CACHE ? 0U : 1U);
         EXPECT_LE(counter[Call::ReadAt], 2 * reads); // reading ahead, the second one meets the file's end
@@ -285,9 +270,10 @@ private:
         });
         m_store->setOnWriteCallback({});
         EXPECT_EQ(failure == "(none)", accepted) << failure;
-        const int64_t blocks = accepted ? m_model.change(start, length, update) : 0;
+        const std::size_t blocks = accepted ? m_model.blocks(start, length).size() : 0;
         EXPECT_EQ(counter.counts(), blocks == 0 ? CallCounts() : (CallCounts {{Call::WriteAt, 1}}));
-        EXPECT_EQ(written, 33U * at(blocks));
+        EXPECT_EQ(written, ENTRY * blocks);
+        accepted ? m_model.change(start, length, update) : void();
     }
 
     void resize()
@@ -296,8 +282,7 @@ private:
         const std::size_t oldFileSize = m_model.file.size();
         m_model.resize(m_random.chance(5) ? 0 : randomSize());
         const std::size_t size = m_model.file.size();
-        m_store.reset();
-        CallCounts expected = {{Call::Stat, 1}, {Call::Open, 1}, {Call::ReadAt, 1}};
+        CallCounts expected = OPENING;
         if (m_model.size() != oldSize) { // the header is written, and all is done again
             expected = {{Call::Stat, 2},   {Call::Open, 3}, {Call::Close, 2},
                         {Call::ReadAt, 2}, {Call::Seek, 1}, {Call::Write, 1}};
@@ -308,11 +293,7 @@ private:
         } else if (size < oldFileSize) {
             expected[Call::Truncate] = 1;
         }
-        {
-            const CallCounter counter;
-            m_store = BlockHashStore::open(m_path, endOffset());
-            EXPECT_EQ(counter.counts(), expected);
-        }
+        reopen(expected);
         if (m_model.size() > oldSize) {
             scribble(oldSize, m_model.size() - oldSize);
             compareFile();
@@ -335,12 +316,10 @@ private:
         reopen();
     }
 
-    void reopen()
+    void reopen(const CallCounts& expected = OPENING)
     {
         m_store.reset();
-        const CallCounter counter;
-        m_store = BlockHashStore::open(m_path, endOffset());
-        EXPECT_EQ(counter.counts(), (CallCounts {{Call::Stat, 1}, {Call::Open, 1}, {Call::ReadAt, 1}}));
+        expectCalls([this] { m_store = BlockHashStore::open(m_path, endOffset()); }, expected);
     }
 
     void compareFile() const
