@@ -104,7 +104,7 @@ public:
     // The entry of a block that was the target's last, and those beyond a new end that share its last page
     // in the hash file, keep their hashes, or the part of them that the cut leaves; a later growth would
     // bring them back as known. So invalidate from the new end on before a target shrinks, or from the old
-    // end on after it has grown.
+    // end on once the store is open for the larger size, before hashes there are trusted.
     // Failures:
     //   "failed to stat hash file" (errno)
     //   "path does not represent a hash file"

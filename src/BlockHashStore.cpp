@@ -695,7 +695,7 @@ uint64_t BlockHashStore::discard_torn_entries()
         for (kelvane_ssize_t boundary = SECTOR; boundary < dataSize; boundary += SECTOR) {
             const kelvane_ssize_t start = boundary / entrySize * entrySize;
             const kelvane_ssize_t whereTo = dataStart + start;
-            if (start == boundary || start + entrySize > dataSize) {
+            if (start == boundary) {
                 continue;
             }
             if (m_file.seek(whereTo, SEEK_SET) != whereTo
