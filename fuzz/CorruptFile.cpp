@@ -21,30 +21,32 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 __extension__ using Wide = unsigned __int128;
 
-constexpr std::size_t HEADER = 56;
 constexpr std::size_t PAGE = 4096;
 constexpr std::size_t ENTRY = 33;
 constexpr std::size_t LARGEST_BLOCK = 1 << 20;        // allocations for larger ones are made to fail
 constexpr std::size_t LARGEST_RESIZED_FILE = 1 << 20; // no file is made to grow further
 
-template <class T>
-T fieldAt(const unsigned char* bytes, std::size_t offset)
-{
-    T value;
-    std::memcpy(&value, bytes + offset, sizeof(value));
-    return value;
-}
+// The most that opening may hold besides one block: the file's cache, twice while one replaces the other,
+// and the zeros of a file that grows.
+constexpr std::size_t OPENING_HOLDS_AT_MOST = 2 * 49152 + 4096;
+constexpr std::size_t RESIZING_HOLDS_AT_MOST = OPENING_HOLDS_AT_MOST + 1048576;
 
-struct Fields {
-    explicit Fields(const Bytes& file)
-        : blockSize(fieldAt<std::uint32_t>(file.data(), 24))
-        , target(fieldAt<std::uint64_t>(file.data(), 32))
-        , partition(fieldAt<std::uint64_t>(file.data(), 40))
-    {
-    }
-    std::uint32_t blockSize;
+struct Header {
+    std::uint64_t magic, version, data;
+    std::uint32_t blockSize, gap;
     std::uint64_t target, partition;
+    std::uint32_t hash, tail;
 };
+
+// Zeros where the file is too short for one.
+Header headerOf(const Bytes& file)
+{
+    Header header = {};
+    if (file.size() >= sizeof(header)) {
+        std::memcpy(&header, file.data(), sizeof(header));
+    }
+    return header;
+}
 
 // The format's rules, in arithmetic that does not overflow.
 Wide fileSizeFor(std::uint64_t target, std::uint32_t blockSize)
@@ -53,21 +55,18 @@ Wide fileSizeFor(std::uint64_t target, std::uint32_t blockSize)
     return PAGE + (entries + PAGE - 1) / PAGE * PAGE;
 }
 
-bool isValid(const Bytes& file)
+bool isValid(const Header& header, std::size_t fileSize)
 {
-    return file.size() >= HEADER && fieldAt<std::uint64_t>(file.data(), 0) == 0x20001312
-        && fieldAt<std::uint64_t>(file.data(), 8) == 0 && fieldAt<std::uint64_t>(file.data(), 16) == PAGE
-        && fieldAt<std::uint32_t>(file.data(), 48) == 1 && Fields(file).blockSize != 0
-        && fileSizeFor(Fields(file).target, Fields(file).blockSize) == file.size();
+    return header.magic == 0x20001312 && header.version == 0 && header.data == PAGE && header.hash == 1
+        && header.blockSize != 0 && fileSizeFor(header.target, header.blockSize) == fileSize;
 }
 
 // A file without a name on any disk.
 class MemoryFile {
 public:
     explicit MemoryFile(const Bytes& bytes)
-        : m_fd(::memfd_create("hashes", MFD_CLOEXEC))
     {
-        if (m_fd < 0 || ::pwrite(m_fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+        if (::pwrite(m_fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
             std::abort();
         }
     }
@@ -76,17 +75,16 @@ public:
     MemoryFile& operator=(const MemoryFile&) = delete;
 
     std::string path() const { return "/proc/self/fd/" + std::to_string(m_fd); }
-    Bytes content() const
+    bool holds(const Bytes& bytes) const
     {
         struct stat status = {};
         ::fstat(m_fd, &status);
-        Bytes bytes(static_cast<std::size_t>(status.st_size));
-        const ssize_t count = ::pread(m_fd, bytes.data(), bytes.size(), 0);
-        return count == status.st_size ? bytes : Bytes();
+        Bytes content(static_cast<std::size_t>(status.st_size));
+        return ::pread(m_fd, content.data(), content.size(), 0) == status.st_size && content == bytes;
     }
 
 private:
-    int m_fd;
+    int m_fd = ::memfd_create("hashes", MFD_CLOEXEC);
 };
 
 enum class Outcome { Opened, Refused, OutOfMemory };
@@ -113,104 +111,84 @@ Attempt open(const MemoryFile& file, std::uint64_t target)
     return attempt;
 }
 
-// What opening must come to for a block of this size in a file that is right otherwise.
-Outcome outcomeFor(std::uint32_t blockSize)
+// What opening must come to, for a file that is right or not but for its block size.
+Outcome outcomeFor(bool right, std::uint32_t blockSize)
 {
-    return blockSize <= LARGEST_BLOCK ? Outcome::Opened : Outcome::OutOfMemory;
+    return !right ? Outcome::Refused : blockSize <= LARGEST_BLOCK ? Outcome::Opened : Outcome::OutOfMemory;
 }
 
-// Every operation on the target's first and last bytes: what lies outside the target is refused, the header and
-// the file's size stay.
-std::string use(BlockHashStore& store, const MemoryFile& memory, const Bytes& file)
+// Every operation on the last bytes that offsets reach, of which those outside the target are refused.
+std::string use(BlockHashStore& store, const Header& header)
 {
-    const Fields header(file);
     const std::uint64_t end = std::min<std::uint64_t>(header.target, INT64_MAX);
     const bool usable = header.partition < end;
     const std::uint64_t length = usable ? std::min<std::uint64_t>(end - header.partition, 2 * PAGE) : 1;
-    const auto zeros = [](const auto& offsets, const auto& lengths) {
-        std::vector<std::unique_ptr<char[]>> data;
-        for (std::size_t i = 0; i < offsets.size(); ++i) {
-            data.push_back(std::make_unique<char[]>(static_cast<std::size_t>(lengths[i])));
-        }
+    const auto offset = static_cast<kelvane_off_t>(end - length);
+    const auto count = static_cast<kelvane_buf_len_t>(length);
+    const auto zeros = [](const auto& offsets, const auto&) {
+        std::vector<std::unique_ptr<char[]>> data(offsets.size());
+        std::generate(data.begin(), data.end(), [] { return std::make_unique<char[]>(2 * PAGE); });
         return data;
     };
-    std::vector<char> bytes(length);
-    for (const std::uint64_t offset : {header.partition, end - length}) {
-        const auto start = static_cast<kelvane_off_t>(offset);
-        const auto count = static_cast<kelvane_buf_len_t>(length);
-        bool accepted = true;
-        try {
-            accepted = store.get_hash(start, count, zeros).size() == ENTRY - 1;
-            store.update_hashes(start, bytes.data(), count);
-            accepted = accepted && store.get_hash(start, count, zeros).size() == ENTRY - 1;
-            store.invalidate_hashes(start, count);
-        } catch (const std::runtime_error&) {
-            accepted = false;
-        }
-        if (accepted != usable) {
-            return usable ? "a range inside the target was refused" : "a range outside the target was accepted";
-        }
+    try {
+        store.get_hash(offset, count, zeros);
+        store.update_hashes(offset, std::make_unique<char[]>(length).get(), count);
+        store.invalidate_hashes(offset, count);
+    } catch (const std::runtime_error&) {
+        return usable ? "a range inside the target was refused" : "";
     }
     store.discard_torn_entries();
-    const Bytes after = memory.content();
-    return after.size() == file.size() && std::equal(file.begin(), file.begin() + PAGE, after.begin())
-        ? ""
-        : "using the store changed the header or the file's size";
+    return usable ? "" : "a range outside the target was accepted";
 }
 
 // The file opened for another target size: entries stay, what is new is unknown, the header has the new size.
 std::string resize(const Bytes& file, std::uint64_t target)
 {
-    const std::uint32_t blockSize = Fields(file).blockSize;
+    const std::uint32_t blockSize = headerOf(file).blockSize;
     const Wide size = fileSizeFor(target, blockSize);
     if (size > LARGEST_RESIZED_FILE && size <= Wide {INT64_MAX} + 2 * PAGE) {
         return ""; // larger ones are refused before anything is written
     }
     const MemoryFile memory(file);
     const Attempt attempt = open(memory, target);
-    const Outcome expected = size > LARGEST_RESIZED_FILE ? Outcome::Refused : outcomeFor(blockSize);
+    const Outcome expected = outcomeFor(size <= LARGEST_RESIZED_FILE, blockSize);
     Bytes right = file;
-    if (expected != Outcome::Refused) {
+    if (expected != Outcome::Refused && target != headerOf(file).target) {
         right.resize(static_cast<std::size_t>(size));
-        if (target != Fields(file).target) {
-            std::memcpy(right.data() + 32, &target, sizeof(target));
-            std::memset(right.data() + 28, 0, 4); // the gaps of a new header
-            std::memset(right.data() + 52, 0, 4);
-        }
+        std::memcpy(right.data() + 32, &target, sizeof(target));
+        std::memset(right.data() + 28, 0, 4); // the gaps of a new header
+        std::memset(right.data() + 52, 0, 4);
     }
-    if (attempt.outcome != expected) {
-        return "opening for another target size has the wrong outcome";
-    }
-    if (attempt.peak > RESIZING_ALLOCATES_AT_MOST + std::min<std::size_t>(blockSize, LARGEST_BLOCK)) {
-        return "opening for another target size takes too much memory";
-    }
-    return memory.content() == right ? "" : "opening for another target size leaves the wrong file";
+    return attempt.outcome != expected ? "opening for another target size has the wrong outcome"
+        : attempt.peak > RESIZING_HOLDS_AT_MOST + std::min<std::size_t>(blockSize, LARGEST_BLOCK)
+        ? "opening for another target size takes too much memory"
+        : memory.holds(right) ? ""
+                              : "opening for another target size leaves the wrong file";
 }
 
 } // namespace
 
 CorruptFileResult checkCorruptFile(const Bytes& file, std::uint64_t otherTargetSize)
 {
-    const bool valid = isValid(file);
-    const std::uint64_t recorded = file.size() < HEADER ? 0 : Fields(file).target;
+    const Header header = headerOf(file);
+    const bool valid = isValid(header, file.size());
     const MemoryFile memory(file);
-    const Attempt attempt = open(memory, recorded);
-    const Outcome expected = valid ? outcomeFor(Fields(file).blockSize) : Outcome::Refused;
-    const std::size_t block = attempt.outcome == Outcome::Opened ? Fields(file).blockSize : 0;
-    CorruptFileResult result = {attempt.outcome == Outcome::Opened, attempt.peak, ""};
-    if (attempt.outcome != expected) {
+    const Attempt attempt = open(memory, header.target);
+    const bool opened = attempt.outcome == Outcome::Opened;
+    CorruptFileResult result = {opened, attempt.peak, ""};
+    if (attempt.outcome != outcomeFor(valid, header.blockSize)) {
         result.problem = valid ? "a good file was refused" : "a damaged file was accepted";
-    } else if (attempt.peak > REFUSAL_ALLOCATES_AT_MOST + block) {
+    } else if (attempt.peak > OPENING_HOLDS_AT_MOST + (opened ? header.blockSize : 0)) {
         result.problem = "opening takes too much memory: " + std::to_string(attempt.peak);
     } else if (!valid && open(memory, otherTargetSize).outcome != Outcome::Refused) {
         result.problem = "a damaged file was accepted for another target size";
-    } else if (memory.content() != file) {
+    } else if (!memory.holds(file)) {
         result.problem = "opening changed the file";
     } else if (valid) {
         result.problem = resize(file, otherTargetSize);
     }
-    if (result.problem.empty() && attempt.store) {
-        result.problem = use(*attempt.store, memory, file);
+    if (result.problem.empty() && opened) {
+        result.problem = use(*attempt.store, header);
     }
     return result;
 }
@@ -218,17 +196,20 @@ CorruptFileResult checkCorruptFile(const Bytes& file, std::uint64_t otherTargetS
 CorruptFileResult checkCorruptFileFrom(const unsigned char* input, std::size_t size)
 {
     constexpr std::size_t LARGEST_FILE = 16 * PAGE;
-    constexpr std::size_t START = HEADER + 12;
-    Bytes file(input, input + std::min(size, HEADER));
+    constexpr std::size_t HEADER = sizeof(Header), START = HEADER + 12;
+    std::uint32_t fileSize;
+    std::uint64_t otherTargetSize;
     if (size < START) {
-        file.assign(input, input + size);
-        return checkCorruptFile(file, 4096);
+        return checkCorruptFile(Bytes(input, input + size), 4096);
     }
-    file.resize(fieldAt<std::uint32_t>(input, HEADER) % (LARGEST_FILE + 1));
+    std::memcpy(&fileSize, input + HEADER, sizeof(fileSize));
+    std::memcpy(&otherTargetSize, input + HEADER + 4, sizeof(otherTargetSize));
+    Bytes file(input, input + HEADER);
+    file.resize(fileSize % (LARGEST_FILE + 1));
     if (file.size() > PAGE) {
         std::copy_n(input + START, std::min(size - START, file.size() - PAGE), file.begin() + PAGE);
     }
-    return checkCorruptFile(file, fieldAt<std::uint64_t>(input, HEADER + 4));
+    return checkCorruptFile(file, otherTargetSize);
 }
 
 } // namespace kelvane::testing

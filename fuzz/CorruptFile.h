@@ -8,11 +8,6 @@
 
 namespace kelvane::testing {
 
-// The most that opening may hold besides one block: the file's cache, twice while one replaces the other,
-// and the zeros of a file that grows.
-constexpr std::size_t REFUSAL_ALLOCATES_AT_MOST = 2 * 49152 + 4096;
-constexpr std::size_t RESIZING_ALLOCATES_AT_MOST = REFUSAL_ALLOCATES_AT_MOST + 1048576;
-
 struct CorruptFileResult {
     bool accepted;
     std::size_t peak;    // bytes that opening for the recorded size held at most

@@ -70,16 +70,6 @@ CallHook::~CallHook()
     activeHook = nullptr;
 }
 
-Fault::Fault(Call call, Outcome outcome, int skipped, int times)
-    : m_skipped(skipped)
-    , m_hook([this, call, outcome, times](const CallRecord& record) {
-        const bool fires = record.call == call && m_skipped-- <= 0 && m_fired < times;
-        m_fired += fires ? 1 : 0;
-        return fires ? outcome : Outcome();
-    })
-{
-}
-
 int openDescriptors()
 {
     const std::filesystem::directory_iterator descriptors("/proc/self/fd");

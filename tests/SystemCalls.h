@@ -2,7 +2,6 @@
 // to the kernel, and lets a test watch each one or have it fail.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -40,19 +39,6 @@ public:
 
 private:
     std::function<Outcome(const CallRecord&)> m_hook;
-};
-
-// Gives calls of one kind an outcome, from the one after `skipped` of them on, `times` times, and fails the
-// test when it never did. A close is carried out all the same, so that no descriptor leaks.
-class Fault {
-public:
-    Fault(Call call, Outcome outcome, int skipped = 0, int times = 1);
-    ~Fault() { EXPECT_GT(m_fired, 0) << "the fault never fired"; }
-
-private:
-    int m_skipped;
-    int m_fired = 0;
-    CallHook m_hook;
 };
 
 using CallCounts = std::map<Call, std::size_t>; // of the calls that were made
