@@ -9,20 +9,20 @@
 
 namespace kelvane::testing {
 
-thread_local long allocationsUntilFailure = -1;
-
 namespace {
 
 constexpr std::size_t NO_LIMIT = std::numeric_limits<std::size_t>::max();
 
 thread_local std::size_t limit = NO_LIMIT;
+thread_local long successesLeft = -1;
+thread_local bool hasFailed = false;
 thread_local std::ptrdiff_t held = 0; // negative where other threads' memory was freed
 thread_local std::ptrdiff_t peakHeld = 0;
 
 void* allocate(std::size_t size) noexcept
 {
-    long& left = allocationsUntilFailure;
-    const bool granted = size <= limit && (left < 0 || left-- > 0);
+    hasFailed = hasFailed || successesLeft == 0;
+    const bool granted = size <= limit && successesLeft-- != 0;
     void* const memory = granted ? std::malloc(size != 0 ? size : 1) : nullptr;
     held += static_cast<std::ptrdiff_t>(::malloc_usable_size(memory));
     peakHeld = std::max(peakHeld, held);
@@ -31,21 +31,29 @@ void* allocate(std::size_t size) noexcept
 
 } // namespace
 
-AllocationLimit::AllocationLimit(std::size_t largest)
+AllocationLimit::AllocationLimit(std::size_t largest, long successes)
     : m_heldAtStart(held)
 {
     limit = largest;
+    successesLeft = successes;
+    hasFailed = false;
     peakHeld = held;
 }
 
 AllocationLimit::~AllocationLimit()
 {
     limit = NO_LIMIT;
+    successesLeft = -1;
 }
 
 std::size_t AllocationLimit::peak() const
 {
     return static_cast<std::size_t>(peakHeld - m_heldAtStart);
+}
+
+bool hasAllocationFailed()
+{
+    return hasFailed;
 }
 
 } // namespace kelvane::testing

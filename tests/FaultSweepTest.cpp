@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <iostream>
+#include <limits>
 #include <regex>
 
 #include "Allocations.h"
@@ -209,19 +210,15 @@ struct Injection {
 
     void run(const std::function<void()>& operation)
     {
-        if (kind == Allocation) {
-            const FailingAllocation failing(k, fired);
-            operation();
-        } else {
-            const CallHook hook([this](const CallRecord& call) { return outcome(call); });
-            operation();
-        }
+        const CallHook hook([this](const CallRecord& call) { return outcome(call); });
+        const AllocationLimit limit(std::numeric_limits<std::size_t>::max(), kind == Allocation ? k : -1);
+        operation();
     }
 
     Outcome outcome(const CallRecord& call)
     {
         const bool transfer = call.call == Call::ReadAt || call.call == Call::WriteAt || call.call == Call::Write;
-        if (kind == Callback || (kind != Error && (!transfer || call.length < 2))) {
+        if (kind > AllButOne || (kind != Error && (!transfer || call.length < 2))) {
             return {};
         }
         const int current = position++;
@@ -340,7 +337,9 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
     lab.spoil = spoils ? SPOILS[injection.k].first : nullptr;
     errno = 0;
     Lines lines = unwinding ? logWhileUnwinding(run) : logOf(run);
-    injection.fired += spoils ? lab.target.calls : 0;
+    injection.fired += spoils                                              ? lab.target.calls
+        : injection.kind == Injection::Allocation && hasAllocationFailed() ? 1
+                                                                           : 0;
     lab.spoil = nullptr;
     for (std::string& line : lines) {
         line = std::regex_replace(line, std::regex(lab.path), "PATH");

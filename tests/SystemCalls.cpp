@@ -116,12 +116,6 @@ off_t lseek(int fd, off_t offset, int whence) noexcept
     return passOn<off_t>({Call::Seek, fd, nullptr, 0, offset}, SYS_lseek, fd, offset, whence);
 }
 
-ssize_t read(int fd, void* buffer, size_t length)
-{
-    return intercept<ssize_t>({Call::Read, fd, nullptr, length},
-                              [=](std::size_t limit) { return syscall(SYS_read, fd, buffer, limit); });
-}
-
 ssize_t pread(int fd, void* buffer, size_t length, off_t offset)
 {
     return intercept<ssize_t>({Call::ReadAt, fd, nullptr, length, offset},

@@ -10,7 +10,7 @@
 
 namespace kelvane::testing {
 
-enum class Call { Open, Close, Stat, Seek, Read, ReadAt, Write, WriteAt, Fsync, SyncFileRange, Truncate, Unlink };
+enum class Call { Open, Close, Stat, Seek, ReadAt, Write, WriteAt, Fsync, SyncFileRange, Truncate, Unlink };
 
 struct CallRecord {
     Call call;
