@@ -137,24 +137,6 @@ TEST(BlakeHashTest, TellsZeroBuffersFromNearlyZeroOnes)
     }
 }
 
-TEST(BlakeHashTest, StopsABatchAtTheFirstNullBuffer)
-{
-    Bytes random = randomBytes(140 + 1000, 4), zeros(1000);
-    BlakeHash hash;
-    for (const std::size_t null : {0, 1, 2, 63, 64, 65, 130, 139}) {
-        SCOPED_TRACE(null);
-        std::vector<kelvane_buf_t> buffers;
-        std::vector<Bytes> digests;
-        for (std::size_t i = 0; i < 140; ++i) {
-            buffers.push_back(i == null ? nullptr : i % 5 == 1 ? zeros.data() : &random[i]);
-            if (i < null) {
-                digests.push_back(referenceDigest(buffers[i], 1000));
-            }
-        }
-        expectBatch(hash, buffers, 1000, digests);
-    }
-}
-
 TEST(BlakeHashTest, HashesEmptyBuffersAndRefusesImpossibleOnes)
 {
     const Bytes ofNothing = referenceDigest("", 0);
@@ -170,30 +152,29 @@ TEST(BlakeHashTest, HashesEmptyBuffersAndRefusesImpossibleOnes)
     EXPECT_EQ(hash.get_hashes(nullptr, 0, 4096, nullptr), 0);
 }
 
-TEST(IHashFunctionTest, HashesABatchUpToTheFirstFailure)
+// At a null buffer, in all that is queued, or where the hash function that others bring gives no digest.
+TEST(BlakeHashTest, StopsABatchAtTheFirstFailure)
 {
-    Bytes contents = randomBytes(8, 6);
-    for (const std::size_t sizeOfFailure : {0, 1, 33}) {
-        for (std::size_t failing = 0; failing <= 4; ++failing) { // 4: none of the batch
-            SCOPED_TRACE(failing);
-            FailingHash hash(static_cast<int>(failing), sizeOfFailure);
-            std::vector<Bytes> digests;
-            for (std::size_t i = 0; i < failing; ++i) {
-                digests.push_back(referenceDigest(&contents[2 * i], 2));
+    constexpr std::size_t COUNT = 140;
+    Bytes random = randomBytes(COUNT + 1000, 4), zeros(1000);
+    for (const std::size_t failing : {0, 1, 2, 63, 64, 65, 130, 139, 140}) { // the last one is none of the batch
+        SCOPED_TRACE(failing);
+        std::vector<kelvane_buf_t> buffers;
+        std::vector<Bytes> digests;
+        for (std::size_t i = 0; i < COUNT; ++i) {
+            buffers.push_back(i % 5 == 1 ? zeros.data() : &random[i]);
+            if (i < failing) {
+                digests.push_back(referenceDigest(buffers[i], 1000));
             }
-            expectBatch(hash, {&contents[0], &contents[2], &contents[4], &contents[6]}, 2, digests);
         }
+        for (const std::size_t sizeOfFailure : {0, 1, 33}) {
+            FailingHash others(static_cast<int>(failing), sizeOfFailure);
+            expectBatch(others, buffers, 1000, digests);
+        }
+        (failing < COUNT ? buffers[failing] : buffers.emplace_back()) = nullptr;
+        BlakeHash hash;
+        expectBatch(hash, buffers, 1000, digests);
     }
-}
-
-TEST(IHashFunctionTest, IsNoHashFunctionItself)
-{
-    IHashFunction none;
-    unsigned char byte = 7;
-    EXPECT_TRUE(none.get_hash(&byte, 1).empty());
-    EXPECT_EQ(none.hash_size_in_bytes(), 0);
-    EXPECT_EQ(none.hash_id(), Invalid);
-    expectBatch(none, {&byte}, 1, {});
 }
 
 TEST(HashFunctionFactoryTest, KnowsTheOneFunction)
@@ -203,8 +184,12 @@ TEST(HashFunctionFactoryTest, KnowsTheOneFunction)
     }
     const auto hash = HashFunctionFactory::createHashFunction(static_cast<HashFunctionType>(1));
     ASSERT_NE(hash, nullptr);
-    EXPECT_EQ(hash->hash_id(), Blake2dHashFunctionType);
-    EXPECT_EQ(hash->hash_size_in_bytes(), DIGEST);
+    EXPECT_EQ(std::pair(hash->hash_id(), hash->hash_size_in_bytes()), std::pair(Blake2dHashFunctionType, DIGEST));
+    IHashFunction none;
+    unsigned char byte = 7;
+    EXPECT_EQ(std::pair(none.hash_id(), none.hash_size_in_bytes()), std::pair(Invalid, 0UL));
+    EXPECT_TRUE(none.get_hash(&byte, 1).empty());
+    expectBatch(none, {&byte}, 1, {});
 }
 
 } // namespace
