@@ -17,11 +17,12 @@ namespace kelvane {
 //     ... write `buffer` to the target, and flush the target ...
 //     guard.commit(buffer);                          // the range has its new hashes
 //
-// Destroyed without commit, after a failed write for instance, the range stays unknown, and its blocks are
-// hashed again when they are next asked for. The guard refers to the store, which must outlive it and may
-// be used in between, but must not be asked for a hash that takes in a block which the range touches: that
-// would store the block's hash before the write is complete. For many writes at once it is
-// cheaper to invalidate all ranges, sync once, write and flush, and then update all.
+// Destroyed without commit, after a failed write for instance, the range stays unknown until its hash is next
+// asked for; before that, what the target holds must be on stable storage. The guard refers to the store, which
+// must outlive it and may be used in between, but must not be asked for a hash that takes in a block which the
+// range touches: that would store the block's hash before the write is complete. For many writes at once
+// it is cheaper to invalidate all ranges, sync once, write and flush, and then update all; no two of them
+// may touch the same block.
 class TargetWriteGuard {
 public:
     // Makes the blocks that the range touches unknown and waits until that is on the disk. `offset` and
@@ -50,11 +51,16 @@ public:
 
     // Stores the hashes of the blocks that the range covers wholly; `buffer` holds the range's bytes as
     // they now stand in the target, on stable storage. At most once per guard. Fails as
-    // BlockHashStore::update_hashes does; the range is then made unknown again, for a write of hashes that was cut
-    // short can leave one of them by half. Where the hash file takes no write at all, nothing has changed.
+    // BlockHashStore::update_hashes does; the range is then made unknown again, as far as possible on the disk, for
+    // a write of hashes that was cut short can leave one of them by half. Where the hash file takes no write at
+    // all, nothing has changed. Further
+    //   "cannot commit a target write while an exception propagates"; the range stays unknown.
     // The hashes reach the disk in their own time: losing them costs a rehash.
     void commit(kelvane_buf_t buffer)
     {
+        if (std::uncaught_exceptions() != 0) {
+            throw std::runtime_error("cannot commit a target write while an exception propagates");
+        }
         try {
             m_store.update_hashes(m_offset, buffer, m_length);
         } catch (...) {
@@ -68,6 +74,7 @@ private:
     {
         try {
             m_store.invalidate_hashes(m_offset, m_length);
+            m_store.sync_to_disk();
         } catch (const std::runtime_error&) {
             // The caller learns of the failure that came first.
         }
