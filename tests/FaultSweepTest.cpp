@@ -118,7 +118,7 @@ struct Lab : MemoryStore {
         return !hasWrongEntry(bytes, target.bytes, BLOCK);
     }
 
-    Bytes image, result;
+    Bytes image, done, result;        // the hash file before and after an operation, and what it hashed
     void (*spoil)(Arrays&) = nullptr; // what the data callback does to its result
 };
 
@@ -199,14 +199,16 @@ const std::pair<void (*)(Arrays&), std::string> SPOILS[]
 
 // One fault: the k-th call of a kind, or allocation, that the operation makes, or the k-th one of the callback.
 struct Injection {
-    enum Kind { Error, Nothing, OneByte, Half, AllButOne, Allocation, Callback };
+    enum Kind { Error, Nothing, OneByte, Half, AllButOne, HalfThenError, Allocation, Callback };
 
     Kind kind;
     int error;
     bool persistent;
     int k = 0;
-    int position = 0;
-    int fired = 0;
+    int position = 0, calls = 0; // of those that can fail so, and of all
+    int fired = 0, first = -1;   // the first call that it hit
+    Call firstCall = Call::Open;
+    int callsAfter = 0; // that do more than clean up
 
     void run(const std::function<void()>& operation)
     {
@@ -215,21 +217,42 @@ struct Injection {
         operation();
     }
 
+    // Closing, and calls that nothing interrupts, are not repeated, nor are the writes of a creation.
+    bool isOvercome() const
+    {
+        const bool repeated = firstCall == Call::Open || firstCall == Call::Fsync || firstCall == Call::SyncFileRange
+            || firstCall == Call::Truncate;
+        const bool transfer = firstCall == Call::ReadAt || firstCall == Call::WriteAt;
+        return error == EINTR ? repeated || transfer : error == 0 && kind != Nothing && transfer;
+    }
+
     Outcome outcome(const CallRecord& call)
     {
+        callsAfter
+            += fired > (kind == HalfThenError ? 1 : 0) && call.call != Call::Close && call.call != Call::Unlink ? 1 : 0;
+        const int index = calls++;
         const bool transfer = call.call == Call::ReadAt || call.call == Call::WriteAt || call.call == Call::Write;
-        if (kind > AllButOne || (kind != Error && (!transfer || call.length < 2))) {
+        const bool shortens = transfer && call.length > 1
+            && call.call
+                != (persistent                  ? Call::Write
+                        : kind == HalfThenError ? Call::ReadAt
+                                                : Call::Open);
+        if (kind > HalfThenError || (kind != Error && !shortens)) {
             return {};
         }
         const int current = position++;
-        const bool enough = error == EINTR && fired == 20; // who repeats interrupted calls does so for ever
-        if (current < k || (current > k && !persistent) || enough) {
+        const bool enough = error == EINTR && (fired == 20 || (fired > 0 && !isOvercome())); // it could go on for ever
+        const bool continued = persistent || (kind == HalfThenError && fired < 2);
+        if (current < k || (current > k && !continued) || enough) {
             return {};
         }
-        ++fired;
+        if (fired++ == 0) {
+            first = index;
+            firstCall = call.call;
+        }
         const auto length = static_cast<ssize_t>(call.length);
-        const ssize_t limits[] = {-1, 0, 1, length / 2, length - 1};
-        return {error, limits[kind]};
+        const ssize_t limits[] = {-1, 0, 1, length / 2, length - 1, length / 2};
+        return {kind == HalfThenError && fired == 1 ? 0 : error, limits[kind]};
     }
 };
 
@@ -253,33 +276,24 @@ Lines rendered(const Operation& operation, std::string text, const std::string& 
     return lines;
 }
 
-// What the failure of call number k gives, and perhaps that of all later ones.
+// What the failure of the first call that is hit gives, and perhaps that of all later ones.
 Lines expectedLines(const Operation& operation, const Injection& injection, bool unwinding)
 {
+    if (injection.isOvercome()) {
+        return {};
+    }
+    const bool persistent = injection.persistent && injection.error != EINTR;
     const std::string error = std::to_string(injection.error);
-    auto text = operation.texts.begin() + injection.k;
-    text += injection.persistent && text->empty() && text + 1 != operation.texts.end() ? 1 : 0;
+    auto text = operation.texts.begin() + injection.first;
+    text += persistent && text->empty() && text + 1 != operation.texts.end() ? 1 : 0;
     Lines lines = rendered(operation, *text, error, unwinding);
     const auto edge = std::find_first_of(text, operation.texts.end(), EDGES.begin(), EDGES.end());
-    if (injection.persistent && edge != text && edge != operation.texts.end() && *edge == CREATING[3]) {
+    if (persistent && injection.kind == Injection::Error && edge != text && edge != operation.texts.end()
+        && *edge == CREATING[3]) {
         const auto thrown = std::find_if(lines.begin(), lines.end(), [](const auto& line) { return line[0] == 't'; });
         lines.insert(thrown, rendered(operation, CREATING[3], error, true)[0]); // the guard's close fails as well
     }
     return lines;
-}
-
-// Whether each line is one of the operation's texts, for faults that it may overcome. Interrupted calls are repeated,
-// but for those that nothing interrupts, closing, and the writes of a creation.
-bool areTextsOf(const Operation& operation, const Lines& lines, bool interrupted)
-{
-    return std::all_of(lines.begin(), lines.end(), [&](const std::string& line) {
-        const std::string text = std::regex_replace(line.substr(line.find(": ") + 2), std::regex("[0-9]+$"), "E");
-        const auto isText = [&](const std::string& other) {
-            return (text == other || "!" + text == other)
-                && (!interrupted || std::regex_search(text, std::regex("stat|seek|close|block hash file|header data")));
-        };
-        return text == "empty" || std::any_of(operation.texts.begin(), operation.texts.end(), isText);
-    });
 }
 
 bool linesAreRight(const Operation& operation, const Injection& injection, Lines lines, bool unwinding)
@@ -294,15 +308,21 @@ bool linesAreRight(const Operation& operation, const Injection& injection, Lines
     if (injection.kind == Injection::Callback) {
         return lines == rendered(operation, SPOILS[injection.k].second, std::to_string(E2BIG), unwinding);
     }
-    if (injection.error == 0 || injection.error == EINTR) {
-        return areTextsOf(operation, lines, injection.error == EINTR);
+    if (static_cast<std::size_t>(injection.first) >= operation.texts.size()) {
+        return false;
     }
-    return static_cast<std::size_t>(injection.k) < operation.texts.size()
-        && lines == expectedLines(operation, injection, unwinding);
+    for (std::string& line : lines) { // which number a failure without an error has is open
+        line = injection.kind == Injection::Error
+            ? line
+            : std::regex_replace(line, std::regex("[0-9]+$"), std::to_string(injection.error));
+    }
+    const bool stops = lines.empty() || operation.kind == Guards || injection.callsAfter == 0
+        || operation.texts[static_cast<std::size_t>(injection.first)].empty();
+    return stops && lines == expectedLines(operation, injection, unwinding);
 }
 
 // Whether the store, and a fresh one, answer as if nothing had happened; a file that was cut short is refused.
-bool recovers(Lab& lab, const Operation& operation)
+bool recovers(Lab& lab, const Operation& operation, bool succeeded)
 {
     if (!std::filesystem::exists(lab.path)) {
         return operation.run == CREATE_OR_DELETE;
@@ -315,7 +335,7 @@ bool recovers(Lab& lab, const Operation& operation)
     }
     lab.store.reset();
     logOf([&] { lab.reopen(); });
-    return lab.store ? lab.answersRight() : operation.kind == Creates || operation.targetSize != SIZE;
+    return lab.store ? lab.answersRight() : !succeeded && (operation.kind == Creates || operation.targetSize != SIZE);
 }
 
 struct Figures {
@@ -335,7 +355,6 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
     const bool spoils
         = injection.kind == Injection::Callback && static_cast<std::size_t>(injection.k) < std::size(SPOILS);
     lab.spoil = spoils ? SPOILS[injection.k].first : nullptr;
-    errno = 0;
     Lines lines = unwinding ? logWhileUnwinding(run) : logOf(run);
     injection.fired += spoils                                              ? lab.target.calls
         : injection.kind == Injection::Allocation && hasAllocationFailed() ? 1
@@ -356,11 +375,12 @@ bool runPoint(Lab& lab, const Operation& operation, bool unwinding, Injection in
     const bool isDeleted = std::any_of(lines.begin(), lines.end(), [](const auto& line) {
         return std::regex_match(line, std::regex("1 create: deleted hash file due to error: [0-9]+"));
     });
+    const bool succeeded = std::all_of(lines.begin(), lines.end(), [](const auto& line) { return line[0] == '1'; });
     const bool good = openDescriptors() - (lab.store ? 1 : 0) == descriptors
         && (lab.result.empty() || lab.isRight(operation.offset, operation.length))
         && isDeleted == !std::filesystem::exists(lab.path) && linesAreRight(operation, injection, lines, unwinding)
         && (injection.kind != Injection::Callback || injection.fired == 0 || lab.file() == lab.image)
-        && recovers(lab, operation);
+        && (unwinding || !succeeded || lab.file() == lab.done) && recovers(lab, operation, succeeded && !unwinding);
     ++figures.points;
     figures.fired += injection.fired != 0 ? 1 : 0;
     figures.wrong += good ? 0 : 1;
@@ -382,11 +402,17 @@ void sweep(Lab& lab, const Operation& operation, bool unwinding, Figures& figure
             injections.push_back({kind, 0, persistent});
         }
     }
+    if (operation.kind != Hashes && operation.kind != Changes) { // which may leave half an entry
+        injections.push_back({Injection::HalfThenError, ENOSPC, false});
+    }
+    lab.restart(operation);
+    logOf([&] { operation.run(lab, operation.offset, operation.length); });
+    lab.done = lab.file();
     for (Injection& injection : injections) {
         while (runPoint(lab, operation, unwinding, injection, figures)) {
             ++injection.k;
         }
-        if (injection.error == EIO) { // so that no system call is unknown
+        if (injection.error == EIO) { // so that each text belongs to a call
             EXPECT_EQ(static_cast<std::size_t>(injection.k), operation.texts.size()) << operation.name;
         }
         if (injection.kind == Injection::Allocation && operation.kind <= Hashes) {
