@@ -1,234 +1,151 @@
 #include "CorruptFile.h"
 
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
-#include <stdexcept>
 
 #include "../tests/Allocations.h"
-#include "BlockHashStore.h"
 
 namespace kelvane::testing {
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-__extension__ using Wide = unsigned __int128;
+__extension__ using Wide = unsigned __int128; // in which no size overflows
 
-constexpr std::size_t HEADER = 56;
-constexpr std::size_t PAGE = 4096;
-constexpr std::size_t ENTRY = 33;
+constexpr std::size_t HEADER = sizeof(HashFileHeader);
 constexpr std::size_t LARGEST_BLOCK = 1 << 20;        // allocations for larger ones are made to fail
 constexpr std::size_t LARGEST_RESIZED_FILE = 1 << 20; // no file is made to grow further
 
-template <class T>
-T fieldAt(const unsigned char* bytes, std::size_t offset)
-{
-    T value;
-    std::memcpy(&value, bytes + offset, sizeof(value));
-    return value;
-}
+// The most that opening may hold besides a block and the zeros of a file that grows: the file's cache, twice while
+// one replaces the other.
+constexpr std::size_t HELD_AT_MOST = 2 * 49152 + 4096;
 
-struct Fields {
-    explicit Fields(const Bytes& file)
-        : blockSize(fieldAt<std::uint32_t>(file.data(), 24))
-        , target(fieldAt<std::uint64_t>(file.data(), 32))
-        , partition(fieldAt<std::uint64_t>(file.data(), 40))
-    {
-    }
-    std::uint32_t blockSize;
-    std::uint64_t target, partition;
-};
-
-// The format's rules, in arithmetic that does not overflow.
-Wide fileSizeFor(std::uint64_t target, std::uint32_t blockSize)
+Wide fileSizeFor(uint64_t target, uint32_t blockSize)
 {
     const Wide entries = (Wide {target} + blockSize - 1) / blockSize * ENTRY;
-    return PAGE + (entries + PAGE - 1) / PAGE * PAGE;
+    return DATA + (entries + 4095) / 4096 * 4096;
 }
 
-bool isValid(const Bytes& file)
+bool isValid(const HashFileHeader& header, std::size_t fileSize)
 {
-    return file.size() >= HEADER && fieldAt<std::uint64_t>(file.data(), 0) == 0x20001312
-        && fieldAt<std::uint64_t>(file.data(), 8) == 0 && fieldAt<std::uint64_t>(file.data(), 16) == PAGE
-        && fieldAt<std::uint32_t>(file.data(), 48) == 1 && Fields(file).blockSize != 0
-        && fileSizeFor(Fields(file).target, Fields(file).blockSize) == file.size();
+    return fileSize >= HEADER && header.magic == 0x20001312 && header.version == 0 && header.dataStart == DATA
+        && header.hash == 1 && header.blockSize != 0 && fileSizeFor(header.target, header.blockSize) == fileSize;
 }
 
-// A file without a name on any disk.
-class MemoryFile {
-public:
-    explicit MemoryFile(const Bytes& bytes)
-        : m_fd(::memfd_create("hashes", MFD_CLOEXEC))
-    {
-        if (m_fd < 0 || ::pwrite(m_fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-            std::abort();
-        }
-    }
-    ~MemoryFile() { ::close(m_fd); }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
+// The file that is opened, which has no name on any disk.
+const int fd = ::memfd_create("hashes", MFD_CLOEXEC);
+const std::string path = "/proc/self/fd/" + std::to_string(fd);
 
-    std::string path() const { return "/proc/self/fd/" + std::to_string(m_fd); }
-    Bytes content() const
-    {
-        struct stat status = {};
-        ::fstat(m_fd, &status);
-        Bytes bytes(static_cast<std::size_t>(status.st_size));
-        const ssize_t count = ::pread(m_fd, bytes.data(), bytes.size(), 0);
-        return count == status.st_size ? bytes : Bytes();
-    }
-
-private:
-    int m_fd;
-};
-
-enum class Outcome { Opened, Refused, OutOfMemory };
-
-struct Attempt {
-    Outcome outcome;
-    std::size_t peak;
-    std::unique_ptr<BlockHashStore> store;
-};
-
-Attempt open(const MemoryFile& file, std::uint64_t target)
+Bytes content()
 {
-    Attempt attempt = {Outcome::Opened, 0, nullptr};
-    const std::string path = file.path();
-    const AllocationLimit limit(LARGEST_BLOCK);
+    Bytes bytes(std::filesystem::file_size(path));
+    return ::pread(fd, bytes.data(), bytes.size(), 0) == std::ssize(bytes) ? bytes : Bytes();
+}
+
+std::string open(std::unique_ptr<BlockHashStore>& store, uint64_t target)
+{
     try {
-        attempt.store = BlockHashStore::open(path, target);
+        store = BlockHashStore::open(path, target);
+        return "opened";
     } catch (const std::runtime_error&) {
-        attempt.outcome = Outcome::Refused;
+        return "refused";
     } catch (const std::bad_alloc&) {
-        attempt.outcome = Outcome::OutOfMemory;
+        return "no memory";
+    } catch (const std::exception& exception) {
+        return exception.what();
     }
-    attempt.peak = limit.peak();
-    return attempt;
 }
 
-// What opening must come to for a block of this size in a file that is right otherwise.
-Outcome outcomeFor(std::uint32_t blockSize)
+// Every operation on the target's first and last bytes, taken as zeros; the header and the file's size stay.
+void use(BlockHashStore& store, const HashFileHeader& header, const Bytes& right)
 {
-    return blockSize <= LARGEST_BLOCK ? Outcome::Opened : Outcome::OutOfMemory;
-}
-
-// Every operation on the target's first and last bytes: what lies outside the target is refused, the header and
-// the file's size stay.
-std::string use(BlockHashStore& store, const MemoryFile& memory, const Bytes& file)
-{
-    const Fields header(file);
-    const std::uint64_t end = std::min<std::uint64_t>(header.target, INT64_MAX);
-    const bool usable = header.partition < end;
-    const std::uint64_t length = usable ? std::min<std::uint64_t>(end - header.partition, 2 * PAGE) : 1;
-    const auto zeros = [](const auto& offsets, const auto& lengths) {
-        std::vector<std::unique_ptr<char[]>> data;
-        for (std::size_t i = 0; i < offsets.size(); ++i) {
-            data.push_back(std::make_unique<char[]>(static_cast<std::size_t>(lengths[i])));
-        }
-        return data;
-    };
-    std::vector<char> bytes(length);
-    for (const std::uint64_t offset : {header.partition, end - length}) {
-        const auto start = static_cast<kelvane_off_t>(offset);
+    const bool usable = header.partition < header.target;
+    const uint64_t length = usable ? std::min<uint64_t>(header.target - header.partition, 8192) : 1;
+    for (const uint64_t start : {header.partition, header.target - length}) {
+        MemoryTarget target {Bytes(length), static_cast<kelvane_off_t>(start)};
         const auto count = static_cast<kelvane_buf_len_t>(length);
-        bool accepted = true;
-        try {
-            accepted = store.get_hash(start, count, zeros).size() == ENTRY - 1;
-            store.update_hashes(start, bytes.data(), count);
-            accepted = accepted && store.get_hash(start, count, zeros).size() == ENTRY - 1;
-            store.invalidate_hashes(start, count);
-        } catch (const std::runtime_error&) {
-            accepted = false;
-        }
-        if (accepted != usable) {
-            return usable ? "a range inside the target was refused" : "a range outside the target was accepted";
-        }
+        const auto hash = [&] { return store.get_hash(target.partitionOffset, count, target.supplier()); };
+        const std::string failure = failureOf([&] {
+            hash();
+            store.update_hashes(target.partitionOffset, target.bytes.data(), count);
+            const auto known = hash();
+            store.invalidate_hashes(target.partitionOffset, count);
+            EXPECT_EQ(hash(), known);
+        });
+        EXPECT_EQ(failure.substr(0, 33), usable ? "(none)" : "get_hash: offset is out of bounds");
     }
     store.discard_torn_entries();
-    const Bytes after = memory.content();
-    return after.size() == file.size() && std::equal(file.begin(), file.begin() + PAGE, after.begin())
-        ? ""
-        : "using the store changed the header or the file's size";
+    const Bytes after = content();
+    ASSERT_EQ(after.size(), right.size());
+    EXPECT_TRUE(std::equal(right.begin(), right.begin() + DATA, after.begin())) << "the header has changed";
 }
 
-// The file opened for another target size: entries stay, what is new is unknown, the header has the new size.
-std::string resize(const Bytes& file, std::uint64_t target)
+bool checkOpening(uint64_t target, const Bytes& file, HashFileHeader header)
 {
-    const std::uint32_t blockSize = Fields(file).blockSize;
-    const Wide size = fileSizeFor(target, blockSize);
-    if (size > LARGEST_RESIZED_FILE && size <= Wide {INT64_MAX} + 2 * PAGE) {
-        return ""; // larger ones are refused before anything is written
+    const bool valid = isValid(header, file.size());
+    const Wide size = valid ? fileSizeFor(target, header.blockSize) : 0;
+    if (size > LARGEST_RESIZED_FILE && size <= INT64_MAX) {
+        return false;
     }
-    const MemoryFile memory(file);
-    const Attempt attempt = open(memory, target);
-    const Outcome expected = size > LARGEST_RESIZED_FILE ? Outcome::Refused : outcomeFor(blockSize);
+    std::string expected = "refused";
     Bytes right = file;
-    if (expected != Outcome::Refused) {
+    if (valid && size <= INT64_MAX) {
+        expected = header.blockSize <= LARGEST_BLOCK ? "opened" : "no memory";
         right.resize(static_cast<std::size_t>(size));
-        if (target != Fields(file).target) {
-            std::memcpy(right.data() + 32, &target, sizeof(target));
-            std::memset(right.data() + 28, 0, 4); // the gaps of a new header
-            std::memset(right.data() + 52, 0, 4);
+        if (target != header.target) {
+            header.target = target;
+            header.gap = header.lastGap = 0;
+            right = withHeader(std::move(right), header);
         }
     }
-    if (attempt.outcome != expected) {
-        return "opening for another target size has the wrong outcome";
+    writeFile(path, file);
+    std::unique_ptr<BlockHashStore> store;
+    std::string outcome;
+    const std::size_t peak = peakOf(LARGEST_BLOCK, [&] { outcome = open(store, target); });
+    const std::size_t growth = std::max(right.size(), file.size()) - file.size();
+    EXPECT_EQ(outcome, expected);
+    EXPECT_LE(peak, HELD_AT_MOST + growth + (store ? header.blockSize : 0));
+    EXPECT_EQ(content(), right);
+    if (store && valid) {
+        use(*store, header, right);
     }
-    if (attempt.peak > RESIZING_ALLOCATES_AT_MOST + std::min<std::size_t>(blockSize, LARGEST_BLOCK)) {
-        return "opening for another target size takes too much memory";
-    }
-    return memory.content() == right ? "" : "opening for another target size leaves the wrong file";
+    return store != nullptr;
 }
 
 } // namespace
 
-CorruptFileResult checkCorruptFile(const Bytes& file, std::uint64_t otherTargetSize)
+Bytes withHeader(Bytes file, const HashFileHeader& header)
 {
-    const bool valid = isValid(file);
-    const std::uint64_t recorded = file.size() < HEADER ? 0 : Fields(file).target;
-    const MemoryFile memory(file);
-    const Attempt attempt = open(memory, recorded);
-    const Outcome expected = valid ? outcomeFor(Fields(file).blockSize) : Outcome::Refused;
-    const std::size_t block = attempt.outcome == Outcome::Opened ? Fields(file).blockSize : 0;
-    CorruptFileResult result = {attempt.outcome == Outcome::Opened, attempt.peak, ""};
-    if (attempt.outcome != expected) {
-        result.problem = valid ? "a good file was refused" : "a damaged file was accepted";
-    } else if (attempt.peak > REFUSAL_ALLOCATES_AT_MOST + block) {
-        result.problem = "opening takes too much memory: " + std::to_string(attempt.peak);
-    } else if (!valid && open(memory, otherTargetSize).outcome != Outcome::Refused) {
-        result.problem = "a damaged file was accepted for another target size";
-    } else if (memory.content() != file) {
-        result.problem = "opening changed the file";
-    } else if (valid) {
-        result.problem = resize(file, otherTargetSize);
-    }
-    if (result.problem.empty() && attempt.store) {
-        result.problem = use(*attempt.store, memory, file);
-    }
-    return result;
+    std::memcpy(file.data(), &header, HEADER);
+    return file;
 }
 
-CorruptFileResult checkCorruptFileFrom(const unsigned char* input, std::size_t size)
+bool checkCorruptFile(const Bytes& file, uint64_t otherTargetSize)
 {
-    constexpr std::size_t LARGEST_FILE = 16 * PAGE;
+    HashFileHeader header;
+    std::copy_n(file.begin(), std::min(file.size(), HEADER), reinterpret_cast<unsigned char*>(&header));
+    checkOpening(otherTargetSize, file, header);
+    return checkOpening(header.target, file, header);
+}
+
+bool checkCorruptFileFrom(const unsigned char* input, std::size_t size)
+{
     constexpr std::size_t START = HEADER + 12;
-    Bytes file(input, input + std::min(size, HEADER));
     if (size < START) {
-        file.assign(input, input + size);
-        return checkCorruptFile(file, 4096);
+        return checkCorruptFile(Bytes(input, input + size), 4096);
     }
-    file.resize(fieldAt<std::uint32_t>(input, HEADER) % (LARGEST_FILE + 1));
-    if (file.size() > PAGE) {
-        std::copy_n(input + START, std::min(size - START, file.size() - PAGE), file.begin() + PAGE);
+    uint32_t fileSize = 0;
+    uint64_t otherTargetSize = 0;
+    std::memcpy(&fileSize, input + HEADER, sizeof(fileSize));
+    std::memcpy(&otherTargetSize, input + HEADER + 4, sizeof(otherTargetSize));
+    Bytes file(input, input + HEADER);
+    file.resize(fileSize % (16 * 4096 + 1));
+    if (file.size() > DATA) {
+        std::copy_n(input + START, std::min(size - START, file.size() - DATA), file.begin() + DATA);
     }
-    return checkCorruptFile(file, fieldAt<std::uint64_t>(input, HEADER + 4));
+    return checkCorruptFile(file, otherTargetSize);
 }
 
 } // namespace kelvane::testing

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 namespace kelvane::testing {
 
@@ -28,19 +29,8 @@ private:
     int& m_fired;
 };
 
-// While it lives, this thread's allocations of more than `largest` bytes fail. One at a time.
-class AllocationLimit {
-public:
-    explicit AllocationLimit(std::size_t largest);
-    ~AllocationLimit();
-    AllocationLimit(const AllocationLimit&) = delete;
-    AllocationLimit& operator=(const AllocationLimit&) = delete;
-
-    // The most that was held at a time beyond what was held at the start.
-    std::size_t peak() const;
-
-private:
-    std::ptrdiff_t m_heldAtStart;
-};
+// The most bytes that `operation`, which must not throw, held at a time beyond those held before. This thread's
+// allocations of more than `largest` bytes fail meanwhile.
+std::size_t peakOf(std::size_t largest, const std::function<void()>& operation);
 
 } // namespace kelvane::testing
