@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <utility>
 
 namespace kelvane::testing {
 
@@ -16,7 +17,7 @@ enum class Call { Open, Close, Stat, Seek, Read, ReadAt, Write, WriteAt, Fsync, 
 struct CallRecord {
     Call call;
     int fd = -1;                  // for calls that take one
-    const void* buffer = nullptr; // of a write
+    const void* buffer = nullptr; // of a transfer
     std::size_t length = 0;       // of a transfer, a synced range or a truncated file
     off_t offset = 0;             // of a positioned transfer, a seek or a synced range
     int flags = 0;                // of an open or a synced range
@@ -31,26 +32,35 @@ struct Outcome {
 
 // While it lives, every intercepted call asks the hook. One at a time; calls that the hook itself makes,
 // or other threads, are forwarded.
-class CallHook {
-public:
-    explicit CallHook(std::function<Outcome(const CallRecord&)> hook);
-    ~CallHook();
-    CallHook(const CallHook&) = delete;
-    CallHook& operator=(const CallHook&) = delete;
+struct CallHook {
+    explicit CallHook(std::function<Outcome(const CallRecord&)> hook)
+        : ask(std::move(hook))
+    {
+        EXPECT_EQ(std::exchange(active, this), nullptr) << "there is a hook already";
+    }
+    ~CallHook() { active = nullptr; }
+    CallHook(CallHook&&) = delete;
 
-private:
-    std::function<Outcome(const CallRecord&)> m_hook;
+    // A plain pointer, because calls may come before any constructor has run.
+    static inline constinit thread_local CallHook* active = nullptr;
+    std::function<Outcome(const CallRecord&)> ask;
 };
 
 // Gives calls of one kind an outcome, from the one after `skipped` of them on, `times` times, and fails the
 // test when it never did. A close is carried out all the same, so that no descriptor leaks.
 class Fault {
 public:
-    Fault(Call call, Outcome outcome, int skipped = 0, int times = 1);
+    Fault(Call call, Outcome outcome, int skipped = 0, int times = 1)
+        : m_hook([=, this](const CallRecord& record) mutable {
+            const bool fires = record.call == call && skipped-- <= 0 && m_fired < times;
+            m_fired += fires ? 1 : 0;
+            return fires ? outcome : Outcome();
+        })
+    {
+    }
     ~Fault() { EXPECT_GT(m_fired, 0) << "the fault never fired"; }
 
 private:
-    int m_skipped;
     int m_fired = 0;
     CallHook m_hook;
 };
