@@ -1,213 +1,149 @@
 #include "CorruptFile.h"
 
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
-#include <stdexcept>
 
 #include "../tests/Allocations.h"
-#include "BlockHashStore.h"
 
 namespace kelvane::testing {
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-__extension__ using Wide = unsigned __int128;
+__extension__ using Wide = unsigned __int128; // in which no size overflows
 
-constexpr std::size_t PAGE = 4096;
-constexpr std::size_t ENTRY = 33;
+constexpr std::size_t HEADER = sizeof(HashFileHeader);
 constexpr std::size_t LARGEST_BLOCK = 1 << 20;        // allocations for larger ones are made to fail
 constexpr std::size_t LARGEST_RESIZED_FILE = 1 << 20; // no file is made to grow further
 
-// The most that opening may hold besides one block: the file's cache, twice while one replaces the other,
-// and the zeros of a file that grows.
-constexpr std::size_t OPENING_HOLDS_AT_MOST = 2 * 49152 + 4096;
-constexpr std::size_t RESIZING_HOLDS_AT_MOST = OPENING_HOLDS_AT_MOST + 1048576;
+// The most that opening may hold besides a block and the zeros of a file that grows: the file's cache, twice while
+// one replaces the other.
+constexpr std::size_t HELD_AT_MOST = 2 * 49152 + 4096;
 
-struct Header {
-    std::uint64_t magic, version, data;
-    std::uint32_t blockSize, gap;
-    std::uint64_t target, partition;
-    std::uint32_t hash, tail;
-};
-
-// Zeros where the file is too short for one.
-Header headerOf(const Bytes& file)
-{
-    Header header = {};
-    if (file.size() >= sizeof(header)) {
-        std::memcpy(&header, file.data(), sizeof(header));
-    }
-    return header;
-}
-
-// The format's rules, in arithmetic that does not overflow.
-Wide fileSizeFor(std::uint64_t target, std::uint32_t blockSize)
+Wide fileSizeFor(uint64_t target, uint32_t blockSize)
 {
     const Wide entries = (Wide {target} + blockSize - 1) / blockSize * ENTRY;
-    return PAGE + (entries + PAGE - 1) / PAGE * PAGE;
+    return DATA + (entries + 4095) / 4096 * 4096;
 }
 
-bool isValid(const Header& header, std::size_t fileSize)
+bool isValid(const HashFileHeader& header, std::size_t fileSize)
 {
-    return header.magic == 0x20001312 && header.version == 0 && header.data == PAGE && header.hash == 1
-        && header.blockSize != 0 && fileSizeFor(header.target, header.blockSize) == fileSize;
+    return fileSize >= HEADER && header.magic == 0x20001312 && header.version == 0 && header.dataStart == DATA
+        && header.hash == 1 && header.blockSize != 0 && fileSizeFor(header.target, header.blockSize) == fileSize;
 }
 
-// A file without a name on any disk.
-class MemoryFile {
-public:
-    explicit MemoryFile(const Bytes& bytes)
-    {
-        if (::pwrite(m_fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-            std::abort();
-        }
-    }
-    ~MemoryFile() { ::close(m_fd); }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
+// The file that is opened, which has no name on any disk.
+const int fd = ::memfd_create("hashes", MFD_CLOEXEC);
+const std::string path = "/proc/self/fd/" + std::to_string(fd);
 
-    std::string path() const { return "/proc/self/fd/" + std::to_string(m_fd); }
-    bool holds(const Bytes& bytes) const
-    {
-        struct stat status = {};
-        ::fstat(m_fd, &status);
-        Bytes content(static_cast<std::size_t>(status.st_size));
-        return ::pread(m_fd, content.data(), content.size(), 0) == status.st_size && content == bytes;
-    }
-
-private:
-    int m_fd = ::memfd_create("hashes", MFD_CLOEXEC);
-};
-
-enum class Outcome { Opened, Refused, OutOfMemory };
-
-struct Attempt {
-    Outcome outcome;
-    std::size_t peak;
-    std::unique_ptr<BlockHashStore> store;
-};
-
-Attempt open(const MemoryFile& file, std::uint64_t target)
+Bytes content()
 {
-    Attempt attempt = {Outcome::Opened, 0, nullptr};
-    const std::string path = file.path();
-    const AllocationLimit limit(LARGEST_BLOCK);
+    Bytes bytes(std::filesystem::file_size(path));
+    return ::pread(fd, bytes.data(), bytes.size(), 0) == std::ssize(bytes) ? bytes : Bytes();
+}
+
+std::string open(std::unique_ptr<BlockHashStore>& store, uint64_t target)
+{
     try {
-        attempt.store = BlockHashStore::open(path, target);
+        store = BlockHashStore::open(path, target);
+        return "opened";
     } catch (const std::runtime_error&) {
-        attempt.outcome = Outcome::Refused;
+        return "refused";
     } catch (const std::bad_alloc&) {
-        attempt.outcome = Outcome::OutOfMemory;
+        return "no memory";
+    } catch (const std::exception& exception) {
+        return exception.what();
     }
-    attempt.peak = limit.peak();
-    return attempt;
 }
 
-// What opening must come to, for a file that is right or not but for its block size.
-Outcome outcomeFor(bool right, std::uint32_t blockSize)
+// Every operation on the target's first and last bytes, taken as zeros; the header and the file's size stay.
+void use(BlockHashStore& store, const HashFileHeader& header, const Bytes& right)
 {
-    return !right ? Outcome::Refused : blockSize <= LARGEST_BLOCK ? Outcome::Opened : Outcome::OutOfMemory;
-}
-
-// Every operation on the last bytes that offsets reach, of which those outside the target are refused.
-std::string use(BlockHashStore& store, const Header& header)
-{
-    const std::uint64_t end = std::min<std::uint64_t>(header.target, INT64_MAX);
-    const bool usable = header.partition < end;
-    const std::uint64_t length = usable ? std::min<std::uint64_t>(end - header.partition, 2 * PAGE) : 1;
-    const auto offset = static_cast<kelvane_off_t>(end - length);
-    const auto count = static_cast<kelvane_buf_len_t>(length);
-    const auto zeros = [](const auto& offsets, const auto&) {
-        std::vector<std::unique_ptr<char[]>> data(offsets.size());
-        std::generate(data.begin(), data.end(), [] { return std::make_unique<char[]>(2 * PAGE); });
-        return data;
-    };
-    try {
-        store.get_hash(offset, count, zeros);
-        store.update_hashes(offset, std::make_unique<char[]>(length).get(), count);
-        store.invalidate_hashes(offset, count);
-    } catch (const std::runtime_error&) {
-        return usable ? "a range inside the target was refused" : "";
+    const bool usable = header.partition < header.target;
+    const uint64_t length = usable ? std::min<uint64_t>(header.target - header.partition, 8192) : 1;
+    for (const uint64_t start : {header.partition, header.target - length}) {
+        MemoryTarget target {Bytes(length), static_cast<kelvane_off_t>(start)};
+        const auto count = static_cast<kelvane_buf_len_t>(length);
+        const auto hash = [&] { return store.get_hash(target.partitionOffset, count, target.supplier()); };
+        const std::string failure = failureOf([&] {
+            hash();
+            store.update_hashes(target.partitionOffset, target.bytes.data(), count);
+            const auto known = hash();
+            store.invalidate_hashes(target.partitionOffset, count);
+            EXPECT_EQ(hash(), known);
+        });
+        EXPECT_EQ(failure.substr(0, 33), usable ? "(none)" : "get_hash: offset is out of bounds");
     }
     store.discard_torn_entries();
-    return usable ? "" : "a range outside the target was accepted";
+    const Bytes after = content();
+    ASSERT_EQ(after.size(), right.size());
+    EXPECT_TRUE(std::equal(right.begin(), right.begin() + DATA, after.begin())) << "the header has changed";
 }
 
-// The file opened for another target size: entries stay, what is new is unknown, the header has the new size.
-std::string resize(const Bytes& file, std::uint64_t target)
+bool checkOpening(uint64_t target, const Bytes& file, HashFileHeader header)
 {
-    const std::uint32_t blockSize = headerOf(file).blockSize;
-    const Wide size = fileSizeFor(target, blockSize);
-    if (size > LARGEST_RESIZED_FILE && size <= Wide {INT64_MAX} + 2 * PAGE) {
-        return ""; // larger ones are refused before anything is written
+    const bool valid = isValid(header, file.size());
+    const Wide size = valid ? fileSizeFor(target, header.blockSize) : 0;
+    if (size > LARGEST_RESIZED_FILE && size <= INT64_MAX) {
+        return false;
     }
-    const MemoryFile memory(file);
-    const Attempt attempt = open(memory, target);
-    const Outcome expected = outcomeFor(size <= LARGEST_RESIZED_FILE, blockSize);
+    std::string expected = "refused";
     Bytes right = file;
-    if (expected != Outcome::Refused && target != headerOf(file).target) {
+    if (valid && size <= INT64_MAX) {
+        expected = header.blockSize <= LARGEST_BLOCK ? "opened" : "no memory";
         right.resize(static_cast<std::size_t>(size));
-        std::memcpy(right.data() + 32, &target, sizeof(target));
-        std::memset(right.data() + 28, 0, 4); // the gaps of a new header
-        std::memset(right.data() + 52, 0, 4);
+        if (target != header.target) {
+            header.target = target;
+            header.gap = header.lastGap = 0;
+            right = withHeader(std::move(right), header);
+        }
     }
-    return attempt.outcome != expected ? "opening for another target size has the wrong outcome"
-        : attempt.peak > RESIZING_HOLDS_AT_MOST + std::min<std::size_t>(blockSize, LARGEST_BLOCK)
-        ? "opening for another target size takes too much memory"
-        : memory.holds(right) ? ""
-                              : "opening for another target size leaves the wrong file";
+    writeFile(path, file);
+    std::unique_ptr<BlockHashStore> store;
+    std::string outcome;
+    const std::size_t peak = peakOf(LARGEST_BLOCK, [&] { outcome = open(store, target); });
+    const std::size_t growth = std::max(right.size(), file.size()) - file.size();
+    EXPECT_EQ(outcome, expected);
+    EXPECT_LE(peak, HELD_AT_MOST + growth + (store ? header.blockSize : 0));
+    EXPECT_EQ(content(), right);
+    if (store && valid) {
+        use(*store, header, right);
+    }
+    return store != nullptr;
 }
 
 } // namespace
 
-CorruptFileResult checkCorruptFile(const Bytes& file, std::uint64_t otherTargetSize)
+Bytes withHeader(Bytes file, const HashFileHeader& header)
 {
-    const Header header = headerOf(file);
-    const bool valid = isValid(header, file.size());
-    const MemoryFile memory(file);
-    const Attempt attempt = open(memory, header.target);
-    const bool opened = attempt.outcome == Outcome::Opened;
-    CorruptFileResult result = {opened, attempt.peak, ""};
-    if (attempt.outcome != outcomeFor(valid, header.blockSize)) {
-        result.problem = valid ? "a good file was refused" : "a damaged file was accepted";
-    } else if (attempt.peak > OPENING_HOLDS_AT_MOST + (opened ? header.blockSize : 0)) {
-        result.problem = "opening takes too much memory: " + std::to_string(attempt.peak);
-    } else if (!valid && open(memory, otherTargetSize).outcome != Outcome::Refused) {
-        result.problem = "a damaged file was accepted for another target size";
-    } else if (!memory.holds(file)) {
-        result.problem = "opening changed the file";
-    } else if (valid) {
-        result.problem = resize(file, otherTargetSize);
-    }
-    if (result.problem.empty() && opened) {
-        result.problem = use(*attempt.store, header);
-    }
-    return result;
+    std::memcpy(file.data(), &header, HEADER);
+    return file;
 }
 
-CorruptFileResult checkCorruptFileFrom(const unsigned char* input, std::size_t size)
+bool checkCorruptFile(const Bytes& file, uint64_t otherTargetSize)
 {
-    constexpr std::size_t LARGEST_FILE = 16 * PAGE;
-    constexpr std::size_t HEADER = sizeof(Header), START = HEADER + 12;
-    std::uint32_t fileSize;
-    std::uint64_t otherTargetSize;
+    HashFileHeader header;
+    std::copy_n(file.begin(), std::min(file.size(), HEADER), reinterpret_cast<unsigned char*>(&header));
+    checkOpening(otherTargetSize, file, header);
+    return checkOpening(header.target, file, header);
+}
+
+bool checkCorruptFileFrom(const unsigned char* input, std::size_t size)
+{
+    constexpr std::size_t START = HEADER + 12;
     if (size < START) {
         return checkCorruptFile(Bytes(input, input + size), 4096);
     }
+    uint32_t fileSize = 0;
+    uint64_t otherTargetSize = 0;
     std::memcpy(&fileSize, input + HEADER, sizeof(fileSize));
     std::memcpy(&otherTargetSize, input + HEADER + 4, sizeof(otherTargetSize));
     Bytes file(input, input + HEADER);
-    file.resize(fileSize % (LARGEST_FILE + 1));
-    if (file.size() > PAGE) {
-        std::copy_n(input + START, std::min(size - START, file.size() - PAGE), file.begin() + PAGE);
+    file.resize(fileSize % (16 * 4096 + 1));
+    if (file.size() > DATA) {
+        std::copy_n(input + START, std::min(size - START, file.size() - DATA), file.begin() + DATA);
     }
     return checkCorruptFile(file, otherTargetSize);
 }

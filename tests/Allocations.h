@@ -1,26 +1,22 @@
-// The test program's allocations, of which a test can make some fail, and which it can measure.
+// The test program's allocations, of which a test can make one fail, and which it can limit and measure.
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 namespace kelvane::testing {
 
-// While it lives, those of this thread's allocations fail that are larger than `largest` bytes, and, unless
-// `successes` is negative, the one after so many others. One at a time.
-class AllocationLimit {
-public:
-    explicit AllocationLimit(std::size_t largest, long successes = -1);
-    ~AllocationLimit();
-    AllocationLimit(const AllocationLimit&) = delete;
-    AllocationLimit& operator=(const AllocationLimit&) = delete;
+// Makes this thread's allocation after `successes` others fail while it lives; none where that is negative.
+struct FailingAllocation {
+    explicit FailingAllocation(int successes);
+    ~FailingAllocation();
+    FailingAllocation(FailingAllocation&&) = delete;
 
-    // The most that was held at a time beyond what was held at the start.
-    std::size_t peak() const;
-
-private:
-    std::ptrdiff_t m_heldAtStart;
+    static bool hasFailed(); // the allocation that the last one was for
 };
 
-bool hasAllocationFailed(); // the one after the `successes` of the last limit
+// The most bytes that `operation`, which must not throw, held at a time beyond those held before. This thread's
+// allocations of more than `largest` bytes fail meanwhile.
+std::size_t peakOf(std::size_t largest, const std::function<void()>& operation);
 
 } // namespace kelvane::testing

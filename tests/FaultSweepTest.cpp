@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <iostream>
-#include <limits>
 #include <regex>
 
 #include "Allocations.h"
@@ -213,7 +212,7 @@ struct Injection {
     void run(const std::function<void()>& operation)
     {
         const CallHook hook([this](const CallRecord& call) { return outcome(call); });
-        const AllocationLimit limit(std::numeric_limits<std::size_t>::max(), kind == Allocation ? k : -1);
+        const FailingAllocation failing(kind == Allocation ? k : -1);
         operation();
     }
 
@@ -356,9 +355,9 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
         = injection.kind == Injection::Callback && static_cast<std::size_t>(injection.k) < std::size(SPOILS);
     lab.spoil = spoils ? SPOILS[injection.k].first : nullptr;
     Lines lines = unwinding ? logWhileUnwinding(run) : logOf(run);
-    injection.fired += spoils                                              ? lab.target.calls
-        : injection.kind == Injection::Allocation && hasAllocationFailed() ? 1
-                                                                           : 0;
+    injection.fired += spoils                                                       ? lab.target.calls
+        : injection.kind == Injection::Allocation && FailingAllocation::hasFailed() ? 1
+                                                                                    : 0;
     lab.spoil = nullptr;
     for (std::string& line : lines) {
         line = std::regex_replace(line, std::regex(lab.path), "PATH");

@@ -2,11 +2,13 @@
 // to the kernel, and lets a test watch each one or have it fail.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <utility>
 
 namespace kelvane::testing {
 
@@ -15,7 +17,7 @@ enum class Call { Open, Close, Stat, Seek, ReadAt, Write, WriteAt, Fsync, SyncFi
 struct CallRecord {
     Call call;
     int fd = -1;                  // for calls that take one
-    const void* buffer = nullptr; // of a write
+    const void* buffer = nullptr; // of a transfer
     std::size_t length = 0;       // of a transfer, a synced range or a truncated file
     off_t offset = 0;             // of a positioned transfer, a seek or a synced range
     int flags = 0;                // of an open or a synced range
@@ -30,15 +32,18 @@ struct Outcome {
 
 // While it lives, every intercepted call asks the hook. One at a time; calls that the hook itself makes,
 // or other threads, are forwarded.
-class CallHook {
-public:
-    explicit CallHook(std::function<Outcome(const CallRecord&)> hook);
-    ~CallHook();
-    CallHook(const CallHook&) = delete;
-    CallHook& operator=(const CallHook&) = delete;
+struct CallHook {
+    explicit CallHook(std::function<Outcome(const CallRecord&)> hook)
+        : ask(std::move(hook))
+    {
+        EXPECT_EQ(std::exchange(active, this), nullptr) << "there is a hook already";
+    }
+    ~CallHook() { active = nullptr; }
+    CallHook(CallHook&&) = delete;
 
-private:
-    std::function<Outcome(const CallRecord&)> m_hook;
+    // A plain pointer, because calls may come before any constructor has run.
+    static inline constinit thread_local CallHook* active = nullptr;
+    std::function<Outcome(const CallRecord&)> ask;
 };
 
 using CallCounts = std::map<Call, std::size_t>; // of the calls that were made
