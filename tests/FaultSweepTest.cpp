@@ -439,6 +439,11 @@ TEST_P(FaultSweep, LeavesNothingWrong)
         EXPECT_EQ(logWhileUnwinding([&] { GUARD(lab, 0, BLOCK); }),
                   Lines {"thrown: cannot guard a target write while an exception propagates"});
         EXPECT_EQ(lab.file(), lab.image);
+        TargetWriteGuard guard(*lab.store, PARTITION, BLOCK);
+        const Bytes unknown = lab.file();
+        EXPECT_EQ(logWhileUnwinding([&] { guard.commit(lab.at(0)); }),
+                  Lines {"thrown: cannot commit a target write while an exception propagates"});
+        EXPECT_EQ(lab.file(), unknown);
     }
 }
 

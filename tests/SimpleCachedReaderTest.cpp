@@ -82,7 +82,9 @@ TEST_F(SimpleCachedReaderTest, OpensExistingFilesOnlyAndNotForOtherPrograms)
            {closed.sync_file_range(0, 100), errno, EBADF},
            {reader.read(&byte, -1), errno, EINVAL},
            {reader.write(nullptr, std::size_t {INT_MAX} + 1), errno, EFBIG}, // more than it could report
-           {reader.write(nullptr, SIZE_MAX), errno, EFBIG}};
+           {reader.write(nullptr, SIZE_MAX), errno, EFBIG},
+           {reader.seek(MAXIMUM, SEEK_SET) - MAXIMUM + reader.read(&byte, 1), errno, EINVAL}, // where no byte can lie
+           {reader.write(&byte, 1), errno, EFBIG}};
     for (const auto& [result, error, expected] : refusals) {
         EXPECT_EQ(std::pair(result, error), std::pair(kelvane_ssize_t {-1}, expected));
     }

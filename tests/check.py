@@ -25,7 +25,7 @@ CHECKS = [
     ("model", tests("Model.*"), r"model: \d+ operations.*", 1),
     ("corrupt files", tests("CorruptFileTest.*"), r"(?:corrupt files|corpus replay): .* 0 wrong.*", 3),
     ("crash states", tests("CrashTest.*"),
-     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 7),
+     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 11),
     ("limits", tests("*Limits*"), r"(?:limits|kernel failures): .*: right", 3),
     ("fuzzer", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"],
      r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 2),

@@ -34,6 +34,10 @@ m_hashBufferSize < sizeRequested => m_hashBufferSize + 32 < sizeRequested
 sizeRequested) {\n        m_hashBuffer = => sizeRequested) {\n        m_hashBufferSize = sizeRequested, m_hashBuffer =
 entry.begin() + (boundary - start); => entry.begin() + (boundary - start) + 1;
 (entry.front() & InUse) == 0 || =>
+if (!validReadWrite(bytesToWrite, m_file.write(m_hashBuffer.get(), => if (0 > (m_file.write(m_hashBuffer.get(),
+if (!validReadWrite(bytesToWrite, m_file.write(first, => if (0 > (m_file.write(first,
+posix::writeOnce(fd, zeros.get(), bytesToWrite);\n        if (!validReadWrite(static_cast<kelvane_ssize_t>(bytesToWrite), bytesWritten)) => posix::writeOnce(fd, zeros.get(), bytesToWrite);\n        if (bytesWritten < 0)
+span.numberOfBlocks > MAXIMUM_BLOCKS_PER_REQUEST => span.numberOfBlocks >= MAXIMUM_BLOCKS_PER_REQUEST
 @ src/SimpleCachedReader.cpp
 dropCache(); // nobody => // nobody
 static_cast<kelvane_ssize_t>(moved);\n    const => window.length;\n    const
@@ -48,6 +52,7 @@ retryInterrupted([&] { return call(transfer.moved); }) => call(transfer.moved)
 transfer.moved += static_cast<std::size_t>(count); => transfer.moved += static_cast<std::size_t>(count); break;
 offset + static_cast<off_t>(moved));\n    });\n}\n\nssize_t => offset);\n    });\n}\n\nssize_t
 | SYNC_FILE_RANGE_WAIT_AFTER => | 0
+return ::close(fd); => return retryInterrupted([&] { return ::close(fd); });
 @ src/BlakeHash.cpp
 bytes + 1, length - 1) => bytes + 1, length - (length > 1 ? 2 : 1))
 @ src/IHashFunction.cpp
@@ -59,7 +64,9 @@ counter = offset / LEAVES + own => counter = offset / LEAVES + (own == 63 ? 64 :
 }\n    errno = m_savedErrno;\n} => }\n}
 @ include/TargetWriteGuard.h
 !m_store.sync_to_disk() => false
-std::uncaught_exceptions() != 0 => false
+makeUnknownAgain();\n            throw; => throw;
+std::uncaught_exceptions() != 0) {\n            throw std::runtime_error("cannot guard => false) {\n            throw std::runtime_error("cannot guard
+std::uncaught_exceptions() != 0) {\n            throw std::runtime_error("cannot commit => false) {\n            throw std::runtime_error("cannot commit
 """
 SLOW = "*FaultSweep*:CrashTest*:CorruptFile*"
 
