@@ -2,11 +2,7 @@
 """Runs every check and prints its figures, one line each; fails when one of them fails or prints too few of them.
 
 Usage: check.py [NAME]...; KELVANE_MODEL_ROUNDS and FUZZ_SECONDS make the model's run and the fuzzer's longer."""
-import os
-import re
-import subprocess
-import sys
-import time
+import os, re, subprocess, sys, time
 from concurrent.futures import ThreadPoolExecutor
 
 PROGRAM = "build/release/tests/kelvane_tests"

@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
 """Do the tests bite? Plants one bug at a time in a copy of the sources, rebuilds, and runs the tests.
-mutants.py WORK_DIRECTORY [--all: name all tests that fail] [TEXT: plant the bugs that hold it]
-"""
-import os, re, shutil, subprocess, sys
+mutants.py WORK_DIRECTORY [--all: name all tests that fail] [TEXT: plant the bugs that hold it]"""
+import os, re, shutil, subprocess, sys, tempfile
 
 # A file, then its bugs: what stands there exactly once => what takes its place ("\n" is a line end).
 BUGS = r"""
@@ -83,9 +82,8 @@ def failing_tests(program, everything, environment):
     """The first test that fails, or all of them; a hang and a crash count too."""
     failed = []
     for test_filter in ["-" + SLOW, SLOW]:
-        command = ["timeout", "300", program, "--gtest_brief=1", "--gtest_filter=" + test_filter]
-        run = subprocess.run(command + ["--gtest_fail_fast"] * (not everything), capture_output=True, env=environment,
-                             errors="replace")
+        command = ["timeout", "300", program, "--gtest_filter=" + test_filter, f"--gtest_fail_fast={not everything:d}"]
+        run = subprocess.run(command, capture_output=True, env=environment, errors="replace")
         failed += dict.fromkeys(re.findall(r"^\[  FAILED  \] (\S+?),? .*\(\d+ ms\)$", run.stdout, re.MULTILINE))
         failed += {0: [], 1: [] if failed else ["a test"], 124: ["a hang"]}.get(run.returncode, ["a crash"])
         if failed and not everything:
@@ -95,32 +93,27 @@ def failing_tests(program, everything, environment):
 
 def main():
     work, *options = sys.argv[1:]
-    copy, build, temporary = (os.path.join(os.path.abspath(work), name) for name in ("copy", "build", "tmp"))
+    copy, build = (os.path.join(os.path.abspath(work), name) for name in ("copy", "build"))
     shutil.rmtree(copy, ignore_errors=True)
     shutil.copytree(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), copy,
                     ignore=shutil.ignore_patterns("build", ".git"), copy_function=shutil.copy)
     subprocess.run(["cmake", "-S", copy, "-B", build, "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O1 -w",
                     "-DKELVANE_BUILD_TOOLS=OFF", "-DKELVANE_BUILD_EXAMPLES=OFF"], check=True, stdout=subprocess.DEVNULL)
-    compilation = ["cmake", "--build", build, "--target", "kelvane_tests"]
     results = []
-    for name, line, before, after in [("CMakeLists.txt", "no bug", "\n)", "\n)"), *bugs(options)]:
+    for name, line, before, after in [("CMakeLists.txt", "no bug", "project(", "project("), *bugs(options)]:
         path = os.path.join(copy, name)
         original = open(path).read()
-        if results and original.count(before) != 1:
-            sys.exit(f"{name}: not there exactly once: {before}")
+        assert original.count(before) == 1, f"{name}: not there exactly once: {before}"
         open(path, "w").write(original.replace(before, after))
-        if subprocess.run(compilation, stdout=subprocess.DEVNULL).returncode != 0:
+        if subprocess.run(["cmake", "--build", build, "-t", "kelvane_tests"], stdout=subprocess.DEVNULL).returncode:
             sys.exit(f"{name}: does not compile: {line}")
-        os.makedirs(temporary, exist_ok=True)
-        tests = failing_tests(os.path.join(build, "tests", "kelvane_tests"), "--all" in options,
-                              dict(os.environ, TMPDIR=temporary))  # a crash leaves files behind
-        shutil.rmtree(temporary)
+        with tempfile.TemporaryDirectory() as temporary:  # a crash leaves files behind
+            environment = dict(os.environ, TMPDIR=temporary, GTEST_BRIEF="1")
+            tests = failing_tests(build + "/tests/kelvane_tests", "--all" in options, environment)
         open(path, "w").write(original)
         results.append(bool(tests))
-        if results[0]:
-            sys.exit("the tests fail without any bug")
-        if len(results) > 1:
-            print(f"{name}: {line}\n    {'caught by ' + ', '.join(tests) if tests else 'SURVIVED'}", flush=True)
+        assert not results[0], "the tests fail without any bug"
+        print(f"{name}: {line}\n    {'caught by ' + ', '.join(tests) if tests else 'NOT CAUGHT'}", flush=True)
     print(f"mutants: {len(results) - 1} planted, {sum(results[1:])} caught")
     return not all(results[1:])
 

@@ -21,6 +21,27 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::size_t HEADER_SIZE = 56;
+constexpr std::uint64_t PAGE = 4096; // the entries start at one, and the file ends at one
+constexpr std::uint64_t ENTRY_SIZE = 33;
+
+class Descriptor {
+public:
+    Descriptor(const std::string& path, int flags)
+        : m_fd(::open(path.c_str(), flags | O_CLOEXEC))
+    {
+        if (m_fd < 0) {
+            throw Failure(path, "cannot open the hash file: " + errorText(errno));
+        }
+    }
+    ~Descriptor() { ::close(m_fd); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    operator int() const { return m_fd; }
+
+private:
+    int m_fd;
+};
 
 template <class Field>
 void take(const std::array<char, HEADER_SIZE>& record, std::size_t offset, Field& field)
@@ -48,13 +69,50 @@ Header readHeader(int fd, const std::string& path)
     if (header.magicNumber != 0x20001312) {
         throw Failure(path, 0, "not a hash file, or its creation was interrupted; remove it to start anew");
     }
+    if (header.version != 0 || header.dataRegionOffset != PAGE || header.blockSize == 0 || header.hashId != 1) {
+        throw Failure(path, 8, "a hash file of a form that is not known here; remove it to start anew");
+    }
     if (header.partitionOffset > header.targetEnd
         || header.targetEnd > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
         throw Failure(path, 32,
                       "impossible sizes: a target from " + std::to_string(header.partitionOffset) + " to "
                           + std::to_string(header.targetEnd));
     }
+    struct stat status = {};
+    ::fstat(fd, &status);
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    const std::uint64_t entries = (header.targetEnd + header.blockSize - 1) / header.blockSize;
+    if (entries > size / ENTRY_SIZE || PAGE + (entries * ENTRY_SIZE + PAGE - 1) / PAGE * PAGE != size) {
+        throw Failure(path,
+                      "its size of " + std::to_string(size)
+                          + " does not fit its header: a change of it was cut short, unless one is under way; "
+                            "remove it to start anew");
+    }
     return header;
+}
+
+// Of all whole blocks, those whose hash is unknown.
+std::vector<Range> readUnknown(int fd, const std::string& path, const Header& header)
+{
+    constexpr std::int64_t ENTRIES_AT_ONCE = 4096;
+    std::vector<char> entries(ENTRIES_AT_ONCE * ENTRY_SIZE);
+    std::vector<Range> unknown;
+    const std::int64_t blockSize = header.blockSize;
+    const std::int64_t blocks = header.targetSize() / blockSize;
+    for (std::int64_t block = 0; block < blocks;) {
+        const auto wanted = static_cast<std::size_t>(std::min(ENTRIES_AT_ONCE, blocks - block)) * ENTRY_SIZE;
+        const auto offset = static_cast<std::int64_t>(PAGE + static_cast<std::uint64_t>(block) * ENTRY_SIZE);
+        const ssize_t count = ::pread(fd, entries.data(), wanted, offset);
+        if (count < static_cast<ssize_t>(ENTRY_SIZE)) {
+            throw Failure(path, offset, "cannot read: " + (count < 0 ? errorText(errno) : "it ends here"));
+        }
+        for (std::size_t at = 0; at + ENTRY_SIZE <= static_cast<std::size_t>(count); at += ENTRY_SIZE, ++block) {
+            if ((entries[at] & 1) == 0) {
+                append(unknown, {block * blockSize, blockSize});
+            }
+        }
+    }
+    return unknown;
 }
 
 // The store's failures end in the number of the system's error; people want its name.
@@ -182,26 +240,19 @@ std::uint64_t Store::discardTornEntries()
 class HashFile::Lock {
 public:
     explicit Lock(const std::string& path)
-        : m_fd(::open(path.c_str(), O_RDWR | O_CLOEXEC))
+        : m_fd(path, O_RDWR)
     {
-        if (m_fd < 0) {
-            throw Failure(path, "cannot open the hash file: " + errorText(errno));
-        }
         if (::flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
-            const std::string cause = errno == EWOULDBLOCK ? "the hash file is in use, or was given twice"
-                                                           : "cannot lock: " + errorText(errno);
-            ::close(m_fd);
-            throw Failure(path, cause);
+            throw Failure(path,
+                          errno == EWOULDBLOCK ? "the hash file is in use, or was given twice"
+                                               : "cannot lock: " + errorText(errno));
         }
     }
-    ~Lock() { ::close(m_fd); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
 
     int fd() const { return m_fd; }
 
 private:
-    int m_fd;
+    Descriptor m_fd;
 };
 
 HashFile::HashFile(std::string path)
@@ -300,6 +351,16 @@ bool HashFile::isNewer(const Image& image, const std::string& hashFilePath)
 void HashFile::setTimeToNow() const
 {
     ::futimens(m_lock->fd(), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------------
+
+HashFileContents::HashFileContents(const std::string& path)
+{
+    const Descriptor fd(path, O_RDONLY | O_NONBLOCK); // a pipe must not make it wait
+    header = readHeader(fd, path);
+    unknown = readUnknown(fd, path, header);
+    ::fstat(fd, &status);
 }
 
 } // namespace kelvane::tool

@@ -1,6 +1,8 @@
 // The hash file of an image: its header, and stores on it that speak in offsets of the image.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdint>
 #include <kelvane/BlockHashStore.h>
@@ -129,6 +131,15 @@ private:
     std::unique_ptr<Store> m_store;
     bool m_created = false;
     std::optional<std::int64_t> m_formerTargetSize;
+};
+
+// What a hash file holds at this moment. It is only read and not locked, so it may be in use or not writable.
+struct HashFileContents {
+    explicit HashFileContents(const std::string& path);
+
+    Header header;
+    std::vector<Range> unknown; // of the whole blocks
+    struct stat status = {};
 };
 
 } // namespace kelvane::tool

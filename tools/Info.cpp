@@ -1,6 +1,3 @@
-#include <sys/stat.h>
-
-#include "Blocks.h"
 #include "Commands.h"
 #include "Text.h"
 
@@ -38,23 +35,13 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
 
 Outcome info(const std::string& path)
 {
-    HashFile hashFile(path);
-    const Header& header = hashFile.header();
+    const auto [header, unknown, status] = HashFileContents(path);
     const std::int64_t blockSize = header.blockSize;
     const std::int64_t size = header.targetSize();
     const std::int64_t whole = size / blockSize;
     const std::int64_t partial = size % blockSize;
-    std::vector<Range> unknown;
-    RangeSource source({0, size}, sliceSize(blockSize));
-    while (const auto slice = source.next()) {
-        for (const Range& run : hashFile.store().unknown(*slice)) {
-            append(unknown, run);
-        }
-    }
     const std::int64_t unknownBlocks = totalLength(unknown) / blockSize;
     const std::string map = drawMap(unknown, whole, blockSize);
-    struct stat status = {};
-    ::stat(path.c_str(), &status);
     const std::int64_t onDisk = status.st_blocks * 512;
 
     Outcome outcome;

@@ -142,8 +142,8 @@ private:
 
     void addInfo()
     {
-        CLI::App* const app = add("info", "Show what a hash file holds", "info disk.img.hashes",
-                                  [this] { return info(m_pair.first.image); });
+        CLI::App* const app = add("info", "Show what a hash file holds; only reads it, so that it may be in use",
+                                  "info disk.img.hashes", [this] { return info(m_pair.first.image); });
         app->add_option("FILE", m_pair.first.image, "A hash file")->required()->type_name("");
     }
 
@@ -170,8 +170,10 @@ private:
 
     void addVerify()
     {
-        CLI::App* const app = add("verify", "Check the known hashes against the image", "verify disk.img --sample 0.05",
-                                  [this] { return verify(m_pair.first, m_verify, m_common); });
+        CLI::App* const app
+            = add("verify",
+                  "Check the known hashes against the image; the hash file must be writable, even if nothing is marked",
+                  "verify disk.img --sample 0.05", [this] { return verify(m_pair.first, m_verify, m_common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         app->add_option("--sample", m_verify.share, "Check a random share of the image, above 0 and up to 1")
             ->check(CLI::Range(1e-9, 1.0).description(""))
@@ -225,13 +227,13 @@ int run(int argc, char** argv)
 {
     CommandLine commandLine;
     const auto command = commandLine.parse(argc, argv);
-    if (!command) {
-        return 0;
+    Outcome outcome;
+    if (command) {
+        outcome = command();
+        const auto replacing = nlohmann::ordered_json::error_handler_t::replace; // names need not be UTF-8
+        std::cout << (commandLine.json() ? outcome.json.dump(2, ' ', false, replacing) + "\n" : outcome.text);
     }
-    const Outcome outcome = command();
-    const auto replacing = nlohmann::ordered_json::error_handler_t::replace; // names need not be UTF-8
-    std::cout << (commandLine.json() ? outcome.json.dump(2, ' ', false, replacing) + "\n" : outcome.text) << std::flush;
-    if (!std::cout) {
+    if (!std::cout.flush()) {
         return complain("standard output: cannot write", ERROR);
     }
     return outcome.good ? 0 : DIFFERS;
