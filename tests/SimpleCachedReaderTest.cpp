@@ -1,13 +1,10 @@
 #include "SimpleCachedReader.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <limits>
-#include <numeric>
 
 #include "Support.h"
 #include "SystemCalls.h"
@@ -15,175 +12,23 @@
 namespace kelvane::testing {
 namespace {
 
-using ::testing::ElementsAre;
+using Size = kelvane_ssize_t;
 
-constexpr kelvane_ssize_t PAGE = 4096;
-constexpr auto CACHE = static_cast<kelvane_ssize_t>(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES);
-constexpr kelvane_ssize_t FILE_SIZE = 300000;
-constexpr kelvane_ssize_t MAXIMUM = std::numeric_limits<kelvane_ssize_t>::max();
+constexpr Size PAGE = 4096;
+constexpr Size CACHE = SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES;
 
-// A reader on a file of random bytes, beside a copy of what the file must hold.
-struct SimpleCachedReaderTest : ::testing::Test {
-    explicit SimpleCachedReaderTest(std::size_t cacheSize = SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES)
-        : reader(cacheSize)
+// A reader on a file of random bytes, beside a copy of what the file must hold, with which all operations are
+// compared. In a random run transfers are split, interrupted or fail now and then, and callbacks throw.
+struct Model {
+    explicit Model(Size cacheSize)
+        : reader(static_cast<std::size_t>(cacheSize))
     {
         writeFile(path, content);
         EXPECT_GE(reader.open(path, O_RDWR), 0);
-        reader.setOnReadCallback([this](unsigned long bytes) { transfers.push_back(bytes); });
-    }
-
-    void seekTo(kelvane_ssize_t offset) { ASSERT_EQ(reader.seek(offset, SEEK_SET), offset); }
-    kelvane_ssize_t position() { return reader.seek(0, SEEK_CUR); }
-
-    Bytes expected(kelvane_ssize_t offset, kelvane_ssize_t length) const
-    {
-        const auto size = static_cast<kelvane_ssize_t>(content.size());
-        return {content.begin() + std::min(offset, size), content.begin() + std::min(offset + length, size)};
-    }
-
-    void expectReadAt(kelvane_ssize_t offset, kelvane_ssize_t length)
-    {
-        seekTo(offset);
-        Bytes bytes(static_cast<std::size_t>(length));
-        ASSERT_EQ(reader.read(bytes.data(), length), length);
-        ASSERT_EQ(bytes, expected(offset, length)) << length << " bytes at " << offset;
-    }
-
-    void writeAt(kelvane_ssize_t offset, kelvane_ssize_t length)
-    {
-        seekTo(offset);
-        ASSERT_EQ(reader.write(content.data(), static_cast<std::size_t>(length)), length);
-        std::copy_n(content.begin(), length, content.begin() + offset);
-    }
-
-    Bytes content = randomBytes(FILE_SIZE, 7);
-    TemporaryDirectory directory;
-    std::string path = directory.file("data");
-    SimpleCachedReader reader;
-    std::vector<unsigned long> transfers; // their bytes, as the callback for reads got them
-    char byte = 0;
-};
-
-TEST_F(SimpleCachedReaderTest, OpensExistingFilesOnlyAndNotForOtherPrograms)
-{
-    const CallHook hook([](const CallRecord& record) {
-        EXPECT_TRUE(record.call != Call::Open || record.flags == (O_RDWR | O_CLOEXEC));
-        return Outcome();
-    });
-    EXPECT_EQ(reader.open(directory.file("missing"), O_RDWR), -1);
-    EXPECT_EQ(errno, ENOENT);
-    expectReadAt(0, 56); // the file is open still
-    SimpleCachedReader closed(CACHE);
-    const std::tuple<kelvane_ssize_t, int, int> refusals[]
-        = {{closed.seek(0, SEEK_SET), errno, EBADF},
-           {closed.read(&byte, 1), errno, EBADF},
-           {closed.write(&byte, 1), errno, EBADF},
-           {closed.fsync(), errno, EBADF},
-           {closed.sync_file_range(0, 100), errno, EBADF},
-           {reader.read(&byte, -1), errno, EINVAL},
-           {reader.write(nullptr, std::size_t {INT_MAX} + 1), errno, EFBIG}, // more than it could report
-           {reader.write(nullptr, SIZE_MAX), errno, EFBIG},
-           {reader.seek(MAXIMUM, SEEK_SET) - MAXIMUM + reader.read(&byte, 1), errno, EINVAL}, // where no byte can lie
-           {reader.write(&byte, 1), errno, EFBIG}};
-    for (const auto& [result, error, expected] : refusals) {
-        EXPECT_EQ(std::pair(result, error), std::pair(kelvane_ssize_t {-1}, expected));
-    }
-    EXPECT_EQ(failureOf([&] { closed.truncate(5); }), "failed to truncate file: 9");
-}
-
-TEST_F(SimpleCachedReaderTest, SeeksInEveryWayButNotBeforeTheStart)
-{
-    const std::tuple<kelvane_ssize_t, int, kelvane_ssize_t, int> cases[]
-        = {{0, SEEK_SET, 0, 0},          {MAXIMUM, SEEK_SET, MAXIMUM, 0}, {-1, SEEK_SET, -1, EINVAL},
-           {-1000, SEEK_CUR, 0, 0},      {-1001, SEEK_CUR, -1, EINVAL},   {MAXIMUM - 999, SEEK_CUR, -1, EOVERFLOW},
-           {-FILE_SIZE, SEEK_END, 0, 0}, {5, SEEK_END, FILE_SIZE + 5, 0}, {-FILE_SIZE - 1, SEEK_END, -1, EINVAL},
-           {0, 77, -1, EINVAL}};
-    for (const auto& [offset, whence, end, error] : cases) {
-        seekTo(1000);
-        errno = 0;
-        EXPECT_EQ(reader.seek(offset, whence), end) << offset << " " << whence;
-        EXPECT_EQ(errno, error);
-        EXPECT_EQ(position(), error == 0 ? end : 1000);
-    }
-    const CallHook failing([](const CallRecord&) { return Outcome {EIO}; });
-    EXPECT_EQ(reader.seek(0, SEEK_END), -1);
-    EXPECT_EQ(errno, EIO);
-}
-
-TEST_F(SimpleCachedReaderTest, MovesWithItsFile)
-{
-    const int before = openDescriptors();
-    seekTo(5000);
-    SimpleCachedReader other(std::move(reader));
-    ASSERT_GE(reader.open(path, O_RDWR), 0);
-    EXPECT_EQ(openDescriptors(), before + 1);
-    reader = std::move(other);
-    auto& self = reader;
-    reader = std::move(self);
-    EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(position(), 5000);
-    expectReadAt(5000, 100);
-    EXPECT_THAT(transfers, ElementsAre(PAGE));
-    EXPECT_EQ(other.read(&byte, 1), -1); // moved from, and without a file
-}
-
-TEST_F(SimpleCachedReaderTest, ForgetsWhatAFailedWriteMayHaveChanged)
-{
-    expectReadAt(4096, 100);
-    seekTo(4096);
-    {
-        const CallHook hook([&](const CallRecord&) {
-            writeFile(path, content = randomBytes(FILE_SIZE, 8)); // nobody knows what becomes of the file
-            return Outcome {EIO};
-        });
-        EXPECT_EQ(reader.write(&byte, 1), -1);
-    }
-    expectReadAt(4096, 100);
-}
-
-TEST_F(SimpleCachedReaderTest, WritesThatLeaveAByteOutDoNotMakeItUp)
-{
-    writeAt(200000, 10);
-    writeAt(200011, 10);
-    expectReadAt(200000, 21);
-}
-
-TEST_F(SimpleCachedReaderTest, FetchesPagesOrStraightAndAheadWhereReadsAscend)
-{
-    for (const kelvane_ssize_t offset : {290000, 200000, 150000, 100000, 8190, 1}) { // scattered
-        expectReadAt(offset, 33);
-    }
-    EXPECT_THAT(transfers, ElementsAre(PAGE, PAGE, PAGE, PAGE, 2 * PAGE, PAGE));
-    transfers.clear();
-    for (const kelvane_ssize_t length : {CACHE, CACHE + 1, kelvane_ssize_t {200000}}) {
-        expectReadAt(1001, length);
-    }
-    EXPECT_THAT(transfers, ElementsAre(CACHE, CACHE + 1, 200000));
-    for (const kelvane_ssize_t gap : {0, 400}) {
-        transfers.clear();
-        for (kelvane_ssize_t offset = gap; offset < 5 * CACHE; offset += 330 + gap) {
-            expectReadAt(offset, 330);
-        }
-        EXPECT_LE(transfers.size(), 6U) << "gap " << gap;
-    }
-    transfers.clear();
-    for (const kelvane_ssize_t length : {kelvane_ssize_t {1}, kelvane_ssize_t {3300}, CACHE - 1}) { // just written
-        writeAt(70000, length);
-        expectReadAt(70000, length);
-    }
-    EXPECT_THAT(transfers, ElementsAre());
-}
-
-// Random operations, with sizes and positions that cluster where pages and the cache end. Transfers are split,
-// interrupted or fail now and then, and callbacks throw; the reader must agree with the copy at every step, and
-// make no more transfers than one for each operation.
-struct ReaderModelTest : SimpleCachedReaderTest, ::testing::WithParamInterface<int> {
-    ReaderModelTest()
-        : SimpleCachedReaderTest(static_cast<std::size_t>(GetParam()))
-    {
         const auto callback = [this](unsigned long bytes) {
-            transfers.push_back(bytes);
-            if (random(50) == 0) {
+            transfers.push_back(static_cast<Size>(bytes));
+            errno = 0;
+            if (isRandom && random(50) == 0) {
                 throw 0;
             }
         };
@@ -191,108 +36,181 @@ struct ReaderModelTest : SimpleCachedReaderTest, ::testing::WithParamInterface<i
         reader.setOnWriteCallback(callback);
     }
 
-    kelvane_ssize_t random(kelvane_ssize_t end) { return static_cast<kelvane_ssize_t>(generator()) % end; }
-
-    kelvane_ssize_t randomSize()
-    {
-        const kelvane_ssize_t sizes[] = {0, 33, PAGE, PAGE * 3, GetParam(), CACHE, CACHE * 2};
-        return std::max<kelvane_ssize_t>(0, sizes[random(std::size(sizes))] + random(5) - 2);
-    }
+    Size random(Size limit) { return static_cast<Size>(generator()) % limit; }
+    Size size() const { return std::ssize(content); }
+    Size position() { return reader.seek(0, SEEK_CUR); }
 
     Outcome disturb(const CallRecord& record)
     {
-        const kelvane_ssize_t choice = random(40);
-        failed = choice == 0 || (moved > 0 && choice < 10);
-        if (failed || choice == 1) {
-            return {failed ? EIO : EINTR};
+        const Size choice = isRandom ? random(40) : 40;
+        const bool fails = choice == 0 || (moved > 0 && choice < 10);
+        failed = fails && record.offset < end;       // else it is what was read ahead
+        if (fails && record.call == Call::WriteAt) { // nobody knows what it leaves in the file
+            EXPECT_GT(::pwrite(record.fd, record.buffer, record.length, record.offset), 0);
         }
-        const auto length = static_cast<kelvane_ssize_t>(record.length);
-        const kelvane_ssize_t limit = choice < 20 ? 1 + random(length) : length;
-        moved += limit;
+        if (fails || choice == 1) {
+            return {fails ? EIO : EINTR};
+        }
+        const auto limit = static_cast<Size>(choice < 20 ? 1 + generator() % record.length : record.length);
+        moved += std::clamp<Size>(size() - record.offset, 0, limit);
         return {0, limit};
     }
 
-    // Runs a transfer that moves `length` bytes unless it is made to fail.
-    void transfer(kelvane_ssize_t length, const std::function<kelvane_ssize_t()>& operation)
+    void transfer(Call kind, Size start, Size length)
     {
-        const kelvane_ssize_t before = position();
-        failed = false;
+        const Size bases[] = {0, position(), size()}; // of SEEK_SET, SEEK_CUR and SEEK_END
+        const auto whence = static_cast<int>(random(3));
+        EXPECT_EQ(reader.seek(start - bases[whence], whence), start);
+        Bytes bytes = randomBytes(static_cast<std::size_t>(length), static_cast<unsigned>(generator()));
+        const bool isWrite = kind == Call::WriteAt;
+        if (isWrite && length > 0) {
+            content.resize(static_cast<std::size_t>(std::max(size(), start + length)));
+            std::ranges::copy(bytes, content.begin() + start);
+        }
+        const auto right = content.begin() + std::min(start, size());
+        const Size available = std::min(length, content.end() - right);
+        const auto before = std::ssize(transfers);
+        end = start + length;
         moved = 0;
-        transfers.clear();
+        failed = false;
         try {
             const CallHook hook([this](const CallRecord& record) { return disturb(record); });
-            const kelvane_ssize_t count = operation();
-            EXPECT_EQ(count, failed ? -1 : length);
+            const Size count = isWrite ? reader.write(bytes.data(), bytes.size()) : reader.read(bytes.data(), length);
+            EXPECT_EQ(count, failed ? -1 : available);
             EXPECT_TRUE(!failed || errno == EIO);
         } catch (int) {
             ++thrown;
-            failed = failed && position() != before + length; // as below: perhaps nothing asked for failed
         }
         failures += failed;
-        ASSERT_EQ(position(), before + (failed ? 0 : length));
-        ASSERT_LE(transfers.size(), 1U);
+        EXPECT_EQ(position(), start + (failed ? 0 : available));
+        EXPECT_TRUE(failed || (isWrite ? moved == length : std::equal(right, right + available, bytes.begin())));
+        EXPECT_EQ(std::vector(transfers.begin() + before, transfers.end()), std::vector(moved > 0 ? 1U : 0U, moved));
     }
 
-    void readSome()
+    void truncate(Size length)
     {
-        Bytes bytes(static_cast<std::size_t>(randomSize()));
-        const Bytes right = expected(position(), static_cast<kelvane_ssize_t>(bytes.size()));
-        const auto size = static_cast<kelvane_ssize_t>(right.size());
-        transfer(size, [&] {
-            const kelvane_ssize_t count = reader.read(bytes.data(), static_cast<kelvane_ssize_t>(bytes.size()));
-            failed = failed && count != size; // only what was read ahead failed
-            return count;
-        });
-        bytes.resize(right.size());
-        ASSERT_TRUE(failed || bytes == right);
-        ASSERT_TRUE(failed || size < GetParam() || size == 0 || !transfers.empty());
-    }
-
-    void writeSome()
-    {
-        seekTo(std::min<kelvane_ssize_t>(position(), 2 * FILE_SIZE));
-        const Bytes bytes = randomBytes(static_cast<std::size_t>(randomSize()), static_cast<unsigned>(generator()));
-        const auto start = static_cast<std::size_t>(position());
-        transfer(static_cast<kelvane_ssize_t>(bytes.size()), [&] { return reader.write(bytes.data(), bytes.size()); });
-        if (moved > 0) {
-            content.resize(std::max(content.size(), start + static_cast<std::size_t>(moved)));
-            std::copy_n(bytes.begin(), moved, &content[start]);
-        }
-        ASSERT_EQ(std::accumulate(transfers.begin(), transfers.end(), 0L), moved);
-    }
-
-    void truncateSome()
-    {
-        const auto size = static_cast<kelvane_ssize_t>(content.size());
-        const kelvane_ssize_t length = random(3) == 0 ? random(FILE_SIZE) : std::max(size - randomSize(), size / 2);
         reader.truncate(static_cast<std::size_t>(length));
         content.resize(static_cast<std::size_t>(length));
     }
 
-    void seekSomewhere()
+    // Away and back, while another file takes the place, without cache and callbacks.
+    void move()
     {
-        const auto end = static_cast<kelvane_ssize_t>(content.size()) + PAGE;
-        seekTo(random(4) == 0 ? random(end) : std::max<kelvane_ssize_t>(0, position() - randomSize()));
+        const Size start = position();
+        SimpleCachedReader other(std::move(reader));
+        EXPECT_GE(reader.open("/dev/zero", O_RDWR), 0);
+        char byte = 1;
+        EXPECT_EQ(reader.read(&byte, 1) + byte, 1);
+        reader = std::move(other);
+        auto& self = reader;
+        reader = std::move(self);
+        EXPECT_EQ(position(), start);
     }
 
-    std::mt19937 generator {static_cast<unsigned>(GetParam())};
-    kelvane_ssize_t moved = 0;
-    bool failed = false;
-    int failures = 0, thrown = 0;
+    void runAtRandom(Size cacheSize)
+    {
+        isRandom = true;
+        for (int i = 0; i < 1500 && !::testing::Test::HasFailure(); ++i) {
+            const Size sizes[] = {0, 33, PAGE, PAGE * 3, cacheSize, CACHE, CACHE * 2}; // where pages and the cache end
+            const Size some = std::max<Size>(0, sizes[random(std::ssize(sizes))] + random(5) - 2);
+            const Size near = std::max<Size>(0, position() + random(3) - random(2) * some);
+            const Size place = random(10) == 0 ? random(size() + PAGE) : random(2) == 0 ? near : position();
+            const Size choice = random(20);
+            choice < 10       ? transfer(Call::ReadAt, place, some)
+                : choice < 17 ? transfer(Call::WriteAt, place, some)
+                : choice < 19 ? truncate(place)
+                              : move();
+        }
+        EXPECT_EQ(readFile(path), content);
+        EXPECT_GT(std::min(failures, thrown), 5);
+    }
+
+    Bytes content = randomBytes(300000, 7);
+    TemporaryDirectory directory;
+    std::string path = directory.file("data");
+    SimpleCachedReader reader;
+    std::mt19937 generator {8};
+    std::vector<Size> transfers; // their bytes, as the callbacks got them
+    bool isRandom = false, failed = false;
+    Size end = 0, moved = 0, failures = 0, thrown = 0;
 };
 
-TEST_P(ReaderModelTest, AgreesWithACopyInMemory)
+TEST(SimpleCachedReaderTest, AgreesWithACopyInMemory)
 {
-    for (int i = 0; i < 1500 && !HasFatalFailure(); ++i) {
-        const kelvane_ssize_t action = random(10);
-        action < 4 ? readSome() : action < 6 ? writeSome() : action < 9 ? seekSomewhere() : truncateSome();
+    const int descriptors = openDescriptors();
+    for (const Size cacheSize : {Size {0}, Size {1}, Size {5000}, 2 * PAGE, CACHE}) {
+        SCOPED_TRACE(cacheSize);
+        Model(cacheSize).runAtRandom(cacheSize);
     }
-    EXPECT_EQ(readFile(path), content);
-    EXPECT_GT(failures, 5);
-    EXPECT_GT(thrown, 5);
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-INSTANTIATE_TEST_SUITE_P(CacheSizes, ReaderModelTest, ::testing::Values(0, 1, 5000, 8192, CACHE));
+TEST(SimpleCachedReaderTest, FetchesPagesOrStraightAndAheadWhereReadsAscend)
+{
+    Model model(CACHE);
+    for (const Size offset : {1, 299990, 200000, 150000, 100000, 8190}) {
+        model.transfer(Call::ReadAt, offset, 33);
+    }
+    for (const Size length : {CACHE, CACHE, CACHE + 1}) {
+        model.transfer(Call::ReadAt, 20001, length);
+    }
+    const std::vector<Size> scattered = {PAGE, 300000 % PAGE, PAGE, PAGE, PAGE, 2 * PAGE, CACHE, CACHE, CACHE + 1};
+    EXPECT_EQ(std::exchange(model.transfers, {}), scattered);
+    for (const Size gap : {0, 400}) {
+        for (Size offset = gap; offset < 5 * CACHE; offset += 330 + gap) {
+            model.transfer(Call::ReadAt, offset, 330);
+            model.move();
+        }
+        EXPECT_LE(std::exchange(model.transfers, {}).size(), 6U) << "gap " << gap;
+    }
+    for (const Size length : {Size {1}, Size {3300}, CACHE - 1}) {
+        model.transfer(Call::WriteAt, 70000, length);
+        model.move();
+        model.transfer(Call::ReadAt, 70000, length);
+    }
+    EXPECT_EQ(model.transfers, (std::vector<Size> {1, 3300, CACHE - 1})); // only the writes
+}
+
+TEST(SimpleCachedReaderTest, RepeatsInterruptedCalls)
+{
+    Model model(CACHE);
+    std::vector<int> flags; // of the calls
+    const CallHook hook([&](const CallRecord& record) {
+        flags.push_back(record.flags);
+        return Outcome {flags.size() % 3 == 0 ? 0 : EINTR};
+    });
+    EXPECT_GE(model.reader.open(model.path, O_RDWR), 0); // closes the old file in the fourth call
+    EXPECT_EQ(model.reader.fsync() + model.reader.sync_file_range(4096, 8192), 0);
+    model.reader.truncate(5);
+    EXPECT_EQ(model.reader.seek(1, SEEK_END), -1); // the only one that fails for good
+    const int opening = O_RDWR | O_CLOEXEC;
+    const int syncing = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    EXPECT_EQ(flags, (std::vector {opening, opening, opening, 0, 0, 0, syncing, syncing, syncing, 0, 0, 0, 0}));
+}
+
+TEST(SimpleCachedReaderTest, RefusesWhatCannotBe)
+{
+    Model model(CACHE);
+    SimpleCachedReader &reader = model.reader, closed(CACHE);
+    const auto fails = [&](Size result, int error) {
+        EXPECT_TRUE(result == -1 && std::exchange(errno, 0) == error) << result << ", not with " << error;
+    };
+    reader.seek(1000, SEEK_SET);
+    fails(reader.open(model.directory.file("missing"), O_RDWR), ENOENT);
+    fails(reader.seek(-model.size() - 1, SEEK_END), EINVAL);
+    fails(reader.seek(INT64_MAX - 999, SEEK_CUR), EOVERFLOW);
+    fails(reader.seek(0, 77), EINVAL);
+    fails(reader.read(nullptr, -1), EINVAL);
+    fails(reader.write(nullptr, std::size_t {1} << 31), EFBIG); // more than it could report
+    fails(reader.write(nullptr, SIZE_MAX), EFBIG);
+    fails(closed.seek(0, SEEK_SET), EBADF);
+    fails(closed.read(nullptr, 1), EBADF);
+    fails(closed.write(nullptr, 1), EBADF);
+    fails(closed.fsync(), EBADF);
+    EXPECT_EQ(reader.seek(INT64_MAX - 1000, SEEK_CUR), INT64_MAX);
+    fails(reader.read(nullptr, 1), EINVAL); // behind which no byte can lie
+    fails(reader.write(nullptr, 1), EFBIG);
+}
 
 } // namespace
 } // namespace kelvane::testing
