@@ -69,7 +69,7 @@ TEST_F(CorruptFileTest, ExtremeFieldsAndSizes)
     Bytes huge = withHeader(good, {.blockSize = UINT32_MAX, .target = TARGET}); // there is no memory for its block
     huge.resize(8192);
     check(huge);
-    for (std::size_t size = 0; size <= good.size() + 8192; ++size) {
+    for (std::size_t size = 0; size <= good.size() + 8192; size += size <= good.size() ? 1 : 4095) {
         Bytes file = good;
         file.resize(size);
         check(file);

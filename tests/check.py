@@ -17,6 +17,7 @@ def tests(names):
 # What a check is called, how it is run, which lines of its output are figures (the groups alone, where there are
 # groups), and how many of them there must be.
 CHECKS = [
+    ("valgrind", ["make", "valgrind"], r"\[  PASSED  \] (\d+ tests).*|.*(ERROR SUMMARY: 0 errors).*", 2),
     ("fault sweep", tests("*FaultSweep*"), r"fault sweep.*, 0 wrong", 2),
     ("model", tests("Model.*"), r"model: \d+ operations.*", 1),
     ("corrupt files", tests("CorruptFileTest.*"), r"(?:corrupt files|corpus replay): .* 0 wrong.*", 3),
@@ -26,7 +27,6 @@ CHECKS = [
     ("fuzzer", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"],
      r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 2),
     ("address, undefined", ["make", "sanitize"], r"(\d+% tests passed.*)", 1),
-    ("valgrind", ["make", "valgrind"], r"\[  PASSED  \] (\d+ tests).*|.*(ERROR SUMMARY: 0 errors).*", 2),
     ("coverage", ["make", "coverage"], r"((?:lines|branches): .*)", 2),
 ]
 
