@@ -113,7 +113,8 @@ def main():
         open(path, "w").write(original)
         results.append(bool(tests))
         assert not results[0], "the tests fail without any bug"
-        print(f"{name}: {line}\n    {'caught by ' + ', '.join(tests) if tests else 'NOT CAUGHT'}", flush=True)
+        if len(results) > 1:
+            print(f"{name}: {line}\n    {'caught by ' + ', '.join(tests) if tests else 'NOT CAUGHT'}", flush=True)
     print(f"mutants: {len(results) - 1} planted, {sum(results[1:])} caught")
     return not all(results[1:])
 
