@@ -171,6 +171,14 @@ TEST(SimpleCachedReaderTest, FetchesPagesOrStraightAndAheadWhereReadsAscend)
     EXPECT_EQ(model.transfers, (std::vector<Size> {1, 3300, CACHE - 1})); // only the writes
 }
 
+TEST(SimpleCachedReaderTest, DoesNotMakeUpTheByteBetweenTwoWrites)
+{
+    Model model(CACHE);
+    model.transfer(Call::WriteAt, 200000, 10);
+    model.transfer(Call::WriteAt, 200011, 10);
+    model.transfer(Call::ReadAt, 200000, 21);
+}
+
 TEST(SimpleCachedReaderTest, RepeatsInterruptedCalls)
 {
     Model model(CACHE);
