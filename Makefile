@@ -89,8 +89,9 @@ coverage:
 	cmake --build build/coverage --parallel $(BUILD_JOBS)
 	find build/coverage -name '*.gcda' -delete
 	KELVANE_MODEL_ROUNDS=5 build/coverage/tests/kelvane_tests --gtest_brief=1
-	gcovr --fail-under-line 99 --fail-under-branch 96 --root . --filter src/ --filter include/ --branches --exclude-throw-branches --exclude-unreachable-branches \
-	  --print-summary build/coverage/CMakeFiles build/coverage/tests/CMakeFiles/kelvane_tests.dir
+	gcovr --root . --filter src/ --filter include/ --branches --exclude-throw-branches --exclude-unreachable-branches \
+	  --fail-under-line 99 --fail-under-branch 96 --print-summary \
+	  build/coverage/CMakeFiles build/coverage/tests/CMakeFiles/kelvane_tests.dir
 
 # All of the above and more, with one line for every figure.
 check:

@@ -231,11 +231,8 @@ struct Injection {
             += fired > (kind == HalfThenError ? 1 : 0) && call.call != Call::Close && call.call != Call::Unlink ? 1 : 0;
         const int index = calls++;
         const bool transfer = call.call == Call::ReadAt || call.call == Call::WriteAt || call.call == Call::Write;
-        const bool shortens = transfer && call.length > 1
-            && call.call
-                != (persistent                  ? Call::Write
-                        : kind == HalfThenError ? Call::ReadAt
-                                                : Call::Open);
+        const bool shortens = transfer && call.length > 1 && !(persistent && call.call == Call::Write)
+            && !(kind == HalfThenError && call.call == Call::ReadAt);
         if (kind > HalfThenError || (kind != Error && !shortens)) {
             return {};
         }
@@ -355,9 +352,11 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
         = injection.kind == Injection::Callback && static_cast<std::size_t>(injection.k) < std::size(SPOILS);
     lab.spoil = spoils ? SPOILS[injection.k].first : nullptr;
     Lines lines = unwinding ? logWhileUnwinding(run) : logOf(run);
-    injection.fired += spoils                                                       ? lab.target.calls
-        : injection.kind == Injection::Allocation && FailingAllocation::hasFailed() ? 1
-                                                                                    : 0;
+    if (spoils) {
+        injection.fired += lab.target.calls;
+    } else if (injection.kind == Injection::Allocation) {
+        injection.fired += FailingAllocation::hasFailed() ? 1 : 0;
+    }
     lab.spoil = nullptr;
     for (std::string& line : lines) {
         line = std::regex_replace(line, std::regex(lab.path), "PATH");
