@@ -72,7 +72,8 @@ public:
     //   partitionOffset    the external offset at which block 0 starts, in bytes
     //   blockSize          in bytes, any value above 0; all blocks but the last are whole
     //   deleteFileOnError  removes the file at `path` after a failure, but not after the first three
-    // An interrupted creation leaves a file that `open` refuses.
+    // An interrupted creation leaves a file that `open` refuses, or the one that was there before, perhaps with
+    // fewer blocks known, or the new one.
     // Failures, before anything on disk is touched:
     //   "unknown hash id: " and the number
     //   "block size is invalid: 0"
@@ -181,13 +182,15 @@ public:
     HashFunctionType getHashFunctionType() const;
 
     // Installs a callback for what is written to the hash file; an empty one switches it off. A callback that
-    // throws ends the operation with its exception; the transfer has taken place.
+    // throws ends the operation with its exception; the transfer has taken place, or failed half-way: treat it
+    // as "failed to write hash".
     void setOnWriteCallback(DataTransferMetricFunc on_write);
 
     // The same for what is read from the hash file.
     void setOnReadCallback(DataTransferMetricFunc on_read);
 
-    // For use after a crash of the machine, before any hash is trusted: makes unknown every entry of which a
+    // For use after a crash of the machine, or when a process ended inside of a call (by a signal, for instance),
+    // before any hash is trusted: makes unknown every entry of which a
     // part may not have reached the disk, and returns how many those are. An entry that crosses a boundary of
     // 512 bytes in the hash file can be stored in halves; what a half replaces is zeros, because unknown
     // entries hold zeros, and by that it is known. (About one whole entry in a hundred thousand looks the same

@@ -11,7 +11,8 @@
 namespace kelvane {
 
 // Surrounds one write to the target, so that no crash can leave a hash marked as known for bytes that the
-// target does not hold, provided that BlockHashStore::discard_torn_entries follows a crash of the machine:
+// target does not hold, provided that BlockHashStore::discard_torn_entries follows a crash of the machine or
+// of the process:
 //
 //     TargetWriteGuard guard(store, offset, length); // the range is unknown, on the disk
 //     ... write `buffer` to the target, and flush the target ...
@@ -74,10 +75,10 @@ private:
     {
         try {
             m_store.invalidate_hashes(m_offset, m_length);
-            m_store.sync_to_disk();
-        } catch (const std::runtime_error&) {
+        } catch (...) {
             // The caller learns of the failure that came first.
         }
+        m_store.sync_to_disk(); // also of an invalidation that got only so far
     }
 
     BlockHashStore& m_store;

@@ -1,6 +1,6 @@
 """Drives kelvane-hash and the example programs from end to end: kelvane_hash_test.py PROGRAM [RANGE_HASH TWO_MACHINES]
 Expected hashes come from the images alone, by oracle.py, which checks the hash files too."""
-import ctypes, fcntl, json, mmap, os, resource, signal, sys, tempfile, unittest
+import ctypes, fcntl, json, mmap, os, platform, resource, signal, struct, sys, tempfile, unittest
 from pathlib import Path
 from random import randbytes
 from subprocess import DEVNULL, PIPE, Popen, run
@@ -14,6 +14,17 @@ def flip(path, *offsets):
     with open(path, "r+b") as file, mmap.mmap(file.fileno(), 0) as data:
         for offset in offsets:
             data[offset] ^= 255
+
+
+def refuse_to_flush(fd):
+    """From now on the kernel fails every fsync of a descriptor with EIO: a filter for the call's number and argument."""
+    fsync = {"x86_64": 74, "aarch64": 82}[platform.machine()]
+    fail, allow = (6, 0, 0, 0x50005), (6, 0, 0, 0x7FFF0000)
+    rules = (0x20, 0, 0, 0), (0x15, 0, 3, fsync), (0x20, 0, 0, 16), (0x15, 0, 1, fd), fail, allow
+    code = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *rule) for rule in rules))
+    prctl = ctypes.CDLL(None, use_errno=True).prctl
+    if prctl(38, 1, 0, 0, 0) or prctl(22, 2, struct.pack("HxxxxxxP", len(rules), ctypes.addressof(code))):
+        raise OSError(ctypes.get_errno(), "no filter")
 
 
 class KelvaneHash(unittest.TestCase):
@@ -138,6 +149,12 @@ class KelvaneHash(unittest.TestCase):
         self.call("verify t")
         self.assertIn(self.json("sync s t --verify")["bytesCopied"], range(1, 256 << 20))
 
+    def test_hashes_are_stored_once_the_image_is_on_the_disk(self):
+        Path("d").write_bytes(randbytes(20 * BLOCK))
+        for jobs in 1, 2:
+            self.check_complaint(f"build d -j {jobs}", "d: cannot flush: Input", preexec_fn=lambda: refuse_to_flush(3))
+            self.assertEqual(self.json("info d.hashes")["unknownBlocks"], 20)
+
     def test_info_reads_a_hash_file_in_use_or_read_only(self):
         Path("u").write_bytes(randbytes(20 * BLOCK))
         self.call("build u")
@@ -176,6 +193,10 @@ class KelvaneHash(unittest.TestCase):
         with open("/dev/full", "w") as full:
             for command in "--help", "--version", "info e.hashes":
                 self.check_complaint(command, "standard output: cannot write", stdout=full)
+        Path("huge.hashes").write_bytes(struct.pack("<QQQIIQQQ", 0x20001312, 0, 4096, 2, 0, 2 * 65075263 + 1, 0, 1))
+        os.truncate("huge.hashes", 4096 * (1 + -(-65075264 * ENTRY // 4096)))
+        run(["truncate", "-s", str(2 * 65075263 + 1), "huge"], check=True)
+        self.check_complaint("hash huge", "huge: at offset 0: .* at most 65,075,262 .* has 65,075,263 blocks")
         limited = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))}
         self.check_complaint("sync e large", "large: .*File too large", **limited)
 

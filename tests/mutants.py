@@ -64,6 +64,8 @@ counter = offset / LEAVES + own => counter = offset / LEAVES + (own == 63 ? 64 :
 @ include/TargetWriteGuard.h
 !m_store.sync_to_disk() => false
 makeUnknownAgain();\n            throw; => throw;
+m_store.sync_to_disk(); // => //
+catch (...) {\n            // => catch (const std::runtime_error&) {\n            //
 std::uncaught_exceptions() != 0) {\n            throw std::runtime_error("cannot guard => false) {\n            throw std::runtime_error("cannot guard
 std::uncaught_exceptions() != 0) {\n            throw std::runtime_error("cannot commit => false) {\n            throw std::runtime_error("cannot commit
 """

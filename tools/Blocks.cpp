@@ -191,7 +191,11 @@ Traffic fillUnknown(HashFile& hashFile, const Image& image, Range range, unsigne
     const std::int64_t blockSize = hashFile.store().blockSize();
     RangeSource source(wholeBlocks(range, blockSize), sliceSize(blockSize));
     Progress progress(phase, wholeBlocks(range, blockSize).length, mode);
-    const auto update = [](Store& store, Range piece, char* data) { store.update(piece, data); };
+    std::once_flag flushed;
+    const auto update = [&](Store& store, Range piece, char* data) {
+        std::call_once(flushed, [&] { image.flush(); }); // no crash may leave hashes of bytes that are on no disk
+        store.update(piece, data);
+    };
     try {
         const Traffic traffic = forBlocks(hashFile, image, source, Which::Unknown, jobs, progress, update);
         if (traffic.read + traffic.holes > 0) {

@@ -5,6 +5,24 @@
 
 namespace kelvane::tool {
 
+namespace {
+
+// With a block that the range covers in part, the store writes the entries of all others in one transfer.
+void checkNumberOfBlocks(const Image& image, const HashFile& hashFile, Range range)
+{
+    constexpr std::int64_t MOST = 65'075'262;
+    const std::int64_t blockSize = hashFile.header().blockSize;
+    const Range whole = wholeBlocks(range, blockSize);
+    if (whole.length / blockSize > MOST && whole.length != range.length) {
+        throw Failure(image.path(), hashFile.onDevice(range.offset),
+                      "a range that begins or ends inside a block can have at most " + counted(MOST, "whole block")
+                          + ", this one has " + counted(whole.length / blockSize, "block")
+                          + "; a hash file with a larger --block-size has fewer");
+    }
+}
+
+} // namespace
+
 Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
     const Image image(arguments.image, Image::Access::Read);
@@ -19,6 +37,7 @@ Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevi
                               + " to " + std::to_string(hashFile.onDevice(image.size())));
         }
     }
+    checkNumberOfBlocks(image, hashFile, range);
     const Traffic traffic = fillUnknown(hashFile, image, range, common.jobs, common.progress, "hash");
     std::atomic<std::int64_t> bytesRead = traffic.read;
     const Store::Hash value

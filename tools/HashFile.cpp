@@ -214,6 +214,7 @@ void Store::forget(Range range)
     } catch (const std::runtime_error&) {
         // The failure that came first is reported.
     }
+    m_store->sync_to_disk();
 }
 
 void Store::invalidate(Range range)

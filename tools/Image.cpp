@@ -68,7 +68,7 @@ void Image::write(const char* buffer, Range range)
     }
 }
 
-void Image::flush()
+void Image::flush() const
 {
     if (::fsync(m_fd) != 0) {
         throw Failure(m_path, "cannot flush: " + errorText(errno));

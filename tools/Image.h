@@ -25,7 +25,7 @@ public:
     void read(char* buffer, Range range) const;
 
     void write(const char* buffer, Range range);
-    void flush();
+    void flush() const;
     void resize(std::int64_t size); // regular files alone
 
     // The first stretch of data at or behind an offset and before `end`; what lies before it is a hole. Empty,

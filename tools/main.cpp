@@ -136,7 +136,8 @@ private:
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addGeometry(app);
         app->add_flag("--after-crash", m_afterCrash,
-                      "First forget hashes of which a crash of the machine may have left a half");
+                      "First forget hashes of which a crash of the machine, or of a program that wrote them, may have "
+                      "left a half");
         addWork(app);
     }
 
