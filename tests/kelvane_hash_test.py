@@ -17,7 +17,7 @@ def flip(path, *offsets):
 
 
 def refuse_to_flush(fd):
-    """From now on the kernel fails every fsync of a descriptor with EIO: a filter for the call's number and argument."""
+    """From now on the kernel fails every fsync of a descriptor with EIO, by a filter for call and argument."""
     fsync = {"x86_64": 74, "aarch64": 82}[platform.machine()]
     fail, allow = (6, 0, 0, 0x50005), (6, 0, 0, 0x7FFF0000)
     rules = (0x20, 0, 0, 0), (0x15, 0, 3, fsync), (0x20, 0, 0, 16), (0x15, 0, 1, fd), fail, allow
