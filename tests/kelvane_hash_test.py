@@ -193,9 +193,9 @@ class KelvaneHash(unittest.TestCase):
         with open("/dev/full", "w") as full:
             for command in "--help", "--version", "info e.hashes":
                 self.check_complaint(command, "standard output: cannot write", stdout=full)
+        run(["truncate", "-s", str(2 * 65075263 + 1), "huge"], check=True)
         Path("huge.hashes").write_bytes(struct.pack("<QQQIIQQQ", 0x20001312, 0, 4096, 2, 0, 2 * 65075263 + 1, 0, 1))
         os.truncate("huge.hashes", 4096 * (1 + -(-65075264 * ENTRY // 4096)))
-        run(["truncate", "-s", str(2 * 65075263 + 1), "huge"], check=True)
         self.check_complaint("hash huge", "huge: at offset 0: .* at most 65,075,262 .* has 65,075,263 blocks")
         limited = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))}
         self.check_complaint("sync e large", "large: .*File too large", **limited)
