@@ -2,7 +2,7 @@
 # configured and built, and then the command does its work.
 
 BUILD_JOBS ?= $(shell nproc)
-INSTALL = tools/install_packages.sh
+INSTALL = scripts/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
 .PHONY: demo test install package bench bench-tools check sanitize valgrind fuzz coverage mutants docs format clean

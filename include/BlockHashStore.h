@@ -14,7 +14,8 @@
 // unchanged. After a failure the store can be used as before, unless moved from. While another exception
 // is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
 // `create`, `update_hashes` and `invalidate_hashes` then just return, `open` returns an empty pointer, the
-// range hash an empty value, `discard_torn_entries` 0, and nothing more is read or written by that call.
+// range hash an empty value, `discard_torn_entries` 0, `for_each_unknown_range` stops, and nothing more is read or
+// written by that call.
 //
 // Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one, and while
 // it lasts at most 56 bytes per stretch of unknown blocks and what the callback hands over. The
@@ -53,6 +54,9 @@ public:
 
     // Receives the bytes that a transfer moved to or from the hash file.
     using DataTransferMetricFunc = SimpleCachedReader::DataTransferMetricFunc;
+
+    // Receives a stretch of consecutive whole blocks: the external offset of the first one, and their length.
+    using UnknownRangeFunc = std::function<void(kelvane_off_t offset, kelvane_buf_len_t length)>;
 
     // Closes the hash file; flushes nothing.
     ~BlockHashStore();
@@ -118,8 +122,8 @@ public:
     //   "hash data offset is invalid: " found " " expected
     //   "unknown hashing function: " and the number
     //   "block size is invalid: 0"
-    //   "target is too large for its block size: ..." as for `create`
     //   "the hash file size is incorrect for given target size"
+    //   "target is too large for its block size: ..." as for `create`, of the size given
     // and while adapting the file:
     //   "error in seek while initting file region: " offset ", " length ", errno = " E
     //   "error in write while initting file region: " E
@@ -164,16 +168,32 @@ public:
     // Failures, with `offset` as given; the hash file is untouched but for the last:
     //   that of throwOnAccessViolation, with the tag update_hashes
     //   "update_hashes: length is negative: " and the length
-    //   "update_hashes: too many blocks in one request: " and their number, above 2^31 - 1
     //   "encountered a null buffer while updating hashes", when the range touches a block
+    //   "failed to write hash: " offset ": " EFBIG, for more than 65,075,262 blocks, before anything is hashed
     //   "failed to compute hash from data"
     //   "failed to seek in hash file: " position (errno)
-    //   "failed to write hash: " offset (errno); also for more than 65,075,262 blocks. See get_hash for what the
-    //   file may then hold
+    //   "failed to write hash: " offset (errno). See get_hash for what the file may then hold
     void update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length);
 
     // Makes every block that the range touches unknown. Costs one write. Fails as update_hashes does.
     void invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
+
+    // Calls `onRange` for every stretch of blocks whose hash is unknown, among those that lie wholly in the range
+    // of `length` bytes from the external offset `offset` on. The stretches ascend and do not touch; what the range
+    // covers in part, at its ends, is not looked at. Reads the entries in pieces of at most 132 KiB, so that
+    // the range may have any number of blocks, and changes nothing. `onRange` may use the store: what it changes
+    // behind the stretch that it was given may be seen or not.
+    // Failures:
+    //   that of throwOnAccessViolation, with the tag for_each_unknown_range
+    //   "for_each_unknown_range: length is negative: " and the length
+    //   "failed to read hash entry: " position in the hash file (errno)
+    void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length, const UnknownRangeFunc& onRange);
+
+    // The target's end, an external offset in bytes, as given to `open`.
+    kelvane_size_t target_size_in_bytes() const;
+
+    // The external offset of block 0 in bytes, as given to `create`.
+    kelvane_size_t partition_offset_in_bytes() const;
 
     // The size of a block in bytes.
     uint32_t getBlockSize() const;
@@ -205,6 +225,7 @@ public:
     bool sync_to_disk();
 
 private:
+    friend class HashFileInspector;
     friend struct BlockHashStoreTestPeer;
 
     struct Header {
@@ -258,17 +279,20 @@ private:
     static void throwWithErrno(const std::string& message);
 
     // Helpers of the operations above, beyond the file format.
-    [[noreturn]] static void failWithErrno(const char* message, const std::string& value = {});
-    [[noreturn]] static void failWithErrno(const char* message, kelvane_ssize_t value);
+    static void failWithErrno(const char* message, const std::string& value = {});
+    static void failWithErrno(const char* message, kelvane_ssize_t value);
+    static bool fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
+    static void throwOnBlockSizeOfZero(uint32_t blockSize);
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
+    uint64_t openAndValidate(const std::string& path, int flags);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
     char* entryAt(kelvane_ssize_t position) const;
     kelvane_ssize_t entryOffsetInFile(kelvane_ssize_t block) const;
     void hashFullBlocks(const Span& span, char* buffer);
-    void loadFullEntries(const Span& span);
+    bool loadFullEntries(const Span& span);
     Runs planRuns(const Span& span) const;
     void hashRuns(const Runs& runs, const std::vector<std::unique_ptr<char[]>>& data);
-    void storeFullEntries(const Span& span);
+    bool storeFullEntries(const Span& span);
     HashValue aggregate(kelvane_ssize_t numberOfHashes);
 
     Header m_header;

@@ -40,6 +40,9 @@ public:
         return *this;
     }
 
+    // Manipulators such as std::endl. Line ends at the end of the text are dropped: every line has its own.
+    Logger& operator<<(std::ostream& (*manipulator)(std::ostream&));
+
     // Sends all lines of the process to `sink` from now on; an empty one restores standard error. May be
     // called at any time on any thread. The sink is called on the thread that logs, perhaps on several at
     // once, and perhaps still for a moment after it was replaced. What it throws is dropped. It must not

@@ -38,11 +38,21 @@ void checkEndOfTarget(int64_t partition, int64_t length)
     EXPECT_EQ(stored, entry);
     EXPECT_EQ(failureOf([&] { store->invalidate_hashes(end, 0); }),
               "update_hashes: offset is out of bounds: " + std::to_string(end) + ", " + std::to_string(length));
+    const auto hash = [&] { store->get_hash(partition, length, nullptr); };
     if (length == LONGEST) { // accepted, but there is no memory for its entries
-        peakOf(1 << 20, [&] { EXPECT_THROW(store->invalidate_hashes(partition, length), std::bad_alloc); });
+        peakOf(1 << 20, [&] { EXPECT_THROW(hash(), std::bad_alloc); });
     } else {
-        EXPECT_EQ(failureOf([&] { store->invalidate_hashes(partition, length); }),
-                  "update_hashes: too many blocks in one request: 2147483648");
+        EXPECT_EQ(failureOf(hash), "get_hash: too many blocks in one request: 2147483648");
+    }
+    // At most 65075262 entries are written at once; more are refused before anything is made ready.
+    for (const auto& [blocks, text] :
+         {std::pair(65075263L, "failed to write hash: " + std::to_string(partition) + ": 27"),
+          {length / BLOCK, "failed to write hash: " + std::to_string(partition) + ": 27"},
+          {65075262L, std::string("std::bad_alloc")}}) {
+        peakOf(1 << 20, [&] {
+            EXPECT_EQ(failureOf([&] { store->invalidate_hashes(partition, blocks * BLOCK); }), text);
+            EXPECT_EQ(failureOf([&] { store->update_hashes(partition, data.data(), blocks * BLOCK); }), text);
+        });
     }
 }
 

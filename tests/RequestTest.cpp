@@ -48,11 +48,13 @@ TEST(Request, RefusesWhatItCannotServe)
 {
     MemoryStore store(1000, 1050, 100);
     const Bytes before = store.file();
+    const auto checkEach = [&](int64_t offset, int64_t length, const std::string& hashing, const std::string& writing) {
+        EXPECT_EQ(failureOf([&] { store->get_hash(offset, length, store.target.supplier()); }), hashing);
+        EXPECT_EQ(failureOf([&] { store->update_hashes(offset, store.target.bytes.data(), length); }), writing);
+        EXPECT_EQ(failureOf([&] { store->invalidate_hashes(offset, length); }), writing);
+    };
     const auto check = [&](int64_t offset, int64_t length, const std::string& text) {
-        EXPECT_EQ(failureOf([&] { store->get_hash(offset, length, store.target.supplier()); }), "get_hash: " + text);
-        EXPECT_EQ(failureOf([&] { store->update_hashes(offset, store.target.bytes.data(), length); }),
-                  "update_hashes: " + text);
-        EXPECT_EQ(failureOf([&] { store->invalidate_hashes(offset, length); }), "update_hashes: " + text);
+        checkEach(offset, length, "get_hash: " + text, "update_hashes: " + text);
     };
     check(1049, 5, "offset is out of bounds: 1049, 1000");
     check(2050, 0, "offset is out of bounds: 2050, 1000");
@@ -69,8 +71,9 @@ TEST(Request, RefusesWhatItCannotServe)
     const kelvane_buf_len_t room = Peer::hashBufferSize(*store.store);
     Peer::header(*store.store).blockSizeInBytes = 1;
     Peer::header(*store.store).targetSizeInBytes = uint64_t {1} << 40;
-    check(1100, int64_t {1} << 31, "too many blocks in one request: 2147483648");
-    check(1050, (int64_t {1} << 40) - 1050, "too many blocks in one request: 1099511626726");
+    const std::string tooMany = "get_hash: too many blocks in one request: ";
+    checkEach(1100, int64_t {1} << 31, tooMany + "2147483648", "failed to write hash: 1100: 27");
+    checkEach(1050, (int64_t {1} << 40) - 1050, tooMany + "1099511626726", "failed to write hash: 1050: 27");
     EXPECT_EQ(Peer::hashBufferSize(*store.store), room);
     EXPECT_EQ(store.target.calls, 0);
     EXPECT_EQ(store.file(), before);

@@ -1,0 +1,54 @@
+// Looks into a hash file without changing, locking or adapting it.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "BlockHashStore.h"
+#include "Export.h"
+
+namespace kelvane {
+
+// What a hash file records and which blocks it lacks. Needs no more than permission to read. The file may be in use:
+// then every answer about entries is of some moment during the call. Offsets are those of BlockHashStore. Belongs to
+// one thread at a time.
+class KELVANE_EXPORT HashFileInspector {
+public:
+    // Opens the hash file at `path` for reading and validates its header and its size as BlockHashStore::open
+    // does, against the target size that it records itself. Failures: the first eleven of BlockHashStore::open, but
+    // those that compare with a given target size. While another exception is propagating, one marked (errno) there is
+    // logged, and the construction ends with "cannot inspect a hash file while an exception propagates".
+    explicit HashFileInspector(const std::string& path);
+    ~HashFileInspector();
+    HashFileInspector(const HashFileInspector&) = delete;
+    HashFileInspector& operator=(const HashFileInspector&) = delete;
+
+    // One that was moved from can only be destroyed or assigned to.
+    HashFileInspector(HashFileInspector&& other) noexcept;
+    HashFileInspector& operator=(HashFileInspector&& other) noexcept;
+
+    // What the header held when the file was opened.
+    uint64_t magic_number() const;
+    uint64_t version() const;
+    uint64_t data_region_offset_in_bytes() const;     // where the entries start in the file
+    uint32_t block_size_in_bytes() const;             // above 0
+    kelvane_size_t target_size_in_bytes() const;      // the target's end, an external offset
+    kelvane_size_t partition_offset_in_bytes() const; // the external offset of block 0; not checked against the end
+    HashFunctionType hash_function_type() const;
+    kelvane_size_t hash_size_in_bytes() const; // of one digest
+
+    kelvane_size_t file_size_in_bytes() const; // when it was opened
+
+    // As BlockHashStore::for_each_unknown_range. `onRange` may use the inspector.
+    void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
+                                const BlockHashStore::UnknownRangeFunc& onRange);
+
+    // The same of the whole target; of one without a byte, nothing.
+    void for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange);
+
+private:
+    std::unique_ptr<BlockHashStore> m_store; // opened for reading alone
+    kelvane_size_t m_fileSize;
+};
+
+} // namespace kelvane

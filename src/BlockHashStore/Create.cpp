@@ -1,0 +1,135 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "BlockHashStore/Internals.h"
+#include "Constants.h"
+#include "HashFunctionFactory.h"
+#include "Logger.h"
+#include "file/PosixFile.h"
+
+namespace kelvane {
+
+// Holds a descriptor, and closes it when a failure leaves the operation before `close` was called.
+class BlockHashStore::DescriptorGuard {
+public:
+    explicit DescriptorGuard(int fd)
+        : m_fd(fd)
+    {
+    }
+
+    DescriptorGuard(const DescriptorGuard&) = delete;
+    DescriptorGuard& operator=(const DescriptorGuard&) = delete;
+
+    ~DescriptorGuard()
+    {
+        if (m_fd != INVALID_FD && posix::close(m_fd) != 0) {
+            try {
+                throwWithErrno(CLOSE_FAILED); // only logs: an exception is propagating
+            } catch (...) {
+                // The failure that is on its way must not be replaced.
+            }
+        }
+    }
+
+    void close()
+    {
+        if (posix::close(std::exchange(m_fd, INVALID_FD)) != 0) {
+            throwWithErrno(CLOSE_FAILED); // where it only logs, the file is complete all the same
+        }
+    }
+
+private:
+    static constexpr const char* CLOSE_FAILED = "failed to close fd while creating the block hash store";
+
+    int m_fd;
+};
+
+void BlockHashStore::create(const std::string& path, HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
+                            kelvane_size_t partitionOffset, uint32_t blockSize, bool deleteFileOnError)
+{
+    const std::unique_ptr<IHashFunction> hashFunction = HashFunctionFactory::createHashFunction(hashType);
+    if (!hashFunction) {
+        throw std::runtime_error("unknown hash id: " + std::to_string(static_cast<uint32_t>(hashType)));
+    }
+    throwOnUnusableSizes(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes());
+    const char* const function = __func__; // the lambda's own name would appear in the log
+    const auto deleteHalfMadeFile = [&] {
+        if (deleteFileOnError && posix::unlink(path) == 0) {
+            Logger(KELVANE_INFO, "Create.cpp", __LINE__, function) << "deleted hash file due to error: " << errno;
+        }
+    };
+    const FailureWatch watch;
+    try {
+        createFile(path, computeFileSize(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes()));
+        if (!watch.operationGaveUp()) {
+            initHeader(path, targetSizeInBytes, static_cast<kelvane_off_t>(partitionOffset), blockSize,
+                       hashFunction->hash_id());
+        }
+    } catch (...) {
+        deleteHalfMadeFile();
+        throw;
+    }
+    if (watch.operationGaveUp()) {
+        deleteHalfMadeFile();
+    }
+}
+
+void BlockHashStore::createFile(const std::string& path, kelvane_size_t fileLength)
+{
+    const int fd = posix::open(path, O_RDWR | O_CREAT | O_TRUNC | O_SYNC, S_IRUSR | S_IWUSR);
+    if (fd < 0) {
+        failWithErrno("error opening file for writing");
+        return;
+    }
+    DescriptorGuard closeFile(fd);
+    const auto bufferSize = std::min<kelvane_size_t>(fileLength, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
+    const auto zeros = std::make_unique<char[]>(bufferSize);
+    if (seek(fd, 0, SEEK_SET) != 0) {
+        const int error = errno;
+        throw std::runtime_error("error in seek while trying to grow the file to " + std::to_string(fileLength)
+                                 + ", errno = " + std::to_string(error));
+    }
+    for (kelvane_size_t i = 0; i < fileLength; i += bufferSize) {
+        const auto bytesToWrite = std::min(bufferSize, fileLength - i);
+        const ssize_t bytesWritten = posix::writeOnce(fd, zeros.get(), bytesToWrite);
+        if (!validReadWrite(static_cast<kelvane_ssize_t>(bytesToWrite), bytesWritten)) {
+            throw std::runtime_error("failed to write to block hash file");
+        }
+    }
+    closeFile.close();
+}
+
+void BlockHashStore::initHeader(const std::string& path, kelvane_size_t targetSizeInBytes,
+                                kelvane_off_t partitionOffset, uint32_t blockSize, uint32_t hashId)
+{
+    const int fd = posix::open(path, O_RDWR | O_SYNC);
+    if (fd < 0) {
+        throw std::runtime_error("error opening file for writing");
+    }
+    DescriptorGuard closeFile(fd);
+    if (seek(fd, 0, SEEK_SET) != 0) {
+        failWithErrno("failed to seek to beginning of file to write header.");
+        return;
+    }
+    Header header;
+    std::memset(&header, 0, sizeof(header)); // the gaps between the fields too
+    header.magicNumber = BLOCK_HASH_STORE_MAGIC_NUMBER;
+    header.version = BLOCK_HASH_STORE_CURRENT_VERSION;
+    header.dataRegionOffsetInBytes = computeHeaderSize();
+    header.blockSizeInBytes = blockSize;
+    header.targetSizeInBytes = targetSizeInBytes;
+    header.partitionOffset = static_cast<uint64_t>(partitionOffset);
+    header.hashId = hashId;
+    if (!validReadWrite(sizeof(header), posix::writeOnce(fd, &header, sizeof(header)))) {
+        failWithErrno("failed to initialize header data");
+        return;
+    }
+    closeFile.close();
+}
+
+} // namespace kelvane

@@ -1,0 +1,85 @@
+#include "HashFileInspector.h"
+
+#include <fcntl.h>
+
+#include <stdexcept>
+
+#include "BlockHashStore/Internals.h"
+
+namespace kelvane {
+
+HashFileInspector::HashFileInspector(const std::string& path)
+    : m_store(new BlockHashStore())
+{
+    const FailureWatch watch;
+    m_fileSize = m_store->openAndValidate(path, O_RDONLY);
+    if (watch.operationGaveUp()) {
+        throw std::runtime_error("cannot inspect a hash file while an exception propagates");
+    }
+}
+
+HashFileInspector::~HashFileInspector() = default;
+HashFileInspector::HashFileInspector(HashFileInspector&& other) noexcept = default;
+HashFileInspector& HashFileInspector::operator=(HashFileInspector&& other) noexcept = default;
+
+uint64_t HashFileInspector::magic_number() const
+{
+    return m_store->m_header.magicNumber;
+}
+
+uint64_t HashFileInspector::version() const
+{
+    return m_store->m_header.version;
+}
+
+uint64_t HashFileInspector::data_region_offset_in_bytes() const
+{
+    return m_store->m_header.dataRegionOffsetInBytes;
+}
+
+uint32_t HashFileInspector::block_size_in_bytes() const
+{
+    return m_store->getBlockSize();
+}
+
+kelvane_size_t HashFileInspector::target_size_in_bytes() const
+{
+    return m_store->target_size_in_bytes();
+}
+
+kelvane_size_t HashFileInspector::partition_offset_in_bytes() const
+{
+    return m_store->partition_offset_in_bytes();
+}
+
+HashFunctionType HashFileInspector::hash_function_type() const
+{
+    return m_store->getHashFunctionType();
+}
+
+kelvane_size_t HashFileInspector::hash_size_in_bytes() const
+{
+    return m_store->hashSize();
+}
+
+kelvane_size_t HashFileInspector::file_size_in_bytes() const
+{
+    return m_fileSize;
+}
+
+void HashFileInspector::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
+                                               const BlockHashStore::UnknownRangeFunc& onRange)
+{
+    m_store->for_each_unknown_range(offset, length, onRange);
+}
+
+void HashFileInspector::for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange)
+{
+    const uint64_t start = partition_offset_in_bytes();
+    const uint64_t end = std::min(target_size_in_bytes(), MAXIMUM_SIGNED);
+    if (start < end) {
+        for_each_unknown_range(static_cast<kelvane_off_t>(start), static_cast<kelvane_buf_len_t>(end - start), onRange);
+    }
+}
+
+} // namespace kelvane

@@ -1,0 +1,87 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "BlockHashStore/Internals.h"
+
+namespace kelvane {
+
+namespace {
+
+constexpr kelvane_ssize_t MAXIMUM_WRITE = std::numeric_limits<int>::max(); // what a writer can report
+
+} // namespace
+
+BlockHashStore::HashValue BlockHashStore::get_hash(kelvane_buf_t buffer, kelvane_size_t blockSize) const
+{
+    return m_hashFunction->get_hash(buffer, static_cast<kelvane_buf_len_t>(blockSize));
+}
+
+void BlockHashStore::update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length)
+{
+    update_hashes_internal(offset, buffer, length, false);
+}
+
+void BlockHashStore::invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length)
+{
+    update_hashes_internal(offset, nullptr, length, true);
+}
+
+void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length,
+                                            bool invalidate_only)
+{
+    const Span span = spanOf("update_hashes", offset, length);
+    if (span.numberOfBlocks == 0) {
+        return;
+    }
+    if (!invalidate_only && buffer == nullptr) {
+        throw std::runtime_error("encountered a null buffer while updating hashes");
+    }
+    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+    if (span.numberOfBlocks > MAXIMUM_WRITE / entrySize) { // no use to hash what cannot be written
+        errno = EFBIG;
+        failWithErrno("failed to write hash: ", offset);
+        return;
+    }
+    const kelvane_ssize_t bytesToWrite = entrySize * span.numberOfBlocks;
+    growHashBufferWhenNeeded(bytesToWrite);
+    std::memset(m_hashBuffer.get(), 0, static_cast<std::size_t>(bytesToWrite)); // every block unknown
+    if (!invalidate_only) {
+        hashFullBlocks(span, static_cast<char*>(buffer));
+    }
+    const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock);
+    if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
+        failWithErrno("failed to seek in hash file: ", whereTo);
+        return;
+    }
+    if (!validReadWrite(bytesToWrite, m_file.write(m_hashBuffer.get(), static_cast<std::size_t>(bytesToWrite)))) {
+        failWithErrno("failed to write hash: ", offset);
+    }
+}
+
+// Fills the entries of the blocks that the range covers wholly; `buffer` holds the range's bytes.
+void BlockHashStore::hashFullBlocks(const Span& span, char* buffer)
+{
+    if (span.numberOfFullBlocks == 0) {
+        return;
+    }
+    const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
+    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+    char* block = buffer + (span.firstFullPosition * blockSize - span.partialStart);
+    char* entry = entryAt(span.firstFullPosition);
+    BlockHasher hasher(*m_hashFunction, blockSize);
+    bool hashed = true;
+    for (kelvane_ssize_t i = 0; hashed && i < span.numberOfFullBlocks; ++i) {
+        *entry = InUse;
+        hashed = hasher.add(block, entry + 1);
+        block += blockSize;
+        entry += entrySize;
+    }
+    if (!hashed || !hasher.flush()) {
+        throw std::runtime_error("failed to compute hash from data");
+    }
+}
+
+} // namespace kelvane

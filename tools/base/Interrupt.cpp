@@ -1,0 +1,42 @@
+#include "base/Interrupt.h"
+
+#include <atomic>
+#include <csignal>
+
+namespace kelvane::tool {
+
+namespace {
+
+std::atomic<int> received = 0;
+static_assert(std::atomic<int>::is_always_lock_free, "set in a signal handler");
+
+extern "C" void rememberSignal(int signal)
+{
+    received = signal;
+}
+
+} // namespace
+
+void installInterruptHandler()
+{
+    struct sigaction action = {};
+    action.sa_handler = rememberSignal;
+    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND); // the second one ends the program at once
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGXFSZ, SIG_IGN); // a file at its largest size is an error with a cause
+}
+
+int interruptSignal()
+{
+    return received;
+}
+
+void throwWhenInterrupted()
+{
+    if (received != 0) {
+        throw Interrupted();
+    }
+}
+
+} // namespace kelvane::tool

@@ -1,0 +1,211 @@
+#include "work/Blocks.h"
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/Interrupt.h"
+#include "image/DataReader.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+constexpr std::int64_t SLICE = 16 << 20;
+constexpr std::int64_t PIECE = 256 << 10;     // stays in the processor's own cache until it is hashed
+constexpr std::int64_t HANDED_OVER = 1 << 20; // from one thread to another: seldom enough to cost nothing
+
+struct Piece {
+    Range range;
+    bool isHole;
+};
+
+std::int64_t inBlocks(std::int64_t size, std::int64_t blockSize)
+{
+    return std::max(blockSize, roundDown(size, blockSize));
+}
+
+std::vector<Range> chosen(Store& store, Range slice, Which which)
+{
+    const std::vector<Range> unknown = store.unknown(slice);
+    if (which == Which::Unknown) {
+        return unknown;
+    }
+    std::vector<Range> known;
+    Range rest = wholeBlocks(slice, store.blockSize());
+    for (const Range& run : unknown) {
+        append(known, between(rest.offset, run.offset));
+        rest = between(run.end(), rest.end());
+    }
+    append(known, rest);
+    return known;
+}
+
+// Cuts slices into pieces of data or of holes.
+class Planner {
+public:
+    Planner(Store& store, const Image& image, RangeSource& source, Which which, std::int64_t pieceSize)
+        : m_store(store)
+        , m_image(image)
+        , m_source(source)
+        , m_which(which)
+        , m_pieceSize(pieceSize)
+        , m_holeSize(inBlocks(PIECE, store.blockSize()))
+    {
+    }
+
+    // False at the end.
+    bool next(Piece& piece)
+    {
+        while (m_runs.empty()) {
+            const std::optional<Range> slice = m_source.next();
+            if (!slice) {
+                return false;
+            }
+            const std::vector<Range> runs = chosen(m_store, *slice, m_which);
+            m_runs.assign(runs.begin(), runs.end());
+            m_left += slice->length - totalLength(runs);
+        }
+        Range& run = m_runs.front();
+        const std::int64_t blockSize = m_store.blockSize();
+        if (m_data.end() <= run.offset) {
+            const Range data = m_image.nextData(run.offset, run.end());
+            m_data = between(roundDown(data.offset, blockSize), std::min(run.end(), roundUp(data.end(), blockSize)));
+        }
+        piece.isHole = run.offset < m_data.offset;
+        const std::int64_t end = piece.isHole ? m_data.offset : std::min(run.end(), m_data.end());
+        piece.range = between(run.offset, std::min(end, run.offset + (piece.isHole ? m_holeSize : m_pieceSize)));
+        run = between(piece.range.end(), run.end());
+        if (run.length == 0) {
+            m_runs.pop_front();
+            m_data = {};
+        }
+        return true;
+    }
+
+    std::int64_t takeLeft() { return std::exchange(m_left, 0); }
+
+private:
+    Store& m_store;
+    const Image& m_image;
+    RangeSource& m_source;
+    Which m_which;
+    std::int64_t m_pieceSize;
+    std::int64_t m_holeSize;
+    std::deque<Range> m_runs;
+    Range m_data = {}; // the stretch of data that the current run is in or comes to next
+    std::int64_t m_left = 0;
+};
+
+Traffic workThrough(Store& store, DataReader& reader, Planner planner, Progress& progress, const Work& work,
+                    const std::atomic<bool>& stop)
+{
+    std::unique_ptr<char[]> zeros;
+    const auto zeroSize = static_cast<std::size_t>(inBlocks(PIECE, store.blockSize()));
+    Traffic traffic;
+    std::deque<Piece> pieces;
+    for (bool more = true; !stop;) {
+        throwWhenInterrupted();
+        Piece planned;
+        while (more && pieces.size() < reader.depth() && (more = planner.next(planned))) {
+            if (!planned.isHole) {
+                reader.request(planned.range);
+            }
+            pieces.push_back(planned);
+        }
+        const std::int64_t left = planner.takeLeft();
+        traffic.left += left;
+        progress.skip(left);
+        if (pieces.empty()) {
+            break;
+        }
+        const Piece piece = pieces.front();
+        pieces.pop_front();
+        if (piece.isHole && !zeros) {
+            zeros = std::make_unique<char[]>(zeroSize);
+        }
+        work(store, piece.range, piece.isHole ? zeros.get() : reader.next());
+        (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
+        progress.advance(piece.range.length);
+    }
+    return traffic;
+}
+
+} // namespace
+
+std::int64_t sliceSize(std::int64_t blockSize)
+{
+    return inBlocks(SLICE, blockSize);
+}
+
+Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobs,
+                  Progress& progress, const Work& work)
+{
+    std::atomic<bool> stop = false;
+    const std::int64_t bufferSize = inBlocks(jobs <= 1 ? HANDED_OVER : PIECE, hashFile.store().blockSize());
+    if (jobs <= 1) {
+        Store& store = hashFile.store();
+        OverlappedReader reader(image, bufferSize);
+        return workThrough(store, reader, {store, image, source, which, bufferSize}, progress, work, stop);
+    }
+    std::mutex mutex;
+    std::exception_ptr failure;
+    Traffic traffic;
+    const auto job = [&] {
+        try {
+            Store store = hashFile.anotherStore();
+            DirectReader reader(image, bufferSize);
+            const Traffic own
+                = workThrough(store, reader, {store, image, source, which, bufferSize}, progress, work, stop);
+            const std::scoped_lock lock(mutex);
+            traffic.read += own.read;
+            traffic.holes += own.holes;
+            traffic.left += own.left;
+        } catch (...) {
+            const std::scoped_lock lock(mutex);
+            failure = failure ? failure : std::current_exception();
+            stop = true;
+        }
+    };
+    {
+        std::vector<std::jthread> threads;
+        for (unsigned i = 0; i < jobs; ++i) {
+            threads.emplace_back(job);
+        }
+    }
+    hashFile.reopenStore();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return traffic;
+}
+
+Traffic fillUnknown(HashFile& hashFile, const Image& image, Range range, unsigned jobs, ProgressMode mode,
+                    const char* phase)
+{
+    const std::int64_t blockSize = hashFile.store().blockSize();
+    RangeSource source(wholeBlocks(range, blockSize), sliceSize(blockSize));
+    Progress progress(phase, wholeBlocks(range, blockSize).length, mode);
+    std::once_flag flushed;
+    const auto update = [&](Store& store, Range piece, char* data) {
+        std::call_once(flushed, [&] { image.flush(); }); // no crash may leave hashes of bytes that are on no disk
+        store.update(piece, data);
+    };
+    try {
+        const Traffic traffic = forBlocks(hashFile, image, source, Which::Unknown, jobs, progress, update);
+        if (traffic.read + traffic.holes > 0) {
+            hashFile.store().sync();
+        }
+        return traffic;
+    } catch (const Interrupted&) {
+        hashFile.store().sync(); // what is done is kept
+        throw;
+    }
+}
+
+} // namespace kelvane::tool
