@@ -7,7 +7,8 @@
 //
 // Threads. A store belongs to one thread at a time, and so does a hash file while it is created or its
 // size is adapted. Stores on different files share nothing. A data callback runs on the calling thread
-// and must not use the store that called it; metric callbacks must not either.
+// and must not use the store that called it: operations on entries then end with "the store is in use by its own
+// data callback". Metric callbacks must not use it either.
 //
 // Failures. Every failure is a thrown std::runtime_error with the text given below; "(errno)" stands for
 // ": " and the error number in decimal. Failed allocations and whatever a callback throws pass through
@@ -175,6 +176,18 @@ public:
     //   "failed to write hash: " offset (errno). See get_hash for what the file may then hold
     void update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length);
 
+    // As update_hashes with `length` zeros, for a range of the target that now reads as zeros, on stable storage as
+    // far as hashes shall outlive a crash: discarded, punched, zeroed, or never written. Needs no buffer: it costs one
+    // digest, and one write for every 31775 blocks, of at most 1 MiB of memory, at any length. Hashing takes
+    // the time of one block; memory for it is not touched where the system gives out zeroed pages.
+    // Failures:
+    //   that of throwOnAccessViolation, with the tag zero_hashes
+    //   "zero_hashes: length is negative: " and the length
+    //   "failed to compute hash from data"; so far the hash file is untouched
+    //   "failed to seek in hash file: " position (errno)
+    //   "failed to write hash: " offset (errno). The entries of earlier writes are stored; see also get_hash
+    void zero_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
+
     // Makes every block that the range touches unknown. Costs one write. Fails as update_hashes does.
     void invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
 
@@ -241,6 +254,10 @@ private:
     enum HashFlags : uint8_t { InUse = 1 };
 
     class DescriptorGuard;
+    class CallbackGuard;
+    struct FreeMemory {
+        void operator()(char* array) const;
+    };
     struct Span;
     struct Runs;
 
@@ -294,13 +311,20 @@ private:
     void hashRuns(const Runs& runs, const std::vector<std::unique_ptr<char[]>>& data);
     bool storeFullEntries(const Span& span);
     HashValue aggregate(kelvane_ssize_t numberOfHashes);
+    std::vector<char> zeroBlockEntry(bool isNeeded);
+    bool writeEntries(const Span& span, kelvane_ssize_t position, kelvane_ssize_t count, const char* entries);
+    HashValue hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length, const DataRequiredFunc& dataRequiredFunc,
+                          bool stores);
+    void throwWithinDataCallback() const;
+    static std::unique_ptr<char[], FreeMemory> makeZeroedBlock(uint32_t blockSize);
 
     Header m_header;
     SimpleCachedReader m_file;
     std::unique_ptr<char[]> m_hashBuffer;
     kelvane_buf_len_t m_hashBufferSize;
     std::unique_ptr<IHashFunction> m_hashFunction;
-    std::unique_ptr<char[]> m_blockBuffer;
+    std::unique_ptr<char[], FreeMemory> m_blockBuffer; // zeros, but while a partial block is hashed
+    bool m_isInDataCallback = false;
 };
 
 } // namespace kelvane

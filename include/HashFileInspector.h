@@ -39,6 +39,10 @@ public:
 
     kelvane_size_t file_size_in_bytes() const; // when it was opened
 
+    // As BlockHashStore::get_hash, but nothing is stored.
+    BlockHashStore::HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
+                                       const BlockHashStore::DataRequiredFunc& dataRequiredFunc);
+
     // As BlockHashStore::for_each_unknown_range. `onRange` may use the inspector.
     void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
                                 const BlockHashStore::UnknownRangeFunc& onRange);

@@ -57,13 +57,13 @@ public:
     // all, nothing has changed. Further
     //   "cannot commit a target write while an exception propagates"; the range stays unknown.
     // The hashes reach the disk in their own time: losing them costs a rehash.
-    void commit(kelvane_buf_t buffer)
+    void commit(const void* buffer)
     {
         if (std::uncaught_exceptions() != 0) {
             throw std::runtime_error("cannot commit a target write while an exception propagates");
         }
         try {
-            m_store.update_hashes(m_offset, buffer, m_length);
+            m_store.update_hashes(m_offset, const_cast<kelvane_buf_t>(buffer), m_length); // which only reads it
         } catch (...) {
             makeUnknownAgain();
             throw;

@@ -16,6 +16,7 @@ HashFileInspector::HashFileInspector(const std::string& path)
     if (watch.operationGaveUp()) {
         throw std::runtime_error("cannot inspect a hash file while an exception propagates");
     }
+    m_store->m_blockBuffer = BlockHashStore::makeZeroedBlock(block_size_in_bytes());
 }
 
 HashFileInspector::~HashFileInspector() = default;
@@ -65,6 +66,12 @@ kelvane_size_t HashFileInspector::hash_size_in_bytes() const
 kelvane_size_t HashFileInspector::file_size_in_bytes() const
 {
     return m_fileSize;
+}
+
+BlockHashStore::HashValue HashFileInspector::get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
+                                                      const BlockHashStore::DataRequiredFunc& dataRequiredFunc)
+{
+    return m_store->hashOfRange(offset, length, dataRequiredFunc, false);
 }
 
 void HashFileInspector::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,

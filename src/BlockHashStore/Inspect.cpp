@@ -16,6 +16,7 @@ constexpr kelvane_ssize_t ENTRIES_AT_ONCE = 4096; // bounds the memory
 void BlockHashStore::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
                                             const UnknownRangeFunc& onRange)
 {
+    throwWithinDataCallback();
     const Span span = spanOf("for_each_unknown_range", offset, length);
     const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
     const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
@@ -47,6 +48,7 @@ void BlockHashStore::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_le
 
 uint64_t BlockHashStore::discard_torn_entries()
 {
+    throwWithinDataCallback();
     const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
     const auto dataStart = static_cast<kelvane_ssize_t>(m_header.dataRegionOffsetInBytes);
     const auto dataSize

@@ -36,7 +36,7 @@ void BlockHashStore::open_internal(const std::string& path, kelvane_size_t targe
         }
     }
     validateHeader(targetSizeInBytes, fileSize);
-    m_blockBuffer = std::make_unique_for_overwrite<char[]>(getBlockSize());
+    m_blockBuffer = makeZeroedBlock(getBlockSize());
 }
 
 // Opens the file, which must fit its own header, and reads that. Returns the file's size.

@@ -25,11 +25,59 @@ void moveDigest(char* to, const char* from, std::size_t size)
     }
 }
 
+// Bytes between zeros, which stand there again afterwards. A block can be far larger than what is put into it.
+class Placed {
+public:
+    Placed(char* place, const char* bytes, std::size_t size)
+        : m_place(place)
+        , m_size(size)
+    {
+        std::memcpy(place, bytes, size);
+    }
+    ~Placed() { std::memset(m_place, 0, m_size); }
+    Placed(const Placed&) = delete;
+    Placed& operator=(const Placed&) = delete;
+
+private:
+    char* m_place;
+    std::size_t m_size;
+};
+
 } // namespace
+
+// Marks the time in which a data callback runs.
+class BlockHashStore::CallbackGuard {
+public:
+    explicit CallbackGuard(bool& isInCallback)
+        : m_isInCallback(isInCallback)
+    {
+        m_isInCallback = true;
+    }
+    ~CallbackGuard() { m_isInCallback = false; }
+    CallbackGuard(const CallbackGuard&) = delete;
+    CallbackGuard& operator=(const CallbackGuard&) = delete;
+
+private:
+    bool& m_isInCallback;
+};
+
+void BlockHashStore::throwWithinDataCallback() const
+{
+    if (m_isInDataCallback) {
+        throw std::runtime_error("the store is in use by its own data callback");
+    }
+}
 
 BlockHashStore::HashValue BlockHashStore::get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
                                                    DataRequiredFunc dataRequiredFunc)
 {
+    return hashOfRange(offset, length, dataRequiredFunc, true);
+}
+
+BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length,
+                                                      const DataRequiredFunc& dataRequiredFunc, bool stores)
+{
+    throwWithinDataCallback();
     const Span span = spanOf("get_hash", offset, length);
     if (span.numberOfBlocks > MAXIMUM_BLOCKS_PER_REQUEST) {
         throw std::runtime_error("get_hash: too many blocks in one request: " + std::to_string(span.numberOfBlocks));
@@ -43,13 +91,16 @@ BlockHashStore::HashValue BlockHashStore::get_hash(kelvane_off_t offset, kelvane
     }
     const Runs runs = planRuns(span);
     if (!runs.offsets.empty()) {
-        const auto data = dataRequiredFunc(runs.offsets, runs.lengths);
+        const auto data = [&] {
+            const CallbackGuard guard(m_isInDataCallback);
+            return dataRequiredFunc(runs.offsets, runs.lengths);
+        }();
         if (data.size() != runs.offsets.size() || std::find(data.begin(), data.end(), nullptr) != data.end()) {
             failWithErrno("expected more image data than was returned while hashing");
             return {};
         }
         hashRuns(runs, data);
-        if (!storeFullEntries(span)) {
+        if (stores && !storeFullEntries(span)) {
             return {};
         }
     }
@@ -115,8 +166,7 @@ void BlockHashStore::hashRuns(const Runs& runs, const std::vector<std::unique_pt
             if (bytes == blockSize) {
                 hashed = hasher.add(block, entry + 1);
             } else {
-                std::memset(m_blockBuffer.get(), 0, static_cast<std::size_t>(blockSize));
-                std::memcpy(m_blockBuffer.get() + partial, block, static_cast<std::size_t>(bytes));
+                const Placed placed(m_blockBuffer.get() + partial, block, static_cast<std::size_t>(bytes));
                 hashed = hasher.add(m_blockBuffer.get(), entry + 1) && hasher.flush(); // the buffer is needed again
             }
             block += bytes;

@@ -1,3 +1,5 @@
+#include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "BlockHashStore/Internals.h"
@@ -77,6 +79,21 @@ void BlockHashStore::setOnReadCallback(DataTransferMetricFunc on_read)
 bool BlockHashStore::sync_to_disk()
 {
     return m_file.fsync() == 0;
+}
+
+void BlockHashStore::FreeMemory::operator()(char* array) const
+{
+    std::free(array);
+}
+
+// A large one comes as untouched pages, and what is only read of them takes no memory.
+std::unique_ptr<char[], BlockHashStore::FreeMemory> BlockHashStore::makeZeroedBlock(uint32_t blockSize)
+{
+    std::unique_ptr<char[], FreeMemory> block(static_cast<char*>(std::calloc(blockSize, 1)));
+    if (!block) {
+        throw std::bad_alloc();
+    }
+    return block;
 }
 
 void BlockHashStore::growHashBufferWhenNeeded(kelvane_buf_len_t sizeRequested)

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -32,6 +33,7 @@ void BlockHashStore::invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t l
 void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length,
                                             bool invalidate_only)
 {
+    throwWithinDataCallback();
     const Span span = spanOf("update_hashes", offset, length);
     if (span.numberOfBlocks == 0) {
         return;
@@ -51,14 +53,64 @@ void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t 
     if (!invalidate_only) {
         hashFullBlocks(span, static_cast<char*>(buffer));
     }
-    const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock);
-    if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-        failWithErrno("failed to seek in hash file: ", whereTo);
+    writeEntries(span, 0, span.numberOfBlocks, m_hashBuffer.get());
+}
+
+void BlockHashStore::zero_hashes(kelvane_off_t offset, kelvane_buf_len_t length)
+{
+    constexpr kelvane_ssize_t BYTES_AT_ONCE = 1 << 20;
+    throwWithinDataCallback();
+    const Span span = spanOf("zero_hashes", offset, length);
+    const auto entrySize = static_cast<std::size_t>(getHashEntrySize(hashSize()));
+    const std::vector<char> entry = zeroBlockEntry(span.numberOfFullBlocks > 0);
+    const std::vector<char> unknown(entrySize, 0);
+    if (span.startsPartial() && !writeEntries(span, 0, 1, unknown.data())) {
         return;
     }
-    if (!validReadWrite(bytesToWrite, m_file.write(m_hashBuffer.get(), static_cast<std::size_t>(bytesToWrite)))) {
-        failWithErrno("failed to write hash: ", offset);
+    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / static_cast<int>(entrySize));
+    std::vector<char> entries;
+    for (kelvane_ssize_t i = 0; i < atOnce; ++i) {
+        entries.insert(entries.end(), entry.begin(), entry.end());
     }
+    const kelvane_ssize_t end = span.firstFullPosition + span.numberOfFullBlocks;
+    for (kelvane_ssize_t position = span.firstFullPosition; position < end; position += atOnce) {
+        if (!writeEntries(span, position, std::min(atOnce, end - position), entries.data())) {
+            return;
+        }
+    }
+    if (span.endsPartial()) {
+        writeEntries(span, end, 1, unknown.data());
+    }
+}
+
+// The entry of a known block of zeros.
+std::vector<char> BlockHashStore::zeroBlockEntry(bool isNeeded)
+{
+    std::vector<char> entry(static_cast<std::size_t>(getHashEntrySize(hashSize())), InUse);
+    kelvane_buf_t block = m_blockBuffer.get();
+    auto* digest = reinterpret_cast<unsigned char*>(entry.data()) + 1;
+    if (isNeeded
+        && m_hashFunction->get_hashes(&block, 1, static_cast<kelvane_buf_len_t>(getBlockSize()), &digest) != 1) {
+        throw std::runtime_error("failed to compute hash from data");
+    }
+    return entry;
+}
+
+// False when a failure was only logged.
+bool BlockHashStore::writeEntries(const Span& span, kelvane_ssize_t position, kelvane_ssize_t count,
+                                  const char* entries)
+{
+    const kelvane_ssize_t bytesToWrite = count * static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+    const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock + position);
+    if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
+        failWithErrno("failed to seek in hash file: ", whereTo);
+        return false;
+    }
+    if (!validReadWrite(bytesToWrite, m_file.write(entries, static_cast<std::size_t>(bytesToWrite)))) {
+        failWithErrno("failed to write hash: ", span.offset);
+        return false;
+    }
+    return true;
 }
 
 // Fills the entries of the blocks that the range covers wholly; `buffer` holds the range's bytes.
