@@ -301,6 +301,7 @@ private:
     static bool fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static void throwOnBlockSizeOfZero(uint32_t blockSize);
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
+    static uint64_t fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize);
     uint64_t openAndValidate(const std::string& path, int flags);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
     char* entryAt(kelvane_ssize_t position) const;

@@ -39,6 +39,10 @@ public:
 
     kelvane_size_t file_size_in_bytes() const; // when it was opened
 
+    // The size in bytes of the hash file that BlockHashStore::create makes, whose first three failures it shares.
+    static kelvane_size_t file_size_for(HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
+                                        uint32_t blockSize);
+
     // As BlockHashStore::get_hash, but nothing is stored.
     BlockHashStore::HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
                                        const BlockHashStore::DataRequiredFunc& dataRequiredFunc);

@@ -52,11 +52,7 @@ private:
 void BlockHashStore::create(const std::string& path, HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
                             kelvane_size_t partitionOffset, uint32_t blockSize, bool deleteFileOnError)
 {
-    const std::unique_ptr<IHashFunction> hashFunction = HashFunctionFactory::createHashFunction(hashType);
-    if (!hashFunction) {
-        throw std::runtime_error("unknown hash id: " + std::to_string(static_cast<uint32_t>(hashType)));
-    }
-    throwOnUnusableSizes(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes());
+    const uint64_t fileSize = fileSizeOfNew(hashType, targetSizeInBytes, blockSize);
     const char* const function = __func__; // the lambda's own name would appear in the log
     const auto deleteHalfMadeFile = [&] {
         if (deleteFileOnError && posix::unlink(path) == 0) {
@@ -65,10 +61,10 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
     };
     const FailureWatch watch;
     try {
-        createFile(path, computeFileSize(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes()));
+        createFile(path, fileSize);
         if (!watch.operationGaveUp()) {
             initHeader(path, targetSizeInBytes, static_cast<kelvane_off_t>(partitionOffset), blockSize,
-                       hashFunction->hash_id());
+                       static_cast<uint32_t>(hashType));
         }
     } catch (...) {
         deleteHalfMadeFile();
@@ -77,6 +73,16 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
     if (watch.operationGaveUp()) {
         deleteHalfMadeFile();
     }
+}
+
+uint64_t BlockHashStore::fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize)
+{
+    const std::unique_ptr<IHashFunction> hashFunction = HashFunctionFactory::createHashFunction(hashType);
+    if (!hashFunction) {
+        throw std::runtime_error("unknown hash id: " + std::to_string(static_cast<uint32_t>(hashType)));
+    }
+    throwOnUnusableSizes(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes());
+    return computeFileSize(targetSizeInBytes, blockSize, hashFunction->hash_size_in_bytes());
 }
 
 void BlockHashStore::createFile(const std::string& path, kelvane_size_t fileLength)

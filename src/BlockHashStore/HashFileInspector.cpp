@@ -68,6 +68,12 @@ kelvane_size_t HashFileInspector::file_size_in_bytes() const
     return m_fileSize;
 }
 
+kelvane_size_t HashFileInspector::file_size_for(HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
+                                                uint32_t blockSize)
+{
+    return BlockHashStore::fileSizeOfNew(hashType, targetSizeInBytes, blockSize);
+}
+
 BlockHashStore::HashValue HashFileInspector::get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
                                                       const BlockHashStore::DataRequiredFunc& dataRequiredFunc)
 {

@@ -95,6 +95,20 @@ private:
             ->type_name("HOW");
     }
 
+    void addTrust(CLI::App* app)
+    {
+        app->add_flag_callback(
+            "--assume-unchanged", [this] { m_common.trust = Trust::Everything; },
+            "Believe the known hashes without evidence: the image was not changed since they were stored");
+        app->add_flag_callback(
+               "--check", [this] { m_common.trust = Trust::Nothing; },
+               "Check all known hashes against the image, and repair them, whatever the evidence")
+            ->excludes("--assume-unchanged");
+        app->add_flag_callback(
+            "--adopt", [this] { m_pair.first.hashFile.adopts = m_pair.second.hashFile.adopts = true; },
+            "Take over a hash file that was made for another image, and check what it knows");
+    }
+
     static void addSize(CLI::App* app, const std::string& name, const std::string& text, Sized set)
     {
         app->add_option_function<std::string>(
@@ -138,6 +152,7 @@ private:
         app->add_flag("--after-crash", m_afterCrash,
                       "First forget hashes of which a crash of the machine, or of a program that wrote them, may have "
                       "left a half");
+        addTrust(app);
         addWork(app);
     }
 
@@ -166,15 +181,14 @@ private:
                },
                "Only this range; default: all")
             ->type_name("OFFSET:LENGTH");
+        addTrust(app);
         addWork(app);
     }
 
     void addVerify()
     {
-        CLI::App* const app
-            = add("verify",
-                  "Check the known hashes against the image; the hash file must be writable, even if nothing is marked",
-                  "verify disk.img --sample 0.05", [this] { return verify(m_pair.first, m_verify, m_common); });
+        CLI::App* const app = add("verify", "Check the known hashes against the image", "verify disk.img --sample 0.05",
+                                  [this] { return verify(m_pair.first, m_verify, m_common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         app->add_option("--sample", m_verify.share, "Check a random share of the image, above 0 and up to 1")
             ->check(CLI::Range(1e-9, 1.0).description(""))
@@ -192,6 +206,7 @@ private:
         addImage(app, m_pair.first, "A", "--hash-file-a");
         addImage(app, m_pair.second, "B", "--hash-file-b");
         addGeometry(app);
+        addTrust(app);
         addWork(app);
     }
 
@@ -199,11 +214,13 @@ private:
     {
         CLI::App* const app
             = add("sync", "Make an image equal to another one, copying only what differs",
-                  "sync today.img backup.img --verify", [this] { return sync(m_pair, m_reread, m_common); });
+                  "sync today.img backup.img --verify", [this] { return sync(m_pair, m_sync, m_common); });
         addImage(app, m_pair.first, "SOURCE", "--source-hash-file");
         addImage(app, m_pair.second, "DEST", "--dest-hash-file");
         addGeometry(app);
-        app->add_flag("--verify", m_reread, "Read both images again afterwards and compare every byte");
+        app->add_flag("--verify", m_sync.reread, "Read both images again afterwards and compare every byte");
+        app->add_flag("!--no-sparse", m_sync.isSparse, "Write zeros, instead of making holes of them");
+        addTrust(app);
         addWork(app);
     }
 
@@ -213,7 +230,7 @@ private:
     VerifyArguments m_verify;
     std::optional<Range> m_range;
     bool m_afterCrash = false;
-    bool m_reread = false;
+    SyncArguments m_sync;
     bool m_json = false;
     std::function<Outcome()> m_command;
 };

@@ -1,13 +1,16 @@
 // The commands. Each one returns what it found, as text and as JSON, and throws when it fails.
 #pragma once
 
+#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/Range.h"
 #include "hash_file/HashFile.h"
-#include "work/Blocks.h"
+#include "image/Image.h"
+#include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
@@ -33,11 +36,32 @@ struct VerifyArguments {
     bool mark = false;
 };
 
+struct SyncArguments {
+    bool reread = false;
+    bool isSparse = true;
+};
+
+// Which images were changed while a command used them; the others are recorded as they were.
+class Changes {
+public:
+    explicit Changes(std::initializer_list<HashedImage*> images);
+
+    bool none() const { return m_paths.empty(); }
+    std::string text() const;
+    nlohmann::ordered_json json() const { return m_paths; }
+
+private:
+    std::vector<std::string> m_paths;
+};
+
+// Refuses what is a hash file.
+Image openImage(const std::string& path, Image::Access access);
+
 Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& common);
 Outcome info(const std::string& path);
 Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common);
 Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common);
 Outcome diff(const PairArguments& arguments, const Common& common);
-Outcome sync(const PairArguments& arguments, bool reread, const Common& common);
+Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common);
 
 } // namespace kelvane::tool

@@ -1,32 +1,18 @@
+#include <kelvane/BlakeHash.h>
+
 #include "base/Failure.h"
 #include "commands/Commands.h"
 #include "terminal/Text.h"
-#include "work/Blocks.h"
+#include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
-namespace {
-
-// With a block that the range covers in part, the store writes the entries of all others in one transfer.
-void checkNumberOfBlocks(const Image& image, const HashFile& hashFile, Range range)
-{
-    constexpr std::int64_t MOST = 65'075'262;
-    const std::int64_t blockSize = hashFile.header().blockSize;
-    const Range whole = wholeBlocks(range, blockSize);
-    if (whole.length / blockSize > MOST && whole.length != range.length) {
-        throw Failure(image.path(), hashFile.onDevice(range.offset),
-                      "a range that begins or ends inside a block can have at most " + counted(MOST, "whole block")
-                          + ", this one has " + counted(whole.length / blockSize, "block")
-                          + "; a hash file with a larger --block-size has fewer");
-    }
-}
-
-} // namespace
-
 Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
-    const Image image(arguments.image, Image::Access::Read);
-    HashFile hashFile = HashFile::openOrCreate(image, arguments.hashFile);
+    const Image image = openImage(arguments.image, Image::Access::Read);
+    HashedImage hashed(image, HashFile::openOrCreate(image, arguments.hashFile, image.size(), common.progress), common);
+    hashed.adaptToImage();
+    const HashFile& hashFile = hashed.hashFile();
     Range range = {0, image.size()};
     if (onDevice) {
         range = {onDevice->offset - hashFile.onDevice(0), onDevice->length};
@@ -37,19 +23,24 @@ Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevi
                               + " to " + std::to_string(hashFile.onDevice(image.size())));
         }
     }
-    checkNumberOfBlocks(image, hashFile, range);
-    const Traffic traffic = fillUnknown(hashFile, image, range, common.jobs, common.progress, "hash");
-    std::atomic<std::int64_t> bytesRead = traffic.read;
-    const Store::Hash value
-        = range.length > 0 ? hashFile.store().hash(range, image, bytesRead) : hashFile.store().hash("", 0);
+    hashed.complete(range, "hash");
+    std::atomic<std::int64_t> bytesRead = hashed.traffic().read;
+    // Everything whole is known, and nothing is to be stored.
+    const Store::Hash value = range.length > 0
+        ? Store(hashFile.path(), hashFile.geometry(), Store::Access::Read).hash(range, image, bytesRead)
+        : BlakeHash().get_hash(nullptr, 0);
+    const Changes changes({&hashed});
     Outcome outcome;
-    outcome.text = hexadecimal(value) + "  " + image.path() + "\n";
+    outcome.good = changes.none();
+    outcome.text = hexadecimal(value) + "  " + image.path() + "\n" + changes.text();
     outcome.json = {{"image", image.path()},
                     {"hash", hexadecimal(value)},
                     {"offset", hashFile.onDevice(range.offset)},
                     {"length", range.length},
-                    {"blockSize", hashFile.store().blockSize()},
-                    {"bytesRead", bytesRead.load()}};
+                    {"blockSize", hashed.store().blockSize()},
+                    {"bytesRead", bytesRead.load()},
+                    {"freshness", hashed.json()},
+                    {"changedMeanwhile", changes.json()}};
     return outcome;
 }
 

@@ -1,4 +1,9 @@
+#include <sys/stat.h>
+
+#include "base/Failure.h"
 #include "commands/Commands.h"
+#include "hash_file/Evidence.h"
+#include "hash_file/Inspection.h"
 #include "terminal/Text.h"
 
 namespace kelvane::tool {
@@ -31,22 +36,57 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
     return map;
 }
 
+// What the record beside the hash file says, and whether that still holds.
+struct Record {
+    std::string text;
+    nlohmann::ordered_json json;
+};
+
+Record recordOf(const std::string& path)
+{
+    const std::optional<Evidence> evidence = Evidence::read(path);
+    if (!evidence) {
+        return {"none", nullptr};
+    }
+    const auto image = evidence->image.image["path"].get<std::string>();
+    std::string verdict = "not clean";
+    if (evidence->isClean) {
+        try {
+            verdict = evidence->image.isSame(stateOf(Image(image, Image::Access::Read))) ? "unchanged" : "changed";
+        } catch (const Failure&) {
+            verdict = "missing";
+        }
+    }
+    return {
+        (evidence->isClean ? "true of " + image + ", which is " + verdict + " now"
+                           : "not clean: a run on " + image + " is under way, or was cut short"),
+        {{"clean", evidence->isClean}, {"image", image}, {"content", evidence->image.content}, {"verdict", verdict}}};
+}
+
 } // namespace
 
 Outcome info(const std::string& path)
 {
-    const auto [header, unknown, status] = HashFileContents(path);
-    const std::int64_t blockSize = header.blockSize;
-    const std::int64_t size = header.targetSize();
+    HashFileInspector inspector = inspect(path);
+    const Geometry geometry = geometryOf(inspector, path);
+    const std::int64_t blockSize = geometry.blockSize;
+    const std::int64_t size = geometry.targetSize;
     const std::int64_t whole = size / blockSize;
     const std::int64_t partial = size % blockSize;
+    const std::vector<Range> unknown = explaining(path, [&] {
+        return unknownRanges(inspector, geometry, {0, whole * blockSize});
+    });
     const std::int64_t unknownBlocks = totalLength(unknown) / blockSize;
+    const auto fileSize = static_cast<std::int64_t>(inspector.file_size_in_bytes());
     const std::string map = drawMap(unknown, whole, blockSize);
+    struct stat status = {};
+    ::stat(path.c_str(), &status);
     const std::int64_t onDisk = status.st_blocks * 512;
+    const Record record = recordOf(path);
 
     Outcome outcome;
     char magic[32];
-    std::snprintf(magic, sizeof(magic), "0x%llx", static_cast<unsigned long long>(header.magicNumber));
+    std::snprintf(magic, sizeof(magic), "0x%llx", static_cast<unsigned long long>(inspector.magic_number()));
     const auto line = [&](const char* name, const std::string& value) {
         outcome.text += name + std::string(18 - std::char_traits<char>::length(name), ' ') + value + "\n";
     };
@@ -55,34 +95,38 @@ Outcome info(const std::string& path)
     };
     line("hash file", path);
     line("magic number", magic);
-    line("version", std::to_string(header.version));
-    line("hash entries from", sized(static_cast<std::int64_t>(header.dataRegionOffset)));
+    line("version", std::to_string(inspector.version()));
+    line("hash entries from", sized(static_cast<std::int64_t>(inspector.data_region_offset_in_bytes())));
     line("block size", sized(blockSize));
-    line("target ends at", sized(static_cast<std::int64_t>(header.targetEnd)));
-    line("partition offset", sized(static_cast<std::int64_t>(header.partitionOffset)));
+    line("target ends at", sized(static_cast<std::int64_t>(inspector.target_size_in_bytes())));
+    line("partition offset", sized(geometry.partitionOffset));
     line("target size", sized(size));
-    line("hash function", std::to_string(header.hashId) + " (BLAKE2sp, 32 bytes)");
+    line("hash function",
+         std::to_string(inspector.hash_function_type()) + " (BLAKE2sp, "
+             + std::to_string(inspector.hash_size_in_bytes()) + " bytes)");
     line("whole blocks",
          grouped(whole) + ": " + grouped(whole - unknownBlocks) + " known, " + grouped(unknownBlocks) + " unknown");
     line("partial block", partial == 0 ? "none" : counted(partial, "byte") + ", whose hash is never stored");
-    line("file size", sized(status.st_size) + ", on disk " + sized(onDisk));
+    line("file size", sized(fileSize) + ", on disk " + sized(onDisk));
     line("known regions", "[" + map + "]  # known, + in part, . unknown");
+    line("record", record.text);
     outcome.json = {{"hashFile", path},
-                    {"magicNumber", header.magicNumber},
-                    {"version", header.version},
-                    {"dataRegionOffset", header.dataRegionOffset},
+                    {"magicNumber", inspector.magic_number()},
+                    {"version", inspector.version()},
+                    {"dataRegionOffset", inspector.data_region_offset_in_bytes()},
                     {"blockSize", blockSize},
-                    {"targetEnd", header.targetEnd},
-                    {"partitionOffset", header.partitionOffset},
+                    {"targetEnd", inspector.target_size_in_bytes()},
+                    {"partitionOffset", geometry.partitionOffset},
                     {"targetSize", size},
-                    {"hashId", header.hashId},
+                    {"hashId", static_cast<int>(inspector.hash_function_type())},
                     {"wholeBlocks", whole},
                     {"knownBlocks", whole - unknownBlocks},
                     {"unknownBlocks", unknownBlocks},
                     {"partialBlockBytes", partial},
-                    {"fileSize", status.st_size},
+                    {"fileSize", fileSize},
                     {"sizeOnDisk", onDisk},
-                    {"map", map}};
+                    {"map", map},
+                    {"record", record.json}};
     return outcome;
 }
 

@@ -1,367 +1,329 @@
 #include "hash_file/HashFile.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/statvfs.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <kelvane/HashFunctionType.h>
+#include <filesystem>
 #include <limits>
 #include <utility>
 
 #include "base/Failure.h"
+#include "base/Interrupt.h"
+#include "terminal/Text.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t HEADER_SIZE = 56;
-constexpr std::uint64_t PAGE = 4096; // the entries start at one, and the file ends at one
-constexpr std::uint64_t ENTRY_SIZE = 33;
-
-class Descriptor {
-public:
-    Descriptor(const std::string& path, int flags)
-        : m_fd(::open(path.c_str(), flags | O_CLOEXEC))
-    {
-        if (m_fd < 0) {
-            throw Failure(path, "cannot open the hash file: " + errorText(errno));
-        }
-    }
-    ~Descriptor() { ::close(m_fd); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    operator int() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-template <class Field>
-void take(const std::array<char, HEADER_SIZE>& record, std::size_t offset, Field& field)
+// Whether a file is the one at a path, and not one that stood there before.
+bool standsAt(int fd, const std::string& path)
 {
-    std::memcpy(&field, record.data() + offset, sizeof(field));
+    struct stat own;
+    struct stat there;
+    return ::fstat(fd, &own) == 0 && ::stat(path.c_str(), &there) == 0 && own.st_dev == there.st_dev
+        && own.st_ino == there.st_ino;
 }
 
-Header readHeader(int fd, const std::string& path)
+void checkRoom(const std::string& path, std::uint64_t needed)
 {
-    std::array<char, HEADER_SIZE> record;
-    const ssize_t count = ::pread(fd, record.data(), record.size(), 0);
-    if (count < 0) {
-        throw Failure(path, 0, "cannot read: " + errorText(errno));
-    }
-    Header header = {};
-    if (static_cast<std::size_t>(count) == record.size()) {
-        take(record, 0, header.magicNumber);
-        take(record, 8, header.version);
-        take(record, 16, header.dataRegionOffset);
-        take(record, 24, header.blockSize);
-        take(record, 32, header.targetEnd);
-        take(record, 40, header.partitionOffset);
-        take(record, 48, header.hashId);
-    }
-    if (header.magicNumber != 0x20001312) {
-        throw Failure(path, 0, "not a hash file, or its creation was interrupted; remove it to start anew");
-    }
-    if (header.version != 0 || header.dataRegionOffset != PAGE || header.blockSize == 0 || header.hashId != 1) {
-        throw Failure(path, 8, "a hash file of a form that is not known here; remove it to start anew");
-    }
-    if (header.partitionOffset > header.targetEnd
-        || header.targetEnd > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-        throw Failure(path, 32,
-                      "impossible sizes: a target from " + std::to_string(header.partitionOffset) + " to "
-                          + std::to_string(header.targetEnd));
-    }
-    struct stat status = {};
-    ::fstat(fd, &status);
-    const auto size = static_cast<std::uint64_t>(status.st_size);
-    const std::uint64_t entries = (header.targetEnd + header.blockSize - 1) / header.blockSize;
-    if (entries > size / ENTRY_SIZE || PAGE + (entries * ENTRY_SIZE + PAGE - 1) / PAGE * PAGE != size) {
+    struct statvfs room;
+    std::string directory = std::filesystem::path(path).parent_path().string();
+    directory = directory.empty() ? "." : directory;
+    if (::statvfs(directory.c_str(), &room) == 0 && room.f_bavail < needed / room.f_frsize) {
         throw Failure(path,
-                      "its size of " + std::to_string(size)
-                          + " does not fit its header: a change of it was cut short, unless one is under way; "
-                            "remove it to start anew");
+                      "cannot make the hash file: " + errorText(ENOSPC) + "; it takes "
+                          + counted(static_cast<std::int64_t>(needed), "byte"));
     }
-    return header;
 }
 
-// Of all whole blocks, those whose hash is unknown.
-std::vector<Range> readUnknown(int fd, const std::string& path, const Header& header)
+Geometry geometryFor(const Image& image, const HashFileOptions& options, std::int64_t targetSize)
 {
-    constexpr std::int64_t ENTRIES_AT_ONCE = 4096;
-    std::vector<char> entries(ENTRIES_AT_ONCE * ENTRY_SIZE);
-    std::vector<Range> unknown;
-    const std::int64_t blockSize = header.blockSize;
-    const std::int64_t blocks = header.targetSize() / blockSize;
-    for (std::int64_t block = 0; block < blocks;) {
-        const auto wanted = static_cast<std::size_t>(std::min(ENTRIES_AT_ONCE, blocks - block)) * ENTRY_SIZE;
-        const auto offset = static_cast<std::int64_t>(PAGE + static_cast<std::uint64_t>(block) * ENTRY_SIZE);
-        const ssize_t count = ::pread(fd, entries.data(), wanted, offset);
-        if (count < static_cast<ssize_t>(ENTRY_SIZE)) {
-            throw Failure(path, offset, "cannot read: " + (count < 0 ? errorText(errno) : "it ends here"));
-        }
-        for (std::size_t at = 0; at + ENTRY_SIZE <= static_cast<std::size_t>(count); at += ENTRY_SIZE, ++block) {
-            if ((entries[at] & 1) == 0) {
-                append(unknown, {block * blockSize, blockSize});
-            }
-        }
+    constexpr auto GREATEST = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    const std::uint64_t start = options.partitionOffset.value_or(0);
+    if (start > GREATEST - static_cast<std::uint64_t>(targetSize)) {
+        throw Failure(image.path(),
+                      "the partition offset is too large: " + std::to_string(start) + ", for an image of "
+                          + counted(targetSize, "byte"));
     }
-    return unknown;
+    return {options.blockSize.value_or(HashFile::DEFAULT_BLOCK_SIZE), static_cast<std::int64_t>(start), targetSize};
 }
 
-// The store's failures end in the number of the system's error; people want its name.
-std::string explained(const std::string& text)
+// Makes a hash file little by little, so that it can be interrupted. Its end grows last.
+void createInSteps(const std::string& path, const Geometry& geometry, ProgressMode mode)
 {
-    const std::size_t digits = text.find_last_not_of("0123456789") + 1;
-    const bool isSystemError = text.starts_with("failed to ") || text.starts_with("error in ")
-        || text.starts_with("error opening ") || text.starts_with("initFileRegion ");
-    if (!isSystemError || digits == text.size() || digits < 2 || text[digits - 1] != ' ') {
-        return text;
+    constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 21;
+    const std::int64_t step = geometry.blockSize <= std::numeric_limits<std::int64_t>::max() / BLOCKS_AT_ONCE / 2
+        ? geometry.blockSize * BLOCKS_AT_ONCE
+        : geometry.targetSize;
+    Geometry part = geometry;
+    part.targetSize = std::min(step, geometry.targetSize);
+    std::optional<Progress> progress;
+    if (part.targetSize < geometry.targetSize) {
+        progress.emplace("make", geometry.targetSize, mode);
     }
-    return text.substr(0, digits) + errorText(std::atoi(text.c_str() + digits));
+    BlockHashStore::create(path, Blake2dHashFunctionType, part.targetEnd(),
+                           static_cast<kelvane_size_t>(part.partitionOffset),
+                           static_cast<std::uint32_t>(part.blockSize), false);
+    while (part.targetSize < geometry.targetSize) {
+        throwWhenInterrupted();
+        progress->advance(step);
+        part.targetSize += std::min(step, geometry.targetSize - part.targetSize);
+        BlockHashStore::open(path, part.targetEnd());
+    }
 }
-
-// Leaves a request for data with what was asked for.
-struct AskedFor {
-    std::vector<kelvane_off_t> offsets;
-    std::vector<kelvane_off_t> lengths;
-};
 
 } // namespace
 
-// ---------------------------------------------------------------------------------------------------
-
-Store::Store(const std::string& path, const Header& header)
-    : m_path(path)
-    , m_partitionOffset(static_cast<std::int64_t>(header.partitionOffset))
-    , m_blockSize(header.blockSize)
-    , m_store(naming([&] { return BlockHashStore::open(path, header.targetEnd); }))
+std::string HashFileOptions::pathFor(const Image& image) const
 {
-}
-
-template <class Operation>
-auto Store::naming(Operation operation) const -> decltype(operation())
-{
-    try {
-        return operation();
-    } catch (const Failure&) {
-        throw;
-    } catch (const std::runtime_error& error) {
-        throw Failure(m_path, explained(error.what()));
+    if (path.empty() && image.isBlockDevice()) {
+        throw Failure(image.path(),
+                      "a block device: say where its hash file is, with --hash-file or its like; beside the device "
+                      "it would be in memory, and lost when the machine is started again");
     }
-}
-
-std::vector<Range> Store::unknown(Range range)
-{
-    std::vector<Range> ranges;
-    const Range blocks = wholeBlocks(range, m_blockSize);
-    if (blocks.length == 0) {
-        return ranges;
-    }
-    const auto leave = [](const std::vector<kelvane_off_t>& offsets,
-                          const std::vector<kelvane_off_t>& lengths) -> std::vector<std::unique_ptr<char[]>> {
-        throw AskedFor {offsets, lengths};
-    };
-    try {
-        naming([&] { return m_store->get_hash(m_partitionOffset + blocks.offset, blocks.length, leave); });
-    } catch (const AskedFor& asked) {
-        for (std::size_t i = 0; i < asked.offsets.size(); ++i) {
-            ranges.push_back({asked.offsets[i] - m_partitionOffset, asked.lengths[i]});
-        }
-    }
-    return ranges;
-}
-
-Store::Hash Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
-{
-    const auto supply = [&](const std::vector<kelvane_off_t>& offsets, const std::vector<kelvane_off_t>& lengths) {
-        std::vector<std::unique_ptr<char[]>> data;
-        for (std::size_t i = 0; i < offsets.size(); ++i) {
-            data.push_back(std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(lengths[i])));
-            image.read(data.back().get(), {offsets[i] - m_partitionOffset, lengths[i]});
-            bytesRead += lengths[i];
-        }
-        return data;
-    };
-    return naming([&] { return m_store->get_hash(m_partitionOffset + range.offset, range.length, supply); });
-}
-
-Store::Hash Store::hash(const void* buffer, std::size_t length) const
-{
-    return m_store->get_hash(const_cast<void*>(buffer), length);
-}
-
-void Store::update(Range range, char* data)
-{
-    try {
-        naming([&] { m_store->update_hashes(m_partitionOffset + range.offset, data, range.length); });
-    } catch (const Failure&) {
-        forget(range); // a write that was cut short can leave a hash by half
-        throw;
-    }
-}
-
-void Store::forget(Range range)
-{
-    try {
-        m_store->invalidate_hashes(m_partitionOffset + range.offset, range.length);
-    } catch (const std::runtime_error&) {
-        // The failure that came first is reported.
-    }
-    m_store->sync_to_disk();
-}
-
-void Store::invalidate(Range range)
-{
-    if (range.length > 0) {
-        naming([&] { m_store->invalidate_hashes(m_partitionOffset + range.offset, range.length); });
-    }
-}
-
-void Store::sync()
-{
-    if (!m_store->sync_to_disk()) {
-        throw Failure(m_path, "cannot flush: " + errorText(errno));
-    }
-}
-
-std::uint64_t Store::discardTornEntries()
-{
-    return naming([&] { return m_store->discard_torn_entries(); });
+    return path.empty() ? image.path() + ".hashes" : path;
 }
 
 // ---------------------------------------------------------------------------------------------------
 
 class HashFile::Lock {
 public:
-    explicit Lock(const std::string& path)
-        : m_fd(path, O_RDWR)
+    // Nothing when there is no such file.
+    static std::shared_ptr<Lock> take(const std::string& path)
     {
-        if (::flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
+        for (;;) {
+            auto lock = std::make_shared<Lock>();
+            lock->m_fd = openFile(path, O_RDWR | O_NONBLOCK);
+            if (!lock->m_fd && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+                lock->m_isWritable = false;
+                lock->m_fd = openFile(path, O_RDONLY | O_NONBLOCK);
+            }
+            if (!lock->m_fd && errno == ENOENT) {
+                return nullptr;
+            }
+            if (!lock->m_fd) {
+                throw Failure(path, "cannot open the hash file: " + errorText(errno));
+            }
+            lock->acquire(path, lock->m_isWritable ? LOCK_EX : LOCK_SH);
+            if (standsAt(lock->fd(), path)) {
+                return lock;
+            }
+        }
+    }
+
+    // Of a file that need not be there yet.
+    static std::shared_ptr<Lock> takeNew(const std::string& path, const std::string& temporary)
+    {
+        auto lock = std::make_shared<Lock>();
+        lock->m_fd = openFile(temporary, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+        if (!lock->m_fd) {
+            throw Failure(path, "cannot make the hash file: " + errorText(errno));
+        }
+        lock->acquire(path, LOCK_EX);
+        return lock;
+    }
+
+    int fd() const { return m_fd.get(); }
+    bool isWritable() const { return m_isWritable; }
+
+private:
+    void acquire(const std::string& path, int kind) const
+    {
+        if (::flock(m_fd.get(), kind | LOCK_NB) != 0) {
             throw Failure(path,
                           errno == EWOULDBLOCK ? "the hash file is in use, or was given twice"
                                                : "cannot lock: " + errorText(errno));
         }
     }
 
-    int fd() const { return m_fd; }
-
-private:
     Descriptor m_fd;
+    bool m_isWritable = true;
 };
 
-HashFile::HashFile(std::string path)
+HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock)
     : m_path(std::move(path))
-    , m_lock(std::make_shared<Lock>(m_path))
-    , m_header(readHeader(m_lock->fd(), m_path))
-    , m_store(std::make_unique<Store>(m_path, m_header))
+    , m_lock(std::move(lock))
+    , m_geometry(geometryOf(inspect(m_path), m_path))
+    , m_evidence(Evidence::read(m_path))
 {
+    reopenStore();
+}
+
+std::optional<HashFile> HashFile::open(const std::string& path)
+{
+    std::shared_ptr<Lock> lock = Lock::take(path);
+    return lock ? std::optional(HashFile(path, std::move(lock))) : std::nullopt;
+}
+
+// Under another name, which it keeps until it is whole. Nothing when another run was faster.
+std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& geometry, ProgressMode mode)
+{
+    const std::string temporary = path + ".new";
+    std::shared_ptr<Lock> lock = Lock::takeNew(path, temporary);
+    if (!standsAt(lock->fd(), temporary)) {
+        return std::nullopt;
+    }
+    if (std::filesystem::exists(path)) {
+        ::unlink(temporary.c_str());
+        return std::nullopt;
+    }
+    try {
+        explaining(path, [&] {
+            checkRoom(path,
+                      HashFileInspector::file_size_for(Blake2dHashFunctionType, geometry.targetEnd(),
+                                                       static_cast<std::uint32_t>(geometry.blockSize)));
+            createInSteps(temporary, geometry, mode);
+        });
+    } catch (...) {
+        ::unlink(temporary.c_str());
+        throw;
+    }
+    Evidence::remove(path);
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        throw Failure(path, "cannot make the hash file: " + errorText(errno));
+    }
+    HashFile file(path, std::move(lock));
+    file.m_created = true;
+    return file;
 }
 
 HashFile HashFile::openExisting(const Image& image, const HashFileOptions& options)
 {
     const std::string path = options.pathFor(image);
-    HashFile file(path);
-    const Header& header = file.header();
-    if (options.blockSize && *options.blockSize != header.blockSize) {
-        throw Failure(path, 24,
-                      "made for a block size of " + std::to_string(header.blockSize) + ", not "
-                          + std::to_string(*options.blockSize));
+    std::optional<HashFile> file = open(path);
+    if (!file) {
+        throw Failure(path, "cannot open the hash file: " + errorText(ENOENT));
     }
-    if (options.partitionOffset && *options.partitionOffset != header.partitionOffset) {
-        throw Failure(path, 40,
-                      "made for a partition offset of " + std::to_string(header.partitionOffset) + ", not "
-                          + std::to_string(*options.partitionOffset));
-    }
-    return file;
+    file->checkOptions(options);
+    return std::move(*file);
 }
 
-HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& options)
+HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& options, std::int64_t targetSize,
+                                ProgressMode mode)
 {
     const std::string path = options.pathFor(image);
-    if (::access(path.c_str(), F_OK) == 0) {
-        HashFile file = openExisting(image, options);
-        if (isNewer(image, path)) {
-            std::fprintf(stderr,
-                         "kelvane-hash: note: %s is newer than its hash file; if it was changed without the store, "
-                         "its hashes are out of date: see verify --mark\n",
-                         image.path().c_str());
+    for (;;) {
+        if (std::optional<HashFile> file = open(path)) {
+            file->checkOptions(options);
+            file->checkOwner(image, options);
+            return std::move(*file);
         }
-        if (file.header().targetSize() != image.size()) {
-            file.m_formerTargetSize = file.header().targetSize();
-            file.resize(image.size(), [] {});
+        if (std::optional<HashFile> file = make(path, geometryFor(image, options, targetSize), mode)) {
+            return std::move(*file);
         }
-        return file;
     }
-    const std::uint64_t partitionOffset = options.partitionOffset.value_or(0);
-    const std::uint64_t end = partitionOffset + static_cast<std::uint64_t>(image.size());
-    if (end < partitionOffset || end > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-        throw Failure(image.path(), "the partition offset is too large: " + std::to_string(partitionOffset));
+}
+
+void HashFile::checkOptions(const HashFileOptions& options) const
+{
+    const auto check = [&](std::int64_t offset, const char* what, std::int64_t found, std::int64_t wanted) {
+        if (found != wanted) {
+            throw Failure(m_path, offset,
+                          std::string("made for a ") + what + " of " + std::to_string(found) + ", not "
+                              + std::to_string(wanted));
+        }
+    };
+    check(24, "block size", m_geometry.blockSize,
+          options.blockSize.value_or(static_cast<std::uint32_t>(m_geometry.blockSize)));
+    check(40, "partition offset", m_geometry.partitionOffset,
+          static_cast<std::int64_t>(
+              options.partitionOffset.value_or(static_cast<std::uint64_t>(m_geometry.partitionOffset))));
+}
+
+// A hash file of another image, or of another size for no reason that is known, would be cut or filled up to fit.
+void HashFile::checkOwner(const Image& image, const HashFileOptions& options)
+{
+    const bool fits = m_geometry.targetSize == image.size();
+    std::string owner = "an image of " + counted(m_geometry.targetSize, "byte");
+    if (m_evidence && !image.isMissing()) {
+        const Owner relation = ownerOf(*m_evidence, stateOf(image));
+        if (relation == Owner::Same || (fits && relation == Owner::Successor)) {
+            return;
+        }
+        owner = m_evidence->image.image["path"].get<std::string>() + ", " + owner;
+    } else if (fits) {
+        return;
     }
-    try {
-        BlockHashStore::create(path, Blake2dHashFunctionType, end, partitionOffset,
-                               options.blockSize.value_or(DEFAULT_BLOCK_SIZE), true);
-    } catch (const std::runtime_error& error) {
-        throw Failure(path, "cannot make the hash file: " + explained(error.what()));
+    const Range blocks = wholeBlocks({0, m_geometry.targetSize}, m_geometry.blockSize);
+    if (options.adopts || totalLength(m_store->unknown(blocks)) == blocks.length) {
+        m_evidence.reset();
+        return;
     }
-    HashFile file(path);
-    file.m_created = true;
-    return file;
+    throw Failure(m_path,
+                  "made for " + owner + ", not for " + image.path() + " of " + counted(image.size(), "byte")
+                      + "; with --adopt it is taken over, and what it knows is checked");
+}
+
+bool HashFile::isWritable() const
+{
+    return m_lock->isWritable();
+}
+
+Store HashFile::anotherStore() const
+{
+    return {m_path, m_geometry, isWritable() ? Store::Access::Write : Store::Access::Read};
+}
+
+void HashFile::reopenStore()
+{
+    m_store = std::make_unique<Store>(anotherStore());
 }
 
 void HashFile::forgetBehind(std::int64_t targetSize)
 {
-    const std::int64_t known = m_header.targetSize();
-    if (targetSize < known) {
-        m_store->invalidate(between(targetSize, known));
+    if (targetSize < m_geometry.targetSize) {
+        m_store->invalidate(between(targetSize, m_geometry.targetSize));
         m_store->sync();
     }
 }
 
 void HashFile::adapt(std::int64_t targetSize)
 {
-    const std::int64_t known = m_header.targetSize();
-    m_header.targetEnd = m_header.partitionOffset + static_cast<std::uint64_t>(targetSize);
-    m_store = std::make_unique<Store>(m_path, m_header);
+    if (!isWritable()) {
+        throw Failure(m_path,
+                      "records a size of " + counted(m_geometry.targetSize, "byte") + ", not "
+                          + counted(targetSize, "byte") + ", and cannot be written");
+    }
+    const std::int64_t known = std::exchange(m_geometry.targetSize, targetSize);
+    reopenStore();
     if (targetSize > known) {
         m_store->invalidate(between(known, targetSize));
         m_store->sync();
     }
 }
 
-bool HashFile::isNewer(const Image& image, const std::string& hashFilePath)
+bool HashFile::isAsRecorded() const
 {
-    struct stat imageStatus;
-    struct stat hashFileStatus;
-    if (image.isBlockDevice() || ::stat(image.path().c_str(), &imageStatus) != 0
-        || ::stat(hashFilePath.c_str(), &hashFileStatus) != 0) {
-        return false;
+    return m_evidence && m_evidence->hashFile.is_object() && m_evidence->hashFile == hashFileState(m_lock->fd(), false);
+}
+
+void HashFile::record(const ImageState& image, bool isClean) const
+{
+    Evidence evidence = {isClean, image, isClean ? hashFileState(m_lock->fd(), true) : nullptr};
+    if (!evidence.write(m_path)) {
+        std::fprintf(stderr, "kelvane-hash: note: %s: cannot write: %s; the next run will check all hashes\n",
+                     Evidence::pathFor(m_path).c_str(), errorText(errno).c_str());
     }
-    // Not the times of modification, which a copy that keeps its original's time would bring along.
-    const timespec& changed = imageStatus.st_ctim;
-    const timespec& stored = hashFileStatus.st_ctim;
-    return changed.tv_sec > stored.tv_sec || (changed.tv_sec == stored.tv_sec && changed.tv_nsec > stored.tv_nsec);
 }
 
-void HashFile::setTimeToNow() const
+Owner ownerOf(const Evidence& evidence, const ImageState& image)
 {
-    ::futimens(m_lock->fd(), nullptr);
-}
-
-// ---------------------------------------------------------------------------------------------------
-
-HashFileContents::HashFileContents(const std::string& path)
-{
-    const Descriptor fd(path, O_RDONLY | O_NONBLOCK); // a pipe must not make it wait
-    header = readHeader(fd, path);
-    unknown = readUnknown(fd, path, header);
-    ::fstat(fd, &status);
+    const auto& recorded = evidence.image.image;
+    const auto same = [&](const char* name) {
+        return recorded.value(name, nlohmann::ordered_json()) == image.image.value(name, nlohmann::ordered_json());
+    };
+    const bool sameIdentity = image.image.contains("inode")
+        ? same("inode") && (same("device") || same("path"))
+        : same("wwid") && same("device/wwid") && same("device/serial") && same("serial") && same("dm/uuid")
+            && same("md/uuid") && same("partition") && same("name");
+    if (same("kind") && sameIdentity) {
+        return Owner::Same;
+    }
+    return same("path") ? Owner::Successor : Owner::Other;
 }
 
 } // namespace kelvane::tool

@@ -1,75 +1,28 @@
-// The hash file of an image: its header, and stores on it that speak in offsets of the image.
+// The hash file of an image: found or made, locked against other runs, and its record.
 #pragma once
 
-#include <sys/stat.h>
-
-#include <atomic>
 #include <cstdint>
-#include <kelvane/BlockHashStore.h>
+#include <kelvane/HashFunctionType.h>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "base/Range.h"
+#include "hash_file/Evidence.h"
+#include "hash_file/Inspection.h"
+#include "hash_file/Store.h"
 #include "image/Image.h"
+#include "terminal/Progress.h"
 
 namespace kelvane::tool {
-
-// The record at the start of every hash file.
-struct Header {
-    std::uint64_t magicNumber;
-    std::uint64_t version;
-    std::uint64_t dataRegionOffset;
-    std::uint32_t blockSize;
-    std::uint64_t targetEnd; // where the target ends on its device
-    std::uint64_t partitionOffset;
-    std::uint32_t hashId;
-
-    std::int64_t targetSize() const { return static_cast<std::int64_t>(targetEnd - partitionOffset); }
-};
-
-// One store, for one thread. Failures name the hash file.
-class Store {
-public:
-    using Hash = BlockHashStore::HashValue;
-
-    Store(const std::string& path, const Header& header);
-
-    std::int64_t blockSize() const { return m_blockSize; }
-
-    // Of the whole blocks in a range, those whose hash is unknown. Reads no image, changes nothing.
-    std::vector<Range> unknown(Range range);
-
-    // The aggregate hash of a range. Data that it still takes, of partial blocks for instance, is read from the
-    // image and counted.
-    Hash hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
-
-    // The hash of bytes in memory; nothing is stored.
-    Hash hash(const void* buffer, std::size_t length) const;
-
-    void update(Range range, char* data);
-    void invalidate(Range range);
-    void sync();
-    std::uint64_t discardTornEntries();
-
-private:
-    template <class Operation>
-    auto naming(Operation operation) const -> decltype(operation());
-    void forget(Range range);
-
-    std::string m_path;
-    std::int64_t m_partitionOffset;
-    std::int64_t m_blockSize;
-    std::unique_ptr<BlockHashStore> m_store;
-};
 
 struct HashFileOptions {
     std::string path; // empty: the image's with ".hashes"
     std::optional<std::uint32_t> blockSize;
     std::optional<std::uint64_t> partitionOffset;
+    bool adopts = false; // takes over one that was made for another image
 
-    std::string pathFor(const Image& image) const { return path.empty() ? image.path() + ".hashes" : path; }
+    std::string pathFor(const Image& image) const;
 };
 
 // Open and locked against other runs of this program.
@@ -77,32 +30,27 @@ class HashFile {
 public:
     static constexpr std::uint32_t DEFAULT_BLOCK_SIZE = 4096;
 
-    // As it stands.
-    explicit HashFile(std::string path);
-
-    // For an image: made when it is missing, and adapted when the image has another size than it records. Notes on
-    // standard error when the image is newer.
-    static HashFile openOrCreate(const Image& image, const HashFileOptions& options);
+    // For an image: made when it is missing, for a size. Whole before it has its name, whatever ends the program
+    // meanwhile. Fails when it belongs to another image; it may still record another size of this one.
+    static HashFile openOrCreate(const Image& image, const HashFileOptions& options, std::int64_t targetSize,
+                                 ProgressMode mode);
 
     // For an image, as it stands; fails when it is missing or was made with other options than given.
     static HashFile openExisting(const Image& image, const HashFileOptions& options);
 
     const std::string& path() const { return m_path; }
-    const Header& header() const { return m_header; }
+    const Geometry& geometry() const { return m_geometry; }
     bool wasCreated() const { return m_created; }
-    std::optional<std::int64_t> formerTargetSize() const { return m_formerTargetSize; } // when it was adapted
+    bool isWritable() const;
 
     Store& store() { return *m_store; }
-    Store anotherStore() const { return Store(m_path, m_header); }
+    Store anotherStore() const;
 
     // To be called when other stores have changed the file: a store does not notice.
-    void reopenStore() { m_store = std::make_unique<Store>(m_path, m_header); }
+    void reopenStore();
 
     // From an offset in the image to one on the device, on which a partition starts at its own offset.
-    std::int64_t onDevice(std::int64_t offset) const
-    {
-        return offset + static_cast<std::int64_t>(m_header.partitionOffset);
-    }
+    std::int64_t onDevice(std::int64_t offset) const { return offset + m_geometry.partitionOffset; }
 
     // Records another size of the target. What it gains is unknown, what it loses is forgotten, on the disk,
     // before `changeImage` is called.
@@ -114,32 +62,38 @@ public:
         adapt(targetSize);
     }
 
-    // The image may have been changed since, without the store: it is newer than the hash file.
-    static bool isNewer(const Image& image, const std::string& hashFilePath);
+    // What was recorded when the file was opened.
+    const std::optional<Evidence>& evidence() const { return m_evidence; }
 
-    void setTimeToNow() const;
+    // Whether the file is still as recorded then.
+    bool isAsRecorded() const;
+
+    // Records that the hashes are true of an image in this state, or that they may be true of none. Only notes on
+    // standard error when that cannot be written: without it the next run checks the hashes.
+    void record(const ImageState& image, bool isClean) const;
 
 private:
     class Lock;
 
+    HashFile(std::string path, std::shared_ptr<Lock> lock);
+
+    static std::optional<HashFile> open(const std::string& path);
+    static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
+    void checkOptions(const HashFileOptions& options) const;
+    void checkOwner(const Image& image, const HashFileOptions& options);
     void forgetBehind(std::int64_t targetSize);
     void adapt(std::int64_t targetSize);
 
     std::string m_path;
     std::shared_ptr<Lock> m_lock;
-    Header m_header = {};
+    Geometry m_geometry;
+    std::optional<Evidence> m_evidence;
     std::unique_ptr<Store> m_store;
     bool m_created = false;
-    std::optional<std::int64_t> m_formerTargetSize;
 };
 
-// What a hash file holds at this moment. It is only read and not locked, so it may be in use or not writable.
-struct HashFileContents {
-    explicit HashFileContents(const std::string& path);
-
-    Header header;
-    std::vector<Range> unknown; // of the whole blocks
-    struct stat status = {};
-};
+// Whether a record is of this image: the same one, another one in its place, or another one elsewhere.
+enum class Owner { Same, Successor, Other };
+Owner ownerOf(const Evidence& evidence, const ImageState& image);
 
 } // namespace kelvane::tool

@@ -73,6 +73,19 @@ HashFileInspector inspect(const std::string& path)
     return explaining(path, [&] { return HashFileInspector(path); });
 }
 
+bool isHashFile(const std::string& path)
+{
+    try {
+        HashFileInspector inspector(path);
+    } catch (const std::runtime_error& error) {
+        const std::string text = error.what();
+        const auto begins = [&](const char* says) { return text.starts_with(says); };
+        return !begins("failed to ") && !begins("path does not") && !begins("file is too small")
+            && !begins("header magic");
+    }
+    return true;
+}
+
 Geometry geometryOf(const HashFileInspector& inspector, const std::string& path)
 {
     constexpr auto GREATEST = static_cast<kelvane_size_t>(std::numeric_limits<std::int64_t>::max());

@@ -27,6 +27,9 @@ Geometry geometryOf(const HashFileInspector& inspector, const std::string& path)
 // Opens a hash file for reading alone.
 HashFileInspector inspect(const std::string& path);
 
+// Whether a file is a hash file, perhaps a damaged one.
+bool isHashFile(const std::string& path);
+
 // A failure of the library that concerns a hash file.
 Failure explained(const std::string& path, const std::runtime_error& error);
 

@@ -6,18 +6,18 @@
 #include <random>
 
 #include "base/Range.h"
+#include "image/Image.h"
 
 namespace kelvane::tool {
 
 class RangeSource {
 public:
-    // Everything, in pieces of `unit` bytes.
-    RangeSource(Range range, std::int64_t unit)
-        : m_range(range)
-        , m_unit(unit)
-        , m_unitsLeft(roundUp(range.length, unit) / unit)
-        , m_toTake(m_unitsLeft)
+    // Everything, in pieces of `unit` bytes, whole blocks. Holes of an image may come in pieces up to `holeUnit`.
+    RangeSource(const Image& image, Range range, std::int64_t unit, std::int64_t holeUnit)
+        : RangeSource(range, unit)
     {
+        m_image = &image;
+        m_holeUnit = holeUnit;
     }
 
     // A random share of the pieces, at least one.
@@ -33,6 +33,9 @@ public:
     std::optional<Range> next()
     {
         const std::scoped_lock lock(m_mutex);
+        if (m_image != nullptr) {
+            return nextOfAll();
+        }
         while (m_toTake > 0) {
             const Range piece = between(m_range.offset, std::min(m_range.end(), m_range.offset + m_unit));
             m_range = between(piece.end(), m_range.end());
@@ -48,7 +51,29 @@ public:
     }
 
 private:
+    RangeSource(Range range, std::int64_t unit)
+        : m_range(range)
+        , m_unit(unit)
+        , m_unitsLeft(roundUp(range.length, unit) / unit)
+        , m_toTake(m_unitsLeft)
+    {
+    }
+
+    std::optional<Range> nextOfAll()
+    {
+        if (m_range.length == 0) {
+            return std::nullopt;
+        }
+        const std::int64_t hole = m_image->nextData(m_range.offset, m_range.end()).offset - m_range.offset;
+        const std::int64_t length = hole < m_range.length ? roundDown(std::min(hole, m_holeUnit), m_unit) : m_holeUnit;
+        const Range piece = between(m_range.offset, std::min(m_range.end(), m_range.offset + std::max(m_unit, length)));
+        m_range = between(piece.end(), m_range.end());
+        return piece;
+    }
+
     std::mutex m_mutex;
+    const Image* m_image = nullptr;
+    std::int64_t m_holeUnit = 0;
     Range m_range;
     std::int64_t m_unit;
     std::int64_t m_unitsLeft;

@@ -36,6 +36,17 @@ Progress::~Progress()
     }
 }
 
+void Progress::announce()
+{
+    if (m_form == Form::Line) {
+        std::fprintf(stderr, "\r%s ...\033[K", m_phase.c_str());
+        std::fflush(stderr);
+        m_shown = Clock::now();
+    } else {
+        show(true);
+    }
+}
+
 void Progress::advance(std::int64_t bytes)
 {
     m_worked += bytes;
@@ -63,17 +74,22 @@ void Progress::show(bool last)
     const std::int64_t done = worked + m_skipped;
     const double seconds = std::chrono::duration<double>(now - m_start).count();
     const double rate = seconds > 0 ? static_cast<double>(worked) / seconds : 0;
-    const double left = rate > 0 ? static_cast<double>(m_total - done) / rate : 0;
+    const bool isSteady = seconds > 1; // before, a rate says little
+    const double left = rate > 0 && isSteady ? static_cast<double>(m_total - done) / rate : 0;
     if (m_form == Form::Json) {
         const nlohmann::ordered_json line
-            = {{"phase", m_phase}, {"done", done}, {"total", m_total}, {"bytesPerSecond", rate}, {"secondsLeft", left}};
+            = {{"phase", m_phase},
+               {"done", done},
+               {"total", m_total},
+               {"bytesPerSecond", rate},
+               {"secondsLeft", isSteady ? nlohmann::ordered_json(left) : nlohmann::ordered_json()}};
         std::fprintf(stderr, "%s\n", line.dump().c_str());
     } else {
         constexpr int WIDTH = 30;
         const double share = m_total > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(m_total)) : 1;
         const std::string bar(static_cast<std::size_t>(share * WIDTH), '#');
         std::fprintf(stderr, "\r%-8s [%-*s] %3.0f%%  %s/s  %s left\033[K", m_phase.c_str(), WIDTH, bar.c_str(),
-                     share * 100, humanSize(rate).c_str(), rate > 0 ? humanTime(left).c_str() : "?");
+                     share * 100, humanSize(rate).c_str(), rate > 0 && isSteady ? humanTime(left).c_str() : "?");
     }
     std::fflush(stderr);
 }

@@ -20,6 +20,7 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
+    void announce(); // at once, for what has no steps
     void advance(std::int64_t bytes);
     void skip(std::int64_t bytes); // done before, at no cost: says nothing about the time left
 

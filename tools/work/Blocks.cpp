@@ -17,12 +17,13 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::int64_t SLICE = 16 << 20;
+constexpr std::int64_t HOLE = std::int64_t {1} << 46;
 constexpr std::int64_t PIECE = 256 << 10;     // stays in the processor's own cache until it is hashed
 constexpr std::int64_t HANDED_OVER = 1 << 20; // from one thread to another: seldom enough to cost nothing
 
-struct Piece {
+struct Run {
     Range range;
-    bool isHole;
+    bool isKnown;
 };
 
 std::int64_t inBlocks(std::int64_t size, std::int64_t blockSize)
@@ -30,20 +31,22 @@ std::int64_t inBlocks(std::int64_t size, std::int64_t blockSize)
     return std::max(blockSize, roundDown(size, blockSize));
 }
 
-std::vector<Range> chosen(Store& store, Range slice, Which which)
+std::deque<Run> chosen(Store& store, Range slice, Which which)
 {
-    const std::vector<Range> unknown = store.unknown(slice);
-    if (which == Which::Unknown) {
-        return unknown;
-    }
-    std::vector<Range> known;
+    std::deque<Run> runs;
+    const auto add = [&](Range range, bool isKnown) {
+        if (range.length > 0 && which != (isKnown ? Which::Unknown : Which::Known)) {
+            runs.push_back({range, isKnown});
+        }
+    };
     Range rest = wholeBlocks(slice, store.blockSize());
-    for (const Range& run : unknown) {
-        append(known, between(rest.offset, run.offset));
-        rest = between(run.end(), rest.end());
+    for (const Range& unknown : store.unknown(slice)) {
+        add(between(rest.offset, unknown.offset), true);
+        add(unknown, false);
+        rest = between(unknown.end(), rest.end());
     }
-    append(known, rest);
-    return known;
+    add(rest, true);
+    return runs;
 }
 
 // Cuts slices into pieces of data or of holes.
@@ -55,7 +58,7 @@ public:
         , m_source(source)
         , m_which(which)
         , m_pieceSize(pieceSize)
-        , m_holeSize(inBlocks(PIECE, store.blockSize()))
+        , m_holeSize(holeSliceSize(store.blockSize()))
     {
     }
 
@@ -67,11 +70,14 @@ public:
             if (!slice) {
                 return false;
             }
-            const std::vector<Range> runs = chosen(m_store, *slice, m_which);
-            m_runs.assign(runs.begin(), runs.end());
-            m_left += slice->length - totalLength(runs);
+            m_runs = chosen(m_store, *slice, m_which);
+            m_left += slice->length;
+            for (const Run& run : m_runs) {
+                m_left -= run.range.length;
+            }
         }
-        Range& run = m_runs.front();
+        piece.isKnown = m_runs.front().isKnown;
+        Range& run = m_runs.front().range;
         const std::int64_t blockSize = m_store.blockSize();
         if (m_data.end() <= run.offset) {
             const Range data = m_image.nextData(run.offset, run.end());
@@ -97,7 +103,7 @@ private:
     Which m_which;
     std::int64_t m_pieceSize;
     std::int64_t m_holeSize;
-    std::deque<Range> m_runs;
+    std::deque<Run> m_runs;
     Range m_data = {}; // the stretch of data that the current run is in or comes to next
     std::int64_t m_left = 0;
 };
@@ -105,8 +111,6 @@ private:
 Traffic workThrough(Store& store, DataReader& reader, Planner planner, Progress& progress, const Work& work,
                     const std::atomic<bool>& stop)
 {
-    std::unique_ptr<char[]> zeros;
-    const auto zeroSize = static_cast<std::size_t>(inBlocks(PIECE, store.blockSize()));
     Traffic traffic;
     std::deque<Piece> pieces;
     for (bool more = true; !stop;) {
@@ -126,10 +130,7 @@ Traffic workThrough(Store& store, DataReader& reader, Planner planner, Progress&
         }
         const Piece piece = pieces.front();
         pieces.pop_front();
-        if (piece.isHole && !zeros) {
-            zeros = std::make_unique<char[]>(zeroSize);
-        }
-        work(store, piece.range, piece.isHole ? zeros.get() : reader.next());
+        work(store, piece, piece.isHole ? nullptr : reader.next());
         (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
         progress.advance(piece.range.length);
     }
@@ -141,6 +142,12 @@ Traffic workThrough(Store& store, DataReader& reader, Planner planner, Progress&
 std::int64_t sliceSize(std::int64_t blockSize)
 {
     return inBlocks(SLICE, blockSize);
+}
+
+std::int64_t holeSliceSize(std::int64_t blockSize)
+{
+    constexpr std::int64_t BLOCKS = 1 << 16; // bounds the memory for their digests
+    return std::max(sliceSize(blockSize), BLOCKS <= HOLE / blockSize ? BLOCKS * blockSize : inBlocks(HOLE, blockSize));
 }
 
 Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobs,
@@ -183,29 +190,6 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
         std::rethrow_exception(failure);
     }
     return traffic;
-}
-
-Traffic fillUnknown(HashFile& hashFile, const Image& image, Range range, unsigned jobs, ProgressMode mode,
-                    const char* phase)
-{
-    const std::int64_t blockSize = hashFile.store().blockSize();
-    RangeSource source(wholeBlocks(range, blockSize), sliceSize(blockSize));
-    Progress progress(phase, wholeBlocks(range, blockSize).length, mode);
-    std::once_flag flushed;
-    const auto update = [&](Store& store, Range piece, char* data) {
-        std::call_once(flushed, [&] { image.flush(); }); // no crash may leave hashes of bytes that are on no disk
-        store.update(piece, data);
-    };
-    try {
-        const Traffic traffic = forBlocks(hashFile, image, source, Which::Unknown, jobs, progress, update);
-        if (traffic.read + traffic.holes > 0) {
-            hashFile.store().sync();
-        }
-        return traffic;
-    } catch (const Interrupted&) {
-        hashFile.store().sync(); // what is done is kept
-        throw;
-    }
 }
 
 } // namespace kelvane::tool

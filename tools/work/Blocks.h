@@ -11,10 +11,18 @@
 
 namespace kelvane::tool {
 
+// What is believed of the hashes that are known already.
+enum class Trust {
+    Evidence, // that they are true, when the record beside the hash file says so
+    Nothing,
+    Everything
+};
+
 // How a command works, whatever it does.
 struct Common {
     unsigned jobs = 1; // threads that read and hash
     ProgressMode progress = ProgressMode::Automatic;
+    Trust trust = Trust::Evidence;
 };
 
 struct Traffic {
@@ -23,21 +31,25 @@ struct Traffic {
     std::int64_t left = 0;  // bytes that nothing was to be done for
 };
 
-enum class Which { Unknown, Known };
+enum class Which { Unknown, Known, All };
 
-// What is done with one piece of consecutive whole blocks.
-using Work = std::function<void(Store& store, Range piece, char* data)>;
+// Consecutive whole blocks of one kind.
+struct Piece {
+    Range range;
+    bool isKnown;
+    bool isHole; // which can be far longer than what is read at once
+};
 
-// How much of an image one thread takes at a time.
+// What is done with one piece; `data` is null for a hole, whose bytes are zeros.
+using Work = std::function<void(Store& store, const Piece& piece, char* data)>;
+
+// How much of an image one thread takes at a time, and how much of a hole.
 std::int64_t sliceSize(std::int64_t blockSize);
+std::int64_t holeSliceSize(std::int64_t blockSize);
 
 // With one job, reading overlaps the work; with several, each has its own thread and store and reads for itself.
 // They never share a block, so no store sees or overwrites what another one stored. Stops with Interrupted.
 Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobs,
                   Progress& progress, const Work& work);
-
-// Hashes the blocks of a range whose hash is unknown and stores the hashes.
-Traffic fillUnknown(HashFile& hashFile, const Image& image, Range range, unsigned jobs, ProgressMode mode,
-                    const char* phase);
 
 } // namespace kelvane::tool

@@ -1,23 +1,22 @@
 #include "work/Compare.h"
 
-#include <filesystem>
+#include <algorithm>
+#include <atomic>
 
-#include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "work/Blocks.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 20; // bounds the memory: both stores keep 33 bytes for each
+constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 18; // bounds the memory that both stores keep for them
 
 class Halving {
 public:
-    Halving(Side first, Side second, Comparison& result)
+    Halving(HashedImage& first, HashedImage& second, Comparison& result)
         : m_first(first)
         , m_second(second)
-        , m_blockSize(first.hashFile.store().blockSize())
+        , m_blockSize(first.store().blockSize())
         , m_result(result)
     {
     }
@@ -36,8 +35,8 @@ private:
     {
         throwWhenInterrupted();
         ++m_result.comparisons;
-        return m_first.hashFile.store().hash(range, m_first.image, m_bytesRead)
-            != m_second.hashFile.store().hash(range, m_second.image, m_bytesRead);
+        return m_first.store().hash(range, m_first.image(), m_bytesRead)
+            != m_second.store().hash(range, m_second.image(), m_bytesRead);
     }
 
     // The range is known to differ somewhere.
@@ -59,56 +58,62 @@ private:
         }
     }
 
-    Side m_first;
-    Side m_second;
+    HashedImage& m_first;
+    HashedImage& m_second;
     std::int64_t m_blockSize;
     Comparison& m_result;
     std::atomic<std::int64_t> m_bytesRead = 0;
 };
 
-std::optional<std::uint32_t> existingBlockSize(const Image& image, const HashFileOptions& options)
-{
-    std::error_code error;
-    if (!std::filesystem::exists(options.pathFor(image), error)) {
-        return std::nullopt;
-    }
-    return HashFile(options.pathFor(image)).header().blockSize;
-}
-
-// A hash file that has to be made takes its block size from the other one.
-HashFileOptions withBlockSize(HashFileOptions options, std::optional<std::uint32_t> blockSize)
-{
-    if (!options.blockSize) {
-        options.blockSize = blockSize;
-    }
-    return options;
-}
-
 } // namespace
 
-HashFilePair::HashFilePair(const Image& firstImage, const HashFileOptions& firstOptions, const Image& secondImage,
-                           const HashFileOptions& secondOptions)
-    : first(
-        HashFile::openOrCreate(firstImage, withBlockSize(firstOptions, existingBlockSize(secondImage, secondOptions))))
-    , second(HashFile::openOrCreate(secondImage, withBlockSize(secondOptions, first.header().blockSize)))
+std::optional<std::int64_t> firstDifference(const Image& first, const Image& second, Range range,
+                                            const std::function<void(std::int64_t)>& advance)
 {
+    constexpr std::int64_t PIECE = 1 << 20;
+    std::vector<char> left(PIECE);
+    std::vector<char> right(PIECE);
+    while (range.length > 0) {
+        throwWhenInterrupted();
+        const Range piece = {range.offset, std::min(PIECE, range.length)};
+        first.read(left.data(), piece);
+        second.read(right.data(), piece);
+        const auto end = left.begin() + piece.length;
+        const auto difference = std::mismatch(left.begin(), end, right.begin()).first;
+        if (difference != end) {
+            return piece.offset + (difference - left.begin());
+        }
+        advance(piece.length);
+        range = between(piece.end(), range.end());
+    }
+    return std::nullopt;
 }
 
-Comparison compare(Side first, Side second, const Common& common)
+Comparison compare(HashedImage& first, HashedImage& second)
 {
-    const Range range = {0, std::min(first.image.size(), second.image.size())};
+    const Range range = {0, std::min(first.image().size(), second.image().size())};
     Comparison result;
-    for (const Side& side : {first, second}) {
-        result.bytesRead += fillUnknown(side.hashFile, side.image, range, common.jobs, common.progress, "hash").read;
+    for (HashedImage* const side : {&first, &second}) {
+        side->complete(side->believes() ? range : Range {0, side->image().size()}, "hash");
+        result.bytesRead += side->traffic().read;
     }
-    const std::int64_t blockSize = first.hashFile.store().blockSize();
+    const std::int64_t blockSize = first.store().blockSize();
     const Range whole = wholeBlocks(range, blockSize);
+    const std::int64_t step = BLOCKS_AT_ONCE * blockSize;
     Halving halving(first, second, result);
-    for (std::int64_t at = 0; at < whole.length; at += BLOCKS_AT_ONCE * blockSize) {
-        halving.compare(between(at, std::min(whole.length, at + BLOCKS_AT_ONCE * blockSize)));
+    for (Range rest = whole; rest.length > 0;) {
+        const Range next = between(rest.offset, rest.offset + std::min(step, rest.length));
+        halving.compare(next);
+        rest = between(next.end(), rest.end());
     }
     if (whole.length < range.length) {
-        halving.compare(between(whole.length, range.length)); // a partial block takes data, so it goes alone
+        // The hash of a partial block would be that of a whole one, which can be far larger, so bytes are compared.
+        const Range tail = between(whole.length, range.length);
+        ++result.comparisons;
+        result.bytesRead += 2 * tail.length;
+        if (firstDifference(first.image(), second.image(), tail, [](std::int64_t) {})) {
+            append(result.differing, tail);
+        }
     }
     result.bytesRead += halving.bytesRead();
     return result;

@@ -1,21 +1,15 @@
 // Finds where two images differ by the hashes of ranges alone.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "base/Range.h"
-#include "hash_file/HashFile.h"
-#include "image/Image.h"
-#include "work/Blocks.h"
+#include "work/HashedImage.h"
 
 namespace kelvane::tool {
-
-struct Side {
-    const Image& image;
-    HashFile& hashFile;
-};
 
 struct Comparison {
     std::vector<Range> differing; // ascending, of whole blocks but for the images' ends
@@ -23,17 +17,13 @@ struct Comparison {
     std::int64_t bytesRead = 0;   // from both images
 };
 
-// Opens the hash files of two images, with one block size.
-struct HashFilePair {
-    HashFilePair(const Image& firstImage, const HashFileOptions& firstOptions, const Image& secondImage,
-                 const HashFileOptions& secondOptions);
-
-    HashFile first;
-    HashFile second;
-};
-
-// Hashes what is unknown in both, then halves ranges whose hashes differ. What only one image has, behind
+// Completes the hashes of both, then halves ranges whose hashes differ. What only one image has, behind
 // the end of the other, is not looked at.
-Comparison compare(Side first, Side second, const Common& common);
+Comparison compare(HashedImage& first, HashedImage& second);
+
+// Compares the bytes of a range of two images; the offset of the first one that differs. `advance` is told how much
+// was compared.
+std::optional<std::int64_t> firstDifference(const Image& first, const Image& second, Range range,
+                                            const std::function<void(std::int64_t)>& advance);
 
 } // namespace kelvane::tool

@@ -1,0 +1,53 @@
+// An open file, closed with its owner.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+namespace kelvane::tool {
+
+class Descriptor {
+public:
+    Descriptor() = default; // none
+    explicit Descriptor(int fd)
+        : m_fd(fd)
+    {
+    }
+    ~Descriptor() { reset(); }
+    Descriptor(Descriptor&& other) noexcept
+        : m_fd(std::exchange(other.m_fd, -1))
+    {
+    }
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            m_fd = std::exchange(other.m_fd, -1);
+        }
+        return *this;
+    }
+
+    int get() const { return m_fd; }
+    explicit operator bool() const { return m_fd >= 0; }
+
+private:
+    void reset()
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+    }
+
+    int m_fd = -1;
+};
+
+// Negative, with `errno` set, when it fails.
+inline Descriptor openFile(const std::string& path, int flags, mode_t mode = 0)
+{
+    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC, mode));
+}
+
+} // namespace kelvane::tool

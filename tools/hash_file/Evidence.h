@@ -1,0 +1,31 @@
+// The record beside a hash file of the image that its hashes are true of.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "image/ImageState.h"
+
+namespace kelvane::tool {
+
+struct Evidence {
+    // Whether every known hash was true of the image in this state; a run that is killed leaves it saying no.
+    bool isClean = false;
+    ImageState image;
+    nlohmann::ordered_json hashFile; // as it was then
+
+    // What is recorded for the hash file at a path; nothing when there is no record, or none that can be read.
+    static std::optional<Evidence> read(const std::string& hashFilePath);
+
+    // Replaces the record, all at once. False, with `errno` set, when it cannot be written.
+    bool write(const std::string& hashFilePath) const;
+
+    static void remove(const std::string& hashFilePath);
+    static std::string pathFor(const std::string& hashFilePath) { return hashFilePath + ".state"; }
+};
+
+// The state of a hash file, for its record. `waits`: until no later change can have the same times; null when there
+// is no such moment.
+nlohmann::ordered_json hashFileState(int fd, bool waits);
+
+} // namespace kelvane::tool

@@ -1,0 +1,53 @@
+// A hash file in use, in offsets of the image.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <kelvane/BlockHashStore.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/Range.h"
+#include "hash_file/Inspection.h"
+#include "image/Image.h"
+
+namespace kelvane::tool {
+
+// One store, for one thread. Failures name the hash file.
+class Store {
+public:
+    using Hash = BlockHashStore::HashValue;
+    enum class Access { Write, Read };
+
+    Store(const std::string& path, const Geometry& geometry, Access access);
+
+    std::int64_t blockSize() const { return m_geometry.blockSize; }
+
+    // Of the whole blocks in a range, those whose hash is unknown. Reads no image, changes nothing.
+    std::vector<Range> unknown(Range range);
+
+    // The aggregate hash of a range. Data that it still takes, of partial blocks for instance, is read from the
+    // image and counted.
+    Hash hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
+
+    // These fail when the hash file can only be read.
+    void update(Range range, char* data);
+    void zero(Range range); // reads as zeros
+    void invalidate(Range range);
+    void sync();
+    std::uint64_t discardTornEntries();
+
+private:
+    BlockHashStore& writable() const;
+    std::int64_t onDevice(Range range) const { return m_geometry.partitionOffset + range.offset; }
+    void forget(Range range);
+    void forgetWhenFailing(Range range, const std::function<void()>& operation);
+
+    std::string m_path;
+    Geometry m_geometry;
+    std::unique_ptr<BlockHashStore> m_store; // one of these
+    std::unique_ptr<HashFileInspector> m_inspector;
+};
+
+} // namespace kelvane::tool

@@ -1,0 +1,107 @@
+// An image with its hash file, and whether what that knows is true of it.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "hash_file/HashFile.h"
+#include "image/Image.h"
+#include "image/ImageState.h"
+#include "work/Blocks.h"
+#include "work/Check.h"
+
+namespace kelvane::tool {
+
+// Known hashes are used only when nothing can have changed since they were found true: the record beside the hash file
+// tells the image's state at that time. All others are checked against the data, and repaired.
+//
+// The record says "not clean" from before the first change of the hash file until `conclude`.
+class HashedImage {
+public:
+    // Takes the state of the image before anything of it is read, and notes on standard error why its hashes
+    // are not believed. Both must outlive it.
+    HashedImage(const Image& image, HashFile hashFile, const Common& common);
+
+    const Image& image() const { return m_image; }
+    HashFile& hashFile() { return m_hashFile; }
+    Store& store() { return m_hashFile.store(); }
+
+    bool believes() const { return m_believes; }
+
+    // Makes every whole block of a range known, by true hashes. One reading of what is unknown or not believed. Once
+    // that was the whole image, its hashes are believed.
+    void complete(Range range, const char* phase);
+
+    // The size of the image that the hash file recorded before it was adapted to another one.
+    std::optional<std::int64_t> formerSize() const { return m_formerSize; }
+
+    // Adapts the hash file to another size; see HashFile::resize.
+    template <class ChangeImage>
+    void resize(std::int64_t size, ChangeImage changeImage)
+    {
+        markChanging();
+        m_formerSize = m_hashFile.geometry().targetSize;
+        m_hashFile.resize(size, changeImage);
+    }
+
+    void adaptToImage()
+    {
+        if (m_hashFile.geometry().targetSize != m_image.size()) {
+            resize(m_image.size(), [] {});
+        }
+    }
+
+    // To be called before the hash file is changed from outside.
+    void markChanging();
+
+    // Whether the image is in the state in which it was found, or left by `takeState`.
+    bool isUnchanged() const;
+
+    // For the one that changes the image, or looks at all of it again.
+    void takeState();
+
+    // To be called when the hashes are on the disk, after the last use of the image. False when it was changed
+    // meanwhile. Otherwise, if the hashes are believed, that is recorded.
+    bool conclude();
+
+    // The hashes are to be checked, or were compared with the data.
+    void believe(bool believes) { m_believes = believes; }
+
+    const Traffic& traffic() const { return m_traffic; }
+    std::string text() const; // what was checked, if anything
+    nlohmann::ordered_json json() const;
+
+    void flushHashes();
+
+private:
+    std::string judge() const;
+    void noteDoubt() const;
+    void store(Store& store, Range range, char* data);
+    void check(Store& store, Check& check, Range range, char* data);
+
+    const Image& m_image;
+    HashFile m_hashFile;
+    const Common& m_common;
+    ImageState m_state;
+    std::string m_doubt; // why the known hashes were not believed
+    bool m_believes;
+    bool m_isMarked = false;
+    std::mutex m_marking;
+    std::optional<std::int64_t> m_formerSize;
+    Traffic m_traffic;
+    std::atomic<std::int64_t> m_checked = 0; // blocks
+    std::atomic<std::int64_t> m_repaired = 0;
+};
+
+// Two images with one block size. The hash file of the second one, if it has to be made, is made for `secondSize`.
+struct HashedPair {
+    HashedPair(const Image& firstImage, const HashFileOptions& firstOptions, const Image& secondImage,
+               const HashFileOptions& secondOptions, std::int64_t secondSize, const Common& common);
+
+    HashedImage first;
+    HashedImage second;
+};
+
+} // namespace kelvane::tool
