@@ -12,6 +12,31 @@ namespace kelvane::tool {
 
 namespace {
 
+// Makes the destination what its hash file is to describe: there, and of that size.
+void prepare(Image& destination, HashedImage& hashed, std::int64_t size)
+{
+    const bool isMade = destination.isMissing();
+    if (isMade) {
+        hashed.markChanging();
+        destination.create();
+    }
+    const auto resizeImage = [&] {
+        if (destination.size() != size) {
+            destination.resize(size);
+            destination.flush();
+        }
+    };
+    if (hashed.hashFile().geometry().targetSize != size) {
+        hashed.resize(size, resizeImage);
+    } else if (destination.size() != size) {
+        hashed.markChanging();
+        resizeImage();
+    } else if (!isMade) {
+        return;
+    }
+    hashed.takeState();
+}
+
 } // namespace
 
 Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
