@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "Blake2sp.h"
+#include "hash/Blake2sp.h"
 #include "BlakeHash.h"
 #include "BlockHashStore.h"
 #include "Comparison.h"

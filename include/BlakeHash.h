@@ -23,7 +23,8 @@ public:
 
     // As the interface has it. Many buffers at once cost less per buffer than one by one, and buffers of
     // nothing but zeros cost no more than a look at them. Stops at the first null buffer, unless
-    // `length` is 0; a negative length writes nothing. Allocates nothing.
+    // `length` is 0; a negative length writes nothing. Allocates nothing. Of a class that is derived from this one it
+    // calls get_hash for one buffer after the other, as the interface does.
     std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
                            unsigned char* const* digests) override;
 };

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <deque>
 
-#include "Blake2sp.h"
 #include "HashFunctionFactory.h"
 #include "Support.h"
+#include "hash/Blake2sp.h"
 
 // As the kernel has it, so that both mean the same targets.
 #define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
@@ -175,6 +175,27 @@ TEST(BlakeHashTest, StopsABatchAtTheFirstFailure)
         BlakeHash hash;
         expectBatch(hash, buffers, 1000, digests);
     }
+}
+
+// A hash function derived from it is asked for every block, and noticed when it fails.
+TEST(BlakeHashTest, LeavesBatchesToDerivedHashFunctions)
+{
+    struct Derived : BlakeHash {
+        HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
+        {
+            return ++calls == failing ? HashValue() : BlakeHash::get_hash(buffer, length);
+        }
+        int calls = 0, failing = 0;
+    };
+    MemoryStore store(1000, 0, 100);
+    auto function = std::make_unique<Derived>();
+    Derived& derived = *function;
+    Peer::hashFunction(*store.store) = std::move(function);
+    store->update_hashes(0, store.target.bytes.data(), 1000);
+    EXPECT_EQ(derived.calls, 10);
+    derived.failing = 14;
+    EXPECT_EQ(failureOf([&] { store->update_hashes(0, store.target.bytes.data(), 1000); }),
+              "failed to compute hash from data");
 }
 
 TEST(HashFunctionFactoryTest, KnowsTheOneFunction)

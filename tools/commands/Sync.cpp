@@ -22,6 +22,9 @@ void prepare(Image& destination, HashedImage& hashed, std::int64_t size)
     }
     const auto resizeImage = [&] {
         if (destination.size() != size) {
+            if (!isMade && !hashed.isUnchanged()) { // afterwards that could not be seen
+                hashed.believe(false);
+            }
             destination.resize(size);
             destination.flush();
         }

@@ -85,6 +85,10 @@ std::string HashFileOptions::pathFor(const Image& image) const
                       "a block device: say where its hash file is, with --hash-file or its like; beside the device "
                       "it would be in memory, and lost when the machine is started again");
     }
+    std::error_code error;
+    if (!path.empty() && std::filesystem::equivalent(path, image.path(), error)) {
+        throw Failure(path, "this is the image itself, which cannot be its own hash file");
+    }
     return path.empty() ? image.path() + ".hashes" : path;
 }
 

@@ -16,7 +16,7 @@ struct HeaderFailure {
     const char* text;
 };
 
-constexpr const char* NO_HASH_FILE = "not a hash file, or its creation was interrupted; remove it to start anew";
+constexpr const char* NO_HASH_FILE = "not a hash file";
 constexpr const char* UNKNOWN_FORM = "a hash file of a form that is not known here; remove it to start anew";
 
 constexpr HeaderFailure HEADER_FAILURES[] = {{"path does not represent a hash file", 0, "not a hash file"},
