@@ -1,0 +1,28 @@
+#!/usr/bin/env python3
+"""Holds every #include of the repository's own files against the table of rooms in docs/design.md."""
+import os, re, sys
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+BASES = "", "include", "src", "tools"  # what an #include can be relative to, besides its own file
+
+
+def main():
+    table = open(os.path.join(ROOT, "docs", "design.md"), encoding="utf-8").read()
+    rows = re.findall(r"^\| `([\w/]+)` \|.*\| ([`\w/ ]*) ?\|$", table, re.MULTILINE)
+    rooms = {room: {room, *re.findall(r"`([\w/]+)`", allowed)} for room, allowed in rows}
+    faults, seen = [], 0
+    for directory, _, names in (entry for top in sorted({room.split("/")[0] for room in rooms})
+                                for entry in os.walk(os.path.join(ROOT, top))):
+        room = os.path.relpath(directory, ROOT)
+        for name in (name for name in names if name.endswith((".h", ".cpp"))):
+            for include in re.findall(r'^#include "(.*)"', open(os.path.join(directory, name)).read(), re.MULTILINE):
+                places = [os.path.normpath(os.path.join(base, include)) for base in (room, *BASES)]
+                target = next((os.path.dirname(place) for place in places if os.path.exists(f"{ROOT}/{place}")), None)
+                seen += 1
+                if room not in rooms or target not in rooms[room]:
+                    faults.append(f"{room}/{name} must not include {include}")
+    print("\n".join(faults) or f"{seen} inclusions between {len(rooms)} rooms, all as the table allows")
+    return 1 if faults or seen == 0 else 0
+
+
+sys.exit(main())
