@@ -15,29 +15,22 @@ namespace {
 // Makes the destination what its hash file is to describe: there, and of that size.
 void prepare(Image& destination, HashedImage& hashed, std::int64_t size)
 {
-    const bool isMade = destination.isMissing();
-    if (isMade) {
+    if (destination.isMissing()) {
         hashed.markChanging();
         destination.create();
+        hashed.takeState();
     }
     const auto resizeImage = [&] {
-        if (destination.size() != size) {
-            if (!isMade && !hashed.isUnchanged()) { // afterwards that could not be seen
-                hashed.believe(false);
-            }
-            destination.resize(size);
-            destination.flush();
+        if (destination.size() != size && !hashed.changeImage([&] { destination.resize(size); })) {
+            hashed.believe(false);
         }
     };
     if (hashed.hashFile().geometry().targetSize != size) {
         hashed.resize(size, resizeImage);
-    } else if (destination.size() != size) {
+    } else {
         hashed.markChanging();
         resizeImage();
-    } else if (!isMade) {
-        return;
     }
-    hashed.takeState();
 }
 
 } // namespace
@@ -59,7 +52,9 @@ Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Com
     const std::int64_t size = destination.isBlockDevice() ? destination.size() : source.size();
     HashedPair pair(source, arguments.first.hashFile, destination, arguments.second.hashFile, size, common);
     pair.first.adaptToImage();
-    prepare(destination, pair.second, size);
+    if (destination.isMissing() || destination.size() != size || pair.second.hashFile().geometry().targetSize != size) {
+        prepare(destination, pair.second, size);
+    }
     const Comparison found = compare(pair.first, pair.second);
     const std::int64_t copied = totalLength(found.differing);
     bool foundForeignChange = !pair.second.isUnchanged();

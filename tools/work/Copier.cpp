@@ -67,12 +67,11 @@ void Copier::flush()
     }
     store.sync();
     const std::vector<Part> parts = readBatch();
-    m_foundForeignChange = m_foundForeignChange || !m_hashed.isUnchanged();
-    for (const Part& part : parts) {
-        write(part);
-    }
-    m_destination.flush();
-    m_hashed.takeState(); // with what was written here
+    m_foundForeignChange = !m_hashed.changeImage([&] {
+        for (const Part& part : parts) {
+            write(part);
+        }
+    }) || m_foundForeignChange;
     for (const Part& part : parts) {
         part.isZeros ? store.zero(part.range) : store.update(part.range, part.data);
         m_progress.advance(part.range.length);

@@ -6,6 +6,7 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "image/ExclusiveUse.h"
 #include "terminal/Text.h"
 
 namespace kelvane::tool {
@@ -159,6 +160,16 @@ bool HashedImage::isUnchanged() const
 void HashedImage::takeState()
 {
     m_state = stateOf(m_image);
+}
+
+bool HashedImage::changeImage(const std::function<void()>& change)
+{
+    const ExclusiveUse use(m_image);
+    const bool wasUnchanged = isUnchanged();
+    change();
+    m_image.flush();
+    takeState();
+    return wasUnchanged && !use.wasShared();
 }
 
 bool HashedImage::conclude()

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -59,8 +60,10 @@ public:
     // Whether the image is in the state in which it was found, or left by `takeState`.
     bool isUnchanged() const;
 
-    // For the one that changes the image, or looks at all of it again.
     void takeState();
+
+    // Changes the image, flushes it and takes its state. False when something else changed it before or meanwhile.
+    bool changeImage(const std::function<void()>& change);
 
     // To be called when the hashes are on the disk, after the last use of the image. False when it was changed
     // meanwhile. Otherwise, if the hashes are believed, that is recorded.

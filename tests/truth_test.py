@@ -1,0 +1,181 @@
+"""Is what the program says true, whatever happens to the images? truth_test.py PROGRAM SHIM [ROUNDS [SEED]]
+
+Random rounds: images are changed behind the program's back, or in the middle of its calls; commands are killed, the
+machine is started again, hash files and records come from backups. After every command that ended with 0, the
+answer is held against the images by Python's own BLAKE2s."""
+import json, mmap, os, random, shutil, signal, subprocess, sys, tempfile
+from oracle import aggregate, blake2sp, read_entries
+
+PROGRAM, SHIM = map(os.path.abspath, sys.argv[1:3])
+ROUNDS, SEED = (list(map(int, sys.argv[3:])) + [300, 1][len(sys.argv) - 3:])[:2]
+BLOCK, NAMES = 1024, ("a", "b")
+CHOICE = random.Random(SEED)
+BYTES = random.Random(SEED + 1)
+
+
+def content(name):
+    with open(name, "rb") as file:
+        return file.read()
+
+
+def write(name, offset, data):
+    with open(name, "r+b") as file:
+        file.seek(offset)
+        file.write(data)
+
+
+def write_mapped(name, offset, data):
+    with open(name, "r+b") as file, mmap.mmap(file.fileno(), 0) as image:
+        image[offset:offset + len(data)] = data
+
+
+def write_and_restore_times(name, offset, data):
+    before = os.stat(name)
+    write(name, offset, data)
+    os.utime(name, ns=(before.st_atime_ns, before.st_mtime_ns))
+
+
+def change(name):
+    """What users, and other programs, do to an image, or to what is kept beside it."""
+    size = os.path.getsize(name)
+    offset, data = CHOICE.randrange(size), BYTES.randbytes(CHOICE.choice((1, 100, 3 * BLOCK)))
+    data = data[:size - offset]
+    kind = CHOICE.randrange(12)
+    if kind < 6:
+        (write, write_mapped, write_and_restore_times)[kind % 3](name, offset, data)
+    elif kind == 6:
+        os.truncate(name, CHOICE.randrange(size // 2, size) + 1)
+    elif kind == 7:
+        write(name, size, BYTES.randbytes(CHOICE.randrange(1, 5 * BLOCK)))
+    elif kind in (8, 9):  # another image takes its place; the old one may come back later
+        shutil.copy2(name, "next")
+        write("next", offset, data)
+        os.replace("next", name) if kind == 8 else shutil.copyfile("next", name)
+    elif kind == 10:
+        for end in (".hashes", ".hashes.state"):
+            if os.path.exists(name + end):
+                shutil.copy2(name + end, name + end + ".backup")
+    else:
+        for end in (".hashes", ".hashes.state"):
+            if os.path.exists(name + end + ".backup"):
+                shutil.copy2(name + end + ".backup", name + end)
+    return kind
+
+
+def known_hashes_are_true(name, images):
+    """For the image as it is, or as it was when the command began."""
+    hash_file = content(name + ".hashes")
+    for image in images:
+        try:
+            block, _, entries = read_entries(hash_file, image)
+        except SystemExit:  # another size
+            continue
+        if all(entry[0] & 1 == 0 or entry[1:] == blake2sp(image[i * block:(i + 1) * block])
+               for i, entry in enumerate(entries[:len(image) // block])):
+            return True
+    return False
+
+
+def answer_is_true(command, output, before):
+    """The answer may be about the images as they were at the start, before they were changed meanwhile, or are now."""
+    names = [name for name in NAMES if name in command]
+    states = {name: {before[name], *map(content, filter(os.path.exists, (name, name + ".between")))} for name in NAMES}
+    if command[0] in ("diff", "sync"):
+        if not states["a"] & states["b"]:
+            return False
+    elif command[0] == "hash":
+        offset, length = map(int, command[3].split(":"))
+        if output["hash"] not in {aggregate(image, BLOCK, offset, offset + length).hex() for image in states[names[0]]}:
+            return False
+        return True
+    return all(known_hashes_are_true(name, states[name]) for name in names)
+
+
+def run_command(figures):
+    kind = CHOICE.choice(("build", "build", "hash", "diff", "sync", "verify"))
+    names = CHOICE.sample(NAMES, 2)
+    if kind in ("diff", "sync"):
+        command = [kind, *names]
+    else:
+        command = [kind, names[0]]
+        if kind == "hash":
+            offset = CHOICE.randrange(os.path.getsize(names[0]) - 100)
+            command += ["--range", f"{offset}:{CHOICE.choice((0, 100, BLOCK, 10 * BLOCK))}"]
+            offset, length = map(int, command[3].split(":"))
+            command[3] = f"{offset}:{min(length, os.path.getsize(names[0]) - offset)}"
+    options = [f"--jobs={CHOICE.choice('12')}", "--json"]
+    if kind != "verify":
+        options += ["--adopt"] if CHOICE.random() < 0.7 else []
+        options += ["--check"] if CHOICE.random() < 0.05 else []
+        options += [f"--block-size={BLOCK}"]
+    environment = dict(os.environ, LD_PRELOAD=SHIM, SHIM_BOOT="boot", SHIM_LOG="calls",
+                       ASAN_OPTIONS="verify_asan_link_order=0")
+    action = CHOICE.choice(("none", "none", "kill", "change"))
+    if action != "none":
+        victim = CHOICE.choice(names)
+        data = BYTES.randbytes(200)
+        offset = CHOICE.randrange(os.path.getsize(victim) - 200)
+        with open("bytes", "wb") as file:
+            file.write(data)
+        environment["SHIM_AT"] = str(CHOICE.randrange(1, 60))
+        environment["SHIM_DO"] = "kill" if action == "kill" else \
+            f"cp {victim} {victim}.between; dd if=bytes of={victim} bs=1 seek={offset} conv=notrunc status=none"
+    before = {name: content(name) for name in NAMES}
+    for leftover in ("calls", "a.between", "b.between"):
+        if os.path.exists(leftover):
+            os.remove(leftover)
+    done = subprocess.run([PROGRAM, *command, *options], capture_output=True, text=True, env=environment, timeout=120)
+    figures[f"exit {done.returncode}"] = figures.get(f"exit {done.returncode}", 0) + 1
+    assert done.returncode in (0, 1, 2, -signal.SIGKILL), done
+    if done.returncode != 0:
+        return True, command, done
+    output = json.loads(done.stdout)
+    fresh = output.get("freshness", [])
+    figures["believed"] += sum(side["believed"] for side in (fresh if isinstance(fresh, list) else [fresh]))
+    return answer_is_true(command, output, before) and order_is_safe(content("calls").decode().split("\n")), command, done
+
+
+def order_is_safe(calls):
+    """A record is written once the hash file's changes are flushed, but for the one that says "not clean"."""
+    for name in NAMES:
+        records = [i for i, call in enumerate(calls) if call == f"rename {name}.hashes.state"]
+        changes = [i for i, call in enumerate(calls) if call == f"pwrite {name}.hashes"]
+        flushes = [i for i, call in enumerate(calls) if call == f"fsync {name}.hashes"]
+        if changes and not (records and records[0] < changes[0] and changes[-1] < flushes[-1]
+                            and (len(records) == 1 or flushes[-1] < records[-1])):
+            return False
+    return True
+
+
+def main():
+    figures, disagreements = {"believed": 0}, 0
+    for name in NAMES:
+        with open(name, "wb") as file:
+            file.write(BYTES.randbytes(60 * BLOCK + 77))
+    with open("boot", "w") as file:
+        file.write("first\n")
+    for number in range(ROUNDS):
+        for _ in range(CHOICE.choice((0, 0, 1, 2))):
+            change(CHOICE.choice(NAMES))
+        if CHOICE.random() < 0.05:
+            with open("boot", "w") as file:
+                file.write(f"{number}\n")
+        good, command, done = run_command(figures)
+        if not good:
+            disagreements += 1
+            print(f"round {number}, seed {SEED}: {' '.join(command)}: {done.stdout}{done.stderr}")
+        for name in NAMES:  # sizes stay what can be worked on in no time
+            if not 20 * BLOCK < os.path.getsize(name) < 200 * BLOCK:
+                write(name, 0, BYTES.randbytes(60 * BLOCK))
+                os.truncate(name, 60 * BLOCK + 77)
+    listed = ", ".join(f"{value} {name}" for name, value in sorted(figures.items()))
+    print(f"truth: {ROUNDS} rounds, {listed}; {disagreements} disagreements")
+    stamps = subprocess.run(["stat", "-f", "-c", "%T", "."], capture_output=True, text=True, check=True).stdout.strip()
+    vacuous = figures["believed"] == 0 and stamps == "ext2/ext3"
+    return 1 if disagreements or vacuous or figures.get("exit 0", 0) < ROUNDS // 5 else 0
+
+
+if __name__ == "__main__":
+    with tempfile.TemporaryDirectory() as directory:
+        os.chdir(directory)
+        sys.exit(main())
