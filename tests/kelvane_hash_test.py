@@ -1,14 +1,14 @@
-"""Drives kelvane-hash and the example programs from end to end: kelvane_hash_test.py PROGRAM [RANGE_HASH TWO_MACHINES]
+"""Drives kelvane-hash and the example programs from end to end: kelvane_hash_test.py PROGRAM SHIM [EXAMPLE EXAMPLE]
 Expected hashes come from the images alone, by oracle.py, which checks the hash files too."""
-import ctypes, fcntl, json, mmap, os, platform, random, resource, signal, struct, sys, tempfile, unittest
+import ctypes, fcntl, json, mmap, os, random, re, resource, shutil, signal, struct, sys, tempfile, unittest
 from pathlib import Path
 from random import randbytes
-from subprocess import DEVNULL, PIPE, Popen, run
+from subprocess import PIPE, Popen, run
 
-PROGRAM, *EXAMPLES = map(os.path.abspath, sys.argv[1:])
+PROGRAM, SHIM, *EXAMPLES = map(os.path.abspath, sys.argv[1:])
 ORACLE = Path(__file__).resolve().with_name("oracle.py")
-FSYNC = {"x86_64": 74, "aarch64": 82}.get(platform.machine())  # the number of the call
 BLOCK, ENTRIES, ENTRY = 4096, 4096, 33  # of an image; in a hash file, the start of the entries and the size of one
+DEVICE = 1 << 20  # the partition offset where there is one
 
 
 def flip(path, *offsets):
@@ -17,31 +17,49 @@ def flip(path, *offsets):
             data[offset] ^= 255
 
 
-def refuse_to_flush(fd):
-    """From now on the kernel fails every fsync of a descriptor with EIO, by a filter for call and argument."""
-    fail, allow = (6, 0, 0, 0x50005), (6, 0, 0, 0x7FFF0000)
-    rules = (0x20, 0, 0, 0), (0x15, 0, 3, FSYNC), (0x20, 0, 0, 16), (0x15, 0, 1, fd), fail, allow
-    code = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *rule) for rule in rules))
-    prctl = ctypes.CDLL(None, use_errno=True).prctl
-    if prctl(38, 1, 0, 0, 0) or prctl(22, 2, struct.pack("HxxxxxxP", len(rules), ctypes.addressof(code))):
-        raise OSError(ctypes.get_errno(), "no filter")
+def flip_unseen(path, *offsets):
+    """To be used with --assume-unchanged: what that promises is not so."""
+    flip(path, *offsets)
+    return "--assume-unchanged"
 
 
-class KelvaneHash(unittest.TestCase):
+def limit_files(size):
+    return {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))}
+
+
+def drop_override():
+    """A file that may not be written is not written by the superuser either."""
+    ctypes.CDLL(None).prctl(24, 1)
+
+
+class Case(unittest.TestCase):
     def setUp(self):
         random.seed(1)  # now and then a whole entry looks torn: not in these images
+        self.directory = tempfile.TemporaryDirectory(dir=HOME)  # /tmp may be in memory, whose times say little
+        self.addCleanup(self.directory.cleanup)
+        self.addCleanup(os.chdir, HOME)
+        os.chdir(self.directory.name)
 
-    def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, **options):
-        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
+    def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, shim=None, **options):
+        environment = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim) if shim else None
+        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, env=environment,
+                   **options)
         self.assertEqual(done.returncode, expect, done)
         return done
 
     def json(self, command, expect=0, **options):
         return json.loads(self.call(command + " --json", expect, **options).stdout)
 
+    def calls(self, command):
+        """What the program does with files, in order."""
+        Path("calls").unlink(missing_ok=True)
+        self.call(command, shim={"SHIM_LOG": "calls"})
+        return Path("calls").read_text().splitlines()
+
     def check_complaint(self, command, cause, **options):
         """It fails with one line on standard error."""
-        self.assertRegex(self.call(command, 2, **options).stderr, rf"\Akelvane-hash: .*{cause}.*\n\Z", command)
+        self.assertRegex(self.call(command, 2, **options).stderr,
+                         rf"\A(kelvane-hash: note: .*\n)*kelvane-hash: .*{cause}.*\n\Z", command)
 
     def check_hash_file(self, image):
         """Every whole block is known, with the hash of the image's bytes."""
@@ -49,16 +67,151 @@ class KelvaneHash(unittest.TestCase):
         expected = self.call(f"{image}.hashes {image} 0 {os.path.getsize(image)}", program=ORACLE).stdout
         self.assertEqual(self.json(f"hash {image}")["hash"], expected.strip())
 
-    def interrupt(self, command, phase):
-        """Stops a command in one of its phases; how much of that it had said was done."""
-        with Popen([PROGRAM, *command.split(), "--progress=json"], stdout=DEVNULL, stderr=PIPE, text=True) as process:
-            while (report := json.loads(process.stderr.readline()))["phase"] != phase:
-                pass
-            process.send_signal(signal.SIGINT)
-            self.assertIn("interrupted", process.stderr.read().splitlines()[-1])
-        self.assertEqual(process.returncode, 130)
-        return report["done"]
 
+def images():
+    a = randbytes(20 * BLOCK + 100)
+    Path("a").write_bytes(a)
+    Path("b").write_bytes(a)
+    flip("b", 4 * BLOCK - 1, 4 * BLOCK, 12 * BLOCK, 20 * BLOCK + 7)
+
+
+def built():
+    images()
+    for name in "ab":
+        run([PROGRAM, "build", name, f"--partition-offset={DEVICE}"], check=True, capture_output=True)
+
+
+def grown():
+    built()
+    with open("a", "ab") as file:
+        file.write(bytes(range(200)) * 100)
+
+
+def wrong():
+    built()
+    flip("a", 3 * BLOCK, 4 * BLOCK, 19 * BLOCK)
+
+
+def torn():
+    built()
+    with open("a.hashes", "r+b") as file:
+        os.pwrite(file.fileno(), bytes(16), ENTRIES + 512)  # a crash lost the second half of entry 15
+
+
+def judged(image, doubt="", checked=0, repaired=0):
+    return dict(image=image, believed=not doubt, doubt=doubt, checkedBlocks=checked, repairedBlocks=repaired)
+
+
+SINCE, TORN = "it was changed since", "the hash file was changed or replaced since they were recorded as true"
+NO_RECORD = "no record says that they are true of it"
+BUILD = dict(hashFile="a.hashes", created=False, blockSize=BLOCK, knownBlocks=20, bytesRead=0, bytesOfHoles=0,
+             bytesKnownBefore=20 * BLOCK, freshness=judged("a"), changedMeanwhile=False)
+VERIFY = dict(image="a", good=False, blocksChecked=20, badBlocks=3, marked=False, recordedSize=20 * BLOCK + 100,
+              imageSize=20 * BLOCK + 100, changedMeanwhile=[],
+              bad=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 19 * BLOCK, length=BLOCK)])
+DIFF = dict(equal=False, bytes=3 * BLOCK + 100, comparisons=14, bytesRead=200, sizes=[20 * BLOCK + 100] * 2,
+            freshness=[judged("a"), judged("b")], changedMeanwhile=[],
+            differing=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 12 * BLOCK, length=BLOCK),
+                       dict(offset=DEVICE + 20 * BLOCK, length=100)])
+SYNC = dict(equal=True, bytesCompared=20 * BLOCK + 100, bytesCopied=3 * BLOCK + 100, ranges=3, comparisons=14,
+            bytesRead=200, verified=False, freshness=[judged("a"), judged("b")], changedMeanwhile=[])
+CHECKED, COPIED = "a: 20 known blocks checked, 0 repaired\n", "3 ranges, TIME"
+
+# What was prepared, a command, its exit code, and all that it says, with and without --json.
+ANSWERS = [
+    (images, "build a", 0, dict(BUILD, created=True, bytesRead=20 * BLOCK, bytesKnownBefore=0),
+     "a.hashes: 20 blocks known\n80.00 KiB read, 0 bytes of holes, 0 bytes known before, in TIME\n"),
+    (built, "build a", 0, BUILD,
+     "a.hashes: 20 blocks known\n0 bytes read, 0 bytes of holes, 80.00 KiB known before, in TIME\n"),
+    (grown, "build a", 0, dict(BUILD, knownBlocks=24, bytesRead=24 * BLOCK, bytesKnownBefore=0,
+                               freshness=judged("a", SINCE, 20), adaptedFrom=20 * BLOCK + 100),
+     "a.hashes: 24 blocks known, adapted from 82,020 to 102,020 bytes\n"
+     "96.00 KiB read, 0 bytes of holes, 0 bytes known before, in TIME\n" + CHECKED),
+    (torn, "build a --after-crash", 0,
+     dict(BUILD, bytesRead=20 * BLOCK, bytesKnownBefore=0, freshness=judged("a", TORN, 19), tornEntries=1),
+     "a.hashes: 20 blocks known, torn hashes discarded: 1\n80.00 KiB read, 0 bytes of holes, 0 bytes known before, in "
+     "TIME\na: 19 known blocks checked, 0 repaired\n"),
+    (torn, "build a", 0, dict(BUILD, bytesRead=20 * BLOCK, bytesKnownBefore=0, freshness=judged("a", TORN, 20, 1)),
+     "a.hashes: 20 blocks known\n80.00 KiB read, 0 bytes of holes, 0 bytes known before, in TIME\n"
+     "a: 20 known blocks checked, 1 repaired\n"),
+    (wrong, "build a --assume-unchanged", 0, BUILD,
+     "a.hashes: 20 blocks known\n0 bytes read, 0 bytes of holes, 80.00 KiB known before, in TIME\n"),
+    (built, "verify a", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]), "a: 20 known blocks checked, 0 wrong\n"),
+    (wrong, "verify a", 1, VERIFY,
+     "wrong: 1060864 + 8192\nwrong: 1126400 + 4096\na: 20 known blocks checked, 3 wrong\n"),
+    (wrong, "verify a --mark -j 1", 1, dict(VERIFY, marked=True),
+     "wrong: 1060864 + 8192\nwrong: 1126400 + 4096\na: 20 known blocks checked, 3 wrong, now unknown\n"),
+    (grown, "verify a", 1, dict(VERIFY, badBlocks=0, bad=[], imageSize=20 * BLOCK + 20100),
+     "size: 102,020 bytes, 82,020 recorded; build adapts it\na: 20 known blocks checked, 0 wrong\n"),
+    (built, "diff a b", 1, DIFF, "1060864 + 8192\n1097728 + 4096\n1130496 + 100\n"
+     "different: 12,388 bytes in 3 ranges; 14 comparisons, 200 bytes of data read\n"),
+    (grown, "diff a b", 1,
+     dict(DIFF, bytes=3 * BLOCK + 20100, sizes=[20 * BLOCK + 20100, 20 * BLOCK + 100], bytesRead=24 * BLOCK + 200,
+          freshness=[judged("a", SINCE, 20), judged("b")],
+          differing=DIFF["differing"][:2] + [dict(offset=DEVICE + 20 * BLOCK, length=20100)]),
+     "1060864 + 8192\n1097728 + 4096\n1130496 + 20100\nsizes: 102,020 bytes and 82,020 bytes\n" + CHECKED +
+     "different: 32,388 bytes in 3 ranges; 14 comparisons, 98,504 bytes of data read\n"),
+    (built, "sync a b", 0, SYNC,
+     f"82,020 bytes compared by 14 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"),
+    (built, "sync a b --verify", 0, dict(SYNC, verified=True),
+     f"82,020 bytes compared by 14 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"
+     "reread: equal\n"),
+    (grown, "sync b a", 0, dict(SYNC, bytesRead=20 * BLOCK + 200, formerSize=20 * BLOCK + 20100,
+                                freshness=[judged("b"), judged("a", SINCE, 20)]),
+     CHECKED + f"82,020 bytes compared by 14 comparisons and 82,120 bytes of data read, 12,388 bytes copied in {COPIED}"
+     "\na: 102,020 bytes before\n"),
+]
+
+
+class Answers(Case):
+    def say(self, command, expect):
+        done = self.call(command, expect).stdout
+        return re.sub(r"\d+\.\d\d s|\d+:\d\d", "TIME", done)
+
+    def test_every_command_says_what_it_found(self):
+        for prepare, command, expect, answer, text in ANSWERS:
+            with self.subTest(f"{prepare.__name__}: {command}"):
+                found = []
+                for ask in self.json, self.say:
+                    for path in os.listdir():
+                        os.remove(path)
+                    random.seed(1)
+                    prepare()
+                    found.append(ask(command, expect))
+                found[0].pop("seconds", None)
+                self.assertEqual(found, [answer, text])
+
+    def test_a_known_hash_is_believed_only_while_nothing_can_have_changed(self):
+        built()
+        times = os.stat("a")
+        flip("a", 5 * BLOCK)
+        os.utime("a", ns=(times.st_atime_ns, times.st_mtime_ns))
+        self.assertEqual(self.json("hash a --range 1M:100")["freshness"]["doubt"], SINCE)
+        self.assertEqual(self.json("sync a b")["bytesCopied"], 4 * BLOCK + 100)
+        self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+        for option, answer in (("--check", judged("a", "that was asked for", 20)), ("--assume-unchanged", judged("a")),
+                               ("", judged("a"))):
+            self.assertEqual(self.json(f"build a {option}")["freshness"], answer)
+        shutil.copyfile("a.hashes", "copy")  # as a user of the library may keep one
+        self.assertEqual(self.json("build a --hash-file copy")["freshness"], judged("a", NO_RECORD, 20))
+        Path("first").write_text("1\n")
+        Path("second").write_text("2\n")
+        for boot, doubt in (("first", "the machine was started again since"), ("first", ""),
+                            ("second", "the machine was started again since")):
+            self.assertEqual(self.json("build a", shim={"SHIM_BOOT": boot})["freshness"]["doubt"], doubt)
+        changes = {"SHIM_AT": "pread a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
+        done = self.call("build a --check -j 1", 1, shim=changes)
+        self.assertIn("changed: a was changed while", done.stdout)
+        self.call("verify a")
+        self.assertIn("unchanged", self.call("info a.hashes").stdout)
+        shutil.copyfile("a", "b")
+        self.check_complaint("build b --hash-file a.hashes", "made for .*/a, an image of 82,020 bytes, not for b of")
+        self.assertEqual(self.json("build b --hash-file a.hashes --adopt")["freshness"], judged("b", NO_RECORD, 20))
+        Path("a.hashes.state").write_text(Path("a.hashes.state").read_text().replace("82020", "82021"))
+        self.assertEqual(self.json("build b --hash-file a.hashes")["freshness"]["doubt"], NO_RECORD)  # its checksum
+
+
+class KelvaneHash(Case):
     def test_build_hash_info_of_a_partition_with_holes(self):
         block, size, start = 10000, 2000 * 10000 + 777, 1048576 + 512
         Path("p").write_bytes(randbytes(123 * block))
@@ -71,30 +224,31 @@ class KelvaneHash(unittest.TestCase):
             self.assertLess(result["bytesRead"], 130 * block)
         self.assertEqual(Path("p1").read_bytes(), Path("p3").read_bytes())
         self.assertEqual(self.json(build)["bytesKnownBefore"], 2000 * block)
-        info = dict(targetEnd=start + size, partitionOffset=start, knownBlocks=2000, partialBlockBytes=777)
-        self.assertLessEqual(info.items(), self.json("info p3").items())
+        known = dict(targetEnd=start + size, partitionOffset=start, knownBlocks=2000, partialBlockBytes=777)
+        info = self.json("info p3")
+        self.assertLessEqual(known.items(), info.items())
+        self.assertEqual((info["record"]["clean"], info["record"]["verdict"]), (True, "unchanged"))
         ranges = [f"{start + at}:{n}" for at, n in ((0, size), (5000, size - 5000), (block, block), (17, 10), (7, 0))]
         hashes = [self.json(f"hash p --hash-file p3 --range {at}")["hash"] for at in ranges]
         self.assertEqual(self.call(f"p3 p {' '.join(ranges)}".replace(":", " "), program=ORACLE).stdout.split(), hashes)
         flip("p3", ENTRIES + 2 * ENTRY + 20)
         self.assertEqual(self.call("p3 p", 1, ORACLE).stdout, "block 2 has another digest\n")
 
-    def test_verify_finds_marks_and_build_repairs(self):
+    def test_verify_samples_and_build_repairs(self):
         Path("v").write_bytes(randbytes(2000 * BLOCK + 1))
         self.call("build v")
         self.assertEqual(self.json("verify v --sample 0.2")["blocksChecked"], 400)
-        flip("v", 3 * BLOCK, 4 * BLOCK + 9, 1999 * BLOCK)
-        wrong = [{"offset": 3 * BLOCK, "length": 2 * BLOCK}, {"offset": 1999 * BLOCK, "length": BLOCK}]
-        for jobs in 1, 2:
-            self.assertEqual(self.json(f"verify v -j {jobs}", 1)["bad"], wrong)
-        os.utime("v", (0, 0))  # as a copy may that keeps its original's time
-        self.assertIn("newer than its hash file", self.call("hash v").stderr)
-        self.call("verify v --mark", 1)
-        self.assertEqual(self.json("info v.hashes")["unknownBlocks"], 3)
-        with open("v.hashes", "r+b") as file:
-            os.pwrite(file.fileno(), bytes(16), ENTRIES + 512)  # a crash lost the second half of entry 15
-        rebuilt = dict(tornEntries=1, bytesRead=4 * BLOCK)
-        self.assertLessEqual(rebuilt.items(), self.json("build v --after-crash").items())
+        self.assertEqual(self.json("verify v --sample 0.000000001")["blocksChecked"], 16)
+        flip("v", *range(0, 2000 * BLOCK, BLOCK))
+        chosen = self.json("verify v --sample 0.1", 1)
+        same, other = (self.json(f"verify v --sample 0.1 --seed {chosen['seed'] ^ i}", 1)["bad"] for i in (0, 1))
+        self.assertTrue(chosen["bad"] == same != other, "the seed chooses the blocks")
+        self.call("verify v --mark --sample 0.1", 1)
+        info = self.json("info v.hashes")
+        self.assertEqual(info["unknownBlocks"], chosen["badBlocks"])
+        self.assertRegex(info["map"], r"\A[+#.]{64}\Z")
+        self.assertIn("+", info["map"])  # pieces of 16 blocks in cells of 31
+        self.assertEqual(self.json("build v")["freshness"]["repairedBlocks"], 2000 - chosen["badBlocks"])
         self.check_hash_file("v")
 
     def test_diff(self):
@@ -103,18 +257,25 @@ class KelvaneHash(unittest.TestCase):
         Path("b").write_bytes(a + bytes(5000))
         flip("b", 0, block - 1, block, 500 * block + 7, 999 * block, 1000 * block + 99)
         result = self.json("diff a b --partition-offset 1M --block-size 5000", 1)
-        differing = [(found["offset"] - (1 << 20), found["length"]) for found in result["differing"]]
+        differing = [(found["offset"] - DEVICE, found["length"]) for found in result["differing"]]
         self.assertEqual(differing, [(0, 2 * block), (500 * block, block), (999 * block, block + 5100)])
         self.assertEqual(result["bytesRead"], 2 * len(a))
-        result = self.json("diff a b", 1)
+        result = self.json("diff a b --assume-unchanged", 1)
         self.assertTrue(result["bytesRead"] == 2 * 100 and result["comparisons"] < 60, result)
         for end in b"", bytes(1):
             Path("c").write_bytes(a + end)
             self.assertEqual(self.json("diff a c --partition-offset 1M", len(end))["equal"], not end)
+        blocks = (1 << 20) + 12345  # more than are compared at once
+        Path("m").write_bytes(bytes(blocks * 2))
+        Path("n").write_bytes(bytes(blocks * 2))
+        flip("n", 0, 1 << 19, 3 << 18, 2 * blocks - 1)
+        differing = self.json("diff m n --block-size 2", 1)["differing"]
+        self.assertEqual([at["offset"] for at in differing], [0, 1 << 19, 3 << 18, 2 * blocks - 2])
 
     def test_sync_changes_sizes_and_keeps_the_store_true(self):
         a = randbytes(700 * BLOCK + 300)
         Path("source").write_bytes(a)
+        self.call("build source --block-size 4096")
         for name, old, expected in (("same", a, 8 * BLOCK), ("long", a + bytes(50000), 8 * BLOCK),
                                     ("short", a[:400 * BLOCK + 5], len(a) - 395 * BLOCK), ("new", b"", len(a))):
             if old:
@@ -125,6 +286,36 @@ class KelvaneHash(unittest.TestCase):
             self.assertEqual(Path(name).read_bytes(), a, name)
             self.check_hash_file(name)
             self.assertEqual(self.json(f"sync source {name}")["bytesCopied"], 0, name)
+        self.call("build source --hash-file large --block-size 64K")
+        self.call("sync source other --source-hash-file large")
+        self.assertEqual(self.json("info other.hashes")["blockSize"], 65536)
+
+    def test_sync_verify_reads_every_byte_again(self):
+        built()
+        assume = flip_unseen("b", 7 * BLOCK)
+        self.assertEqual(self.json(f"sync a b --verify {assume}", 1)["firstDifference"], 7 * BLOCK)
+        self.call("sync a b")
+        last = max(i for i, call in enumerate(self.calls("sync a b --verify"), 1) if call == "pread b")
+        tail = {"SHIM_AT": str(last),
+                "SHIM_DO": f"printf xy | dd of=b bs=1 seek={20 * BLOCK + 98} conv=notrunc status=none"}
+        self.assertEqual(self.json("sync a b --verify", 1, shim=tail)["firstDifference"], 20 * BLOCK + 98)
+        self.call("sync a b --verify")
+
+    def test_sync_keeps_holes(self):
+        def on_disk(name):
+            return os.stat(name).st_blocks * 512
+
+        Path("s").write_bytes(randbytes(1 << 20))
+        os.truncate("s", 40 << 20)
+        flip("s", 30 << 20)
+        for options, holds in ("", range(1 << 20, 3 << 20)), ("--no-sparse", range(40 << 20, 42 << 20)):
+            Path("t").write_bytes(randbytes(40 << 20))
+            self.call(f"sync s t --verify {options}")
+            self.assertIn(on_disk("t"), holds)
+            self.check_hash_file("t")
+        os.truncate("s", 15 << 40)
+        self.call("sync s t --block-size 1M --source-hash-file s2 --dest-hash-file t2")
+        self.assertLess(on_disk("t"), 42 << 20)
 
     def test_an_image_that_shrinks_and_grows_again(self):
         data = randbytes(200 * BLOCK)
@@ -138,37 +329,93 @@ class KelvaneHash(unittest.TestCase):
             self.check_hash_file("r")
 
     def test_interrupted_commands_go_on_where_they_stopped(self):
-        for jobs in "1", "2":
-            run(["truncate", "-s", "16G", jobs], check=True)
-            done = self.interrupt(f"build {jobs} --block-size 1MiB -j {jobs}", "build")
-            info = self.json(f"info {jobs}.hashes")
-            self.assertTrue(info["knownBlocks"] << 20 >= done and info["unknownBlocks"] > 64, info)
-            os.truncate(jobs, (info["knownBlocks"] + 64) << 20)  # the rest would take long
-            self.assertEqual(self.json(f"build {jobs}")["bytesKnownBefore"], info["knownBlocks"] << 20)
-        Path("s").write_bytes(os.urandom(256 << 20))
-        run(["truncate", "-s", "256M", "t"], check=True)
-        self.call("build t")
-        self.interrupt("sync s t", "copy")
-        self.call("verify t")
-        self.assertIn(self.json("sync s t --verify")["bytesCopied"], range(1, 256 << 20))
-
-    @unittest.skipUnless(FSYNC and os.path.exists("/proc/sys/kernel/seccomp"), "the kernel has no such filter")
-    def test_hashes_are_stored_once_the_image_is_on_the_disk(self):
-        Path("d").write_bytes(randbytes(20 * BLOCK))
+        Path("s").write_bytes(randbytes(80 << 20))
         for jobs in 1, 2:
-            self.check_complaint(f"build d -j {jobs}", "d: cannot flush: Input", preexec_fn=lambda: refuse_to_flush(3))
-            self.assertEqual(self.json("info d.hashes")["unknownBlocks"], 20)
+            Path("s.hashes").unlink(missing_ok=True)
+            begun = {"SHIM_AT": "30", "SHIM_DO": "2", "SHIM_LOG": f"calls{jobs}"}
+            self.assertIn("interrupted", self.call(f"build s -j {jobs}", 130, shim=begun).stderr)
+            calls = Path(f"calls{jobs}").read_text().splitlines()
+            known = self.json("info s.hashes")["knownBlocks"]
+            self.assertTrue(0 < known < 15000, known)
+            last = {name: max((i for i, call in enumerate(calls) if call == name), default=-1)
+                    for name in ("pwrite s.hashes", "fsync s.hashes", "rename s.hashes.state")}
+            self.assertEqual(list(last), sorted(last, key=last.get), "what was done is on the disk, and recorded")
+            self.assertEqual(self.json(f"build s -j {jobs}")["bytesKnownBefore"], known * BLOCK)
+        self.call("build s --check", 143, shim={"SHIM_AT": "30", "SHIM_DO": "15"})
+        self.call("build s --check", -signal.SIGTERM, shim={"SHIM_AT": "30", "SHIM_DO": "15 15"})
 
-    def test_info_reads_a_hash_file_in_use_or_read_only(self):
-        Path("u").write_bytes(randbytes(20 * BLOCK))
-        self.call("build u")
-        flip("u.hashes", ENTRIES + 7 * ENTRY)  # bit 0 alone says whether it is known
-        os.chmod("u.hashes", 0o444)
-        as_user = {"preexec_fn": lambda: ctypes.CDLL(None).prctl(24, 1)}  # drops CAP_DAC_OVERRIDE
-        self.check_complaint("verify u", "u.hashes: .*Permission denied", **as_user)
-        with open("u.hashes") as file:
+        def start_anew():
+            Path("t").write_bytes(bytes(80 << 20))
+            self.call("build t --check")
+
+        start_anew()
+        copied = [i for i, call in enumerate(self.calls("sync s t")) if call == "pwrite t"]
+        start_anew()
+        self.call("sync s t", 130, shim={"SHIM_AT": str(copied[len(copied) // 2]), "SHIM_DO": "2"})
+        self.call("verify t")
+        self.assertIn(self.json("sync s t --verify")["bytesCopied"], range(1, 80 << 20))
+
+    def test_no_crash_leaves_a_hash_of_what_is_not_there(self):
+        """The image is written only while the hash file is on the disk, and the hash file only while the image is."""
+        built()
+        Path("a").write_bytes(randbytes(90 << 20))  # more than one batch
+        for command in "sync a b --adopt -j 1", "sync a b --check -j 2":
+            unflushed, forgotten = set(), False
+            for call in self.calls(command):
+                kind, name = call.split()
+                if kind in ("pwrite", "fallocate") and name in ("b", "b.hashes"):
+                    self.assertFalse(unflushed - {name}, call)
+                    forgotten = forgotten or name == "b.hashes"
+                    self.assertTrue(forgotten)
+                    unflushed.add(name)
+                elif kind == "fsync":
+                    unflushed.discard(name)
+            self.assertFalse(unflushed)
+            flip("b", *range(0, 90 << 20, 1 << 20))
+        for name in "b", "b.hashes":
+            fails = {"SHIM_AT": f"fsync {name}", "SHIM_DO": "fail"}
+            self.check_complaint("sync a b", "b.*: cannot flush: Input/output", shim=fails)
+        self.call("verify b --mark")
+
+    def test_a_failed_store_leaves_no_half_hash(self):
+        images()
+        self.call("build a --hash-file known")
+        for jobs in 1, 2:
+            for end in 10 * ENTRY + 17, 19 * ENTRY + 32:
+                Path("a.hashes").write_bytes(Path("known").read_bytes()[:ENTRIES].ljust(2 * ENTRIES, b"\0"))
+                self.check_complaint(f"build a -j {jobs}", "a.hashes: .*File too large", **limit_files(ENTRIES + end))
+                self.call("a.hashes a", program=ORACLE)
+
+    def test_runs_at_once_and_a_hash_file_that_cannot_be_written(self):
+        images()
+        flip("b", 20 * BLOCK)
+        started = [Popen([PROGRAM, "build", "a", "--jobs=2"], stdout=PIPE, stderr=PIPE, text=True) for _ in range(40)]
+        for process in started:
+            complaint = process.communicate()[1]
+            self.assertIn((process.returncode, "the hash file is in use, or was given twice\n" in complaint),
+                          ((0, False), (2, True)), complaint)
+        self.assertEqual(sorted(os.listdir()), ["a", "a.hashes", "a.hashes.state", "b"])
+        self.check_hash_file("a")
+        self.call("build b")
+        os.chmod("a.hashes", 0o444)
+        as_user = {"preexec_fn": drop_override}
+        for command, expect in ("verify a", 0), ("hash a --range 0:50000", 0), ("diff a b", 1), ("sync a new", 0):
+            self.call(command, expect, **as_user)
+        flip("a", 7)
+        self.check_complaint("hash a", "a.hashes: hashes have to be stored, but the hash file cannot be", **as_user)
+        with open("a.hashes") as file:
             fcntl.flock(file, fcntl.LOCK_EX)
-            self.assertEqual(self.json("info u.hashes", **as_user)["map"], "#" * 7 + "." + "#" * 12)
+            self.assertEqual(self.json("info a.hashes", **as_user)["map"], "#" * 20)
+            self.check_complaint("verify a", "in use")
+
+    def test_time_and_memory(self):
+        Path("t").write_bytes(randbytes(4 << 20))
+        self.assertRegex(self.call("build t", shim={"SHIM_CLOCK": "10000000"}).stdout, r" in \d+:\d\d:\d\d\n")
+        Path("u").write_bytes(randbytes(1 << 20))
+        for command in "build u --block-size 4294967295", "sync u w", "diff u w", "verify u":
+            with Popen([PROGRAM, *command.split()], stdout=PIPE, stderr=PIPE) as process:
+                _, process.returncode, usage = os.wait4(process.pid, 0)
+            self.assertTrue(process.returncode == 0 and usage.ru_maxrss < 1 << 20, (command, usage))  # in KiB
 
     @unittest.skipUnless(EXAMPLES, "the examples were not built")
     def test_examples(self):
@@ -180,31 +427,51 @@ class KelvaneHash(unittest.TestCase):
 
     def test_errors_are_one_line_with_the_file_and_the_cause(self):
         Path("e").write_bytes(randbytes(1000 * BLOCK))
+        Path("f").write_bytes(randbytes(1000 * BLOCK))
+        os.mkfifo("pipe")
         self.call("build e")
+        self.call("build f --block-size 8K")
         hashes = Path("e.hashes").read_bytes()
         Path("cut").write_bytes(hashes[:-4096])
         for offset in 8, 16, 25, 48:  # version, start of the entries, block size, hash function
             Path("odd").write_bytes(hashes[:offset] + bytes([0 if offset == 25 else 7]) + hashes[offset + 1:])
             self.check_complaint("info odd", "odd: at offset 8: .*not known")
         for command, cause in (
-                ("build missing", "missing: .*No such file"), ("build .", "neither"), ("nonsense", "--help"),
-                ("info e", "e: at offset 0: not a hash file"), ("diff e e", "e.hashes: .*in use.* given twice"),
+                ("build missing", "missing: .*No such file"), ("build .", "neither"), ("build pipe", "neither"),
+                ("nonsense", "--help"), ("info e", "e: at offset 0: not a hash file"),
+                ("diff e e", "e.hashes: .*in use.* given twice"), ("sync e e.hashes", "e.hashes: .*a hash file"),
+                ("sync e new --dest-hash-file new/x", "new/x: cannot make .*No such"),
+                ("build e --hash-file e", "e: this is the image itself"), ("build e.hashes", "e.hashes: .*a hash file"),
                 ("info cut", "cut: .*remove it to start anew"), ("verify e --hash-file none", "none: .*No such file"),
+                ("diff e f", "f.hashes.* 4,096 bytes|f.hashes.* 8,192 bytes"),
                 ("build e --block-size 8K", "e.hashes: at offset 24"), ("hash e --partition-offset 1", " offset 40"),
+                (f"build e --hash-file h --partition-offset {(1 << 63) - 1}", "e: the partition offset is too large"),
                 ("build e --block-size 0", "block size"), ("build e --block-size 4X", "4X"),
                 ("build e --jobs 0", "jobs"), ("hash e --range 4092K:8192", "e: at offset 4190208: .*8,192")):
             self.check_complaint(command, cause)
+        self.assertFalse(os.path.exists("new"), "the destination is made once all is in order")
         with open("/dev/full", "w") as full:
             for command in "--help", "--version", "info e.hashes":
                 self.check_complaint(command, "standard output: cannot write", stdout=full)
-        run(["truncate", "-s", str(2 * 65075263 + 1), "huge"], check=True)
-        Path("huge.hashes").write_bytes(struct.pack("<QQQIIQQQ", 0x20001312, 0, 4096, 2, 0, 2 * 65075263 + 1, 0, 1))
-        os.truncate("huge.hashes", 4096 * (1 + -(-65075264 * ENTRY // 4096)))
-        self.check_complaint("hash huge", "huge: at offset 0: .* at most 65,075,262 .* has 65,075,263 blocks")
-        limited = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))}
-        self.check_complaint("sync e large", "large: .*File too large", **limited)
+        self.check_complaint("sync e large", "large: .*File too large", **limit_files(1 << 20))
+
+    def test_block_devices(self):
+        Path("disk").write_bytes(randbytes(200 * BLOCK))
+        made = run(["losetup", "--find", "--show", "disk"], capture_output=True, text=True)
+        if made.returncode:
+            self.skipTest("no loop device: " + made.stderr.strip())
+        device = made.stdout.strip()
+        try:
+            self.check_complaint(f"build {device}", "say where its hash file is, with --hash-file")
+            build = f"build {device} --hash-file hashes"
+            self.call(build)
+            self.assertEqual(self.json(build)["bytesRead"], 0)
+            run(["dd", "if=/dev/urandom", f"of={device}", "bs=4096", "count=1", "seek=7", "status=none"], check=True)
+            self.assertEqual(self.json(build)["freshness"]["repairedBlocks"], 1)
+            self.call(f"sync disk {device} --dest-hash-file hashes --verify")
+        finally:
+            run(["losetup", "--detach", device], check=True)
 
 
-with tempfile.TemporaryDirectory() as directory:
-    os.chdir(directory)
-    unittest.main(argv=sys.argv[:1])
+HOME = os.getcwd()
+unittest.main(argv=sys.argv[:1])

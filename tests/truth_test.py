@@ -118,7 +118,7 @@ def run_command(figures):
         with open("bytes", "wb") as file:
             file.write(data)
         environment["SHIM_AT"] = str(CHOICE.randrange(1, 60))
-        environment["SHIM_DO"] = "kill" if action == "kill" else \
+        environment["SHIM_DO"] = "9" if action == "kill" else \
             f"cp {victim} {victim}.between; dd if=bytes of={victim} bs=1 seek={offset} conv=notrunc status=none"
     before = {name: content(name) for name in NAMES}
     for leftover in ("calls", "a.between", "b.between"):

@@ -1,8 +1,10 @@
-// Preloaded into the program: writes down the calls that it makes on files, does something in the middle of one of
-// them, and shows another start of the machine. By the environment:
-//     SHIM_LOG   the file for the names of the calls, each with the file's name: "pwrite disk.img"
-//     SHIM_AT    the number of the call before which SHIM_DO is done: "kill", or a shell command
-//     SHIM_BOOT  the file that stands for the identity of this start of the machine
+// Preloaded into the program: writes down the calls that it makes on files, does something before one of them, and
+// shows another start of the machine and another clock. By the environment:
+//     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"
+//     SHIM_AT     before which call SHIM_DO is done: its number, or its name, which stands for all of that name
+//     SHIM_DO     "fail" (the call, with EIO), numbers of signals that are raised, or a shell command
+//     SHIM_BOOT   the file that stands for the identity of this start of the machine
+//     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -10,10 +12,14 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -32,30 +38,36 @@ std::string nameOf(int fd)
     return whole.substr(whole.rfind('/') + 1);
 }
 
-void act(const std::string& action)
+// Whether the call has to fail.
+bool act(const std::string& action)
 {
-    if (action == "kill") {
-        std::raise(SIGKILL);
+    std::istringstream words(action);
+    int signal = 0;
+    if (action == "fail") {
+        errno = EIO;
+        return true;
+    }
+    while (words >> signal) {
+        std::raise(signal);
     }
     ::unsetenv("LD_PRELOAD");
-    if (std::system(action.c_str()) != 0) {
+    if (signal == 0 && std::system(action.c_str()) != 0) {
         std::abort();
     }
+    return false;
 }
 
-void note(const std::string& call)
+bool note(const std::string& call)
 {
     static std::atomic<int> count = 0;
-    const char* const at = std::getenv("SHIM_AT");
-    if (at != nullptr && ++count == std::atoi(at)) {
-        act(std::getenv("SHIM_DO"));
-    }
     if (const char* const path = std::getenv("SHIM_LOG")) {
         const auto fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND, 0600));
         const std::string line = call + "\n";
         ::syscall(SYS_write, fd, line.data(), line.size());
         ::syscall(SYS_close, fd);
     }
+    const char* const at = std::getenv("SHIM_AT");
+    return at != nullptr && (++count == std::atoi(at) || call == at) && act(std::getenv("SHIM_DO"));
 }
 
 } // namespace
@@ -64,38 +76,32 @@ extern "C" {
 
 ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 {
-    note("pread " + nameOf(fd));
-    return next("pread64", pread64)(fd, buffer, length, offset);
+    return note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
 }
 
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
 {
-    note("pwrite " + nameOf(fd));
-    return next("pwrite64", pwrite64)(fd, buffer, length, offset);
+    return note("pwrite " + nameOf(fd)) ? -1 : next("pwrite64", pwrite64)(fd, buffer, length, offset);
 }
 
 int fsync(int fd)
 {
-    note("fsync " + nameOf(fd));
-    return next("fsync", fsync)(fd);
+    return note("fsync " + nameOf(fd)) ? -1 : next("fsync", fsync)(fd);
 }
 
 int ftruncate64(int fd, off64_t length) noexcept
 {
-    note("ftruncate " + nameOf(fd));
-    return next("ftruncate64", ftruncate64)(fd, length);
+    return note("ftruncate " + nameOf(fd)) ? -1 : next("ftruncate64", ftruncate64)(fd, length);
 }
 
 int fallocate64(int fd, int mode, off64_t offset, off64_t length)
 {
-    note("fallocate " + nameOf(fd));
-    return next("fallocate64", fallocate64)(fd, mode, offset, length);
+    return note("fallocate " + nameOf(fd)) ? -1 : next("fallocate64", fallocate64)(fd, mode, offset, length);
 }
 
 int rename(const char* from, const char* to) noexcept
 {
-    note(std::string("rename ") + to);
-    return next("rename", rename)(from, to);
+    return note(std::string("rename ") + to) ? -1 : next("rename", rename)(from, to);
 }
 
 int open64(const char* path, int flags, ...)
@@ -107,6 +113,23 @@ int open64(const char* path, int flags, ...)
     const char* const boot = std::getenv("SHIM_BOOT");
     const bool asksForBoot = boot != nullptr && std::strcmp(path, "/proc/sys/kernel/random/boot_id") == 0;
     return next("open64", open64)(asksForBoot ? boot : path, flags, mode);
+}
+
+int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    constexpr std::int64_t SECOND = 1'000'000'000;
+    static const char* const factor = std::getenv("SHIM_CLOCK");
+    static std::atomic<std::int64_t> start = 0;
+    const int result = next("clock_gettime", clock_gettime)(clock, time);
+    if (factor != nullptr && clock == CLOCK_MONOTONIC) {
+        const std::int64_t now = time->tv_sec * SECOND + time->tv_nsec;
+        std::int64_t first = 0;
+        first = start.compare_exchange_strong(first, now) ? now : first;
+        const std::int64_t shown = first + (now - first) * std::atoi(factor);
+        time->tv_sec = shown / SECOND;
+        time->tv_nsec = shown % SECOND;
+    }
+    return result;
 }
 
 // The same calls by their other names.

@@ -99,12 +99,12 @@ void describeDevice(const struct stat& status, ImageState& state)
     for (std::uint64_t value; counters >> value;) {
         values.push_back(value);
     }
-    const bool counts = values.size() > DISCARDED && values[READ] != 0 && contentOf(place + "queue/iostats") == "1";
-    if (!counts) {
-        state.doubt = "the system does not count what is written to it";
-    } else {
+    if (values.size() > DISCARDED) {
         state.content["written"] = values[WRITTEN];
         state.content["discarded"] = values[DISCARDED];
+    }
+    if (values.size() <= DISCARDED || values[READ] == 0 || contentOf(place + "queue/iostats") != "1") {
+        state.doubt = "the system does not count what is written to it";
     }
     if (const std::string file = contentOf(place + "loop/backing_file"); !file.empty()) {
         struct stat backing;

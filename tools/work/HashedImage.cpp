@@ -174,10 +174,12 @@ bool HashedImage::changeImage(const std::function<void()>& change)
 
 bool HashedImage::conclude()
 {
-    if (!isUnchanged()) {
+    const ImageState now = stateOf(m_image);
+    if (!m_state.isSame(now)) {
         markChanging();
         return false;
     }
+    m_state.doubt = now.doubt; // whether a device counts is seen once it was read
     const std::optional<Evidence>& evidence = m_hashFile.evidence();
     const bool isRecorded
         = !m_isMarked && evidence && evidence->isClean && m_hashFile.isAsRecorded() && evidence->image.isSame(m_state);
