@@ -15,7 +15,6 @@ class CorruptFileTest : public ::testing::Test {
 protected:
     CorruptFileTest()
     {
-        Logger::setLowestLevel(KELVANE_WARNING); // sizes change often here
         MemoryStore memory(TARGET, 0, 4096);
         memory->update_hashes(0, memory.target.bytes.data(), TARGET);
         good = memory.file();
@@ -26,7 +25,6 @@ protected:
         const auto* const test = ::testing::UnitTest::GetInstance()->current_test_info();
         std::cout << what << ": " << files << " files, " << accepted << " accepted, "
                   << test->result()->total_part_count() << " wrong\n";
-        Logger::setLowestLevel(KELVANE_DEBUG);
     }
 
     void check(const Bytes& file, uint64_t otherTarget = 2 * TARGET)
@@ -36,6 +34,7 @@ protected:
         accepted += checkCorruptFile(file, otherTarget) ? 1 : 0;
     }
 
+    QuietLog quiet;
     const char* what = "corrupt files";
     Bytes good;
     int files = 0, accepted = 0;

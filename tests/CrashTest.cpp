@@ -102,7 +102,6 @@ public:
     explicit CrashLab(bool discardsTornEntries)
         : m_discardsTornEntries(discardsTornEntries)
     {
-        Logger::setLowestLevel(KELVANE_WARNING); // every state that is opened may be adapted
         Bytes target = randomBytes(SIZE, 7);
         writeFile(m_targetPath, target);
         create(BLOCK);
@@ -111,11 +110,7 @@ public:
         m_files.emplace(m_targetPath, target);
         m_targetFd = ::open(m_targetPath.c_str(), O_RDWR);
     }
-    ~CrashLab()
-    {
-        ::close(m_targetFd);
-        Logger::setLowestLevel(KELVANE_DEBUG);
-    }
+    ~CrashLab() { ::close(m_targetFd); }
 
     // Runs the operation, with the power failing after each of its steps.
     void run(void (*operation)(CrashLab&))
@@ -149,7 +144,7 @@ public:
         const Bytes hashes = readFile(m_hashPath);
         int64_t known = 0;
         for (std::size_t block = 0; block < SIZE / BLOCK; ++block) {
-            known += hashes.at(DATA + block * ENTRY);
+            known += hashes.at(entryAt(block));
         }
         return known;
     }
@@ -199,7 +194,7 @@ private:
             std::size_t asked = 0;
             const auto reached = [&] {
                 const std::size_t question = asked++;
-                return few ? ((n >> question) & 1) != 0 : n <= questions ? question < n : (m_random() & 1) != 0;
+                return few ? ((n >> question) & 1) != 0 : n <= questions ? question < n : m_random.chance(50);
             };
             const Bytes hashState = hashes.state(reached);
             check(hashState, target.state(reached));
@@ -222,6 +217,7 @@ private:
         lies += hasWrongEntry(readFile(m_statePath), targetState, store->getBlockSize()) ? 1 : 0;
     }
 
+    QuietLog m_quiet;
     TemporaryDirectory m_directory;
     std::string m_hashPath = m_directory.file("hashes");
     std::string m_targetPath = m_directory.file("target");
@@ -229,7 +225,7 @@ private:
     bool m_discardsTornEntries;
     std::map<std::string, DiskFile> m_files;
     int m_targetFd;
-    std::mt19937 m_random {20001312};
+    Random m_random {std::mt19937_64(20001312)};
 };
 
 // Whole blocks, many of them, parts of blocks, and the last block.
@@ -257,15 +253,15 @@ void writeTheTargetFirst(CrashLab& lab)
 }
 
 // Two writes, each step for both.
-template <std::size_t Second>
 void writeBoth(CrashLab& lab)
 {
     constexpr std::size_t LENGTH = 4 * BLOCK;
     const auto store = lab.open(SIZE);
     const std::pair<std::size_t, Bytes> writes[]
-        = {{8 * BLOCK, randomBytes(LENGTH, 4)}, {Second, randomBytes(LENGTH, 5)}};
-    store->invalidate_hashes(8 * BLOCK, LENGTH);
-    store->invalidate_hashes(Second, LENGTH);
+        = {{8 * BLOCK, randomBytes(LENGTH, 4)}, {20 * BLOCK, randomBytes(LENGTH, 5)}};
+    for (const auto& [offset, bytes] : writes) {
+        store->invalidate_hashes(static_cast<kelvane_off_t>(offset), LENGTH);
+    }
     EXPECT_TRUE(store->sync_to_disk());
     for (const auto& [offset, bytes] : writes) {
         lab.writeTarget(offset, bytes);
@@ -290,7 +286,7 @@ void writeAndHash(CrashLab& lab)
 }
 
 // The target shrinks, and grows again with other bytes.
-enum class Invalidated { BeforeShrinking, BeforeGrowing, Never };
+enum class Invalidated { BeforeShrinking, BeforeGrowing };
 
 template <Invalidated When>
 void shrinkAndGrow(CrashLab& lab)
@@ -323,16 +319,14 @@ struct Scenario {
 
 const Scenario SCENARIOS[]
     = {{"safe order", writeInSafeOrder, true, 157},
-       {"safe order for two writes", writeBoth<20 * BLOCK>, true, 160},
+       {"safe order for two writes", writeBoth, true, 160},
        {"hashed after the flush", writeAndHash<true>, true, 160},
        {"create", [](CrashLab& lab) { lab.create(500); }, true, 0, true},
        {"shrink and grow, invalidated before shrinking", shrinkAndGrow<Invalidated::BeforeShrinking>, true, 99, true},
        {"shrink and grow, invalidated before growing", shrinkAndGrow<Invalidated::BeforeGrowing>, true, 99, true},
        {"negative control: target first", writeTheTargetFirst, false, 160},
-       {"negative control: two writes that overlap", writeBoth<10 * BLOCK>, false, 160},
        {"negative control: hashed before the flush", writeAndHash<false>, false, 160},
-       {"negative control: torn entries kept", writeInSafeOrder, false, 157, false, false},
-       {"negative control: shrink and grow, never invalidated", shrinkAndGrow<Invalidated::Never>, false, 125, true}};
+       {"negative control: torn entries kept", writeInSafeOrder, false, 157, false, false}};
 
 TEST(CrashTest, LeavesAWrongKnownEntryInNoOrderThatIsSafe)
 {

@@ -71,6 +71,7 @@ TEST_F(HashFileTest, IsNotTouchedByACreationThatIsRefused)
            {2, 10000, 4096, "unknown hash id: 2"},
            {1, 10000, 0, "block size is invalid: 0"},
            {1, LARGEST, 1, "target is too large for its block size: 18446744073709551615, 1"},
+           {1, 279496122328932476, 1, "target is too large for its block size: 279496122328932476, 1"}, // its last page
            {1, LARGEST - 4096, 65, "target is too large for its block size: 18446744073709547519, 65"}};
     for (const auto& [id, target, block, text] : refusals) {
         const CallCounter counter;
@@ -108,6 +109,11 @@ TEST_F(HashFileTest, IsRefusedByTheFirstOfItsFaults)
         EXPECT_EQ(refusalOf(single), text);
         EXPECT_EQ(refusalOf(damaged), text);
     }
+    Bytes endless = valid; // no file can have such sizes
+    const uint64_t target = uint64_t {1} << 60, block = 4;
+    std::memcpy(&endless[32], &target, 8);
+    std::memcpy(&endless[24], &block, 4);
+    EXPECT_EQ(refusalOf(endless), WRONG_SIZE);
     Bytes bytes = valid;
     for (const std::size_t size : {12288, 56, 55, 0}) {
         bytes.resize(size);
@@ -174,7 +180,33 @@ TEST_F(HashFileTest, MovesWithItsStore)
     EXPECT_EQ(std::pair(Peer::hashBuffer(target), Peer::hashBufferSize(target)), std::pair(buffer, 100L));
     EXPECT_EQ(Peer::hashBuffer(*first), nullptr);
     EXPECT_EQ(Peer::hashBufferSize(*first), 0);
-    target.invalidate_hashes(1000, 1);
+    MemoryTarget bytes {randomBytes(10 * BLOCK - 1000, 1), 1000};
+    EXPECT_EQ(target.get_hash(1005, 100, bytes.supplier()), aggregateDigest(bytes.bytes, BLOCK, 5, 100));
+}
+
+// What only logs, because another exception propagates, returns to its caller, who goes on or not.
+TEST_F(HashFileTest, HelpersReturnAfterTheLogLineWhileUnwinding)
+{
+    create(10);
+    const auto store = open(10);
+    const std::string missing = directory.file("missing/hashes");
+    const std::pair<std::function<void()>, std::string> failures[]
+        = {{[&] { Peer::createFile(missing, 4096); }, "error opening file for writing: 2"},
+           {[&] { Peer::openInternal(*store, missing, 0); }, "failed to stat hash file: 2"},
+           {[&] {
+                const CallHook hook([](const CallRecord& call) { return Outcome {call.call == Call::Seek ? EIO : 0}; });
+                Peer::initHeader(path, 10 * BLOCK, 0, BLOCK, 1);
+            },
+            "failed to seek to beginning of file to write header.: 5"},
+           {[&] {
+                const CallHook hook(
+                    [](const CallRecord& call) { return Outcome {call.call == Call::SyncFileRange ? EIO : 0}; });
+                Peer::initFileRegion(*store, 8192, 4096);
+            },
+            "initFileRegion failed to sync hash file: 5"}};
+    for (const auto& [operation, text] : failures) {
+        EXPECT_THAT(logWhileUnwinding(operation), ElementsAre("3 throwWithErrno: " + text));
+    }
 }
 
 } // namespace

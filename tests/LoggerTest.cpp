@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <future>
 #include <locale>
+#include <thread>
 
 #include "Support.h"
 #include "SystemCalls.h"
@@ -59,6 +61,46 @@ TEST(LoggerTest, EmitsLinesFromTheLowestLevelOnToStandardErrorOrTheSinkThatIsSet
         EXPECT_EQ(std::exchange(lines, {}), expectedLines);
     }
     std::locale::global(before);
+}
+
+TEST(LoggerTest, TakesWhatAStreamTakes)
+{
+    const auto log = [](auto&& write) {
+        Lines lines;
+        Logger::setSink([&](auto, auto&, auto, auto&, auto& text) { lines.push_back(text); });
+        write(Logger(KELVANE_ERROR, "E.cpp", 1, "function"));
+        Logger::setSink({});
+        return lines;
+    };
+    EXPECT_EQ(log([](Logger&& line) { line << 10 << std::hex << ' ' << 255 << std::endl
+                                           << std::flush; }),
+              Lines {"10 ff"});
+    EXPECT_EQ(log([](Logger&& line) { line << "a\nb" << std::endl; }), Lines {"a\nb"});
+}
+
+// A sink may log, and may be replaced while another thread is in it; it then lives until that has left it.
+TEST(LoggerTest, SinksAreCalledWithoutALockAndLiveAsLongAsTheyAreUsed)
+{
+    Lines lines;
+    std::promise<void> entered, replaced;
+    auto captured = std::make_shared<int>(7);
+    const std::weak_ptr<int> life = captured;
+    Logger::setSink([&, captured = std::move(captured)](auto, auto&, auto line, auto&, auto& text) {
+        lines.push_back(text + std::to_string(*captured));
+        if (line == 1) {
+            Logger(KELVANE_ERROR, "E.cpp", 2, "function") << "inner";
+            entered.set_value();
+            replaced.get_future().wait();
+            lines.push_back(life.expired() ? "freed" : "alive");
+        }
+    });
+    std::thread logging([] { Logger(KELVANE_ERROR, "E.cpp", 1, "function") << "outer"; });
+    entered.get_future().wait();
+    Logger::setSink({});
+    replaced.set_value();
+    logging.join();
+    EXPECT_EQ(lines, (Lines {"outer7", "inner7", "alive"}));
+    EXPECT_TRUE(life.expired());
 }
 
 } // namespace

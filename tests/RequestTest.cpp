@@ -22,7 +22,7 @@ std::string violation(uint64_t target, uint64_t partition, int64_t offset, int64
             + std::to_string(static_cast<int64_t>(target - partition));
 }
 
-TEST(Request, IsAcceptedInsideTheTargetOnly)
+TEST(RequestTest, IsAcceptedInsideTheTargetOnly)
 {
     const MemoryStore store(1, 0, 1);
     const auto check = [&](int64_t target, int64_t partition, int64_t offset, int64_t length) {
@@ -44,7 +44,7 @@ TEST(Request, IsAcceptedInsideTheTargetOnly)
     }
 }
 
-TEST(Request, RefusesWhatItCannotServe)
+TEST(RequestTest, RefusesWhatItCannotServe)
 {
     MemoryStore store(1000, 1050, 100);
     const Bytes before = store.file();
@@ -74,13 +74,61 @@ TEST(Request, RefusesWhatItCannotServe)
     const std::string tooMany = "get_hash: too many blocks in one request: ";
     checkEach(1100, int64_t {1} << 31, tooMany + "2147483648", "failed to write hash: 1100: 27");
     checkEach(1050, (int64_t {1} << 40) - 1050, tooMany + "1099511626726", "failed to write hash: 1050: 27");
+    Peer::header(*store.store).blockSizeInBytes = 2; // two of the blocks in part
+    checkEach(1051, 0xFFFFFFFE, tooMany + "2147483648", "failed to write hash: 1051: 27");
     EXPECT_EQ(Peer::hashBufferSize(*store.store), room);
     EXPECT_EQ(store.target.calls, 0);
     EXPECT_EQ(store.file(), before);
 }
 
+TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
+{
+    MemoryStore store(1000, 0, 100);
+    const auto use = [&](const std::function<void()>& operation) {
+        return failureOf([&] {
+            store->get_hash(0, 1000, [&](const auto& offsets, const auto& lengths) {
+                operation();
+                return store.target.supplier()(offsets, lengths);
+            });
+        });
+    };
+    const std::function<void()> operations[] = {[&] { store->get_hash(0, 100, store.target.supplier()); },
+                                                [&] { store->update_hashes(0, store.target.bytes.data(), 100); },
+                                                [&] { store->invalidate_hashes(0, 100); },
+                                                [&] { store->zero_hashes(0, 100); },
+                                                [&] { store->for_each_unknown_range(0, 100, nullptr); },
+                                                [&] { store->discard_torn_entries(); }};
+    const Bytes before = store.file();
+    for (const auto& operation : operations) {
+        EXPECT_EQ(use(operation), "the store is in use by its own data callback");
+        EXPECT_EQ(store.file(), before);
+    }
+    EXPECT_EQ(use([] {}), "(none)");
+}
+
+TEST(RequestTest, DiscardTornEntriesClearsAndCountsWhatEndsInZerosFromASectorOn)
+{
+    MemoryStore store(200 * 100, 0, 100);
+    store->get_hash(0, 200 * 100, store.target.supplier());
+    const Bytes whole = store.file();
+    EXPECT_EQ(store->discard_torn_entries(), 0);
+    Bytes torn = whole, right = whole;
+    for (const std::size_t sector : {1, 2, 9}) {
+        const std::size_t boundary = DATA + sector * 512;
+        const std::size_t block = (boundary - DATA) / ENTRY;
+        std::fill(&torn[boundary], &torn[entryAt(block + 1)], static_cast<unsigned char>(0));
+        setEntry(right, static_cast<int64_t>(block), {});
+    }
+    for (const auto& [file, count] : {std::pair(torn, 3U), {right, 0U}}) {
+        writeFile(store.path, file);
+        store.reopen();
+        EXPECT_EQ(store->discard_torn_entries(), count);
+        EXPECT_EQ(store.file(), right);
+    }
+}
+
 // The file is lost; the position of the failure is that of block 1's entry.
-TEST(Request, FailsWithoutItsFile)
+TEST(RequestTest, FailsWithoutItsFile)
 {
     MemoryStore store(1000, 1050, 100);
     const auto supplier = [&](const auto& offsets, const auto& lengths) {
@@ -99,7 +147,7 @@ TEST(Request, FailsWithoutItsFile)
     }
 }
 
-TEST(Request, HashFunctionFailuresKeepTheFileUntilAllBlocksAreHashed)
+TEST(RequestTest, HashFunctionFailuresKeepTheFileUntilAllBlocksAreHashed)
 {
     constexpr int BLOCKS = 300;
     constexpr int64_t LENGTH = BLOCKS * 20 - 7; // the last block is partial
@@ -156,7 +204,7 @@ struct SizedHash : IHashFunction {
     std::size_t size;
 };
 
-TEST(Request, FollowsTheDigestSizeOfTheHashFunction)
+TEST(RequestTest, FollowsTheDigestSizeOfTheHashFunction)
 {
     for (const std::size_t size : {1U, 100U}) {
         MemoryStore store(400, 0, 10);

@@ -179,6 +179,18 @@ TEST(SimpleCachedReaderTest, DoesNotMakeUpTheByteBetweenTwoWrites)
     model.transfer(Call::ReadAt, 200000, 21);
 }
 
+TEST(SimpleCachedReaderTest, ForgetsItsFileWhenItOpensAnother)
+{
+    Model model(CACHE);
+    model.transfer(Call::ReadAt, 5000, 10);
+    model.content = randomBytes(20000, 9);
+    model.path = model.directory.file("other");
+    writeFile(model.path, model.content);
+    EXPECT_GE(model.reader.open(model.path, O_RDWR), 0);
+    EXPECT_EQ(model.position(), 0);
+    model.transfer(Call::ReadAt, 5000, 10);
+}
+
 TEST(SimpleCachedReaderTest, RepeatsInterruptedCalls)
 {
     Model model(CACHE);
@@ -215,6 +227,12 @@ TEST(SimpleCachedReaderTest, RefusesWhatCannotBe)
     fails(closed.read(nullptr, 1), EBADF);
     fails(closed.write(nullptr, 1), EBADF);
     fails(closed.fsync(), EBADF);
+    for (const Size length : {Size {10}, CACHE - 1}) { // no page that is fetched reaches beyond the largest position
+        char bytes[CACHE];
+        reader.seek(INT64_MAX - CACHE, SEEK_SET);
+        EXPECT_EQ(reader.read(bytes, length), 0);
+    }
+    reader.seek(1000, SEEK_SET);
     EXPECT_EQ(reader.seek(INT64_MAX - 1000, SEEK_CUR), INT64_MAX);
     fails(reader.read(nullptr, 1), EINVAL); // behind which no byte can lie
     fails(reader.write(nullptr, 1), EFBIG);

@@ -35,6 +35,8 @@ struct BlockHashStoreTestPeer {
     static kelvane_buf_len_t hashBufferSize(const Store& store) { return store.m_hashBufferSize; }
     static void growHashBufferWhenNeeded(Store& store, kelvane_buf_len_t size) { store.growHashBufferWhenNeeded(size); }
     static void initFileRegion(Store& store, uint64_t offset, uint64_t length) { store.initFileRegion(offset, length); }
+    static void createFile(const std::string& path, uint64_t size) { Store::createFile(path, size); }
+    static void openInternal(Store& s, const std::string& path, uint64_t target) { s.open_internal(path, target); }
     static void initHeader(const std::string& path, uint64_t target, int64_t partition, uint32_t block, uint32_t id)
     {
         Store::initHeader(path, target, partition, block, id);
@@ -88,6 +90,24 @@ inline Bytes randomBytes(std::size_t size, unsigned seed)
     }
     return bytes;
 }
+
+struct Random {
+    int64_t below(int64_t end) { return static_cast<int64_t>(generator() % static_cast<uint64_t>(end)); }
+    bool chance(int64_t percent) { return below(100) < percent; }
+    int64_t oneOf(const std::vector<int64_t>& values)
+    {
+        return values[static_cast<std::size_t>(below(std::ssize(values)))];
+    }
+
+    std::mt19937_64 generator;
+};
+
+// While it lives, lines below warnings are not logged: sizes that change make many.
+struct QuietLog {
+    QuietLog() { Logger::setLowestLevel(KELVANE_WARNING); }
+    ~QuietLog() { Logger::setLowestLevel(KELVANE_DEBUG); }
+    QuietLog(QuietLog&&) = delete;
+};
 
 // The text of the exception that `operation` ends with; "(none)" when it returns.
 inline std::string failureOf(const std::function<void()>& operation)
@@ -178,13 +198,19 @@ inline Bytes aggregateDigest(const Bytes& target, int64_t blockSize, int64_t fro
 constexpr std::size_t DATA = 4096; // where the entries of a hash file start
 constexpr std::size_t ENTRY = 33;
 
+// Where the entry of a block starts.
+constexpr std::size_t entryAt(std::size_t block)
+{
+    return DATA + block * ENTRY;
+}
+
 // Whether an entry says that a whole block of the target is known, but has another digest.
 inline bool hasWrongEntry(const Bytes& hashFile, const Bytes& target, std::size_t blockSize)
 {
     const std::size_t entries = (std::max(hashFile.size(), DATA) - DATA) / ENTRY;
     const std::size_t blocks = std::min(target.size() / blockSize, entries);
     for (std::size_t block = 0; block < blocks; ++block) {
-        const unsigned char* const entry = &hashFile[DATA + block * ENTRY];
+        const unsigned char* const entry = &hashFile[entryAt(block)];
         const unsigned char* const data = &target[block * blockSize];
         if ((*entry & 1) != 0 && Bytes(entry + 1, entry + ENTRY) != digestOf(Bytes(data, data + blockSize))) {
             return true;
@@ -196,7 +222,7 @@ inline bool hasWrongEntry(const Bytes& hashFile, const Bytes& target, std::size_
 // Sets the entry of a block in the bytes of a hash file: known with `digest`, or all zero without one.
 inline void setEntry(Bytes& hashFile, int64_t block, const Bytes& digest)
 {
-    const auto entry = hashFile.begin() + static_cast<std::ptrdiff_t>(DATA + ENTRY * static_cast<std::size_t>(block));
+    const auto entry = hashFile.begin() + static_cast<std::ptrdiff_t>(entryAt(static_cast<std::size_t>(block)));
     std::fill_n(entry, ENTRY, static_cast<unsigned char>(0));
     if (!digest.empty()) {
         *entry = 1;
