@@ -109,8 +109,8 @@ TEST_F(HashFileTest, IsRefusedByTheFirstOfItsFaults)
         EXPECT_EQ(refusalOf(single), text);
         EXPECT_EQ(refusalOf(damaged), text);
     }
-    Bytes endless = valid; // no file can have such sizes
-    const uint64_t target = uint64_t {1} << 60, block = 4;
+    Bytes endless = valid; // no file has such sizes, though 33 times this, in 64 bits, is 17
+    const uint64_t target = 558992244657865201, block = 1;
     std::memcpy(&endless[32], &target, 8);
     std::memcpy(&endless[24], &block, 4);
     EXPECT_EQ(refusalOf(endless), WRONG_SIZE);

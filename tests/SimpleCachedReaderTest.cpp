@@ -229,7 +229,7 @@ TEST(SimpleCachedReaderTest, RefusesWhatCannotBe)
     fails(closed.fsync(), EBADF);
     for (const Size length : {Size {10}, CACHE - 1}) { // no page that is fetched reaches beyond the largest position
         char bytes[CACHE];
-        reader.seek(INT64_MAX - CACHE, SEEK_SET);
+        reader.seek(INT64_MAX - length, SEEK_SET);
         EXPECT_EQ(reader.read(bytes, length), 0);
     }
     reader.seek(1000, SEEK_SET);

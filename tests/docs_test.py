@@ -3,6 +3,7 @@
 In every ```console block, lines that start with "$ " are commands, which must succeed, and what follows is their output.
 A ```python block that starts with "# NAME.py" is a file that they use. Every document has an empty directory of its own.
 """
+import os
 import re
 import subprocess
 import sys
@@ -13,7 +14,7 @@ def run(document):
     with open(document, encoding="utf-8") as file:
         blocks = re.findall(r"^```(console|python)\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL)
     commands = failures = 0
-    with tempfile.TemporaryDirectory() as directory:
+    with tempfile.TemporaryDirectory(dir=os.getcwd()) as directory:
         for language, text in blocks:
             if language == "python":
                 with open(f"{directory}/{re.match('# ([a-z_]+[.]py)$', text, re.MULTILINE)[1]}", "w") as file:

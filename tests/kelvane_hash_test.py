@@ -41,9 +41,9 @@ class Case(unittest.TestCase):
         os.chdir(self.directory.name)
 
     def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, shim=None, **options):
-        environment = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim) if shim else None
-        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, env=environment,
-                   **options)
+        if shim:
+            options["env"] = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
+        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
         self.assertEqual(done.returncode, expect, done)
         return done
 
@@ -111,8 +111,8 @@ VERIFY = dict(image="a", good=False, blocksChecked=20, badBlocks=3, marked=False
               bad=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 19 * BLOCK, length=BLOCK)])
 DIFF = dict(equal=False, bytes=3 * BLOCK + 100, comparisons=14, bytesRead=200, sizes=[20 * BLOCK + 100] * 2,
             freshness=[judged("a"), judged("b")], changedMeanwhile=[],
-            differing=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 12 * BLOCK, length=BLOCK),
-                       dict(offset=DEVICE + 20 * BLOCK, length=100)])
+            differing=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK),
+                       dict(offset=DEVICE + 12 * BLOCK, length=BLOCK), dict(offset=DEVICE + 20 * BLOCK, length=100)])
 SYNC = dict(equal=True, bytesCompared=20 * BLOCK + 100, bytesCopied=3 * BLOCK + 100, ranges=3, comparisons=14,
             bytesRead=200, verified=False, freshness=[judged("a"), judged("b")], changedMeanwhile=[])
 CHECKED, COPIED = "a: 20 known blocks checked, 0 repaired\n", "3 ranges, TIME"
@@ -474,4 +474,4 @@ class KelvaneHash(Case):
 
 
 HOME = os.getcwd()
-unittest.main(argv=sys.argv[:1])
+unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ)

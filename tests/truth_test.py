@@ -132,7 +132,8 @@ def run_command(figures):
     output = json.loads(done.stdout)
     fresh = output.get("freshness", [])
     figures["believed"] += sum(side["believed"] for side in (fresh if isinstance(fresh, list) else [fresh]))
-    return answer_is_true(command, output, before) and order_is_safe(content("calls").decode().split("\n")), command, done
+    calls = content("calls").decode().split("\n")
+    return answer_is_true(command, output, before) and order_is_safe(calls), command, done
 
 
 def order_is_safe(calls):
@@ -176,6 +177,6 @@ def main():
 
 
 if __name__ == "__main__":
-    with tempfile.TemporaryDirectory() as directory:
+    with tempfile.TemporaryDirectory(dir=os.getcwd()) as directory:  # /tmp may be in memory, whose times say little
         os.chdir(directory)
         sys.exit(main())
