@@ -18,10 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "hash/Blake2sp.h"
 #include "BlakeHash.h"
 #include "BlockHashStore.h"
 #include "Comparison.h"
+#include "hash/Blake2sp.h"
 
 namespace kelvane::bench {
 namespace {
@@ -157,6 +157,42 @@ constexpr Contestant LIBB2 = {"libb2 BLAKE2sp, 8 threads", libb2, MIB}; // it st
 Duel hashing(const Contestant& ours, const Contestant& theirs, int64_t blockSize)
 {
     return {theirs.name, DATA_SIZE, true, ours.side(blockSize), theirs.side(blockSize)};
+}
+
+// The blocks of a batch that the processor has in its own cache, over and over, as much as of the others.
+Side hashingFromCache()
+{
+    constexpr int64_t CACHED = 512 * KIB;
+    const auto blocks = std::make_shared<Blocks>(randomBytes(), BLOCK, CACHED);
+    return {[=] {
+        for (int64_t done = 0; done < DATA_SIZE; done += CACHED) {
+            blocks->hash();
+        }
+    }};
+}
+
+Duel hashingFromMemory()
+{
+    return {"the same from 512 KiB", DATA_SIZE, true, hashing(randomBytes()), hashingFromCache()};
+}
+
+Duel hashingInRandomOrder()
+{
+    const auto blocks = std::make_shared<Blocks>(randomBytes(), BLOCK);
+    std::shuffle(blocks->buffers.begin(), blocks->buffers.end(), std::mt19937_64());
+    return {SODIUM.name, DATA_SIZE, true, {[=] { blocks->hash(); }}, SODIUM.side(BLOCK)};
+}
+
+// Calls for `count` blocks each.
+Duel hashingFew(std::size_t count)
+{
+    const auto blocks = std::make_shared<Blocks>(randomBytes(), BLOCK);
+    const auto hash = [=] {
+        for (std::size_t done = 0; done < blocks->buffers.size(); done += count) {
+            BlakeHash().get_hashes(&blocks->buffers[done], count, BLOCK, &blocks->places[done]);
+        }
+    };
+    return {SODIUM.name, DATA_SIZE, true, {hash}, SODIUM.side(BLOCK)};
 }
 
 Duel hashingZeros()
@@ -433,6 +469,10 @@ void addAll()
         addHashing("many 4 KiB blocks per call", {}, BATCH, other, BLOCK);
         addHashing("one 4 KiB block per call", {}, SINGLE, other, BLOCK);
     }
+    addRow("4 KiB blocks from 32 MiB", 21, {0.90}, hashingFromMemory);
+    addRow("4 KiB blocks in random order", 21, {}, hashingInRandomOrder);
+    addRow("8 blocks of 4 KiB per call", 21, {}, [] { return hashingFew(8); });
+    addRow("16 blocks of 4 KiB per call", 21, {}, [] { return hashingFew(16); });
     addRow("zero blocks, many per call", 41, {0.75}, hashingZeros);
     addRow("a tenth zero blocks, many per call", 41, {1.05}, hashingSomeZeros);
     addRow("get_hash, 64 MiB unknown", 31, {0.95}, [] { return coldRange(false); });

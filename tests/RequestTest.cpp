@@ -2,6 +2,7 @@
 #include <limits>
 
 #include "Support.h"
+#include "SystemCalls.h"
 
 namespace kelvane::testing {
 namespace {
@@ -104,6 +105,21 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
         EXPECT_EQ(store.file(), before);
     }
     EXPECT_EQ(use([] {}), "(none)");
+}
+
+// More than are written at once; the blocks around them keep their entries.
+TEST(RequestTest, ZeroHashesAreWrittenInPieces)
+{
+    MemoryStore store(100000, 0, 1);
+    store->get_hash(0, 100000, store.target.supplier());
+    Bytes right = store.file();
+    for (int64_t block = 10; block < 99990; ++block) {
+        setEntry(right, block, digestOf({0}));
+    }
+    const CallCounter calls;
+    store->zero_hashes(10, 99980);
+    EXPECT_EQ(calls.counts(), (CallCounts {{Call::WriteAt, 4}}));
+    EXPECT_TRUE(store.file() == right);
 }
 
 TEST(RequestTest, DiscardTornEntriesClearsAndCountsWhatEndsInZerosFromASectorOn)

@@ -13,7 +13,7 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
-#include "hash/Leaves-inl.h"
+#include "hash/LeafPairs-inl.h"
 #include "hash/Roots-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -22,23 +22,11 @@ namespace HWY_NAMESPACE {
 
 void hashMany(const uint8_t* const* messages, size_t count, size_t length, uint8_t* const* digests)
 {
-    const hn::CappedTag<uint32_t, 16> widest;
-    const hn::CappedTag<uint32_t, LEAVES> oneMessage;
-    constexpr size_t LANES = hn::MaxLanes(widest);
-    constexpr size_t MESSAGES_AT_ONCE = LANES > LEAVES ? LANES / LEAVES : 1;
     while (count != 0) {
-        const size_t batch = smaller(count, LANES);
-        uint8_t leafDigests[LANES * ROOT_MESSAGE];
-        const size_t wide = batch - batch % MESSAGES_AT_ONCE;
-        hashLeaves(widest, messages, wide, length, leafDigests);
-        hashLeaves(oneMessage, messages + wide, batch - wide, length, leafDigests + wide * ROOT_MESSAGE);
-        if (batch == 1) {
-            hashRoot(leafDigests, digests[0]);
-        } else if (batch > hn::MaxLanes(oneMessage)) {
-            hashRoots(widest, leafDigests, batch, digests);
-        } else {
-            hashRoots(oneMessage, leafDigests, batch, digests);
-        }
+        const size_t batch = smaller(count, LEAF_BATCH);
+        uint8_t leafDigests[LEAF_BATCH * ROOT_MESSAGE];
+        hashAllLeaves(messages, batch, length, leafDigests);
+        hashAllRoots(leafDigests, batch, digests);
         messages += batch;
         digests += batch;
         count -= batch;

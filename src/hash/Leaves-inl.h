@@ -24,6 +24,9 @@ constexpr size_t STRIPE = LEAVES * NODE_BLOCK;
 constexpr size_t DIGEST = BLAKE2SP_DIGEST_SIZE_IN_BYTES;
 constexpr size_t ROOT_MESSAGE = LEAVES * DIGEST;
 
+using Widest = hn::CappedTag<uint32_t, 2 * LEAVES>;
+using OneMessage = hn::CappedTag<uint32_t, LEAVES>;
+
 HWY_INLINE size_t smaller(size_t a, size_t b)
 {
     return a < b ? a : b;

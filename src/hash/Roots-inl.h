@@ -120,6 +120,22 @@ HWY_NOINLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
 
 #endif
 
+HWY_INLINE void hashAllRoots(const uint8_t* leafDigests, size_t count, uint8_t* const* digests)
+{
+    constexpr size_t WIDEST = hn::MaxLanes(Widest());
+    for (size_t done = 0; done < count; done += WIDEST) {
+        const uint8_t* const roots = leafDigests + done * ROOT_MESSAGE;
+        const size_t some = smaller(count - done, WIDEST);
+        if (some == 1) {
+            hashRoot(roots, digests[done]);
+        } else if (some > hn::MaxLanes(OneMessage())) {
+            hashRoots(Widest(), roots, some, digests + done);
+        } else {
+            hashRoots(OneMessage(), roots, some, digests + done);
+        }
+    }
+}
+
 } // namespace HWY_NAMESPACE
 } // namespace kelvane
 HWY_AFTER_NAMESPACE();
