@@ -199,7 +199,7 @@ class Answers(Case):
         for boot, doubt in (("first", "the machine was started again since"), ("first", ""),
                             ("second", "the machine was started again since")):
             self.assertEqual(self.json("build a", shim={"SHIM_BOOT": boot})["freshness"]["doubt"], doubt)
-        changes = {"SHIM_AT": "pread a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
+        changes = {"SHIM_AT": "mmap a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
         done = self.call("build a --check -j 1", 1, shim=changes)
         self.assertIn("changed: a was changed while", done.stdout)
         self.call("verify a")
@@ -332,7 +332,9 @@ class KelvaneHash(Case):
         Path("s").write_bytes(randbytes(80 << 20))
         for jobs in 1, 2:
             Path("s.hashes").unlink(missing_ok=True)
-            begun = {"SHIM_AT": "30", "SHIM_DO": "2", "SHIM_LOG": f"calls{jobs}"}
+            pieces = [i for i, call in enumerate(self.calls(f"build s -j {jobs}"), 1) if call == "mmap s"]
+            Path("s.hashes").unlink()
+            begun = {"SHIM_AT": str(pieces[4]), "SHIM_DO": "2", "SHIM_LOG": f"calls{jobs}"}
             self.assertIn("interrupted", self.call(f"build s -j {jobs}", 130, shim=begun).stderr)
             calls = Path(f"calls{jobs}").read_text().splitlines()
             known = self.json("info s.hashes")["knownBlocks"]
@@ -341,8 +343,8 @@ class KelvaneHash(Case):
                     for name in ("pwrite s.hashes", "fsync s.hashes", "rename s.hashes.state")}
             self.assertEqual(list(last), sorted(last, key=last.get), "what was done is on the disk, and recorded")
             self.assertEqual(self.json(f"build s -j {jobs}")["bytesKnownBefore"], known * BLOCK)
-        self.call("build s --check", 143, shim={"SHIM_AT": "30", "SHIM_DO": "15"})
-        self.call("build s --check", -signal.SIGTERM, shim={"SHIM_AT": "30", "SHIM_DO": "15 15"})
+        self.call("build s --check", 143, shim={"SHIM_AT": "mmap s", "SHIM_DO": "15"})
+        self.call("build s --check", -signal.SIGTERM, shim={"SHIM_AT": "mmap s", "SHIM_DO": "15 15"})
 
         def start_anew():
             Path("t").write_bytes(bytes(80 << 20))
@@ -385,6 +387,18 @@ class KelvaneHash(Case):
                 Path("a.hashes").write_bytes(Path("known").read_bytes()[:ENTRIES].ljust(2 * ENTRIES, b"\0"))
                 self.check_complaint(f"build a -j {jobs}", "a.hashes: .*File too large", **limit_files(ENTRIES + end))
                 self.call("a.hashes a", program=ORACLE)
+
+    def test_an_image_that_cannot_be_read(self):
+        for jobs in 1, 2:
+            for name, at, do, cause in (
+                    ("cut", "mmap cut", f"truncate -s {50 * BLOCK + 10} cut", f"at offset {50 * BLOCK + 10}: .*ends here"),
+                    ("gone", "populated -", f"truncate -s {50 * BLOCK} gone", f"at offset {50 * BLOCK}: .*ends here"),
+                    ("tail", "populated -", f"truncate -s {99 * BLOCK + 1} tail", f"at offset {99 * BLOCK + 1}: .*ends"),
+                    ("bad", "populate -,pread bad", "fail", "at offset 0: cannot read: Input/output error")):
+                Path(name).write_bytes(randbytes(100 * BLOCK))
+                shim = {"SHIM_AT": at, "SHIM_DO": do}
+                self.check_complaint(f"build {name} -j {jobs} --adopt", f"{name}: {cause}", shim=shim)
+                self.assertEqual(self.json(f"info {name}.hashes")["knownBlocks"], 0)
 
     def test_runs_at_once_and_a_hash_file_that_cannot_be_written(self):
         images()

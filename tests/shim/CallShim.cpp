@@ -1,12 +1,13 @@
 // Preloaded into the program: writes down the calls that it makes on files, does something before one of them, and
 // shows another start of the machine and another clock. By the environment:
 //     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"
-//     SHIM_AT     before which call SHIM_DO is done: its number, or its name, which stands for all of that name
-//     SHIM_DO     "fail" (the call, with EIO), numbers of signals that are raised, or a shell command
+//     SHIM_AT     before which call SHIM_DO is done: its number, or names with commas between
+//     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
 //     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -41,18 +42,33 @@ std::string nameOf(int fd)
 // Whether the call has to fail.
 bool act(const std::string& action)
 {
-    std::istringstream words(action);
-    int signal = 0;
+    static std::atomic_flag isDone;
     if (action == "fail") {
         errno = EIO;
         return true;
     }
+    if (isDone.test_and_set()) {
+        return false;
+    }
+    std::istringstream words(action);
+    int signal = 0;
     while (words >> signal) {
         std::raise(signal);
     }
     ::unsetenv("LD_PRELOAD");
     if (signal == 0 && std::system(action.c_str()) != 0) {
         std::abort();
+    }
+    return false;
+}
+
+bool isOneOf(const char* names, const std::string& name)
+{
+    std::istringstream list(names);
+    for (std::string each; std::getline(list, each, ',');) {
+        if (each == name) {
+            return true;
+        }
     }
     return false;
 }
@@ -67,7 +83,7 @@ bool note(const std::string& call)
         ::syscall(SYS_close, fd);
     }
     const char* const at = std::getenv("SHIM_AT");
-    return at != nullptr && (++count == std::atoi(at) || call == at) && act(std::getenv("SHIM_DO"));
+    return at != nullptr && (++count == std::atoi(at) || isOneOf(at, call)) && act(std::getenv("SHIM_DO"));
 }
 
 } // namespace
@@ -82,6 +98,24 @@ ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
 {
     return note("pwrite " + nameOf(fd)) ? -1 : next("pwrite64", pwrite64)(fd, buffer, length, offset);
+}
+
+void* mmap64(void* address, size_t length, int protection, int flags, int fd, off64_t offset) noexcept
+{
+    return fd >= 0 && note("mmap " + nameOf(fd))
+        ? MAP_FAILED
+        : next("mmap64", mmap64)(address, length, protection, flags, fd, offset);
+}
+
+// What has been brought in may go away again afterwards.
+int madvise(void* address, size_t length, int advice) noexcept
+{
+    const bool fails = advice == MADV_POPULATE_READ && note("populate -");
+    const int result = fails ? -1 : next("madvise", madvise)(address, length, advice);
+    if (advice == MADV_POPULATE_READ) {
+        note("populated -");
+    }
+    return result;
 }
 
 int fsync(int fd)
@@ -134,6 +168,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
 
 // The same calls by their other names.
 ssize_t pread(int, void*, size_t, off_t) __attribute__((alias("pread64")));
+void* mmap(void*, size_t, int, int, int, off_t) noexcept __attribute__((alias("mmap64")));
 ssize_t pwrite(int, const void*, size_t, off_t) __attribute__((alias("pwrite64")));
 int ftruncate(int, off_t) noexcept __attribute__((alias("ftruncate64")));
 int open(const char*, int, ...) __attribute__((alias("open64")));

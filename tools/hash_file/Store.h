@@ -38,10 +38,12 @@ public:
     void sync();
     std::uint64_t discardTornEntries();
 
+    // Makes a range unknown whose hashes may be wrong, as far as possible on the disk.
+    void forget(Range range);
+
 private:
     BlockHashStore& writable() const;
     std::int64_t onDevice(Range range) const { return m_geometry.partitionOffset + range.offset; }
-    void forget(Range range);
     void forgetWhenFailing(Range range, const std::function<void()>& operation);
 
     std::string m_path;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/Interrupt.h"
-#include "image/DataReader.h"
+#include "image/MappedData.h"
 
 namespace kelvane::tool {
 
@@ -18,8 +18,7 @@ namespace {
 
 constexpr std::int64_t SLICE = 16 << 20;
 constexpr std::int64_t HOLE = std::int64_t {1} << 46;
-constexpr std::int64_t PIECE = 256 << 10;     // stays in the processor's own cache until it is hashed
-constexpr std::int64_t HANDED_OVER = 1 << 20; // from one thread to another: seldom enough to cost nothing
+constexpr std::int64_t PIECE = 8 << 20; // so that entries are written many at once
 
 struct Run {
     Range range;
@@ -94,6 +93,8 @@ public:
         return true;
     }
 
+    Which which() const { return m_which; }
+
     std::int64_t takeLeft() { return std::exchange(m_left, 0); }
 
 private:
@@ -108,31 +109,38 @@ private:
     std::int64_t m_left = 0;
 };
 
-Traffic workThrough(Store& store, DataReader& reader, Planner planner, Progress& progress, const Work& work,
+void workOn(Store& store, const Image& image, const Piece& piece, Which which, const Work& work)
+{
+    if (piece.isHole) {
+        work(store, piece, nullptr);
+        return;
+    }
+    const MappedData data(image, piece.range);
+    work(store, piece, data.get());
+    if (!data.isWhole()) {
+        if (which != Which::Known) { // with which nothing is stored
+            store.forget(piece.range);
+        }
+        data.fail();
+    }
+}
+
+Traffic workThrough(Store& store, const Image& image, Planner planner, Progress& progress, const Work& work,
                     const std::atomic<bool>& stop)
 {
     Traffic traffic;
-    std::deque<Piece> pieces;
-    for (bool more = true; !stop;) {
+    Piece piece;
+    for (bool more = true; more && !stop;) {
         throwWhenInterrupted();
-        Piece planned;
-        while (more && pieces.size() < reader.depth() && (more = planner.next(planned))) {
-            if (!planned.isHole) {
-                reader.request(planned.range);
-            }
-            pieces.push_back(planned);
-        }
+        more = planner.next(piece);
         const std::int64_t left = planner.takeLeft();
         traffic.left += left;
         progress.skip(left);
-        if (pieces.empty()) {
-            break;
+        if (more) {
+            workOn(store, image, piece, planner.which(), work);
+            (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
+            progress.advance(piece.range.length);
         }
-        const Piece piece = pieces.front();
-        pieces.pop_front();
-        work(store, piece, piece.isHole ? nullptr : reader.next());
-        (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
-        progress.advance(piece.range.length);
     }
     return traffic;
 }
@@ -154,11 +162,10 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
                   Progress& progress, const Work& work)
 {
     std::atomic<bool> stop = false;
-    const std::int64_t bufferSize = inBlocks(jobs <= 1 ? HANDED_OVER : PIECE, hashFile.store().blockSize());
+    const std::int64_t pieceSize = inBlocks(PIECE, hashFile.store().blockSize());
     if (jobs <= 1) {
         Store& store = hashFile.store();
-        OverlappedReader reader(image, bufferSize);
-        return workThrough(store, reader, {store, image, source, which, bufferSize}, progress, work, stop);
+        return workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
     }
     std::mutex mutex;
     std::exception_ptr failure;
@@ -166,9 +173,8 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
     const auto job = [&] {
         try {
             Store store = hashFile.anotherStore();
-            DirectReader reader(image, bufferSize);
             const Traffic own
-                = workThrough(store, reader, {store, image, source, which, bufferSize}, progress, work, stop);
+                = workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
             const std::scoped_lock lock(mutex);
             traffic.read += own.read;
             traffic.holes += own.holes;

@@ -47,8 +47,8 @@ using Work = std::function<void(Store& store, const Piece& piece, char* data)>;
 std::int64_t sliceSize(std::int64_t blockSize);
 std::int64_t holeSliceSize(std::int64_t blockSize);
 
-// With one job, reading overlaps the work; with several, each has its own thread and store and reads for itself.
-// They never share a block, so no store sees or overwrites what another one stored. Stops with Interrupted.
+// With several jobs, each has its own thread and store. They never share a block, so no store sees or overwrites what
+// another one stored. Stops with Interrupted.
 Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobs,
                   Progress& progress, const Work& work);
 
