@@ -52,6 +52,7 @@ public:
         addVerify();
         addDiff();
         addSync();
+        addInvalidate();
     }
 
     // The command to run; nothing when help was asked for and printed.
@@ -224,6 +225,33 @@ private:
         addWork(app);
     }
 
+    void addInvalidate()
+    {
+        CLI::App* const app = add("invalidate", "Forget the hashes of ranges that are known to have changed",
+                                  "invalidate disk.img --from changes.txt",
+                                  [this] { return invalidate(m_pair.first, m_invalidate, m_common); });
+        addImage(app, m_pair.first, "IMAGE", "--hash-file");
+        app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
+            ->required()
+            ->type_name("FILE");
+        app->add_option("--format", m_invalidate.format,
+                        "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like")
+            ->transform(CLI::CheckedTransformer(std::map<std::string, ListFormat> {{"lines", ListFormat::Lines},
+                                                                                   {"diff", ListFormat::Diff},
+                                                                                   {"nbdinfo", ListFormat::Bitmap},
+                                                                                   {"qemu-img", ListFormat::Map}})
+                            .description(""))
+            ->type_name("HOW");
+        app->add_option("--what", m_invalidate.entries, "Of the list of qemu-img: data (default), zero or all")
+            ->transform(CLI::CheckedTransformer(std::map<std::string, MapEntries> {{"data", MapEntries::Data},
+                                                                                   {"zero", MapEntries::Zero},
+                                                                                   {"all", MapEntries::All}})
+                            .description(""))
+            ->type_name("ENTRIES");
+        addTrust(app);
+        addWork(app);
+    }
+
     CLI::App m_app;
     Common m_common;
     PairArguments m_pair;
@@ -231,6 +259,7 @@ private:
     std::optional<Range> m_range;
     bool m_afterCrash = false;
     SyncArguments m_sync;
+    InvalidateArguments m_invalidate;
     bool m_json = false;
     std::function<Outcome()> m_command;
 };

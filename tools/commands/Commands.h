@@ -11,6 +11,7 @@
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
 #include "work/HashedImage.h"
+#include "work/RangeList.h"
 
 namespace kelvane::tool {
 
@@ -34,6 +35,12 @@ struct VerifyArguments {
     double share = 1;
     std::optional<std::uint64_t> seed;
     bool mark = false;
+};
+
+struct InvalidateArguments {
+    std::string list; // a path, or "-" for standard input
+    std::optional<ListFormat> format;
+    MapEntries entries = MapEntries::Data;
 };
 
 struct SyncArguments {
@@ -61,6 +68,7 @@ Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& co
 Outcome info(const std::string& path);
 Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common);
 Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common);
+Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common);
 Outcome diff(const PairArguments& arguments, const Common& common);
 Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common);
 

@@ -13,6 +13,8 @@ namespace kelvane::tool {
 
 namespace {
 
+constexpr const char* CHANGED = "it was changed since";
+
 std::optional<std::uint32_t> blockSizeAt(const std::string& hashFilePath)
 {
     std::error_code error;
@@ -85,7 +87,12 @@ std::string HashedImage::judge() const
     if (evidence->image.content["boot"] != m_state.content["boot"]) {
         return "the machine was started again since";
     }
-    return evidence->image.isSame(m_state) ? "" : "it was changed since";
+    return evidence->image.isSame(m_state) ? "" : CHANGED;
+}
+
+bool HashedImage::wasOnlyChanged() const
+{
+    return m_doubt == CHANGED;
 }
 
 void HashedImage::noteDoubt() const

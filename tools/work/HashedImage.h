@@ -31,6 +31,10 @@ public:
 
     bool believes() const { return m_believes; }
 
+    // Why the known hashes are not believed; whether it is only that the image was changed.
+    const std::string& doubt() const { return m_doubt; }
+    bool wasOnlyChanged() const;
+
     // Makes every whole block of a range known, by true hashes. One reading of what is unknown or not believed. Once
     // that was the whole image, its hashes are believed.
     void complete(Range range, const char* phase);
