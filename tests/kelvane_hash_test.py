@@ -109,11 +109,11 @@ BUILD = dict(hashFile="a.hashes", created=False, blockSize=BLOCK, knownBlocks=20
 VERIFY = dict(image="a", good=False, blocksChecked=20, badBlocks=3, marked=False, recordedSize=20 * BLOCK + 100,
               imageSize=20 * BLOCK + 100, changedMeanwhile=[],
               bad=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 19 * BLOCK, length=BLOCK)])
-DIFF = dict(equal=False, bytes=3 * BLOCK + 100, comparisons=14, bytesRead=200, sizes=[20 * BLOCK + 100] * 2,
+DIFF = dict(equal=False, bytes=3 * BLOCK + 100, comparisons=22, bytesRead=200, sizes=[20 * BLOCK + 100] * 2,
             freshness=[judged("a"), judged("b")], changedMeanwhile=[],
             differing=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK),
                        dict(offset=DEVICE + 12 * BLOCK, length=BLOCK), dict(offset=DEVICE + 20 * BLOCK, length=100)])
-SYNC = dict(equal=True, bytesCompared=20 * BLOCK + 100, bytesCopied=3 * BLOCK + 100, ranges=3, comparisons=14,
+SYNC = dict(equal=True, bytesCompared=20 * BLOCK + 100, bytesCopied=3 * BLOCK + 100, ranges=3, comparisons=22,
             bytesRead=200, verified=False, freshness=[judged("a"), judged("b")], changedMeanwhile=[])
 CHECKED, COPIED = "a: 20 known blocks checked, 0 repaired\n", "3 ranges, TIME"
 
@@ -144,21 +144,21 @@ ANSWERS = [
     (grown, "verify a", 1, dict(VERIFY, badBlocks=0, bad=[], imageSize=20 * BLOCK + 20100),
      "size: 102,020 bytes, 82,020 recorded; build adapts it\na: 20 known blocks checked, 0 wrong\n"),
     (built, "diff a b", 1, DIFF, "1060864 + 8192\n1097728 + 4096\n1130496 + 100\n"
-     "different: 12,388 bytes in 3 ranges; 14 comparisons, 200 bytes of data read\n"),
+     "different: 12,388 bytes in 3 ranges; 22 comparisons, 200 bytes of data read\n"),
     (grown, "diff a b", 1,
      dict(DIFF, bytes=3 * BLOCK + 20100, sizes=[20 * BLOCK + 20100, 20 * BLOCK + 100], bytesRead=24 * BLOCK + 200,
           freshness=[judged("a", SINCE, 20), judged("b")],
           differing=DIFF["differing"][:2] + [dict(offset=DEVICE + 20 * BLOCK, length=20100)]),
      "1060864 + 8192\n1097728 + 4096\n1130496 + 20100\nsizes: 102,020 bytes and 82,020 bytes\n" + CHECKED +
-     "different: 32,388 bytes in 3 ranges; 14 comparisons, 98,504 bytes of data read\n"),
+     "different: 32,388 bytes in 3 ranges; 22 comparisons, 98,504 bytes of data read\n"),
     (built, "sync a b", 0, SYNC,
-     f"82,020 bytes compared by 14 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"),
+     f"82,020 bytes compared by 22 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"),
     (built, "sync a b --verify", 0, dict(SYNC, verified=True),
-     f"82,020 bytes compared by 14 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"
+     f"82,020 bytes compared by 22 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"
      "reread: equal\n"),
     (grown, "sync b a", 0, dict(SYNC, bytesRead=20 * BLOCK + 200, formerSize=20 * BLOCK + 20100,
                                 freshness=[judged("b"), judged("a", SINCE, 20)]),
-     CHECKED + f"82,020 bytes compared by 14 comparisons and 82,120 bytes of data read, 12,388 bytes copied in {COPIED}"
+     CHECKED + f"82,020 bytes compared by 22 comparisons and 82,120 bytes of data read, 12,388 bytes copied in {COPIED}"
      "\na: 102,020 bytes before\n"),
 ]
 
@@ -261,7 +261,7 @@ class KelvaneHash(Case):
         self.assertEqual(differing, [(0, 2 * block), (500 * block, block), (999 * block, block + 5100)])
         self.assertEqual(result["bytesRead"], 2 * len(a))
         result = self.json("diff a b --assume-unchanged", 1)
-        self.assertTrue(result["bytesRead"] == 2 * 100 and result["comparisons"] < 60, result)
+        self.assertTrue(result["bytesRead"] == 2 * 100 and result["comparisons"] < 120, result)
         for end in b"", bytes(1):
             Path("c").write_bytes(a + end)
             self.assertEqual(self.json("diff a c --partition-offset 1M", len(end))["equal"], not end)
@@ -295,7 +295,7 @@ class KelvaneHash(Case):
         assume = flip_unseen("b", 7 * BLOCK)
         self.assertEqual(self.json(f"sync a b --verify {assume}", 1)["firstDifference"], 7 * BLOCK)
         self.call("sync a b")
-        last = max(i for i, call in enumerate(self.calls("sync a b --verify"), 1) if call == "pread b")
+        last = max(i for i, call in enumerate(self.calls("sync a b --verify"), 1) if call == "mmap b")
         tail = {"SHIM_AT": str(last),
                 "SHIM_DO": f"printf xy | dd of=b bs=1 seek={20 * BLOCK + 98} conv=notrunc status=none"}
         self.assertEqual(self.json("sync a b --verify", 1, shim=tail)["firstDifference"], 20 * BLOCK + 98)

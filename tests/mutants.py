@@ -28,7 +28,7 @@ def place_of(copy, directory, text):
 
 
 def run(command, environment):
-    return subprocess.run(["timeout", "600", *command], capture_output=True, env=environment, cwd=environment["TMPDIR"],
+    return subprocess.run(["timeout", "200", *command], capture_output=True, env=environment, cwd=environment["TMPDIR"],
                           errors="replace")
 
 

@@ -19,14 +19,14 @@ Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& co
     hashed.adaptToImage();
     hashed.complete({0, image.size()}, "build");
     Traffic traffic = hashed.traffic();
-    Changes changes({&hashed});
+    Changes changes(hashed);
     const bool isUnchanged = changes.none();
     if (!isUnchanged) { // once, not for ever
         hashed.takeState();
         hashed.believe(false);
         hashed.complete({0, image.size()}, "check");
         traffic.read += hashed.traffic().read;
-        changes = Changes({&hashed});
+        changes = Changes(hashed);
     }
     const std::int64_t blockSize = hashed.store().blockSize();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -1,35 +1,48 @@
 #include "commands/Commands.h"
 
 #include "base/Failure.h"
-#include "hash_file/Inspection.h"
+#include "terminal/Text.h"
 
 namespace kelvane::tool {
 
-Changes::Changes(std::initializer_list<HashedImage*> images)
+Changes::Changes(HashedImage& image)
 {
-    for (HashedImage* const image : images) {
-        if (!image->conclude()) {
-            m_paths.push_back(image->image().path());
-        }
+    add(image.image().path(), image.conclude());
+}
+
+Changes::Changes(Side& first, Side& second)
+{
+    for (Side* const side : {&first, &second}) {
+        add(side->name(), side->conclude());
+    }
+}
+
+void Changes::add(const std::string& name, bool isUnchanged)
+{
+    if (!isUnchanged) {
+        m_names.push_back(name);
     }
 }
 
 std::string Changes::text() const
 {
     std::string text;
-    for (const std::string& path : m_paths) {
+    for (const std::string& path : m_names) {
         text += "changed: " + path + " was changed while this ran; run it again\n";
     }
     return text;
 }
 
-Image openImage(const std::string& path, Image::Access access)
+std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options)
 {
-    Image image(path, access);
-    if (!image.isMissing() && isHashFile(path)) {
-        throw Failure(path, "this is a hash file, not an image");
+    const auto own = first.opening().blockSize;
+    const auto other = second.opening().blockSize;
+    if (own && other && *own != *other) {
+        throw Failure(first.opening().hashFile,
+                      "its blocks have " + counted(*own, "byte") + ", those of " + second.opening().hashFile + " "
+                          + counted(*other, "byte") + "; name another hash file for one of the images");
     }
-    return image;
+    return options.blockSize.value_or(own.value_or(other.value_or(HashFile::DEFAULT_BLOCK_SIZE)));
 }
 
 } // namespace kelvane::tool

@@ -1,7 +1,6 @@
 // The commands. Each one returns what it found, as text and as JSON, and throws when it fails.
 #pragma once
 
-#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -11,6 +10,7 @@
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
 #include "work/HashedImage.h"
+#include "work/LocalSide.h"
 #include "work/RangeList.h"
 
 namespace kelvane::tool {
@@ -51,18 +51,21 @@ struct SyncArguments {
 // Which images were changed while a command used them; the others are recorded as they were.
 class Changes {
 public:
-    explicit Changes(std::initializer_list<HashedImage*> images);
+    explicit Changes(HashedImage& image);
+    Changes(Side& first, Side& second);
 
-    bool none() const { return m_paths.empty(); }
+    void add(const std::string& name, bool isUnchanged);
+
+    bool none() const { return m_names.empty(); }
     std::string text() const;
-    nlohmann::ordered_json json() const { return m_paths; }
+    nlohmann::ordered_json json() const { return m_names; }
 
 private:
-    std::vector<std::string> m_paths;
+    std::vector<std::string> m_names;
 };
 
-// Refuses what is a hash file.
-Image openImage(const std::string& path, Image::Access access);
+// The block size for both: what was asked for, or that of a hash file that is there; they must not differ.
+std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options);
 
 Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& common);
 Outcome info(const std::string& path);

@@ -1,21 +1,18 @@
 #include "commands/Commands.h"
 #include "terminal/Text.h"
 #include "work/Compare.h"
-#include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
 Outcome diff(const PairArguments& arguments, const Common& common)
 {
-    const Image first = openImage(arguments.first.image, Image::Access::Read);
-    const Image second = openImage(arguments.second.image, Image::Access::Read);
-    HashedPair pair(first, arguments.first.hashFile, second, arguments.second.hashFile, second.size(), common);
-    for (HashedImage* const side : {&pair.first, &pair.second}) {
-        side->adaptToImage();
-    }
-    Comparison found = compare(pair.first, pair.second);
-    append(found.differing, between(std::min(first.size(), second.size()), std::max(first.size(), second.size())));
-    const Changes changes({&pair.first, &pair.second});
+    LocalSide first(arguments.first.image, Image::Access::Read, arguments.first.hashFile, common);
+    LocalSide second(arguments.second.image, Image::Access::Read, arguments.second.hashFile, common);
+    const auto [least, most] = std::minmax(first.opening().size, second.opening().size);
+    const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
+    Comparison found = compare(first, second, {blockSize, 0, least});
+    append(found.differing, between(least, most));
+    const Changes changes(first, second);
 
     Outcome outcome;
     const bool isEqual = found.differing.empty();
@@ -25,22 +22,23 @@ Outcome diff(const PairArguments& arguments, const Common& common)
                     {"bytes", bytes},
                     {"comparisons", found.comparisons},
                     {"bytesRead", found.bytesRead},
-                    {"sizes", {first.size(), second.size()}},
-                    {"freshness", {pair.first.json(), pair.second.json()}},
+                    {"sizes", {first.opening().size, second.opening().size}},
+                    {"freshness", {first.freshness(), second.freshness()}},
                     {"changedMeanwhile", changes.json()},
                     {"differing", nlohmann::ordered_json::array()}};
     for (const Range& range : found.differing) {
-        const std::int64_t offset = pair.first.hashFile().onDevice(range.offset);
+        const std::int64_t offset = first.started().partitionOffset + range.offset;
         outcome.text += std::to_string(offset) + " + " + std::to_string(range.length) + "\n";
         outcome.json["differing"].push_back({{"offset", offset}, {"length", range.length}});
     }
-    if (first.size() != second.size()) {
-        outcome.text += "sizes: " + counted(first.size(), "byte") + " and " + counted(second.size(), "byte") + "\n";
+    if (least != most) {
+        outcome.text += "sizes: " + counted(first.opening().size, "byte") + " and "
+            + counted(second.opening().size, "byte") + "\n";
     }
-    outcome.text += pair.first.text() + pair.second.text() + changes.text();
-    outcome.text += (isEqual ? "equal"
-                             : "different: " + counted(bytes, "byte") + " in "
-                             + counted(static_cast<std::int64_t>(found.differing.size()), "range"))
+    outcome.text += first.remarks() + second.remarks() + changes.text();
+    outcome.text
+        += (isEqual ? "equal"
+                    : "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range"))
         + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte") + " of data read\n";
     return outcome;
 }

@@ -29,7 +29,7 @@ Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevi
     const Store::Hash value = range.length > 0
         ? Store(hashFile.path(), hashFile.geometry(), Store::Access::Read).hash(range, image, bytesRead)
         : BlakeHash().get_hash(nullptr, 0);
-    const Changes changes({&hashed});
+    const Changes changes(hashed);
     Outcome outcome;
     outcome.good = changes.none();
     outcome.text = hexadecimal(value) + "  " + image.path() + "\n" + changes.text();

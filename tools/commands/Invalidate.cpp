@@ -66,7 +66,7 @@ Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& w
     }
     hashed.flushHashes();
     hashed.believe(isBelieved); // all that changed was told
-    const Changes changes({&hashed});
+    const Changes changes(hashed);
 
     Outcome outcome;
     outcome.good = changes.none();

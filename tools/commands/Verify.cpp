@@ -59,7 +59,7 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
         hashFile.store().sync();
     }
     hashed.believe(all && recorded == image.size() && (bad.empty() || how.mark)); // then all that it knows is true
-    const Changes changes({&hashed});
+    const Changes changes(hashed);
 
     const std::int64_t checked = (traffic.read + traffic.holes) / blockSize;
     Outcome outcome;

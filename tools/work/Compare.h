@@ -7,23 +7,21 @@
 #include <vector>
 
 #include "base/Range.h"
-#include "work/HashedImage.h"
+#include "work/Side.h"
 
 namespace kelvane::tool {
 
 struct Comparison {
     std::vector<Range> differing; // ascending, of whole blocks but for the images' ends
-    std::int64_t comparisons = 0; // pairs of range hashes
+    std::int64_t comparisons = 0; // pairs of hashes
     std::int64_t bytesRead = 0;   // from both images
 };
 
-// Completes the hashes of both, then halves ranges whose hashes differ. What only one image has, behind
-// the end of the other, is not looked at.
-Comparison compare(HashedImage& first, HashedImage& second);
+// Starts both, and compares level by level what `start` says.
+Comparison compare(Side& first, Side& second, const Start& start);
 
-// Compares the bytes of a range of two images; the offset of the first one that differs. `advance` is told how much
-// was compared.
-std::optional<std::int64_t> firstDifference(const Image& first, const Image& second, Range range,
+// Reads both again; the offset of the first byte in a range that differs. `advance` is told how much was compared.
+std::optional<std::int64_t> firstDifference(Side& first, Side& second, Range range,
                                             const std::function<void(std::int64_t)>& advance);
 
 } // namespace kelvane::tool

@@ -4,116 +4,104 @@
 #include <cstring>
 
 #include "base/Interrupt.h"
+#include "work/Side.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr std::int64_t BATCH = 32 << 20; // bytes that are copied between two flushes, and kept in memory
+constexpr std::int64_t BATCH = 32 << 20; // bytes that are written between two flushes, and kept in memory
 constexpr std::size_t MOST_PARTS = 4096;
-
-bool isAllZeros(const char* data, std::int64_t length)
-{
-    return data[0] == 0 && std::memcmp(data, data + 1, static_cast<std::size_t>(length) - 1) == 0;
-}
 
 } // namespace
 
-Copier::Copier(const Image& source, Image& destination, HashedImage& hashed, bool isSparse, Progress& progress)
-    : m_source(source)
-    , m_destination(destination)
+Copier::Copier(Image& destination, HashedImage& hashed, bool isSparse)
+    : m_destination(destination)
     , m_hashed(hashed)
     , m_isSparse(isSparse)
-    , m_progress(progress)
     , m_blockSize(hashed.store().blockSize())
-    , m_room(std::min(std::max(BATCH, m_blockSize), source.size()))
+    , m_room(std::min(std::max(BATCH, m_blockSize), destination.size()))
     , m_buffer(std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(m_room)))
 {
 }
 
-void Copier::copy(const std::vector<Range>& ranges)
+bool Copier::isOfWholeBlocks(Range range) const
 {
-    for (Range rest : ranges) {
-        while (rest.length > 0) {
-            const std::int64_t data = roundDown(m_source.nextData(rest.offset, rest.end()).offset, m_blockSize);
-            const bool isHole = data > rest.offset;
-            const std::int64_t longest
-                = isHole ? holeSliceSize(m_blockSize) : std::max(m_blockSize, roundDown(m_room, m_blockSize));
-            const Range next
-                = between(rest.offset, std::min({isHole ? data : rest.end(), rest.end(), rest.offset + longest}));
-            add(next, isHole);
-            rest = between(next.end(), rest.end());
-        }
-    }
-    flush();
+    return range.offset % m_blockSize == 0 && (range.end() % m_blockSize == 0 || range.end() == m_destination.size());
 }
 
-void Copier::add(Range range, bool isHole)
+// At the start of a block, for all of it.
+void Copier::makeRoom(Range range)
 {
-    if (m_batch.size() == MOST_PARTS || (!isHole && m_taken + range.length > m_room)) {
+    const std::int64_t needed = std::max(range.length, std::min(m_blockSize, m_destination.size() - range.offset));
+    if (range.offset % m_blockSize == 0 && (m_batch.size() >= MOST_PARTS || m_taken + needed > m_room)) {
         flush();
     }
-    m_batch.push_back({range, isHole, isHole ? nullptr : m_buffer.get() + m_taken});
-    m_taken += isHole ? 0 : range.length;
+}
+
+void Copier::write(Range range, const char* data)
+{
+    if (data == nullptr && isOfWholeBlocks(range)) {
+        if (m_batch.size() >= MOST_PARTS) {
+            flush();
+        }
+        m_batch.push_back({range, nullptr});
+        return;
+    }
+    if (data == nullptr && range.length > LONGEST_PIECE) {
+        for (Range rest = range; rest.length > 0;) {
+            const Range piece = {rest.offset, std::min(LONGEST_PIECE, rest.length)};
+            write(piece, nullptr);
+            rest = between(piece.end(), range.end());
+        }
+        return;
+    }
+    makeRoom(range);
+    char* const place = m_buffer.get() + m_taken;
+    const auto length = static_cast<std::size_t>(range.length);
+    data == nullptr ? std::memset(place, 0, length) : std::memcpy(place, data, length);
+    m_taken += range.length;
+    if (!m_batch.empty() && m_batch.back().data != nullptr && m_batch.back().range.end() == range.offset) {
+        m_batch.back().range.length += range.length;
+    } else {
+        m_batch.push_back({range, place});
+    }
 }
 
 void Copier::flush()
 {
     throwWhenInterrupted();
-    m_hashed.markChanging();
-    Store& store = m_hashed.store();
-    for (const Part& part : m_batch) {
-        store.invalidate(part.range);
+    if (m_batch.empty()) {
+        return;
     }
-    store.sync();
-    const std::vector<Part> parts = readBatch();
+    m_hashed.markChanging();
+    for (const Part& part : m_batch) {
+        m_hashed.store().invalidate(part.range);
+    }
+    m_hashed.store().sync();
     m_foundForeignChange = !m_hashed.changeImage([&] {
-        for (const Part& part : parts) {
-            write(part);
+        for (const Part& part : m_batch) {
+            put(part);
         }
     }) || m_foundForeignChange;
-    for (const Part& part : parts) {
-        part.isZeros ? store.zero(part.range) : store.update(part.range, part.data);
-        m_progress.advance(part.range.length);
+    for (const Part& part : m_batch) {
+        part.data == nullptr ? m_hashed.store().zero(part.range) : m_hashed.store().update(part.range, part.data);
     }
     m_batch.clear();
     m_taken = 0;
 }
 
-// Reads the data of the batch, and cuts it into stretches of blocks with and without content.
-std::vector<Copier::Part> Copier::readBatch()
+void Copier::put(const Part& part)
 {
-    std::vector<Part> parts;
-    for (const Part& part : m_batch) {
-        if (part.isZeros) {
-            parts.push_back(part);
-            continue;
-        }
-        m_source.read(part.data, part.range);
-        for (std::int64_t at = 0; at < part.range.length; at += m_blockSize) {
-            const std::int64_t length = std::min(m_blockSize, part.range.length - at);
-            const bool isZeros = m_isSparse && isAllZeros(part.data + at, length);
-            if (at > 0 && parts.back().isZeros == isZeros) {
-                parts.back().range.length += length;
-            } else {
-                parts.push_back({{part.range.offset + at, length}, isZeros, part.data + at});
-            }
-        }
-    }
-    return parts;
+    part.data == nullptr ? putZeros(part.range) : m_destination.write(part.data, part.range);
 }
 
-void Copier::write(const Part& part)
+void Copier::putZeros(Range range)
 {
-    if (part.isZeros && m_isSparse && m_destination.punch(part.range)) {
+    if (m_isSparse && m_destination.punch(range)) {
         return;
     }
-    part.data == nullptr ? writeZeros(part.range) : m_destination.write(part.data, part.range);
-}
-
-void Copier::writeZeros(Range range)
-{
-    const std::vector<char> zeros(1 << 20);
+    const std::vector<char> zeros(LONGEST_PIECE);
     while (range.length > 0) {
         const Range piece = between(range.offset, std::min(range.end(), range.offset + std::ssize(zeros)));
         m_destination.write(zeros.data(), piece);

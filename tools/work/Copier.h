@@ -1,4 +1,4 @@
-// Copies ranges from one image to another so that no crash leaves a hash of bytes that are not there.
+// Writes data to an image so that no crash leaves a hash of bytes that are not there.
 #pragma once
 
 #include <memory>
@@ -6,40 +6,39 @@
 
 #include "base/Range.h"
 #include "image/Image.h"
-#include "terminal/Progress.h"
 #include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
-// The hashes of a range are forgotten on the disk before it is written, and stored after it is on the disk.
+// In batches: the hashes of a batch are forgotten on the disk before it is written, and stored after it is on the disk.
 class Copier {
 public:
     // `isSparse`: zeros become holes.
-    Copier(const Image& source, Image& destination, HashedImage& hashed, bool isSparse, Progress& progress);
+    Copier(Image& destination, HashedImage& hashed, bool isSparse);
 
-    // Ascending ranges of whole blocks, but for the image's end.
-    void copy(const std::vector<Range>& ranges);
+    // Ascending ranges, together whole blocks but for the image's end; null is zeros.
+    void write(Range range, const char* data);
+
+    // The rest, too. To be called between whole blocks.
+    void flush();
 
     bool foundForeignChange() const { return m_foundForeignChange; }
 
 private:
     struct Part {
         Range range;
-        bool isZeros;
-        char* data; // null for a hole
+        char* data; // null for zeros
     };
 
-    void add(Range range, bool isHole);
-    void flush();
-    std::vector<Part> readBatch();
-    void write(const Part& part);
-    void writeZeros(Range range);
+    bool isOfWholeBlocks(Range range) const;
+    void makeRoom(Range range);
+    void store(const Part& part);
+    void put(const Part& part);
+    void putZeros(Range range);
 
-    const Image& m_source;
     Image& m_destination;
     HashedImage& m_hashed;
     bool m_isSparse;
-    Progress& m_progress;
     std::int64_t m_blockSize;
     std::int64_t m_room;
     std::unique_ptr<char[]> m_buffer;

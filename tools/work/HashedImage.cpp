@@ -15,32 +15,6 @@ namespace {
 
 constexpr const char* CHANGED = "it was changed since";
 
-std::optional<std::uint32_t> blockSizeAt(const std::string& hashFilePath)
-{
-    std::error_code error;
-    return std::filesystem::exists(hashFilePath, error) ? std::optional(inspect(hashFilePath).block_size_in_bytes())
-                                                        : std::nullopt;
-}
-
-// A hash file that has to be made takes its block size from the other one.
-HashFileOptions withBlockSizeOf(HashFileOptions options, const Image& image, const Image& otherImage,
-                                const HashFileOptions& otherOptions)
-{
-    const std::string path = options.pathFor(image);
-    const std::string otherPath = otherOptions.pathFor(otherImage);
-    const auto own = blockSizeAt(path);
-    const auto other = blockSizeAt(otherPath);
-    if (own && other && *own != *other) {
-        throw Failure(path,
-                      "its blocks have " + counted(*own, "byte") + ", those of " + otherPath + " "
-                          + counted(*other, "byte") + "; name another hash file for one of the images");
-    }
-    if (!options.blockSize) {
-        options.blockSize = own ? own : other;
-    }
-    return options;
-}
-
 ImageState flushedState(const Image& image, ProgressMode mode)
 {
     Progress progress("flush", 0, mode == ProgressMode::Json ? ProgressMode::None : mode);
@@ -211,19 +185,6 @@ nlohmann::ordered_json HashedImage::json() const
             {"doubt", m_doubt},
             {"checkedBlocks", m_checked.load()},
             {"repairedBlocks", m_repaired.load()}};
-}
-
-HashedPair::HashedPair(const Image& firstImage, const HashFileOptions& firstOptions, const Image& secondImage,
-                       const HashFileOptions& secondOptions, std::int64_t secondSize, const Common& common)
-    : first(firstImage,
-            HashFile::openOrCreate(firstImage, withBlockSizeOf(firstOptions, firstImage, secondImage, secondOptions),
-                                   firstImage.size(), common.progress),
-            common)
-    , second(secondImage,
-             HashFile::openOrCreate(secondImage, withBlockSizeOf(secondOptions, secondImage, firstImage, firstOptions),
-                                    secondSize, common.progress),
-             common)
-{
 }
 
 } // namespace kelvane::tool

@@ -102,13 +102,4 @@ private:
     std::atomic<std::int64_t> m_repaired = 0;
 };
 
-// Two images with one block size. The hash file of the second one, if it has to be made, is made for `secondSize`.
-struct HashedPair {
-    HashedPair(const Image& firstImage, const HashFileOptions& firstOptions, const Image& secondImage,
-               const HashFileOptions& secondOptions, std::int64_t secondSize, const Common& common);
-
-    HashedImage first;
-    HashedImage second;
-};
-
 } // namespace kelvane::tool

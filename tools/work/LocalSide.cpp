@@ -1,0 +1,228 @@
+#include "work/LocalSide.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <kelvane/BlakeHash.h>
+#include <utility>
+
+#include "base/Failure.h"
+#include "base/Interrupt.h"
+#include "image/MappedData.h"
+#include "terminal/Text.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+constexpr int SLICE = 18; // the level up to which the store hashes a node's blocks at once: bounds its memory
+
+bool isAllZeros(const char* data, std::int64_t length)
+{
+    return data[0] == 0 && std::memcmp(data, data + 1, static_cast<std::size_t>(length) - 1) == 0;
+}
+
+std::optional<std::uint32_t> blockSizeAt(const std::string& hashFilePath)
+{
+    std::error_code error;
+    return std::filesystem::exists(hashFilePath, error) ? std::optional(inspect(hashFilePath).block_size_in_bytes())
+                                                        : std::nullopt;
+}
+
+} // namespace
+
+Image openImage(const std::string& path, Image::Access access)
+{
+    Image image(path, access);
+    if (!image.isMissing() && isHashFile(path)) {
+        throw Failure(path, "this is a hash file, not an image");
+    }
+    return image;
+}
+
+LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common)
+    : m_image(openImage(path, access))
+    , m_isDestination(access != Image::Access::Read)
+    , m_options(std::move(options))
+    , m_common(common)
+    , m_opening {m_image.size(), m_image.isMissing(), m_image.isBlockDevice(), m_options.pathFor(m_image),
+                 blockSizeAt(m_options.pathFor(m_image))}
+{
+}
+
+void LocalSide::openHashes(const Start& start)
+{
+    m_options.blockSize = start.blockSize;
+    m_hashed.emplace(m_image,
+                     HashFile::openOrCreate(m_image, m_options, m_isDestination ? start.targetSize : m_image.size(),
+                                            m_common.progress),
+                     m_common);
+}
+
+void LocalSide::start(const Start& start)
+{
+    m_isDestination ? prepare(start.targetSize) : m_hashed->adaptToImage();
+    m_hashed->complete(m_hashed->believes() ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
+    const Geometry& geometry = m_hashed->hashFile().geometry();
+    m_started = {geometry.partitionOffset, m_hashed->traffic().read};
+    m_blockSize = geometry.blockSize;
+    m_compared = roundDown(start.compared, m_blockSize);
+}
+
+// Makes the destination what its hash file is to describe: there, and of that size.
+void LocalSide::prepare(std::int64_t size)
+{
+    const bool fits = m_hashed->hashFile().geometry().targetSize == size;
+    if (!m_image.isMissing() && m_image.size() == size && fits) {
+        return;
+    }
+    m_hashed->markChanging();
+    if (m_image.isMissing()) {
+        m_image.create();
+        m_hashed->takeState();
+    }
+    const auto resizeImage = [&] {
+        if (m_image.size() != size && !m_hashed->changeImage([&] { m_image.resize(size); })) {
+            m_hashed->believe(false);
+        }
+    };
+    if (fits) {
+        resizeImage();
+    } else {
+        m_hashed->resize(size, resizeImage);
+    }
+}
+
+Range LocalSide::rangeOf(int level, std::int64_t index) const
+{
+    const std::int64_t blocks = m_compared / m_blockSize;
+    const auto position = [&](std::int64_t node) {
+        return node > blocks >> level ? m_compared : std::min(m_compared, (node << level) * m_blockSize);
+    };
+    return between(position(index), position(index + 1));
+}
+
+Digest LocalSide::digestOf(Range blocks)
+{
+    std::atomic<std::int64_t> bytesRead = 0; // all is known
+    return m_hashed->store().hash(blocks, m_image, bytesRead);
+}
+
+// That of a node above the slices is the hash of its slices' hashes.
+Digest LocalSide::digestOfNode(int level, std::int64_t index)
+{
+    throwWhenInterrupted();
+    const Range range = rangeOf(level, index);
+    if (range.length == 0) {
+        return BlakeHash().get_hash(nullptr, 0);
+    }
+    if (level <= SLICE) {
+        return digestOf(range);
+    }
+    const std::int64_t sliceSize = (std::int64_t {1} << SLICE) * m_blockSize;
+    m_slices.resize(static_cast<std::size_t>(roundUp(m_compared, sliceSize) / sliceSize));
+    std::vector<unsigned char> digests;
+    for (std::int64_t slice = range.offset / sliceSize; slice * sliceSize < range.end(); ++slice) {
+        Digest& digest = m_slices[static_cast<std::size_t>(slice)];
+        if (digest.empty()) {
+            digest = digestOf(rangeOf(SLICE, slice));
+        }
+        digests.insert(digests.end(), digest.begin(), digest.end());
+    }
+    return BlakeHash().get_hash(digests.data(), std::ssize(digests));
+}
+
+void LocalSide::ask(const Nodes& nodes)
+{
+    std::vector<Digest>& digests = m_digests.emplace_back();
+    for (const std::int64_t index : nodes.indexes) {
+        digests.push_back(digestOfNode(nodes.level, index));
+    }
+}
+
+void LocalSide::askBytes(Range range, std::int64_t unit)
+{
+    std::vector<Digest>& digests = m_digests.emplace_back();
+    while (range.length > 0) {
+        throwWhenInterrupted();
+        const Range piece = {range.offset, std::min(unit, range.length)};
+        const MappedData data(m_image, piece);
+        digests.push_back(BlakeHash().get_hash(data.get(), piece.length));
+        if (!data.isWhole()) {
+            data.fail();
+        }
+        range = between(piece.end(), range.end());
+    }
+}
+
+std::vector<Digest> LocalSide::digests()
+{
+    std::vector<Digest> oldest = std::move(m_digests.front());
+    m_digests.pop_front();
+    return oldest;
+}
+
+void LocalSide::read(const std::vector<Range>& ranges, const Sink& sink)
+{
+    const std::int64_t blockSize = m_blockSize;
+    const std::int64_t longest = blockSize < LONGEST_PIECE ? roundDown(LONGEST_PIECE, blockSize) : LONGEST_PIECE;
+    for (Range rest : ranges) {
+        while (rest.length > 0) {
+            throwWhenInterrupted();
+            const Range data = m_image.nextData(rest.offset, rest.end());
+            const Range hole = between(rest.offset, std::max(rest.offset, roundDown(data.offset, blockSize)));
+            const bool isHole = hole.length > 0;
+            const Range piece = isHole
+                ? between(hole.offset, std::min(hole.end(), hole.offset + holeSliceSize(blockSize)))
+                : between(rest.offset,
+                          std::min({rest.end(), rest.offset + longest, std::max(data.end(), rest.offset + blockSize)}));
+            isHole ? sink(piece, nullptr) : readPiece(piece, sink);
+            rest = between(piece.end(), rest.end());
+        }
+    }
+}
+
+// Stretches of blocks with content, and of zeros.
+void LocalSide::readPiece(Range piece, const Sink& sink)
+{
+    const std::int64_t unit = std::min(m_blockSize, LONGEST_PIECE);
+    const MappedData data(m_image, piece);
+    std::vector<Range> stretches;
+    std::vector<bool> areZeros;
+    for (std::int64_t at = 0; at < piece.length; at += unit) {
+        const std::int64_t length = std::min(unit, piece.length - at);
+        const bool isZeros = isAllZeros(data.get() + at, length);
+        if (at > 0 && areZeros.back() == isZeros) {
+            stretches.back().length += length;
+        } else {
+            stretches.push_back({piece.offset + at, length});
+            areZeros.push_back(isZeros);
+        }
+    }
+    for (std::size_t i = 0; i < stretches.size(); ++i) {
+        sink(stretches[i], areZeros[i] ? nullptr : data.get() + (stretches[i].offset - piece.offset));
+    }
+    if (!data.isWhole()) {
+        data.fail();
+    }
+}
+
+void LocalSide::startWriting(bool isSparse)
+{
+    m_copier = std::make_unique<Copier>(m_image, *m_hashed, isSparse);
+}
+
+bool LocalSide::finishWriting()
+{
+    m_copier->flush();
+    m_hashed->flushHashes();
+    return !m_copier->foundForeignChange();
+}
+
+void LocalSide::distrust()
+{
+    m_hashed->markChanging();
+    m_hashed->believe(false);
+}
+
+} // namespace kelvane::tool

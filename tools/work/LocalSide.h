@@ -1,0 +1,69 @@
+// A side on this machine.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hash_file/HashFile.h"
+#include "image/Image.h"
+#include "work/Copier.h"
+#include "work/HashedImage.h"
+#include "work/Side.h"
+
+namespace kelvane::tool {
+
+// Refuses an image that is a hash file.
+Image openImage(const std::string& path, Image::Access access);
+
+class LocalSide : public Side {
+public:
+    LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common);
+
+    const Image& image() const { return m_image; }
+
+    const std::string& name() const override { return m_image.path(); }
+    bool isFar() const override { return false; }
+    const Opening& opening() const override { return m_opening; }
+    void openHashes(const Start& start) override;
+    void start(const Start& start) override;
+    const Started& started() override { return m_started; }
+    void ask(const Nodes& nodes) override;
+    void askBytes(Range range, std::int64_t unit) override;
+    std::vector<Digest> digests() override;
+    void dropCache() override { m_image.dropCache(); }
+    void read(const std::vector<Range>& ranges, const Sink& sink) override;
+    void startWriting(bool isSparse) override;
+    void write(Range range, const char* data) override { m_copier->write(range, data); }
+    bool finishWriting() override;
+    void distrust() override;
+    bool conclude() override { return m_hashed->conclude(); }
+    std::string remarks() const override { return m_hashed->text(); }
+    nlohmann::ordered_json freshness() const override { return m_hashed->json(); }
+
+    // The aggregate hash of whole blocks, from what is known of them.
+    Digest digestOf(Range blocks);
+
+private:
+    void prepare(std::int64_t size);
+    void readPiece(Range piece, const Sink& sink);
+    Range rangeOf(int level, std::int64_t index) const;
+    Digest digestOfNode(int level, std::int64_t index);
+
+    Image m_image;
+    bool m_isDestination;
+    HashFileOptions m_options;
+    const Common& m_common;
+    Opening m_opening;
+    std::optional<HashedImage> m_hashed;
+    Started m_started;
+    std::int64_t m_blockSize = 0;
+    std::int64_t m_compared = 0;  // whole blocks
+    std::vector<Digest> m_slices; // digests of nodes that are put together from
+    std::deque<std::vector<Digest>> m_digests;
+    std::unique_ptr<Copier> m_copier;
+};
+
+} // namespace kelvane::tool

@@ -1,0 +1,101 @@
+// One of the two images that a command compares or makes equal, here or on another machine.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <kelvane/BlockHashStore.h>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Range.h"
+
+namespace kelvane::tool {
+
+using Digest = BlockHashStore::HashValue;
+
+// Blocks in a tree: node `index` of level `level` is the blocks from index << level on, 1 << level of them, as far as
+// there are so many whole ones.
+struct Nodes {
+    static constexpr int HIGHEST = 62;
+    static constexpr int FAN_OUT = 5; // a node's children are that many levels below it
+
+    int level = 0;
+    std::vector<std::int64_t> indexes; // ascending
+};
+
+// What there is before anything was changed.
+struct Opening {
+    std::int64_t size = 0; // 0 where there is no image yet
+    bool isMissing = false;
+    bool isBlockDevice = false;
+    std::string hashFile;
+    std::optional<std::uint32_t> blockSize; // of the hash file, when there is one
+};
+
+struct Start {
+    std::uint32_t blockSize = 0;
+    std::int64_t targetSize = 0; // to which a destination is brought
+    std::int64_t compared = 0;   // how much of the image will be compared
+};
+
+struct Started {
+    std::int64_t partitionOffset = 0;
+    std::int64_t bytesRead = 0;
+};
+
+// Ranges come in ascending order, and no stretch is longer than this, but for one of zeros, whose data is null.
+constexpr std::int64_t LONGEST_PIECE = 1 << 20;
+using Sink = std::function<void(Range range, const char* data)>;
+
+// In the order of a command: `openHashes`, `start`, what is asked, `conclude`. What takes long is asked of both sides
+// before either one is waited for; answers come in the order of the questions. Every failure is a Failure that names
+// the side.
+class Side {
+public:
+    virtual ~Side() = default;
+
+    virtual const std::string& name() const = 0;
+    virtual bool isFar() const = 0; // best asked first
+    virtual const Opening& opening() const = 0;
+
+    // Opens the hash file, or makes it. To be called for both before either is started, for no image is touched
+    // before. A far side does that when it is started.
+    virtual void openHashes(const Start& start) = 0;
+
+    // A destination is brought to its size; then the hashes are made known. Waited for by `started`.
+    virtual void start(const Start& start) = 0;
+    virtual const Started& started() = 0;
+
+    // The hashes of nodes, at most MOST_NODES; waited for by `digests`, which has as many.
+    static constexpr std::size_t MOST_NODES = 8192;
+    virtual void ask(const Nodes& nodes) = 0;
+    virtual std::vector<Digest> digests() = 0;
+
+    // The hashes of the bytes of a range in units, at most MOST_NODES of them; waited for by `digests`.
+    virtual void askBytes(Range range, std::int64_t unit) = 0;
+
+    // What is read from now on comes from the disk, where the system can be made to read it.
+    virtual void dropCache() = 0;
+
+    // Gives the data of ranges of whole blocks, but for the image's end.
+    virtual void read(const std::vector<Range>& ranges, const Sink& sink) = 0;
+
+    // Of a destination. `isSparse`: zeros become holes. Where something else changed it meanwhile, that is told in the
+    // end; false then.
+    virtual void startWriting(bool isSparse) = 0;
+    virtual void write(Range range, const char* data) = 0;
+    virtual bool finishWriting() = 0;
+
+    // What the hashes say of the data has turned out to be wrong.
+    virtual void distrust() = 0;
+
+    // The last one. False when the image was changed while it was used.
+    virtual bool conclude() = 0;
+
+    virtual std::string remarks() const = 0; // lines about what was checked
+    virtual nlohmann::ordered_json freshness() const = 0;
+};
+
+} // namespace kelvane::tool
