@@ -75,7 +75,7 @@ TEST(LoggerTest, TakesWhatAStreamTakes)
     EXPECT_EQ(log([](Logger&& line) { line << 10 << std::hex << ' ' << 255 << std::endl
                                            << std::flush; }),
               Lines {"10 ff"});
-    EXPECT_EQ(log([](Logger&& line) { line << "a\nb" << std::endl; }), Lines {"a\nb"});
+    EXPECT_EQ(log([](Logger&& line) { line << "a" << std::endl << "b"; }), Lines {"a\nb"});
 }
 
 // A sink may log, and may be replaced while another thread is in it; it then lives until that has left it.

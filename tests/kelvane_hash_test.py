@@ -103,6 +103,7 @@ def judged(image, doubt="", checked=0, repaired=0):
 
 
 SINCE, TORN = "it was changed since", "the hash file was changed or replaced since they were recorded as true"
+CUT_SHORT = "the last run was cut short, or it was changed while that ran"
 NO_RECORD = "no record says that they are true of it"
 BUILD = dict(hashFile="a.hashes", created=False, blockSize=BLOCK, knownBlocks=20, bytesRead=0, bytesOfHoles=0,
              bytesKnownBefore=20 * BLOCK, freshness=judged("a"), changedMeanwhile=False)
@@ -137,6 +138,7 @@ ANSWERS = [
     (wrong, "build a --assume-unchanged", 0, BUILD,
      "a.hashes: 20 blocks known\n0 bytes read, 0 bytes of holes, 80.00 KiB known before, in TIME\n"),
     (built, "verify a", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]), "a: 20 known blocks checked, 0 wrong\n"),
+    (built, "verify a --mark", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]), "a: 20 known blocks checked, 0 wrong\n"),
     (wrong, "verify a", 1, VERIFY,
      "wrong: 1060864 + 8192\nwrong: 1126400 + 4096\na: 20 known blocks checked, 3 wrong\n"),
     (wrong, "verify a --mark -j 1", 1, dict(VERIFY, marked=True),
@@ -199,12 +201,24 @@ class Answers(Case):
         for boot, doubt in (("first", "the machine was started again since"), ("first", ""),
                             ("second", "the machine was started again since")):
             self.assertEqual(self.json("build a", shim={"SHIM_BOOT": boot})["freshness"]["doubt"], doubt)
+        late = "it changes all the time, or its times of change lie in the future"
+        self.call("build a")
+        self.assertEqual(self.json("build a", shim={"SHIM_LATE": "99"})["freshness"]["doubt"], late)
+        self.call("build a --check", -signal.SIGKILL, shim={"SHIM_AT": "pwrite a.hashes,mmap a", "SHIM_DO": "9"})
+        self.json("build a")
+        flip("a", 5 * BLOCK)
+        self.call("build a", -signal.SIGKILL, shim={"SHIM_AT": "pwrite a.hashes", "SHIM_DO": "9"})
+        self.assertEqual(self.json("build a")["freshness"]["doubt"], CUT_SHORT)
         changes = {"SHIM_AT": "mmap a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
         done = self.call("build a --check -j 1", 1, shim=changes)
         self.assertIn("changed: a was changed while", done.stdout)
         self.call("verify a")
         self.assertIn("unchanged", self.call("info a.hashes").stdout)
         shutil.copyfile("a", "b")
+        Path("c").write_bytes(bytes(50000))
+        self.check_complaint("build c --hash-file copy", "copy: made for .*an image of 82,020 bytes, not for c of 50,000")
+        shutil.copyfile("copy", "other")
+        self.check_complaint("build c --hash-file other", "other: made for an image of 82,020 bytes, not for c of 50,000")
         self.check_complaint("build b --hash-file a.hashes", "made for .*/a, an image of 82,020 bytes, not for b of")
         self.assertEqual(self.json("build b --hash-file a.hashes --adopt")["freshness"], judged("b", NO_RECORD, 20))
         Path("a.hashes.state").write_text(Path("a.hashes.state").read_text().replace("82020", "82021"))
@@ -361,7 +375,7 @@ class KelvaneHash(Case):
         """The image is written only while the hash file is on the disk, and the hash file only while the image is."""
         built()
         Path("a").write_bytes(randbytes(90 << 20))  # more than one batch
-        for command in "sync a b --adopt -j 1", "sync a b --check -j 2":
+        for command in "sync a b --adopt -j 1", "sync a b --check -j 2", "sync a b":
             unflushed, forgotten = set(), False
             for call in self.calls(command):
                 kind, name = call.split()
@@ -373,7 +387,7 @@ class KelvaneHash(Case):
                 elif kind == "fsync":
                     unflushed.discard(name)
             self.assertFalse(unflushed)
-            flip("b", *range(0, 90 << 20, 1 << 20))
+            flip("b" if "-j 1" in command else "a", *range(0, 90 << 20, 1 << 20))
         for name in "b", "b.hashes":
             fails = {"SHIM_AT": f"fsync {name}", "SHIM_DO": "fail"}
             self.check_complaint("sync a b", "b.*: cannot flush: Input/output", shim=fails)

@@ -5,6 +5,7 @@
 //     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
 //     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took
+//     SHIM_LATE   how many seconds the clock is late that files get their times from
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -153,6 +154,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
     constexpr std::int64_t SECOND = 1'000'000'000;
     static const char* const factor = std::getenv("SHIM_CLOCK");
+    static const char* const late = std::getenv("SHIM_LATE");
     static std::atomic<std::int64_t> start = 0;
     const int result = next("clock_gettime", clock_gettime)(clock, time);
     if (factor != nullptr && clock == CLOCK_MONOTONIC) {
@@ -162,6 +164,9 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
         const std::int64_t shown = first + (now - first) * std::atoi(factor);
         time->tv_sec = shown / SECOND;
         time->tv_nsec = shown % SECOND;
+    }
+    if (late != nullptr && clock == CLOCK_REALTIME_COARSE) {
+        time->tv_sec -= std::atoi(late);
     }
     return result;
 }

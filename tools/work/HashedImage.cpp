@@ -148,8 +148,7 @@ bool HashedImage::changeImage(const std::function<void()>& change)
     const ExclusiveUse use(m_image);
     const bool wasUnchanged = isUnchanged();
     change();
-    m_image.flush();
-    takeState();
+    takeState(); // which flushes it
     return wasUnchanged && !use.wasShared();
 }
 
