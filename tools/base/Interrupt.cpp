@@ -8,6 +8,7 @@ namespace kelvane::tool {
 namespace {
 
 std::atomic<int> received = 0;
+std::atomic<int> finishing = 0;
 static_assert(std::atomic<int>::is_always_lock_free, "set in a signal handler");
 
 extern "C" void rememberSignal(int signal)
@@ -32,9 +33,19 @@ int interruptSignal()
     return received;
 }
 
+LettingFinish::LettingFinish()
+{
+    ++finishing;
+}
+
+LettingFinish::~LettingFinish()
+{
+    --finishing;
+}
+
 void throwWhenInterrupted()
 {
-    if (received != 0) {
+    if (received != 0 && finishing == 0) {
         throw Interrupted();
     }
 }

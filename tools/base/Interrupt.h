@@ -18,4 +18,13 @@ int interruptSignal();
 
 void throwWhenInterrupted();
 
+// While one lives, nothing is interrupted: what was begun is brought to an end.
+class LettingFinish {
+public:
+    LettingFinish();
+    ~LettingFinish();
+    LettingFinish(const LettingFinish&) = delete;
+    LettingFinish& operator=(const LettingFinish&) = delete;
+};
+
 } // namespace kelvane::tool

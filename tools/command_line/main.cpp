@@ -52,6 +52,7 @@ public:
         addVerify();
         addDiff();
         addSync();
+        addServe();
         addInvalidate();
     }
 
@@ -204,6 +205,7 @@ private:
         CLI::App* const app
             = add("diff", "List the byte ranges in which two images differ; unknown hashes are computed and stored",
                   "diff yesterday.img today.img --json", [this] { return diff(m_pair, m_common); });
+        addRemote(app);
         addImage(app, m_pair.first, "A", "--hash-file-a");
         addImage(app, m_pair.second, "B", "--hash-file-b");
         addGeometry(app);
@@ -216,6 +218,7 @@ private:
         CLI::App* const app
             = add("sync", "Make an image equal to another one, copying only what differs",
                   "sync today.img backup.img --verify", [this] { return sync(m_pair, m_sync, m_common); });
+        addRemote(app);
         addImage(app, m_pair.first, "SOURCE", "--source-hash-file");
         addImage(app, m_pair.second, "DEST", "--dest-hash-file");
         addGeometry(app);
@@ -223,6 +226,35 @@ private:
         app->add_flag("!--no-sparse", m_sync.isSparse, "Write zeros, instead of making holes of them");
         addTrust(app);
         addWork(app);
+    }
+
+    void addRemote(CLI::App* app)
+    {
+        app->add_option("--rsh", m_pair.remote.rsh, "The command that leads to the other machine; default: ssh")
+            ->type_name("COMMAND");
+        app->add_option("--remote-program", m_pair.remote.program, "This program there; default: kelvane-hash")
+            ->type_name("PATH");
+        app->add_option_function<unsigned>(
+               "--timeout", [this](unsigned seconds) { m_pair.remote.timeout = std::chrono::seconds(seconds); },
+               "Seconds without a sign of life after which it is given up; default: 60")
+            ->check(CLI::Range(1U, 86400U).description(""))
+            ->type_name("N");
+        app->add_option("--compress", m_pair.remote.compression, "Compress data on its way, 1 (fast) to 19 (small)")
+            ->check(CLI::Range(1U, 19U).description(""))
+            ->expected(0, 1)
+            ->default_str("3")
+            ->type_name("LEVEL");
+        addSize(app, "--bwlimit", "Bytes of data per second at most, on their way to the other machine or back",
+                [this](std::int64_t size) { m_pair.remote.bytesPerSecond = size; });
+    }
+
+    void addServe()
+    {
+        CLI::App* const app = add("serve", "Be the other machine's side of diff and sync, on standard input and output",
+                                  "serve --root /srv/images --read-only", [this] { return serve(m_serve); });
+        app->add_option("--root", m_serve.root, "Serve no image or hash file outside of this directory")
+            ->type_name("DIR");
+        app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
     }
 
     void addInvalidate()
@@ -260,6 +292,7 @@ private:
     bool m_afterCrash = false;
     SyncArguments m_sync;
     InvalidateArguments m_invalidate;
+    ServeArguments m_serve;
     bool m_json = false;
     std::function<Outcome()> m_command;
 };

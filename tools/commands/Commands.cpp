@@ -33,6 +33,45 @@ std::string Changes::text() const
     return text;
 }
 
+namespace {
+
+std::unique_ptr<Side> openSide(const ImageArguments& arguments, bool isDestination, const RemoteOptions& remote,
+                               const Common& common)
+{
+    const std::optional<RemotePath> far = remotePath(arguments.image);
+    if (!far) {
+        const auto access = isDestination ? Image::Access::WriteOrMissing : Image::Access::Read;
+        return std::make_unique<LocalSide>(arguments.image, access, arguments.hashFile, common);
+    }
+    Open open;
+    open.hashFile = arguments.hashFile.path;
+    open.isDestination = isDestination;
+    open.adopts = arguments.hashFile.adopts;
+    open.trust = common.trust;
+    if (const auto offset = arguments.hashFile.partitionOffset) {
+        open.partitionOffset = static_cast<std::int64_t>(*offset);
+    }
+    return std::make_unique<RemoteSide>(*far, std::move(open), remote, common.progress);
+}
+
+} // namespace
+
+// The near one first: what is wrong with it needs no connection.
+Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& common)
+{
+    const bool isFirstFar = remotePath(arguments.first.image).has_value();
+    if (isFirstFar && remotePath(arguments.second.image)) {
+        throw Failure(arguments.second.image, "one of the two images must be on this machine");
+    }
+    if (!isFirstFar) {
+        first = openSide(arguments.first, false, arguments.remote, common);
+    }
+    second = openSide(arguments.second, writesSecond, arguments.remote, common);
+    if (isFirstFar) {
+        first = openSide(arguments.first, false, arguments.remote, common);
+    }
+}
+
 std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options)
 {
     const auto own = first.opening().blockSize;

@@ -1,6 +1,7 @@
 // The commands. Each one returns what it found, as text and as JSON, and throws when it fails.
 #pragma once
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -9,6 +10,8 @@
 #include "base/Range.h"
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
+#include "remote/RemoteSide.h"
+#include "remote/Server.h"
 #include "work/HashedImage.h"
 #include "work/LocalSide.h"
 #include "work/RangeList.h"
@@ -21,7 +24,7 @@ struct Outcome {
     nlohmann::ordered_json json;
 };
 
-struct ImageArguments {
+struct ImageArguments { // the image may be on another machine where a command says so
     std::string image;
     HashFileOptions hashFile;
 };
@@ -29,6 +32,7 @@ struct ImageArguments {
 struct PairArguments {
     ImageArguments first;
     ImageArguments second;
+    RemoteOptions remote;
 };
 
 struct VerifyArguments {
@@ -64,6 +68,14 @@ private:
     std::vector<std::string> m_names;
 };
 
+// At most one of them on another machine.
+struct Pair {
+    Pair(const PairArguments& arguments, bool writesSecond, const Common& common);
+
+    std::unique_ptr<Side> first;
+    std::unique_ptr<Side> second;
+};
+
 // The block size for both: what was asked for, or that of a hash file that is there; they must not differ.
 std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options);
 
@@ -73,6 +85,7 @@ Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevi
 Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common);
 Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common);
 Outcome diff(const PairArguments& arguments, const Common& common);
+Outcome serve(const ServeArguments& arguments);
 Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common);
 
 } // namespace kelvane::tool

@@ -6,8 +6,9 @@ namespace kelvane::tool {
 
 Outcome diff(const PairArguments& arguments, const Common& common)
 {
-    LocalSide first(arguments.first.image, Image::Access::Read, arguments.first.hashFile, common);
-    LocalSide second(arguments.second.image, Image::Access::Read, arguments.second.hashFile, common);
+    const Pair pair(arguments, false, common);
+    Side& first = *pair.first;
+    Side& second = *pair.second;
     const auto [least, most] = std::minmax(first.opening().size, second.opening().size);
     const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
     Comparison found = compare(first, second, {blockSize, 0, least});

@@ -13,7 +13,9 @@ namespace {
 void refuseUnfitPair(const Side& source, const Side& destination)
 {
     std::error_code error;
-    if (!destination.opening().isMissing && std::filesystem::equivalent(source.name(), destination.name(), error)) {
+    const bool areNear = !source.isFar() && !destination.isFar();
+    if (areNear && !destination.opening().isMissing
+        && std::filesystem::equivalent(source.name(), destination.name(), error)) {
         throw Failure(destination.name(), "this is the source itself");
     }
     if (destination.opening().isBlockDevice && destination.opening().size < source.opening().size) {
@@ -27,11 +29,16 @@ bool copy(Side& source, Side& destination, const std::vector<Range>& ranges, boo
 {
     Progress progress("copy", totalLength(ranges), mode);
     destination.startWriting(isSparse);
-    source.read(ranges, [&](Range range, const char* data) {
-        destination.write(range, data);
-        progress.advance(range.length);
-    });
-    return destination.finishWriting();
+    try {
+        source.read(ranges, destination.isFar(), [&](const Stretch& stretch) {
+            destination.write(stretch);
+            progress.advance(stretch.range.length);
+        });
+        return destination.finishWriting();
+    } catch (...) {
+        destination.abandon();
+        throw;
+    }
 }
 
 std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode mode)
@@ -48,8 +55,9 @@ std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode
 Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
-    LocalSide source(arguments.first.image, Image::Access::Read, arguments.first.hashFile, common);
-    LocalSide destination(arguments.second.image, Image::Access::WriteOrMissing, arguments.second.hashFile, common);
+    const Pair pair(arguments, true, common);
+    Side& source = *pair.first;
+    Side& destination = *pair.second;
     refuseUnfitPair(source, destination);
     const std::uint32_t blockSize = commonBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;

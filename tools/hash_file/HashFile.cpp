@@ -97,12 +97,14 @@ std::string HashFileOptions::pathFor(const Image& image) const
 class HashFile::Lock {
 public:
     // Nothing when there is no such file.
-    static std::shared_ptr<Lock> take(const std::string& path)
+    static std::shared_ptr<Lock> take(const std::string& path, bool isReadOnly)
     {
         for (;;) {
             auto lock = std::make_shared<Lock>();
-            lock->m_fd = openFile(path, O_RDWR | O_NONBLOCK);
-            if (!lock->m_fd && (errno == EACCES || errno == EPERM || errno == EROFS)) {
+            if (!isReadOnly) {
+                lock->m_fd = openFile(path, O_RDWR | O_NONBLOCK);
+            }
+            if (!lock->m_fd && (isReadOnly || errno == EACCES || errno == EPERM || errno == EROFS)) {
                 lock->m_isWritable = false;
                 lock->m_fd = openFile(path, O_RDONLY | O_NONBLOCK);
             }
@@ -157,9 +159,9 @@ HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock)
     reopenStore();
 }
 
-std::optional<HashFile> HashFile::open(const std::string& path)
+std::optional<HashFile> HashFile::open(const std::string& path, const HashFileOptions& options)
 {
-    std::shared_ptr<Lock> lock = Lock::take(path);
+    std::shared_ptr<Lock> lock = Lock::take(path, options.isReadOnly);
     return lock ? std::optional(HashFile(path, std::move(lock))) : std::nullopt;
 }
 
@@ -198,7 +200,7 @@ std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& 
 HashFile HashFile::openExisting(const Image& image, const HashFileOptions& options)
 {
     const std::string path = options.pathFor(image);
-    std::optional<HashFile> file = open(path);
+    std::optional<HashFile> file = open(path, options);
     if (!file) {
         throw Failure(path, "cannot open the hash file: " + errorText(ENOENT));
     }
@@ -211,10 +213,13 @@ HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& optio
 {
     const std::string path = options.pathFor(image);
     for (;;) {
-        if (std::optional<HashFile> file = open(path)) {
+        if (std::optional<HashFile> file = open(path, options)) {
             file->checkOptions(options);
             file->checkOwner(image, options);
             return std::move(*file);
+        }
+        if (options.isReadOnly) {
+            throw Failure(path, "there is no hash file, and none may be made");
         }
         if (std::optional<HashFile> file = make(path, geometryFor(image, options, targetSize), mode)) {
             return std::move(*file);

@@ -20,7 +20,8 @@ struct HashFileOptions {
     std::string path; // empty: the image's with ".hashes"
     std::optional<std::uint32_t> blockSize;
     std::optional<std::uint64_t> partitionOffset;
-    bool adopts = false; // takes over one that was made for another image
+    bool adopts = false;     // takes over one that was made for another image
+    bool isReadOnly = false; // is neither made nor written
 
     std::string pathFor(const Image& image) const;
 };
@@ -77,7 +78,7 @@ private:
 
     HashFile(std::string path, std::shared_ptr<Lock> lock);
 
-    static std::optional<HashFile> open(const std::string& path);
+    static std::optional<HashFile> open(const std::string& path, const HashFileOptions& options);
     static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
     void checkOptions(const HashFileOptions& options) const;
     void checkOwner(const Image& image, const HashFileOptions& options);

@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::chrono::milliseconds INTERVAL(100);
 
+Progress::Listener listener;
+
 } // namespace
 
 Progress::Progress(std::string phase, std::int64_t total, ProgressMode mode)
@@ -47,6 +49,17 @@ void Progress::announce()
     }
 }
 
+void Progress::listen(Listener next)
+{
+    listener = std::move(next);
+}
+
+void Progress::reach(std::int64_t bytes)
+{
+    m_worked = bytes;
+    show(false);
+}
+
 void Progress::advance(std::int64_t bytes)
 {
     m_worked += bytes;
@@ -61,7 +74,7 @@ void Progress::skip(std::int64_t bytes)
 
 void Progress::show(bool last)
 {
-    if (m_form == Form::None) {
+    if (m_form == Form::None && !listener) {
         return;
     }
     const std::unique_lock lock(m_showing, std::try_to_lock);
@@ -72,6 +85,10 @@ void Progress::show(bool last)
     m_shown = now;
     const std::int64_t worked = m_worked;
     const std::int64_t done = worked + m_skipped;
+    if (listener) {
+        listener(m_phase, done, m_total);
+        return;
+    }
     const double seconds = std::chrono::duration<double>(now - m_start).count();
     const double rate = seconds > 0 ? static_cast<double>(worked) / seconds : 0;
     const bool isSteady = seconds > 1; // before, a rate says little

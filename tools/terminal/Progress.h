@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -22,7 +23,13 @@ public:
 
     void announce(); // at once, for what has no steps
     void advance(std::int64_t bytes);
-    void skip(std::int64_t bytes); // done before, at no cost: says nothing about the time left
+    void reach(std::int64_t bytes); // in all, as somebody else counted them
+    void skip(std::int64_t bytes);  // done before, at no cost: says nothing about the time left
+
+    // Who is told of every progress, instead of standard error, at the same intervals; nobody when empty. For a program
+    // that has no terminal of its own.
+    using Listener = std::function<void(const std::string& phase, std::int64_t done, std::int64_t total)>;
+    static void listen(Listener listener);
 
 private:
     using Clock = std::chrono::steady_clock;

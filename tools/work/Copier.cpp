@@ -41,6 +41,7 @@ void Copier::makeRoom(Range range)
 
 void Copier::write(Range range, const char* data)
 {
+    throwWhenInterrupted();
     if (data == nullptr && isOfWholeBlocks(range)) {
         if (m_batch.size() >= MOST_PARTS) {
             flush();
@@ -68,9 +69,19 @@ void Copier::write(Range range, const char* data)
     }
 }
 
+void Copier::dropPartOfBlock()
+{
+    if (!m_batch.empty() && m_batch.back().range.end() != m_destination.size()) {
+        Range& last = m_batch.back().range;
+        last = between(last.offset, std::max(last.offset, roundDown(last.end(), m_blockSize)));
+        if (last.length == 0) {
+            m_batch.pop_back();
+        }
+    }
+}
+
 void Copier::flush()
 {
-    throwWhenInterrupted();
     if (m_batch.empty()) {
         return;
     }

@@ -22,6 +22,9 @@ public:
     // The rest, too. To be called between whole blocks.
     void flush();
 
+    // Makes that possible when the data has ended within a block.
+    void dropPartOfBlock();
+
     bool foundForeignChange() const { return m_foundForeignChange; }
 
 private:

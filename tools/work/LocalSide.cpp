@@ -162,7 +162,7 @@ std::vector<Digest> LocalSide::digests()
     return oldest;
 }
 
-void LocalSide::read(const std::vector<Range>& ranges, const Sink& sink)
+void LocalSide::read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink)
 {
     const std::int64_t blockSize = m_blockSize;
     const std::int64_t longest = blockSize < LONGEST_PIECE ? roundDown(LONGEST_PIECE, blockSize) : LONGEST_PIECE;
@@ -176,14 +176,14 @@ void LocalSide::read(const std::vector<Range>& ranges, const Sink& sink)
                 ? between(hole.offset, std::min(hole.end(), hole.offset + holeSliceSize(blockSize)))
                 : between(rest.offset,
                           std::min({rest.end(), rest.offset + longest, std::max(data.end(), rest.offset + blockSize)}));
-            isHole ? sink(piece, nullptr) : readPiece(piece, sink);
+            isHole ? sink({piece, nullptr, {}}) : readPiece(piece, withDigests, sink);
             rest = between(piece.end(), rest.end());
         }
     }
 }
 
 // Stretches of blocks with content, and of zeros.
-void LocalSide::readPiece(Range piece, const Sink& sink)
+void LocalSide::readPiece(Range piece, bool withDigests, const Sink& sink)
 {
     const std::int64_t unit = std::min(m_blockSize, LONGEST_PIECE);
     const MappedData data(m_image, piece);
@@ -200,7 +200,10 @@ void LocalSide::readPiece(Range piece, const Sink& sink)
         }
     }
     for (std::size_t i = 0; i < stretches.size(); ++i) {
-        sink(stretches[i], areZeros[i] ? nullptr : data.get() + (stretches[i].offset - piece.offset));
+        const Range range = stretches[i];
+        const bool hasDigest = withDigests && !areZeros[i] && range.length % m_blockSize == 0;
+        sink({range, areZeros[i] ? nullptr : data.get() + (range.offset - piece.offset),
+              hasDigest ? digestOf(range) : Digest()});
     }
     if (!data.isWhole()) {
         data.fail();
@@ -217,6 +220,21 @@ bool LocalSide::finishWriting()
     m_copier->flush();
     m_hashed->flushHashes();
     return !m_copier->foundForeignChange();
+}
+
+void LocalSide::abandon()
+{
+    const LettingFinish finishing;
+    try {
+        if (m_copier) {
+            m_copier->dropPartOfBlock();
+            m_copier->flush();
+            m_hashed->flushHashes();
+        }
+        m_hashed->conclude();
+    } catch (const Failure&) {
+        // The failure that came first is told.
+    }
 }
 
 void LocalSide::distrust()

@@ -34,10 +34,11 @@ public:
     void askBytes(Range range, std::int64_t unit) override;
     std::vector<Digest> digests() override;
     void dropCache() override { m_image.dropCache(); }
-    void read(const std::vector<Range>& ranges, const Sink& sink) override;
+    void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
     void startWriting(bool isSparse) override;
-    void write(Range range, const char* data) override { m_copier->write(range, data); }
+    void write(const Stretch& stretch) override { m_copier->write(stretch.range, stretch.data); }
     bool finishWriting() override;
+    void abandon() override;
     void distrust() override;
     bool conclude() override { return m_hashed->conclude(); }
     std::string remarks() const override { return m_hashed->text(); }
@@ -48,7 +49,7 @@ public:
 
 private:
     void prepare(std::int64_t size);
-    void readPiece(Range piece, const Sink& sink);
+    void readPiece(Range piece, bool withDigests, const Sink& sink);
     Range rangeOf(int level, std::int64_t index) const;
     Digest digestOfNode(int level, std::int64_t index);
 

@@ -45,9 +45,16 @@ struct Started {
     std::int64_t bytesRead = 0;
 };
 
-// Ranges come in ascending order, and no stretch is longer than this, but for one of zeros, whose data is null.
+// Stretches come in ascending order, and none is longer than this, but for zeros, whose data is null.
 constexpr std::int64_t LONGEST_PIECE = 1 << 20;
-using Sink = std::function<void(Range range, const char* data)>;
+
+struct Stretch {
+    Range range;
+    const char* data;
+    Digest digest; // the hash of the hashes of its blocks, as the giver knows them; may be empty
+};
+
+using Sink = std::function<void(const Stretch& stretch)>;
 
 // In the order of a command: `openHashes`, `start`, what is asked, `conclude`. What takes long is asked of both sides
 // before either one is waited for; answers come in the order of the questions. Every failure is a Failure that names
@@ -79,14 +86,18 @@ public:
     // What is read from now on comes from the disk, where the system can be made to read it.
     virtual void dropCache() = 0;
 
-    // Gives the data of ranges of whole blocks, but for the image's end.
-    virtual void read(const std::vector<Range>& ranges, const Sink& sink) = 0;
+    // Gives the data of ranges of whole blocks, but for the image's end. `withDigests`: where a stretch is of whole
+    // blocks, with its digest.
+    virtual void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) = 0;
 
     // Of a destination. `isSparse`: zeros become holes. Where something else changed it meanwhile, that is told in the
     // end; false then.
     virtual void startWriting(bool isSparse) = 0;
-    virtual void write(Range range, const char* data) = 0;
+    virtual void write(const Stretch& stretch) = 0;
     virtual bool finishWriting() = 0;
+
+    // Instead of all that follows, after a failure: what was written so far is kept and recorded.
+    virtual void abandon() = 0;
 
     // What the hashes say of the data has turned out to be wrong.
     virtual void distrust() = 0;

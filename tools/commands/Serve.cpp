@@ -1,0 +1,12 @@
+#include "commands/Commands.h"
+
+namespace kelvane::tool {
+
+Outcome serve(const ServeArguments& arguments)
+{
+    Outcome outcome;
+    outcome.good = serveOther(arguments);
+    return outcome;
+}
+
+} // namespace kelvane::tool

@@ -1,0 +1,172 @@
+#include "remote/Channel.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+#include "base/Interrupt.h"
+#include "remote/Wire.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+constexpr std::size_t HEADER = 5;        // a frame's length and type
+constexpr std::size_t AT_ONCE = 1 << 18; // bytes per read
+
+void makeNonBlocking(int fd)
+{
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
+std::string frameOf(FrameType type, const std::string& payload)
+{
+    return FieldWriter()
+        .u32(static_cast<std::uint32_t>(payload.size()))
+        .u8(static_cast<std::uint8_t>(type))
+        .bytes(payload.data(), payload.size())
+        .done();
+}
+
+} // namespace
+
+Channel::Channel(Descriptor in, Descriptor out, std::string peer)
+    : m_in(std::move(in))
+    , m_out(std::move(out))
+    , m_peer(std::move(peer))
+{
+    makeNonBlocking(m_in.get());
+    makeNonBlocking(m_out.get());
+}
+
+Channel::~Channel() = default;
+
+void Channel::setTimeout(std::chrono::seconds timeout)
+{
+    m_timeout = timeout;
+    m_life = std::jthread([this](const std::stop_token& stop) { showLife(stop); });
+}
+
+void Channel::showLife(const std::stop_token& stop)
+{
+    std::mutex mutex;
+    std::unique_lock lock(mutex);
+    const auto interval = std::chrono::milliseconds(m_timeout) / 4;
+    while (!m_ends.wait_for(lock, stop, interval, [&] { return stop.stop_requested(); })) {
+        sendIfIdle(FrameType::Alive);
+    }
+}
+
+// Small frames: a pipe that takes anything takes them whole.
+void Channel::sendIfIdle(FrameType type, const std::string& payload)
+{
+    const std::string frame = frameOf(type, payload);
+    const std::unique_lock sending(m_sending, std::try_to_lock);
+    pollfd out = {m_out.get(), POLLOUT, 0};
+    if (sending && frame.size() <= PIPE_BUF && ::poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0) {
+        [[maybe_unused]] const ssize_t count = ::write(m_out.get(), frame.data(), frame.size());
+    }
+}
+
+// While it writes it takes in what has arrived, for the other side may be waiting for that.
+void Channel::waitFor(bool writing)
+{
+    for (;;) {
+        throwWhenInterrupted();
+        pollfd both[] = {{m_in.get(), POLLIN, 0}, {m_out.get(), POLLOUT, 0}};
+        const bool hasRoom = m_received.size() - m_used < 2 * LARGEST_FRAME;
+        both[0].events = static_cast<short>(!writing || hasRoom ? POLLIN : 0);
+        const int ready = ::poll(both, writing ? 2 : 1, 100);
+        if (ready > 0 && both[0].revents != 0) {
+            readSome();
+        }
+        if (ready > 0 && (!writing || both[1].revents != 0)) {
+            return;
+        }
+        if (Clock::now() - m_heard > m_timeout) {
+            throw Failure(m_peer, "no sign of life for " + std::to_string(m_timeout.count()) + " seconds");
+        }
+    }
+}
+
+void Channel::readSome()
+{
+    m_received.erase(0, std::exchange(m_used, 0));
+    const std::size_t before = m_received.size();
+    m_received.resize(before + AT_ONCE);
+    const ssize_t count = ::read(m_in.get(), m_received.data() + before, AT_ONCE);
+    m_received.resize(before + static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+    if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
+        throw ChannelClosed(m_peer, "the connection was closed");
+    }
+    m_heard = count > 0 ? Clock::now() : m_heard;
+}
+
+void Channel::sendAll(const std::string& bytes)
+{
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t count = ::write(m_out.get(), bytes.data() + done, bytes.size() - done);
+        if (count >= 0) {
+            done += static_cast<std::size_t>(count);
+        } else if (errno == EAGAIN) {
+            waitFor(true);
+        } else if (errno != EINTR) {
+            throw ChannelClosed(m_peer, "the connection was closed");
+        }
+    }
+}
+
+void Channel::holdBack(std::size_t bytes)
+{
+    if (m_bytesPerSecond == 0) {
+        return;
+    }
+    while (Clock::now() < m_mayBeSent) {
+        throwWhenInterrupted();
+        std::this_thread::sleep_for(
+            std::min<Clock::duration>(m_mayBeSent - Clock::now(), std::chrono::milliseconds(100)));
+    }
+    const std::chrono::duration<double> taken(static_cast<double>(bytes) / static_cast<double>(m_bytesPerSecond));
+    m_mayBeSent = Clock::now() + std::chrono::duration_cast<Clock::duration>(taken);
+}
+
+void Channel::send(FrameType type, const std::string& payload)
+{
+    if (type == FrameType::Data) {
+        holdBack(payload.size());
+    }
+    const std::scoped_lock lock(m_sending);
+    sendAll(frameOf(type, payload));
+}
+
+Frame Channel::receive()
+{
+    for (;;) {
+        while (m_received.size() - m_used < HEADER) {
+            waitFor(false);
+        }
+        FieldReader header(std::string_view(m_received).substr(m_used, HEADER));
+        const std::uint32_t length = header.u32();
+        const std::uint8_t type = header.u8();
+        if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
+            || type > static_cast<std::uint8_t>(FrameType::Alive)) {
+            throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length)
+                                + " bytes");
+        }
+        while (m_received.size() - m_used < HEADER + length) {
+            waitFor(false);
+        }
+        Frame frame = {static_cast<FrameType>(type), m_received.substr(m_used + HEADER, length)};
+        m_used += HEADER + length;
+        if (frame.type != FrameType::Alive) {
+            return frame;
+        }
+    }
+}
+
+} // namespace kelvane::tool

@@ -1,0 +1,96 @@
+// Frames to and from the other side, over two pipes.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+#include "base/Descriptor.h"
+#include "base/Failure.h"
+
+namespace kelvane::tool {
+
+enum class FrameType : std::uint8_t {
+    Hello = 1,
+    Open,
+    Opened,
+    Start,
+    Started,
+    Progress,
+    AskNodes,
+    AskBytes,
+    Digests,
+    DropCache,
+    Read,
+    Data,
+    End,
+    StartWriting,
+    Written,
+    Distrust,
+    Conclude,
+    Concluded,
+    Error,
+    Alive
+};
+
+struct Frame {
+    FrameType type;
+    std::string payload;
+};
+
+// The other side has gone.
+class ChannelClosed : public Failure {
+public:
+    using Failure::Failure;
+};
+
+// Everything that waits ends with Interrupted at a signal, and with a Failure when the other side has said nothing for
+// the timeout. To be used by one thread; another one of its own tells the other side that this one is alive.
+class Channel {
+public:
+    static constexpr std::uint32_t LARGEST_FRAME = (1 << 20) + 4096;
+
+    Channel(Descriptor in, Descriptor out, std::string peer);
+    ~Channel();
+
+    const std::string& peer() const { return m_peer; }
+    void setTimeout(std::chrono::seconds timeout);
+    void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of data; 0: no limit
+
+    void send(FrameType type, const std::string& payload = {});
+
+    // Unless the other side has not yet taken what was sent before.
+    void sendIfIdle(FrameType type, const std::string& payload = {});
+
+    // The next frame that is no sign of life.
+    Frame receive();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void sendAll(const std::string& bytes);
+    void showLife(const std::stop_token& stop);
+    void waitFor(bool writing);
+    void readSome();
+    void holdBack(std::size_t bytes);
+
+    Descriptor m_in;
+    Descriptor m_out;
+    std::string m_peer;
+    std::chrono::seconds m_timeout {60};
+    std::int64_t m_bytesPerSecond = 0;
+    Clock::time_point m_mayBeSent = Clock::now();
+    Clock::time_point m_heard = Clock::now();
+    std::string m_received;
+    std::size_t m_used = 0; // of what was received
+    std::mutex m_sending;
+    std::condition_variable_any m_ends;
+    std::jthread m_life;
+};
+
+} // namespace kelvane::tool

@@ -1,0 +1,360 @@
+#include "remote/Messages.h"
+
+#include <kelvane/BlakeHash.h>
+#include <zstd.h>
+
+#include <algorithm>
+
+#include "base/Failure.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+constexpr std::size_t DIGEST_SIZE = 32;
+constexpr std::int64_t GREATEST = std::numeric_limits<std::int64_t>::max();
+
+enum class Form : std::uint8_t { Zeros, Bytes, Compressed };
+
+void optional(FieldWriter& to, const std::optional<std::int64_t>& value)
+{
+    to.u8(value ? 1 : 0).i64(value.value_or(0));
+}
+
+std::optional<std::int64_t> optional(FieldReader& from)
+{
+    const bool isThere = from.flag();
+    const std::int64_t value = from.i64();
+    return isThere ? std::optional(value) : std::nullopt;
+}
+
+Range rangeFrom(FieldReader& from, std::int64_t end = GREATEST)
+{
+    const std::int64_t offset = from.i64(end);
+    return {offset, from.i64(end - offset)};
+}
+
+template <class Value>
+Value atMost(Value value, Value most, const char* what)
+{
+    if (value > most) {
+        throw ProtocolError(std::string(what) + ": " + std::to_string(value));
+    }
+    return value;
+}
+
+template <class Read>
+auto decodeAll(std::string_view payload, Read read)
+{
+    FieldReader from(payload);
+    auto value = read(from);
+    from.end();
+    return value;
+}
+
+Digest digestFrom(FieldReader& from)
+{
+    const std::string_view bytes = from.bytes(DIGEST_SIZE);
+    return {bytes.begin(), bytes.end()};
+}
+
+Digest digestOf(const std::string& data)
+{
+    return BlakeHash().get_hash(const_cast<char*>(data.data()), std::ssize(data)); // which is only read
+}
+
+// The hash of the hashes of whole blocks.
+Digest digestOfBlocks(const std::string& data, std::int64_t blockSize)
+{
+    std::string digests;
+    for (std::int64_t at = 0; at < std::ssize(data); at += blockSize) {
+        const Digest digest = BlakeHash().get_hash(const_cast<char*>(data.data()) + at, blockSize);
+        digests.append(digest.begin(), digest.end());
+    }
+    return digestOf(digests);
+}
+
+std::string decompressed(std::string_view data, std::int64_t length)
+{
+    std::string bytes(static_cast<std::size_t>(length), '\0');
+    const std::size_t size = ZSTD_decompress(bytes.data(), bytes.size(), data.data(), data.size());
+    if (size != bytes.size()) {
+        throw ProtocolError("compressed data is damaged");
+    }
+    return bytes;
+}
+
+} // namespace
+
+std::string Hello::encode() const
+{
+    return FieldWriter().u32(MAGIC).u32(version).u32(capabilities).u32(timeout).done();
+}
+
+// What follows the version may differ in other versions.
+Hello Hello::decode(std::string_view payload)
+{
+    FieldReader from(payload);
+    Hello hello;
+    if (from.u32() != MAGIC) {
+        throw ProtocolError("no kelvane-hash");
+    }
+    hello.version = from.u32();
+    if (hello.version != VERSION) {
+        throw ProtocolError("it speaks version " + std::to_string(hello.version) + " of the protocol, this program "
+                            + std::to_string(VERSION));
+    }
+    hello.capabilities = from.u32();
+    hello.timeout = std::clamp(from.u32(), 1U, 86400U);
+    from.end();
+    return hello;
+}
+
+std::string Open::encode() const
+{
+    FieldWriter to;
+    to.string(path).string(hashFile).u8(isDestination ? 1 : 0).u8(adopts ? 1 : 0).u8(static_cast<std::uint8_t>(trust));
+    to.u32(jobs);
+    optional(to, partitionOffset);
+    return to.u32(compression).i64(bytesPerSecond).done();
+}
+
+Open Open::decode(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        Open open;
+        open.path = from.string();
+        open.hashFile = from.string();
+        open.isDestination = from.flag();
+        open.adopts = from.flag();
+        open.trust = static_cast<Trust>(atMost<int>(from.u8(), static_cast<int>(Trust::Everything), "trust"));
+        open.jobs = atMost(from.u32(), 1024U, "jobs");
+        open.partitionOffset = optional(from);
+        open.compression = atMost(from.u32(), 19U, "compression");
+        open.bytesPerSecond = from.i64();
+        return open;
+    });
+}
+
+std::string encode(const Opening& opening)
+{
+    FieldWriter to;
+    to.i64(opening.size).u8(opening.isMissing ? 1 : 0).u8(opening.isBlockDevice ? 1 : 0).string(opening.hashFile);
+    return to.u32(opening.blockSize.value_or(0)).done();
+}
+
+Opening decodeOpening(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        Opening opening;
+        opening.size = from.i64();
+        opening.isMissing = from.flag();
+        opening.isBlockDevice = from.flag();
+        opening.hashFile = from.string();
+        const std::uint32_t blockSize = from.u32();
+        opening.blockSize = blockSize == 0 ? std::nullopt : std::optional(blockSize);
+        return opening;
+    });
+}
+
+std::string encode(const Start& start)
+{
+    return FieldWriter().u32(start.blockSize).i64(start.targetSize).i64(start.compared).done();
+}
+
+Start decodeStart(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        Start start;
+        start.blockSize = from.u32();
+        if (start.blockSize == 0) {
+            throw ProtocolError("blocks of 0 bytes");
+        }
+        start.targetSize = from.i64();
+        start.compared = from.i64();
+        return start;
+    });
+}
+
+std::string encode(const Started& started)
+{
+    return FieldWriter().i64(started.partitionOffset).i64(started.bytesRead).done();
+}
+
+Started decodeStarted(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        Started started;
+        started.partitionOffset = from.i64();
+        started.bytesRead = from.i64();
+        return started;
+    });
+}
+
+std::string AskNodes::encode() const
+{
+    FieldWriter to;
+    to.u8(mayBeLast ? 1 : 0).u32(static_cast<std::uint32_t>(nodes.level));
+    to.u32(static_cast<std::uint32_t>(nodes.indexes.size()));
+    for (const std::int64_t index : nodes.indexes) {
+        to.i64(index);
+    }
+    return to.done();
+}
+
+AskNodes AskNodes::decode(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        AskNodes ask;
+        ask.mayBeLast = from.flag();
+        ask.nodes.level = static_cast<int>(atMost<std::uint32_t>(from.u32(), Nodes::HIGHEST, "level"));
+        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES, "nodes");
+        for (std::uint32_t i = 0; i < count; ++i) {
+            const std::int64_t index = from.i64(GREATEST >> ask.nodes.level);
+            if (!ask.nodes.indexes.empty() && index <= ask.nodes.indexes.back()) {
+                throw ProtocolError("nodes are out of order");
+            }
+            ask.nodes.indexes.push_back(index);
+        }
+        return ask;
+    });
+}
+
+std::string AskBytes::encode() const
+{
+    return FieldWriter().i64(range.offset).i64(range.length).i64(unit).done();
+}
+
+AskBytes AskBytes::decode(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        const Range range = rangeFrom(from);
+        const std::int64_t unit = from.i64();
+        if (unit == 0 || range.length / unit > static_cast<std::int64_t>(Side::MOST_NODES)) {
+            throw ProtocolError("units of " + std::to_string(unit) + " bytes");
+        }
+        return AskBytes {range, unit};
+    });
+}
+
+void Conclusion::encode(FieldWriter& to) const
+{
+    to.u8(isUnchanged ? 1 : 0).string(remarks).string(freshness);
+}
+
+Conclusion Conclusion::decode(FieldReader& from)
+{
+    Conclusion conclusion;
+    conclusion.isUnchanged = from.flag();
+    conclusion.remarks = from.string();
+    conclusion.freshness = from.string();
+    return conclusion;
+}
+
+std::string Digests::encode() const
+{
+    FieldWriter to;
+    to.u32(static_cast<std::uint32_t>(digests.size()));
+    for (const Digest& digest : digests) {
+        to.bytes(digest.data(), digest.size());
+    }
+    to.u8(conclusion ? 1 : 0);
+    if (conclusion) {
+        conclusion->encode(to);
+    }
+    return to.done();
+}
+
+Digests Digests::decode(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        Digests answer;
+        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES + 1, "digests");
+        for (std::uint32_t i = 0; i < count; ++i) {
+            answer.digests.push_back(digestFrom(from));
+        }
+        if (from.flag()) {
+            answer.conclusion = Conclusion::decode(from);
+        }
+        return answer;
+    });
+}
+
+std::string encode(const std::vector<Range>& ranges)
+{
+    FieldWriter to;
+    for (const Range& range : ranges) {
+        to.i64(range.offset).i64(range.length);
+    }
+    return to.done();
+}
+
+std::vector<Range> decodeRanges(std::string_view payload, std::int64_t size)
+{
+    FieldReader from(payload);
+    std::vector<Range> ranges;
+    for (std::size_t i = 0; i < payload.size() / 16; ++i) {
+        const Range range = rangeFrom(from, size);
+        if (range.length == 0 || (!ranges.empty() && range.offset < ranges.back().end())) {
+            throw ProtocolError("ranges are empty or out of order");
+        }
+        ranges.push_back(range);
+    }
+    from.end();
+    return ranges;
+}
+
+std::string encode(const Stretch& stretch, std::uint32_t compression)
+{
+    const auto length = static_cast<std::size_t>(stretch.range.length);
+    FieldWriter to;
+    to.i64(stretch.range.offset).i64(stretch.range.length);
+    if (stretch.data == nullptr) {
+        return to.u8(static_cast<std::uint8_t>(Form::Zeros)).done();
+    }
+    std::string compressed(compression > 0 ? ZSTD_compressBound(length) : 0, '\0');
+    const std::size_t size = compression == 0
+        ? length
+        : ZSTD_compress(compressed.data(), compressed.size(), stretch.data, length, static_cast<int>(compression));
+    const bool isSmaller = compression > 0 && ZSTD_isError(size) == 0 && size < length;
+    to.u8(static_cast<std::uint8_t>(isSmaller ? Form::Compressed : Form::Bytes));
+    const bool isOfBlocks = !stretch.digest.empty();
+    const Digest digest
+        = isOfBlocks ? stretch.digest : BlakeHash().get_hash(const_cast<char*>(stretch.data), stretch.range.length);
+    to.u8(isOfBlocks ? 1 : 0).bytes(digest.data(), digest.size());
+    return to.bytes(isSmaller ? compressed.data() : stretch.data, isSmaller ? size : length).done();
+}
+
+ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, std::int64_t end,
+                                        std::int64_t blockSize)
+{
+    FieldReader from(payload);
+    ReceivedStretch received;
+    received.range = rangeFrom(from, end);
+    const auto form = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
+    received.isZeros = form == Form::Zeros;
+    if (received.range.offset < start || received.range.length == 0
+        || (!received.isZeros && received.range.length > LONGEST_PIECE)) {
+        throw ProtocolError("data of a range that was not asked for");
+    }
+    if (!received.isZeros) {
+        received.isOfBlocks = from.flag();
+        received.digest = digestFrom(from);
+        received.data
+            = form == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
+        if (std::ssize(received.data) != received.range.length
+            || (received.isOfBlocks && received.range.length % blockSize != 0)) {
+            throw ProtocolError("data of another length than told");
+        }
+        const Digest found = received.isOfBlocks ? digestOfBlocks(received.data, blockSize) : digestOf(received.data);
+        if (found != received.digest) {
+            throw ProtocolError(
+                "at offset " + std::to_string(received.range.offset)
+                + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
+        }
+    }
+    from.end();
+    return received;
+}
+
+} // namespace kelvane::tool

@@ -1,0 +1,107 @@
+// What the frames carry, and what both sides make of it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/Range.h"
+#include "image/Image.h"
+#include "remote/Wire.h"
+#include "work/Blocks.h"
+#include "work/Side.h"
+
+namespace kelvane::tool {
+
+struct Hello {
+    static constexpr std::uint32_t MAGIC = 0x484b564b; // "KVKH"
+    static constexpr std::uint32_t VERSION = 1;
+    static constexpr std::uint32_t ZSTD = 1;
+
+    std::uint32_t version = VERSION;
+    std::uint32_t capabilities = ZSTD;
+    std::uint32_t timeout = 60; // seconds without a sign of life
+
+    std::string encode() const;
+    static Hello decode(std::string_view payload); // fails when the other side speaks another version
+};
+
+struct Open {
+    std::string path;
+    std::string hashFile; // empty: the image's
+    bool isDestination = false;
+    bool adopts = false;
+    Trust trust = Trust::Evidence;
+    std::uint32_t jobs = 0; // 0: as many as the machine has cores
+    std::optional<std::int64_t> partitionOffset;
+    std::uint32_t compression = 0; // level of zstd, 0: none
+    std::int64_t bytesPerSecond = 0;
+
+    std::string encode() const;
+    static Open decode(std::string_view payload);
+};
+
+std::string encode(const Opening& opening);
+Opening decodeOpening(std::string_view payload);
+
+std::string encode(const Start& start);
+Start decodeStart(std::string_view payload);
+
+std::string encode(const Started& started);
+Started decodeStarted(std::string_view payload);
+
+struct AskNodes {
+    Nodes nodes;
+    bool mayBeLast = false; // the answer says how the image was found, as `Concluded` does
+
+    std::string encode() const;
+    static AskNodes decode(std::string_view payload);
+};
+
+struct AskBytes {
+    Range range;
+    std::int64_t unit;
+
+    std::string encode() const;
+    static AskBytes decode(std::string_view payload); // at most Side::MOST_NODES units
+};
+
+struct Conclusion {
+    bool isUnchanged = true;
+    std::string remarks;
+    std::string freshness; // JSON
+
+    void encode(FieldWriter& to) const;
+    static Conclusion decode(FieldReader& from);
+};
+
+struct Digests {
+    std::vector<Digest> digests;
+    std::optional<Conclusion> conclusion;
+
+    std::string encode() const;
+    static Digests decode(std::string_view payload);
+};
+
+std::string encode(const std::vector<Range>& ranges);
+std::vector<Range> decodeRanges(std::string_view payload, std::int64_t size); // ascending, inside an image
+
+// A stretch of data, perhaps compressed, with its hash.
+std::string encode(const Stretch& stretch, std::uint32_t compression);
+
+struct ReceivedStretch {
+    Range range;
+    bool isZeros = false;
+    bool isOfBlocks = false; // the hash is that of its blocks' hashes
+    Digest digest;
+    std::string data;
+
+    // Of a range between `start` and `end`. Fails when the data is not what the hash says.
+    static ReceivedStretch decode(std::string_view payload, std::int64_t start, std::int64_t end,
+                                  std::int64_t blockSize);
+
+    Stretch stretch() const { return {range, isZeros ? nullptr : data.data(), digest}; }
+};
+
+} // namespace kelvane::tool

@@ -1,0 +1,334 @@
+#include "remote/RemoteSide.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+extern char** environ;
+
+namespace kelvane::tool {
+
+namespace {
+
+constexpr std::size_t RANGES_AT_ONCE = 4096;
+
+struct Pipe {
+    Pipe()
+    {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            throw Failure("pipe", errorText(errno));
+        }
+        out = Descriptor(ends[0]);
+        in = Descriptor(ends[1]);
+    }
+
+    Descriptor out; // what is read from
+    Descriptor in;
+};
+
+} // namespace
+
+std::optional<RemotePath> remotePath(const std::string& argument)
+{
+    const std::size_t colon = argument.find(':');
+    if (colon == std::string::npos || colon == 0 || argument.find('/') < colon) {
+        return std::nullopt;
+    }
+    return RemotePath {argument.substr(0, colon), argument.substr(colon + 1)};
+}
+
+std::vector<std::string> splitWords(const std::string& command)
+{
+    std::vector<std::string> words;
+    bool isInWord = false;
+    char quote = 0;
+    for (std::size_t i = 0; i < command.size(); ++i) {
+        char c = command[i];
+        if (quote == 0 && (c == ' ' || c == '\t')) {
+            isInWord = false;
+            continue;
+        }
+        if (!std::exchange(isInWord, true)) {
+            words.emplace_back();
+        }
+        if (c == quote) {
+            quote = 0;
+        } else if (quote == 0 && (c == '\'' || c == '"')) {
+            quote = c;
+        } else {
+            if (c == '\\' && quote != '\'' && i + 1 < command.size()) {
+                c = command[++i];
+            }
+            words.back() += c;
+        }
+    }
+    if (quote != 0) {
+        throw Failure(command, "a quote is not closed");
+    }
+    return words;
+}
+
+// The command that leads to the other machine, and its ends of the pipes.
+class RemoteSide::Peer {
+public:
+    Peer(const std::vector<std::string>& words, int input, int output)
+    {
+        std::vector<char*> arguments;
+        for (const std::string& word : words) {
+            arguments.push_back(const_cast<char*>(word.c_str()));
+        }
+        arguments.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+        const int error = ::posix_spawnp(&m_process, arguments[0], &actions, nullptr, arguments.data(), environ);
+        ::posix_spawn_file_actions_destroy(&actions);
+        if (error != 0) {
+            throw Failure(words[0], "cannot run: " + errorText(error));
+        }
+    }
+
+    // It ends when its input does; what hangs is told to.
+    ~Peer()
+    {
+        for (int waited = 0; ::waitpid(m_process, nullptr, WNOHANG) == 0; ++waited) {
+            if (waited == 500) {
+                ::kill(m_process, SIGTERM);
+            }
+            ::usleep(10000);
+        }
+    }
+
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+private:
+    pid_t m_process = 0;
+};
+
+template <class Work>
+auto RemoteSide::guarded(Work work)
+{
+    try {
+        return work();
+    } catch (const ProtocolError& error) {
+        throw Failure(m_host, error.what());
+    }
+}
+
+RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, ProgressMode mode)
+    : m_name(path.host + ":" + path.path)
+    , m_host(path.host)
+    , m_compression(options.compression)
+    , m_mode(mode)
+{
+    std::vector<std::string> words = splitWords(options.rsh);
+    if (words.empty()) {
+        throw Failure("--rsh", "no command");
+    }
+    words.insert(words.end(), {path.host, options.program, "serve"});
+    {
+        Pipe there;
+        Pipe back;
+        m_peer = std::make_unique<Peer>(words, there.out.get(), back.in.get());
+        m_channel = std::make_unique<Channel>(std::move(back.out), std::move(there.in), m_host);
+    }
+    open.path = path.path;
+    open.compression = options.compression;
+    open.bytesPerSecond = options.bytesPerSecond;
+    m_channel->limitBandwidth(options.bytesPerSecond);
+    Hello hello;
+    hello.timeout = static_cast<std::uint32_t>(options.timeout.count());
+    m_channel->setTimeout(options.timeout);
+    request(FrameType::Hello, hello.encode());
+    request(FrameType::Open, open.encode());
+    try {
+        Hello::decode(m_channel->receive().payload);
+    } catch (const ProtocolError& error) {
+        throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
+    }
+    m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened)); });
+    m_opening.hashFile = m_host + ":" + m_opening.hashFile;
+}
+
+RemoteSide::~RemoteSide()
+{
+    m_channel.reset(); // before the process is waited for
+}
+
+void RemoteSide::request(FrameType type, const std::string& payload)
+{
+    guarded([&] {
+        try {
+            m_channel->send(type, payload);
+        } catch (const ChannelClosed&) {
+            m_channel->receive(); // perhaps it has said why
+            throw;
+        }
+    });
+}
+
+// The payload of the next frame, which must be of a type. An error that is told instead ends the command.
+std::string RemoteSide::answer(FrameType type)
+{
+    return guarded([&] {
+        for (;;) {
+            Frame frame = m_channel->receive();
+            if (frame.type == FrameType::Error) {
+                throw Failure(m_host, frame.payload);
+            }
+            if (frame.type == FrameType::Progress) {
+                show(frame.payload);
+                continue;
+            }
+            if (frame.type != type) {
+                throw ProtocolError("an answer of type " + std::to_string(static_cast<int>(frame.type)));
+            }
+            m_progress.reset();
+            m_phase.clear();
+            return std::move(frame.payload);
+        }
+    });
+}
+
+void RemoteSide::show(const std::string& payload)
+{
+    FieldReader from(payload);
+    const std::string phase = from.string();
+    const std::int64_t done = from.i64();
+    const std::int64_t total = from.i64();
+    if (!m_progress || phase != m_phase) {
+        m_progress.reset();
+        m_progress = std::make_unique<Progress>(phase, total, m_mode);
+        m_phase = phase;
+    }
+    m_progress->reach(done);
+}
+
+void RemoteSide::start(const Start& start)
+{
+    m_start = start;
+    request(FrameType::Start, encode(start));
+}
+
+const Started& RemoteSide::started()
+{
+    if (!m_started) {
+        m_started = guarded([&] { return decodeStarted(answer(FrameType::Started)); });
+    }
+    return *m_started;
+}
+
+// The first question, for all of the image, may be the last one.
+void RemoteSide::ask(const Nodes& nodes)
+{
+    const bool mayBeLast = nodes.indexes.size() == 1 && !m_started;
+    m_asked.push_back(nodes.indexes.size());
+    m_conclusion.reset();
+    request(FrameType::AskNodes, AskNodes {nodes, mayBeLast}.encode());
+}
+
+void RemoteSide::askBytes(Range range, std::int64_t unit)
+{
+    m_asked.push_back(static_cast<std::size_t>(roundUp(range.length, unit) / unit));
+    m_conclusion.reset();
+    request(FrameType::AskBytes, AskBytes {range, unit}.encode());
+}
+
+std::vector<Digest> RemoteSide::digests()
+{
+    Digests found = guarded([&] { return Digests::decode(answer(FrameType::Digests)); });
+    if (found.digests.size() != m_asked.front()) {
+        throw Failure(m_host, "it gave another number of hashes than asked for");
+    }
+    m_asked.pop_front();
+    m_conclusion = std::move(found.conclusion);
+    return std::move(found.digests);
+}
+
+void RemoteSide::dropCache()
+{
+    request(FrameType::DropCache);
+}
+
+void RemoteSide::read(const std::vector<Range>& ranges, bool /*withDigests*/, const Sink& sink)
+{
+    m_conclusion.reset();
+    for (std::size_t first = 0; first < ranges.size(); first += RANGES_AT_ONCE) {
+        const auto from = ranges.begin() + static_cast<std::ptrdiff_t>(first);
+        const auto count = std::min(RANGES_AT_ONCE, ranges.size() - first);
+        const std::vector<Range> some(from, from + static_cast<std::ptrdiff_t>(count));
+        request(FrameType::Read, encode(some));
+        for (Range rest : some) {
+            while (rest.length > 0) {
+                const ReceivedStretch received = guarded([&] {
+                    return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, rest.end(), m_start.blockSize);
+                });
+                if (received.range.offset != rest.offset) {
+                    throw Failure(m_host, "data is missing");
+                }
+                sink(received.stretch());
+                rest = between(received.range.end(), rest.end());
+            }
+        }
+        guarded([&] { answer(FrameType::End); });
+    }
+}
+
+void RemoteSide::startWriting(bool isSparse)
+{
+    m_conclusion.reset();
+    request(FrameType::StartWriting, FieldWriter().u8(isSparse ? 1 : 0).done());
+}
+
+void RemoteSide::write(const Stretch& stretch)
+{
+    request(FrameType::Data, encode(stretch, m_compression));
+}
+
+bool RemoteSide::finishWriting()
+{
+    request(FrameType::End);
+    return guarded([&] {
+        const std::string payload = answer(FrameType::Written);
+        return FieldReader(payload).flag();
+    });
+}
+
+void RemoteSide::distrust()
+{
+    m_conclusion.reset();
+    request(FrameType::Distrust);
+}
+
+bool RemoteSide::conclude()
+{
+    if (!m_conclusion) {
+        request(FrameType::Conclude);
+        guarded([&] {
+            const std::string payload = answer(FrameType::Concluded);
+            FieldReader from(payload);
+            m_conclusion = Conclusion::decode(from);
+            from.end();
+        });
+    }
+    return m_conclusion->isUnchanged;
+}
+
+nlohmann::ordered_json RemoteSide::freshness() const
+{
+    nlohmann::ordered_json json
+        = nlohmann::ordered_json::parse(m_conclusion ? m_conclusion->freshness : "{}", nullptr, false);
+    if (json.is_object()) {
+        json["image"] = m_name;
+    }
+    return json;
+}
+
+} // namespace kelvane::tool

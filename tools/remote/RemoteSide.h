@@ -1,0 +1,85 @@
+// A side on another machine: a `kelvane-hash serve` at the other end of a command like ssh.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "remote/Channel.h"
+#include "remote/Messages.h"
+#include "terminal/Progress.h"
+#include "work/Side.h"
+
+namespace kelvane::tool {
+
+struct RemoteOptions {
+    std::string rsh = "ssh"; // split into words at spaces, but for what is quoted
+    std::string program = "kelvane-hash";
+    std::chrono::seconds timeout {60};
+    std::uint32_t compression = 0;
+    std::int64_t bytesPerSecond = 0;
+};
+
+// "[USER@]HOST:PATH", as with rsync: a colon before any slash.
+struct RemotePath {
+    std::string host;
+    std::string path;
+};
+std::optional<RemotePath> remotePath(const std::string& argument);
+
+std::vector<std::string> splitWords(const std::string& command);
+
+class RemoteSide : public Side {
+public:
+    RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, ProgressMode mode);
+    ~RemoteSide() override;
+    RemoteSide(const RemoteSide&) = delete;
+    RemoteSide& operator=(const RemoteSide&) = delete;
+
+    const std::string& name() const override { return m_name; }
+    bool isFar() const override { return true; }
+    const Opening& opening() const override { return m_opening; }
+    void openHashes(const Start& /*start*/) override { }
+    void start(const Start& start) override;
+    const Started& started() override;
+    void ask(const Nodes& nodes) override;
+    void askBytes(Range range, std::int64_t unit) override;
+    std::vector<Digest> digests() override;
+    void dropCache() override;
+    void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
+    void startWriting(bool isSparse) override;
+    void write(const Stretch& stretch) override;
+    bool finishWriting() override;
+    void abandon() override { } // the other machine sees that this one has gone
+    void distrust() override;
+    bool conclude() override;
+    std::string remarks() const override { return m_conclusion ? m_conclusion->remarks : ""; }
+    nlohmann::ordered_json freshness() const override;
+
+private:
+    class Peer;
+
+    template <class Work>
+    auto guarded(Work work); // errors of the protocol name the host
+    void request(FrameType type, const std::string& payload = {});
+    std::string answer(FrameType type);
+    void show(const std::string& payload);
+
+    std::string m_name;
+    std::string m_host;
+    std::uint32_t m_compression;
+    ProgressMode m_mode;
+    std::unique_ptr<Peer> m_peer;
+    std::unique_ptr<Channel> m_channel;
+    Opening m_opening;
+    Start m_start;
+    std::optional<Started> m_started;
+    std::deque<std::size_t> m_asked; // how many digests each question will have
+    std::optional<Conclusion> m_conclusion;
+    std::string m_phase;
+    std::unique_ptr<Progress> m_progress;
+};
+
+} // namespace kelvane::tool

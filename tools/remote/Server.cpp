@@ -1,0 +1,254 @@
+#include "remote/Server.h"
+
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "base/Interrupt.h"
+#include "remote/Channel.h"
+#include "remote/Messages.h"
+#include "remote/ServedPaths.h"
+#include "terminal/Progress.h"
+#include "work/LocalSide.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+class Server {
+public:
+    Server(Channel& channel, const ServeArguments& arguments)
+        : m_channel(channel)
+        , m_arguments(arguments)
+    {
+    }
+
+    void run()
+    {
+        greet();
+        m_paths.emplace(m_arguments.root);
+        open(Open::decode(expect(FrameType::Open)));
+        const Start start = decodeStart(expect(FrameType::Start));
+        this->start(start);
+        for (;;) {
+            serve(m_channel.receive());
+        }
+    }
+
+    // The other side has gone: what it sent is kept, and recorded.
+    void goOnAlone()
+    {
+        if (m_isStarted) {
+            m_isWriting ? m_side->abandon() : void(m_side->conclude());
+        }
+    }
+
+private:
+    std::string expect(FrameType type)
+    {
+        Frame frame = m_channel.receive();
+        if (frame.type != type) {
+            throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type)) + " out of order");
+        }
+        return std::move(frame.payload);
+    }
+
+    void greet()
+    {
+        const std::string payload = expect(FrameType::Hello);
+        m_channel.send(FrameType::Hello, Hello().encode()); // so that a side of another version can tell
+        m_channel.setTimeout(std::chrono::seconds(Hello::decode(payload).timeout));
+    }
+
+    void open(const Open& open)
+    {
+        if (m_arguments.isReadOnly && open.isDestination) {
+            throw Failure(open.path, "nothing is written here: served read-only");
+        }
+        m_compression = open.compression;
+        m_channel.limitBandwidth(open.bytesPerSecond);
+        m_common.jobs = open.jobs > 0 ? open.jobs : std::max(1U, std::thread::hardware_concurrency());
+        m_common.progress = ProgressMode::None;
+        m_common.trust = open.trust;
+        HashFileOptions options;
+        options.adopts = open.adopts;
+        options.isReadOnly = m_arguments.isReadOnly;
+        if (open.partitionOffset) {
+            options.partitionOffset = static_cast<std::uint64_t>(*open.partitionOffset);
+        }
+        const std::string path = m_paths->resolve(open.path);
+        if (!open.hashFile.empty()) {
+            options.path = m_paths->resolve(open.hashFile);
+        }
+        const auto access = open.isDestination ? Image::Access::WriteOrMissing : Image::Access::Read;
+        m_side = std::make_unique<LocalSide>(path, access, options, m_common);
+        for (const char* const end : {"", ".state", ".new", ".state.new"}) {
+            m_paths->resolve(m_side->opening().hashFile + end);
+        }
+        m_isDestination = open.isDestination;
+        m_size = m_side->opening().size;
+        m_channel.send(FrameType::Opened, encode(m_side->opening()));
+    }
+
+    void start(const Start& start)
+    {
+        if (start.compared > (m_isDestination ? start.targetSize : m_size)
+            || (m_isDestination && m_side->opening().isBlockDevice && start.targetSize != m_size)) {
+            throw ProtocolError("more than there is");
+        }
+        m_blockSize = start.blockSize;
+        m_size = m_isDestination ? start.targetSize : m_size;
+        m_compared = start.compared;
+        Progress::listen([this](const std::string& phase, std::int64_t done, std::int64_t total) {
+            m_channel.sendIfIdle(FrameType::Progress, FieldWriter().string(phase).i64(done).i64(total).done());
+        });
+        m_side->openHashes(start);
+        m_isStarted = true;
+        m_side->start(start);
+        Progress::listen(nullptr);
+        m_channel.send(FrameType::Started, encode(m_side->started()));
+    }
+
+    void serve(const Frame& frame)
+    {
+        switch (frame.type) {
+        case FrameType::AskNodes:
+            return answer(AskNodes::decode(frame.payload));
+        case FrameType::AskBytes:
+            return answer(AskBytes::decode(frame.payload));
+        case FrameType::DropCache:
+            return m_side->dropCache();
+        case FrameType::Read:
+            return read(decodeRanges(frame.payload, m_size));
+        case FrameType::StartWriting:
+            return write(FieldReader(frame.payload).flag());
+        case FrameType::Distrust:
+            return m_side->distrust();
+        case FrameType::Conclude: {
+            FieldWriter to;
+            conclusion().encode(to);
+            return m_channel.send(FrameType::Concluded, to.done());
+        }
+        default:
+            throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type)) + " out of order");
+        }
+    }
+
+    Conclusion conclusion()
+    {
+        const bool isUnchanged = m_side->conclude();
+        const auto replacing = nlohmann::ordered_json::error_handler_t::replace;
+        return {isUnchanged, m_side->remarks(), m_side->freshness().dump(-1, ' ', false, replacing)};
+    }
+
+    void answer(const AskNodes& ask)
+    {
+        m_side->ask(ask.nodes);
+        Digests digests {m_side->digests(), {}};
+        if (ask.mayBeLast) {
+            digests.conclusion = conclusion();
+        }
+        m_channel.send(FrameType::Digests, digests.encode());
+    }
+
+    void answer(const AskBytes& ask)
+    {
+        if (ask.range.end() > m_size) {
+            throw ProtocolError("bytes behind the end");
+        }
+        m_side->askBytes(ask.range, ask.unit);
+        m_channel.send(FrameType::Digests, Digests {m_side->digests(), {}}.encode());
+    }
+
+    void read(const std::vector<Range>& ranges)
+    {
+        for (const Range& range : ranges) {
+            checkBoundary(range.offset);
+            checkBoundary(range.end());
+        }
+        m_side->read(ranges, true, [this](const Stretch& stretch) {
+            m_channel.send(FrameType::Data, encode(stretch, m_compression));
+        });
+        m_channel.send(FrameType::End);
+    }
+
+    void write(bool isSparse)
+    {
+        if (!m_isDestination) {
+            throw ProtocolError("data for an image that is only read");
+        }
+        m_side->startWriting(isSparse);
+        m_isWriting = true;
+        std::int64_t end = 0;
+        for (Frame frame = m_channel.receive(); frame.type != FrameType::End; frame = m_channel.receive()) {
+            if (frame.type != FrameType::Data) {
+                throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
+                                    + " between data");
+            }
+            const auto received = ReceivedStretch::decode(frame.payload, end, m_compared, m_blockSize);
+            if (received.range.offset != end) { // all that goes together are whole blocks
+                checkBoundary(end);
+                checkBoundary(received.range.offset);
+            }
+            end = received.range.end();
+            m_side->write(received.stretch());
+        }
+        checkBoundary(end);
+        m_isWriting = false;
+        m_channel.send(FrameType::Written, FieldWriter().u8(m_side->finishWriting() ? 1 : 0).done());
+    }
+
+    void checkBoundary(std::int64_t offset) const
+    {
+        if (offset % m_blockSize != 0 && offset != m_compared) {
+            throw ProtocolError("a range that is not of whole blocks");
+        }
+    }
+
+    Channel& m_channel;
+    const ServeArguments& m_arguments;
+    std::optional<ServedPaths> m_paths;
+    Common m_common;
+    std::unique_ptr<LocalSide> m_side;
+    bool m_isDestination = false;
+    bool m_isStarted = false;
+    bool m_isWriting = false;
+    std::uint32_t m_compression = 0;
+    std::int64_t m_blockSize = 1;
+    std::int64_t m_size = 0;
+    std::int64_t m_compared = 0;
+};
+
+} // namespace
+
+bool serveOther(const ServeArguments& arguments)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    Channel channel(Descriptor(::dup(STDIN_FILENO)), Descriptor(::dup(STDOUT_FILENO)), "the other side");
+    Server server(channel, arguments);
+    std::string failure;
+    try {
+        server.run();
+    } catch (const ChannelClosed&) {
+        server.goOnAlone();
+        return true;
+    } catch (const Interrupted&) {
+        failure = "interrupted there";
+    } catch (const std::bad_alloc&) {
+        failure = "out of memory";
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
+    server.goOnAlone();
+    try {
+        const LettingFinish finishing;
+        channel.send(FrameType::Error, failure);
+    } catch (const ChannelClosed&) {
+        // Nobody is there to be told.
+    }
+    return false;
+}
+
+} // namespace kelvane::tool
