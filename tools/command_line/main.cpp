@@ -239,11 +239,9 @@ private:
                "Seconds without a sign of life after which it is given up; default: 60")
             ->check(CLI::Range(1U, 86400U).description(""))
             ->type_name("N");
-        app->add_option("--compress", m_pair.remote.compression, "Compress data on its way, 1 (fast) to 19 (small)")
-            ->check(CLI::Range(1U, 19U).description(""))
-            ->expected(0, 1)
-            ->default_str("3")
-            ->type_name("LEVEL");
+        app->add_flag("--compress{3}", m_pair.remote.compression,
+                      "Compress data on its way, with =LEVEL from 1 (fast) to 19 (small)")
+            ->check(CLI::Range(1U, 19U).description(""));
         addSize(app, "--bwlimit", "Bytes of data per second at most, on their way to the other machine or back",
                 [this](std::int64_t size) { m_pair.remote.bytesPerSecond = size; });
     }

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <csignal>
+#include <kelvane/BlakeHash.h>
 #include <utility>
 
 #include "base/Interrupt.h"
@@ -16,7 +18,7 @@ namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t HEADER = 5;        // a frame's length and type
+constexpr std::size_t HEADER = 13;       // a frame's length, type, check of its payload, check of all this
 constexpr std::size_t AT_ONCE = 1 << 18; // bytes per read
 
 void makeNonBlocking(int fd)
@@ -24,13 +26,23 @@ void makeNonBlocking(int fd)
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
-std::string frameOf(FrameType type, const std::string& payload)
+std::uint32_t checkOf(std::string_view bytes)
 {
-    return FieldWriter()
-        .u32(static_cast<std::uint32_t>(payload.size()))
-        .u8(static_cast<std::uint8_t>(type))
-        .bytes(payload.data(), payload.size())
-        .done();
+    const auto digest = BlakeHash().get_hash(const_cast<char*>(bytes.data()), std::ssize(bytes)); // which is only read
+    return FieldReader({reinterpret_cast<const char*>(digest.data()), digest.size()}).u32();
+}
+
+// The check of a header takes in the frame's number in its direction, so that no loss goes unnoticed.
+std::uint32_t checkOfHeader(std::string_view header, std::int64_t number)
+{
+    return checkOf(FieldWriter().bytes(header.data(), header.size()).i64(number).done());
+}
+
+std::string frameOf(FrameType type, const std::string& payload, std::int64_t number)
+{
+    FieldWriter frame;
+    frame.u32(static_cast<std::uint32_t>(payload.size())).u8(static_cast<std::uint8_t>(type)).u32(checkOf(payload));
+    return frame.u32(checkOfHeader(frame.done(), number)).bytes(payload.data(), payload.size()).done();
 }
 
 } // namespace
@@ -42,6 +54,7 @@ Channel::Channel(Descriptor in, Descriptor out, std::string peer)
 {
     makeNonBlocking(m_in.get());
     makeNonBlocking(m_out.get());
+    std::signal(SIGPIPE, SIG_IGN); // writing fails then
 }
 
 Channel::~Channel() = default;
@@ -65,11 +78,11 @@ void Channel::showLife(const std::stop_token& stop)
 // Small frames: a pipe that takes anything takes them whole.
 void Channel::sendIfIdle(FrameType type, const std::string& payload)
 {
-    const std::string frame = frameOf(type, payload);
     const std::unique_lock sending(m_sending, std::try_to_lock);
     pollfd out = {m_out.get(), POLLOUT, 0};
-    if (sending && frame.size() <= PIPE_BUF && ::poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0) {
-        [[maybe_unused]] const ssize_t count = ::write(m_out.get(), frame.data(), frame.size());
+    if (sending && ::poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0) {
+        const std::string frame = frameOf(type, payload, m_sent);
+        m_sent += frame.size() <= PIPE_BUF && ::write(m_out.get(), frame.data(), frame.size()) > 0 ? 1 : 0;
     }
 }
 
@@ -141,7 +154,7 @@ void Channel::send(FrameType type, const std::string& payload)
         holdBack(payload.size());
     }
     const std::scoped_lock lock(m_sending);
-    sendAll(frameOf(type, payload));
+    sendAll(frameOf(type, payload, m_sent++));
 }
 
 Frame Channel::receive()
@@ -150,9 +163,14 @@ Frame Channel::receive()
         while (m_received.size() - m_used < HEADER) {
             waitFor(false);
         }
-        FieldReader header(std::string_view(m_received).substr(m_used, HEADER));
+        const std::string_view start = std::string_view(m_received).substr(m_used, HEADER);
+        FieldReader header(start);
         const std::uint32_t length = header.u32();
         const std::uint8_t type = header.u8();
+        const std::uint32_t check = header.u32();
+        if (header.u32() != checkOfHeader(start.substr(0, HEADER - 4), m_taken)) {
+            throw ProtocolError("a frame is damaged, or none");
+        }
         if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
             || type > static_cast<std::uint8_t>(FrameType::Alive)) {
             throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length)
@@ -163,6 +181,10 @@ Frame Channel::receive()
         }
         Frame frame = {static_cast<FrameType>(type), m_received.substr(m_used + HEADER, length)};
         m_used += HEADER + length;
+        ++m_taken;
+        if (checkOf(frame.payload) != check) {
+            throw ProtocolError("a frame is damaged");
+        }
         if (frame.type != FrameType::Alive) {
             return frame;
         }

@@ -87,7 +87,9 @@ private:
     Clock::time_point m_mayBeSent = Clock::now();
     Clock::time_point m_heard = Clock::now();
     std::string m_received;
-    std::size_t m_used = 0; // of what was received
+    std::size_t m_used = 0;   // of what was received
+    std::int64_t m_taken = 0; // frames, of what was received
+    std::int64_t m_sent = 0;
     std::mutex m_sending;
     std::condition_variable_any m_ends;
     std::jthread m_life;

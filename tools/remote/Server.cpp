@@ -1,6 +1,5 @@
 #include "remote/Server.h"
 
-#include <csignal>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -225,7 +224,6 @@ private:
 
 bool serveOther(const ServeArguments& arguments)
 {
-    std::signal(SIGPIPE, SIG_IGN);
     Channel channel(Descriptor(::dup(STDIN_FILENO)), Descriptor(::dup(STDOUT_FILENO)), "the other side");
     Server server(channel, arguments);
     std::string failure;

@@ -1,0 +1,55 @@
+"""What the tests of the program share; they are called with PROGRAM SHIM [EXAMPLE EXAMPLE]."""
+import json, mmap, os, random, sys, tempfile, unittest
+from pathlib import Path
+from subprocess import PIPE, run
+
+PROGRAM, SHIM, *EXAMPLES = map(os.path.abspath, sys.argv[1:])
+ORACLE = Path(__file__).resolve().with_name("oracle.py")
+BLOCK = 4096
+HOME = os.getcwd()
+
+
+def flip(path, *offsets):
+    with open(path, "r+b") as file, mmap.mmap(file.fileno(), 0) as data:
+        for offset in offsets:
+            data[offset] ^= 255
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        random.seed(1)  # now and then a whole entry looks torn: not in these images
+        self.directory = tempfile.TemporaryDirectory(dir=HOME)  # /tmp may be in memory, whose times say little
+        self.addCleanup(self.directory.cleanup)
+        self.addCleanup(os.chdir, HOME)
+        os.chdir(self.directory.name)
+
+    def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, shim=None, **options):
+        if shim:
+            options["env"] = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
+        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
+        self.assertEqual(done.returncode, expect, done)
+        return done
+
+    def json(self, command, expect=0, **options):
+        return json.loads(self.call(command + " --json", expect, **options).stdout)
+
+    def calls(self, command):
+        """What the program does with files, in order."""
+        Path("calls").unlink(missing_ok=True)
+        self.call(command, shim={"SHIM_LOG": "calls"})
+        return Path("calls").read_text().splitlines()
+
+    def check_complaint(self, command, cause, **options):
+        """It fails with one line on standard error."""
+        self.assertRegex(self.call(command, 2, **options).stderr,
+                         rf"\A(kelvane-hash: note: .*\n)*kelvane-hash: .*{cause}.*\n\Z", command)
+
+    def check_hash_file(self, image):
+        """Every whole block is known, with the hash of the image's bytes."""
+        self.assertEqual(self.json(f"info {image}.hashes")["unknownBlocks"], 0)
+        expected = self.call(f"{image}.hashes {image} 0 {os.path.getsize(image)}", program=ORACLE).stdout
+        self.assertEqual(self.json(f"hash {image}")["hash"], expected.strip())
+
+
+def main():
+    unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ)

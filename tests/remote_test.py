@@ -1,0 +1,308 @@
+"""kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
+disturbs the line, or it is played by this test, which then does not keep to the protocol."""
+import os, shutil, struct, subprocess, time
+from pathlib import Path
+from random import randbytes
+
+from oracle import blake2sp, read_entries
+from program import BLOCK, PROGRAM, Case, flip, main
+
+RELAY = Path(__file__).resolve().with_name("relay.py")
+HELLO, OPEN, OPENED, START, STARTED, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING, WRITTEN = \
+    1, 2, 3, 4, 5, 7, 8, 9, 11, 12, 13, 14, 15
+ERROR = 19
+
+
+def string(text):
+    return struct.pack("<I", len(text)) + text.encode()
+
+
+def frame(kind, payload=b""):
+    return [(kind, payload)]
+
+
+def encoded(frames):
+    """The bytes of frames, which are pairs of type and payload, or bytes as they are."""
+    stream = b""
+    for number, each in enumerate(frames):
+        if not isinstance(each, bytes):
+            header = struct.pack("<IB", len(each[1]), each[0]) + blake2sp(each[1])[:4]
+            each = header + blake2sp(header + struct.pack("<q", number))[:4] + each[1]
+        stream += each
+    return stream
+
+
+def hello(version=1):
+    return frame(HELLO, struct.pack("<IIII", 0x484B564B, version, 1, 60))
+
+
+def opening(path, destination=False, hash_file=""):
+    return frame(OPEN, string(path) + string(hash_file) + bytes([destination, 0, 0]) + struct.pack("<IBqIq", 1, 0, 0, 0, 0))
+
+
+class RemoteCase(Case):
+    def images(self):
+        shutil.rmtree("there", ignore_errors=True)
+        for path in Path().glob("near*"):
+            path.unlink()
+        os.mkdir("there")
+        data = bytearray(randbytes(60 * BLOCK + 99))
+        data[20 * BLOCK:30 * BLOCK] = bytes(10 * BLOCK)
+        Path("near").write_bytes(data)
+        data[20 * BLOCK:22 * BLOCK] = randbytes(2 * BLOCK)
+        for block in 3, 4, 40, 59:
+            data[block * BLOCK:block * BLOCK + 5] = b"other"
+        Path("there/far").write_bytes(data)
+        for name in "near", "there/far":
+            self.call(f"build {name}")
+
+    def remote(self, command, expect=0, timeout=60, **relay):
+        environment = dict(os.environ, **{"RELAY_" + name.upper(): str(value) for name, value in relay.items()})
+        done = subprocess.run([PROGRAM, *command.split(), "--rsh", str(RELAY), "--remote-program", PROGRAM, "--timeout", "1"],
+                              capture_output=True, text=True, timeout=timeout, env=environment)
+        if expect is not None:
+            self.assertEqual(done.returncode, expect, done)
+        return done
+
+    def check_known(self, name):
+        image = Path(name).read_bytes()
+        block, _, entries = read_entries(Path(name + ".hashes").read_bytes(), image)
+        for i, entry in enumerate(entries[:len(image) // block]):
+            self.assertTrue(entry[0] == 0 or entry[1:] == blake2sp(image[i * block:(i + 1) * block]), (name, i))
+
+
+class Remote(RemoteCase):
+    PUSH, PULL = "sync near host:there/far", "sync host:there/far near"
+
+    def test_does_what_it_does_on_one_machine(self):
+        for source, destination, options in (("near", "host:there/far", ""), ("host:there/far", "near", "--compress"),
+                                             ("near", "host:there/new", "--compress=9"), ("host:there/far", "near2", "")):
+            self.images()
+            local = [path.replace("host:", "") for path in (source, destination)]
+            self.remote(f"diff {source} {destination}", 2 if "new" in destination or "2" in destination else 1)
+            self.remote(f"sync {source} {destination} --verify {options}")
+            self.assertEqual(*map(Path.read_bytes, map(Path, local)))
+            self.check_known(local[1])
+            again = self.remote(f"sync {source} {destination} --json")
+            self.assertIn('"bytesCopied": 0', again.stdout)
+            self.assertNotIn("note", again.stderr)
+            self.assertEqual(self.remote(f"diff {destination} {source}").stdout.split(";")[0], "equal")
+            flip(local[0], 7)
+            self.assertIn("it was changed since", self.remote(f"diff {source} {destination}", 1).stderr)
+        self.images()
+        wrong = self.remote("sync near host:nothing/there", 2)
+        self.assertRegex(wrong.stderr, r"\Akelvane-hash: host: nothing/there.*No such file or directory\n\Z")
+        self.call("build there/far --hash-file large --block-size 8K")
+        wrong = self.remote("sync near host:there/far --dest-hash-file large", 2)
+        self.assertRegex(wrong.stderr, r"near.hashes: its blocks have 4,096 bytes, those of host:large 8,192 bytes")
+        self.assertRegex(self.remote("diff a:b c:d", 2).stderr, "one of the two images must be on this machine")
+
+    def test_takes_few_trips_and_sends_little(self):
+        for name in "near", "far":
+            subprocess.run(["truncate", "-s", "64G", name], check=True)
+            self.call(f"build {name} --block-size 64K")
+        for differences, most_trips, most_bytes in (0, 2, 2000), (50, 12, 200000):
+            with open("near", "r+b") as file:
+                for i in range(differences):
+                    os.pwrite(file.fileno(), b"x", (64 << 30) * i // 50 + 12345)
+            self.call("build near")
+            Path("log").unlink(missing_ok=True)
+            self.remote("diff near host:far", 1 if differences else 0, log="log")
+            frames = [line.split() for line in Path("log").read_text().splitlines()]
+            kinds = "".join(direction for direction, kind, _ in frames if kind != "6")
+            trips = sum(a + b == "><" for a, b in zip(kinds, kinds[1:]))
+            self.assertLessEqual(trips, most_trips, kinds)
+            self.assertLess(sum(int(size) for *_, size in frames), most_bytes)
+
+    def test_whatever_happens_to_the_line_nothing_is_untrue(self):
+        for command, destination in (self.PUSH, "there/far"), (self.PULL, "near"):
+            self.images()
+            shutil.rmtree("kept", ignore_errors=True)
+            shutil.copytree(".", "kept")
+            Path("log").unlink(missing_ok=True)
+            self.remote(command, log="log")
+            frames = len(Path("log").read_text().splitlines())
+            for at in range(1, frames + 1):
+                for do in ("cut", "truncate", "flip") + (("silence",) if at % 9 == 1 else ()):
+                    for name in "near", "near.hashes", "near.hashes.state", "there":
+                        path = Path(name)
+                        shutil.rmtree(name) if path.is_dir() else path.unlink()
+                    for name in os.listdir("kept"):
+                        copy = shutil.copytree if os.path.isdir("kept/" + name) else shutil.copy2
+                        copy("kept/" + name, name)
+                    with self.subTest(f"{command}, {do} at {at} of {frames}"):
+                        done = self.remote(command, None, at=at, do=do)
+                        self.assertIn(done.returncode, (0, 1, 2), done)
+                        if done.returncode == 0:
+                            self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+                        self.wait_for_server(destination)
+                        for name in "near", "there/far":
+                            self.check_known(name)
+                        self.remote(command)
+                        self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+                        self.check_known(destination)
+
+    def wait_for_server(self, name):
+        for _ in range(300):
+            with open(name + ".hashes") as file:
+                if subprocess.run(["flock", "-n", name + ".hashes", "true"]).returncode == 0:
+                    return
+            time.sleep(0.02)
+        self.fail("the server goes on for ever")
+
+    def test_goes_on_where_it_was_interrupted(self):
+        data = randbytes(100 << 20)
+        for source, destination in ("near", "host:far"), ("host:far", "near"):
+            names = [name.replace("host:", "") for name in (source, destination)]
+            for name in names:
+                Path(name + ".hashes").unlink(missing_ok=True)
+            Path(names[0]).write_bytes(data)
+            Path(names[1]).write_bytes(bytes(100 << 20))
+            for name in names:
+                self.call(f"build {name}")
+            Path("log").unlink(missing_ok=True)
+            self.remote(f"sync {source} {destination}", None, at=75, do="cut", log="log")
+            self.wait_for_server(names[1])
+            self.check_known(names[1])
+            again = self.remote(f"sync {source} {destination} --json")
+            copied = int(again.stdout.split('"bytesCopied": ')[1].split(",")[0])
+            self.assertIn(copied, range(1, 70 << 20), "what arrived is not sent again")
+            self.assertEqual(*map(Path.read_bytes, map(Path, names)))
+
+    def test_a_server_that_does_not_keep_to_the_protocol(self):
+        self.images()
+        opened = frame(OPENED, struct.pack("<qBB", 60 * BLOCK + 99, 0, 0) + string("h") + struct.pack("<I", BLOCK))
+        started = frame(STARTED, struct.pack("<qq", 0, 0))
+        digests = [frame(DIGESTS, struct.pack("<I", count) + bytes(32 * count) + b"\0") for count in range(61)]
+        answers = hello() + opened + started + digests[1] + digests[1]  # of the end, of all, of pairs, of blocks
+        reading = answers + digests[30] + digests[60]
+        lies = {
+            "closed": ([], "closed"), "text": ([b"Welcome to this machine!\n" * 10], "damaged, or none"),
+            "version": (hello(2), "speaks version 2 of the protocol"), "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"),
+            "zeros": (hello() + [b"\0" * 13], "damaged"), "type": (hello() + frame(99), "of type 99 with"),
+            "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"), "order": (hello() + started, "type 5"),
+            "short": (hello() + frame(OPENED, bytes(9)), "too short"), "excess": (hello() + opened + started + started, "type 5"),
+            "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"), "silence": (hello() + opened, "no sign of life"),
+            "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + opened + opened, "type 3"),
+            "unasked": (reading + frame(DATA, struct.pack("<qqB", 5 * BLOCK, 9 << 40, 0)), "too large"),
+            "behind": (reading + frame(DATA, struct.pack("<qqB", 1 << 40, BLOCK, 0)), "too large"),
+            "gap": (reading + frame(DATA, struct.pack("<qqB", BLOCK, BLOCK, 0)), "data is missing"),
+            "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)), "compressed data is damaged"),
+            "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
+        }
+        before = Path("near").read_bytes()
+        for name, (answer, text) in lies.items():
+            Path("answer").write_bytes(encoded(answer))
+            Path("liar").write_text(f"#!/bin/sh\ncat answer; {'exec sleep 20' if name == 'silence' else 'cat >/dev/null'}\n")
+            os.chmod("liar", 0o755)
+            with self.subTest(name):
+                done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout", "1"],
+                                      capture_output=True, text=True, timeout=20)
+                self.assertEqual(done.returncode, 2, done)
+                self.assertRegex(done.stderr, rf"\A(.* note: .*\n)?kelvane-hash: h: .*{text}.*\n\Z")
+                self.assertEqual(Path("near").read_bytes(), before)
+
+    def serve(self, frames, *arguments):
+        """What a server answers last, as a type and a text."""
+        done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20)
+        answers, rest = [], done.stdout
+        while rest:
+            length, kind = struct.unpack("<IB", rest[:5])
+            answers.append((kind, rest[13:13 + length].decode(errors="replace")))
+            rest = rest[13 + length:]
+        return answers[-1] if answers else (0, "")
+
+    def test_a_client_that_does_not_keep_to_the_protocol(self):
+        self.images()
+        size = 60 * BLOCK + 99
+        ready = hello() + opening("there/far", True) + frame(START, struct.pack("<Iqq", BLOCK, size, size))
+        writing = ready + frame(START_WRITING, b"\0")
+        reading = hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size))
+
+        def nodes(level, *indexes):
+            return frame(ASK_NODES, struct.pack("<BII", 0, level, len(indexes)) + struct.pack(f"<{len(indexes)}q", *indexes))
+
+        lies = [[], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
+                hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
+                hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
+                reading + frame(START_WRITING, b"\0"), reading + nodes(0, 3, 3), reading + nodes(63, 0),
+                reading + nodes(0, 1 << 62, -1), reading + nodes(60, 9), reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
+                reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, 0)),
+                reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size + 1, 4096)),
+                reading + frame(READ, struct.pack("<qq", 0, size + 1)), reading + frame(READ, struct.pack("<qq", 1, 5)),
+                reading + frame(READ, struct.pack("<qqqq", BLOCK, BLOCK, 0, BLOCK)), reading + frame(READ, bytes(16)),
+                writing + frame(DATA, struct.pack("<qqB", size, 1, 0)), writing + frame(DATA, struct.pack("<qqB", 5, 5, 0)),
+                writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)),
+                writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 2, 1) + bytes(32 + 99)),
+                writing + frame(DATA, struct.pack("<qqB", -1 << 63, -1, 0)), writing + frame(READ, struct.pack("<qq", 0, BLOCK)),
+                writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END)]
+        before = Path("there/far").read_bytes()
+        for number, lie in enumerate(lies):
+            with self.subTest(number):
+                kind, text = self.serve(lie)
+                self.assertTrue(kind == ERROR and text or number == 0, (kind, text))
+                self.assertEqual(Path("there/far").read_bytes(), before)
+                self.check_known("there/far")
+
+    def test_serves_what_lies_in_the_root(self):
+        self.images()
+        os.mkdir("there/sub")
+        os.rename("near", "outside")
+        Path("outside2").mkdir()
+        Path("there/sub/inside").write_bytes(bytes(BLOCK))
+        for link, target in (("out", "../outside"), ("out.new", "../fresh"), ("dir", "../outside2"), ("in", "sub/inside"),
+                             ("abs", os.path.abspath("outside")), ("back", ".."), ("self", "/proc/self/cwd/outside")):
+            os.symlink(target, f"there/{link}")
+        Path("there/trap").write_bytes(bytes(BLOCK))
+        os.symlink("../planted", "there/trap.hashes")
+        Path("there/trap2").write_bytes(bytes(BLOCK))
+        os.symlink("../planted", "there/trap2.hashes.state")
+        root = ("--root", "there")
+        for path in ("../outside", "out", "abs", "back/outside", "sub/../../outside", os.path.abspath("outside"), ".", "..",
+                     "", "sub/..", "dir/new", "out.new", "self", "/etc/passwd", "trap", "trap2", "no/such", "sub/", "\0far"):
+            for destination in False, True:
+                kind, text = self.serve(hello() + opening(path, destination), *root)
+                self.assertEqual(kind, ERROR, (path, text))
+        self.assertEqual(self.serve(hello() + opening("far", False, "../outside.hashes"), *root)[0], ERROR)
+        for path in "far", "in", "sub/../far", "sub/inside", os.path.abspath("there/far"):
+            self.assertEqual(self.serve(hello() + opening(path), *root)[0], OPENED, path)
+        self.assertEqual(self.serve(hello() + opening("sub/fresh", True), *root)[0], OPENED)
+        files = {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()}
+        read_only = (*root, "--read-only")
+        self.assertEqual(self.serve(hello() + opening("far", True), *read_only)[0], ERROR)
+        start = frame(START, struct.pack("<Iqq", BLOCK, 0, BLOCK))
+        self.assertEqual(self.serve(hello() + opening("sub/inside") + start, *read_only)[0], ERROR)
+        self.assertEqual(self.serve(hello() + opening("far") + start, *read_only)[0], STARTED)
+        self.assertEqual(files, {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()})
+
+    def test_through_ssh(self):
+        self.images()
+        sshd = shutil.which("sshd", path=os.environ["PATH"] + ":/usr/sbin:/sbin")
+        if not sshd or not shutil.which("ssh") or os.geteuid() != 0:
+            self.skipTest("no sshd that can be started")
+        here = os.getcwd()
+        for name in "host_key", "key":
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", name], check=True)
+        Path("/run/sshd").mkdir(exist_ok=True)
+        public = Path("key.pub").read_text()
+        Path("authorized").write_text(f'restrict,command="{PROGRAM} serve --root {here}/there" {public}')
+        port = 20000 + os.getpid() % 20000
+        Path("config").write_text(f"Port {port}\nListenAddress 127.0.0.1\nHostKey {here}/host_key\nUsePAM no\n"
+                                  f"AuthorizedKeysFile {here}/authorized\nStrictModes no\nPermitRootLogin yes\nPidFile none\n")
+        daemon = subprocess.Popen([sshd, "-D", "-e", "-f", "config"], stderr=subprocess.PIPE)
+        self.addCleanup(daemon.communicate)
+        self.addCleanup(daemon.terminate)
+        ssh = (f"ssh -F none -p {port} -i {here}/key -o StrictHostKeyChecking=no -o UserKnownHostsFile={here}/known "
+               "-o BatchMode=yes -o LogLevel=ERROR -o ConnectionAttempts=20")
+        time.sleep(0.5)
+        if daemon.poll() is not None:
+            self.skipTest("sshd does not start here: " + daemon.stderr.read().decode()[-200:])
+        for command in "sync near 127.0.0.1:far --verify", "diff 127.0.0.1:far near":
+            done = subprocess.run([PROGRAM, *command.split(), "--rsh", ssh], capture_output=True, text=True, timeout=60)
+            self.assertEqual(done.returncode, 0, done)
+        self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+        done = subprocess.run([PROGRAM, "diff", f"127.0.0.1:{here}/near", "near", "--rsh", ssh], capture_output=True, text=True)
+        self.assertRegex(done.stderr, r"\Akelvane-hash: 127.0.0.1: .*outside of what is served\n\Z")
+
+
+main()
