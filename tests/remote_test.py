@@ -190,10 +190,11 @@ class Remote(RemoteCase):
             "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)), "compressed data is damaged"),
             "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
         }
+        ends = {"silence": "exec sleep 20", "closed": "exit"}
         before = Path("near").read_bytes()
         for name, (answer, text) in lies.items():
             Path("answer").write_bytes(encoded(answer))
-            Path("liar").write_text(f"#!/bin/sh\ncat answer; {'exec sleep 20' if name == 'silence' else 'cat >/dev/null'}\n")
+            Path("liar").write_text(f"#!/bin/sh\ncat answer; {ends.get(name, 'cat >/dev/null')}\n")
             os.chmod("liar", 0o755)
             with self.subTest(name):
                 done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout", "1"],

@@ -13,6 +13,7 @@
 
 #include "base/Interrupt.h"
 #include "remote/Wire.h"
+#include "terminal/Text.h"
 
 namespace kelvane::tool {
 
@@ -102,7 +103,7 @@ void Channel::waitFor(bool writing)
             return;
         }
         if (Clock::now() - m_heard > m_timeout) {
-            throw Failure(m_peer, "no sign of life for " + std::to_string(m_timeout.count()) + " seconds");
+            throw Failure(m_peer, "no sign of life for " + counted(m_timeout.count(), "second"));
         }
     }
 }
