@@ -69,7 +69,8 @@ valgrind:
 	  --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite \
 	  build/release/tests/kelvane_tests --gtest_brief=1
 
-# Searches for hash files that opening gets wrong. The inputs that it makes stay in build/fuzz/corpus.
+# Searches for hash files that opening gets wrong, and for messages that the program does. The inputs that it makes
+# stay in build/fuzz.
 FUZZ_SECONDS ?= 60
 fuzz:
 	$(INSTALL) build fuzz
@@ -77,9 +78,11 @@ fuzz:
 	  -DCMAKE_CXX_FLAGS='-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all' \
 	  -DKELVANE_BUILD_TESTS=OFF -DKELVANE_BUILD_TOOLS=OFF -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_FUZZERS=ON
 	cmake --build build/fuzz --parallel $(BUILD_JOBS)
-	mkdir -p build/fuzz/corpus
-	build/fuzz/fuzz/fuzz_corrupt_file -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -timeout=10 \
+	mkdir -p build/fuzz/corpus build/fuzz/messages
+	build/fuzz/fuzz/fuzz_corrupt_file -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -timeout=10 -malloc_limit_mb=5000 \
 	  -artifact_prefix=build/fuzz/ build/fuzz/corpus fuzz/corpus
+	build/fuzz/fuzz/fuzz_messages -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=10 \
+	  -artifact_prefix=build/fuzz/ build/fuzz/messages fuzz/messages
 
 # Which branches of the library its tests take. Only one variant of the hash kernel is built: they share their source.
 coverage:

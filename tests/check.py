@@ -22,8 +22,8 @@ CHECKS = [
     ("test share", ["scripts/test_share.py"], r".*%.*", 1),
     ("valgrind", ["make", "valgrind"], r"\[  PASSED  \] (\d+ tests).*|.*(ERROR SUMMARY: 0 errors).*", 2),
     ("model", [PROGRAM, "--gtest_filter=ModelTest.*"], r"model: \d+ operations.*", 1),
-    ("fuzzer", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"],
-     r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 2),
+    ("fuzzers", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"],
+     r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 4),
     ("address, undefined", ["make", "sanitize"], r"(\d+% tests passed.*)", 1),
     ("coverage", ["make", "coverage"], r"((?:lines|branches): .*)", 2),
 ]

@@ -413,6 +413,45 @@ class KelvaneHash(Case):
         self.assertEqual(self.call("x y", 1, EXAMPLES[1]).stdout.splitlines()[:-1], expected)
         self.call("x x.hashes", program=EXAMPLES[0])
 
+    @unittest.skipUnless(shutil.which("qemu-nbd") and shutil.which("nbdinfo"), "no qemu-utils, or no libnbd-bin")
+    def test_changes_that_qemu_tells(self):
+        script = ORACLE.parent.with_name("examples") / "told_changes.sh"
+        done = run([script, os.path.dirname(os.path.dirname(PROGRAM)), "."], capture_output=True, text=True, timeout=60)
+        self.assertEqual(done.returncode, 0, done)
+        self.assertIn('"bytesRead": 135168,', done.stdout)
+
+    def test_invalidate(self):
+        built()
+        flip("a", 3 * BLOCK, 12 * BLOCK)
+        lists = {
+            "lines": (f"{DEVICE + 3 * BLOCK} + 1\n# more\n{DEVICE + 12 * BLOCK}\t{BLOCK}\n", 2 * BLOCK),
+            "diff": ('{"differing": [{"offset": %d, "length": 9}]}' % (DEVICE + 3 * BLOCK), BLOCK),
+            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}]', 2 * BLOCK),
+            "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
+                    '{"start": 4096, "length": 8192, "zero": false, "data": true}]', 2 * BLOCK)}
+        for name, (text, unknown) in lists.items():
+            Path(name).write_text(text)
+            self.call("build a")
+            flip("a", 19 * BLOCK)
+            answer = self.json(f"invalidate a --from {name}")
+            self.assertTrue(answer["recorded"])
+            answer = self.json("build a")
+            self.assertEqual((answer["bytesRead"], answer["freshness"]["doubt"]), (unknown, ""))  # it was promised
+        self.json("build a --check")
+        self.call("invalidate a --from map --what zero")
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
+        self.call("invalidate a --from map --what all --format qemu-img")
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 3)
+        for text, cause in (("12 13 x\n", "line 1"), ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"), ("{}", "differing"),
+                            ("[{", "parse error"), ("1048575 + 1\n", "range 1, 1048575"), (f"{DEVICE} + 82021\n", "range 1"),
+                            ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]', "entry 2"),
+                            (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
+                            (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
+            Path("wrong").write_text(text)
+            before = Path("a.hashes").read_bytes()
+            self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
+            self.assertEqual(Path("a.hashes").read_bytes(), before)
+
     def test_errors_are_one_line_with_the_file_and_the_cause(self):
         Path("e").write_bytes(randbytes(1000 * BLOCK))
         Path("f").write_bytes(randbytes(1000 * BLOCK))
