@@ -92,6 +92,9 @@ void Channel::waitFor(bool writing)
 {
     for (;;) {
         throwWhenInterrupted();
+        if (m_stops) {
+            throw Interrupted();
+        }
         pollfd both[] = {{m_in.get(), POLLIN, 0}, {m_out.get(), POLLOUT, 0}};
         const bool hasRoom = m_received.size() - m_used < 2 * LARGEST_FRAME;
         both[0].events = static_cast<short>(!writing || hasRoom ? POLLIN : 0);

@@ -50,7 +50,7 @@ public:
 };
 
 // Everything that waits ends with Interrupted at a signal, and with a Failure when the other side has said nothing for
-// the timeout. To be used by one thread; another one of its own tells the other side that this one is alive.
+// the timeout. To be used by one thread at a time; one of its own tells the other side that this one is alive.
 class Channel {
 public:
     static constexpr std::uint32_t LARGEST_FRAME = (1 << 20) + 4096;
@@ -70,6 +70,9 @@ public:
     // The next frame that is no sign of life.
     Frame receive();
 
+    // Whether all that waits ends with Interrupted, without a signal. From any thread.
+    void stopWaiting(bool stops) { m_stops = stops; }
+
 private:
     using Clock = std::chrono::steady_clock;
 
@@ -87,7 +90,8 @@ private:
     Clock::time_point m_mayBeSent = Clock::now();
     Clock::time_point m_heard = Clock::now();
     std::string m_received;
-    std::size_t m_used = 0;   // of what was received
+    std::size_t m_used = 0; // of what was received
+    std::atomic<bool> m_stops = false;
     std::int64_t m_taken = 0; // frames, of what was received
     std::int64_t m_sent = 0;
     std::mutex m_sending;

@@ -260,6 +260,12 @@ void RemoteSide::dropCache()
 void RemoteSide::read(const std::vector<Range>& ranges, bool /*withDigests*/, const Sink& sink)
 {
     m_conclusion.reset();
+    transfer(
+        *m_channel, [&](const Deliver& deliver) { receive(ranges, deliver); }, sink);
+}
+
+void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& deliver)
+{
     for (std::size_t first = 0; first < ranges.size(); first += RANGES_AT_ONCE) {
         const auto from = ranges.begin() + static_cast<std::ptrdiff_t>(first);
         const auto count = std::min(RANGES_AT_ONCE, ranges.size() - first);
@@ -267,14 +273,14 @@ void RemoteSide::read(const std::vector<Range>& ranges, bool /*withDigests*/, co
         request(FrameType::Read, encode(some));
         for (Range rest : some) {
             while (rest.length > 0) {
-                const ReceivedStretch received = guarded([&] {
+                auto received = guarded([&] {
                     return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, rest.end(), m_start.blockSize);
                 });
                 if (received.range.offset != rest.offset) {
                     throw Failure(m_host, "data is missing");
                 }
-                sink(received.stretch());
                 rest = between(received.range.end(), rest.end());
+                deliver(std::move(received));
             }
         }
         guarded([&] { answer(FrameType::End); });

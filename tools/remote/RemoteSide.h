@@ -9,6 +9,7 @@
 
 #include "remote/Channel.h"
 #include "remote/Messages.h"
+#include "remote/Transfer.h"
 #include "terminal/Progress.h"
 #include "work/Side.h"
 
@@ -66,6 +67,7 @@ private:
     void request(FrameType type, const std::string& payload = {});
     std::string answer(FrameType type);
     void show(const std::string& payload);
+    void receive(const std::vector<Range>& ranges, const Deliver& deliver);
 
     std::string m_name;
     std::string m_host;

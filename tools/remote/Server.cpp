@@ -9,6 +9,7 @@
 #include "remote/Channel.h"
 #include "remote/Messages.h"
 #include "remote/ServedPaths.h"
+#include "remote/Transfer.h"
 #include "terminal/Progress.h"
 #include "work/LocalSide.h"
 
@@ -180,23 +181,31 @@ private:
         }
         m_side->startWriting(isSparse);
         m_isWriting = true;
+        transfer(
+            m_channel, [this](const Deliver& deliver) { receive(deliver); },
+            [this](const Stretch& stretch) { m_side->write(stretch); });
+        m_isWriting = false;
+        m_channel.send(FrameType::Written, FieldWriter().u8(m_side->finishWriting() ? 1 : 0).done());
+    }
+
+    // Data up to its end, in ascending order.
+    void receive(const Deliver& deliver)
+    {
         std::int64_t end = 0;
         for (Frame frame = m_channel.receive(); frame.type != FrameType::End; frame = m_channel.receive()) {
             if (frame.type != FrameType::Data) {
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            const auto received = ReceivedStretch::decode(frame.payload, end, m_compared, m_blockSize);
+            auto received = ReceivedStretch::decode(frame.payload, end, m_compared, m_blockSize);
             if (received.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
                 checkBoundary(received.range.offset);
             }
             end = received.range.end();
-            m_side->write(received.stretch());
+            deliver(std::move(received));
         }
         checkBoundary(end);
-        m_isWriting = false;
-        m_channel.send(FrameType::Written, FieldWriter().u8(m_side->finishWriting() ? 1 : 0).done());
     }
 
     void checkBoundary(std::int64_t offset) const
