@@ -53,7 +53,7 @@ public:
 // the timeout. To be used by one thread at a time; one of its own tells the other side that this one is alive.
 class Channel {
 public:
-    static constexpr std::uint32_t LARGEST_FRAME = (1 << 20) + 4096;
+    static constexpr std::uint32_t LARGEST_FRAME = (1 << 20) + (1 << 12);
 
     Channel(Descriptor in, Descriptor out, std::string peer);
     ~Channel();

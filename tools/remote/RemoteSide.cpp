@@ -14,7 +14,7 @@ namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t RANGES_AT_ONCE = 4096;
+constexpr std::size_t RANGES_AT_ONCE = 1 << 12;
 
 struct Pipe {
     Pipe()

@@ -127,7 +127,7 @@ Comparison compare(Side& first, Side& second, const Start& start)
 std::optional<std::int64_t> firstDifference(Side& first, Side& second, Range range,
                                             const std::function<void(std::int64_t)>& advance)
 {
-    constexpr std::array<std::int64_t, 4> UNITS = {1 << 20, 4096, 64, 1};
+    constexpr std::array<std::int64_t, 4> UNITS = {1 << 20, 1 << 12, 1 << 6, 1};
     constexpr std::int64_t AT_ONCE = 64;
     for (std::size_t depth = 0; range.length > 0;) {
         const Range piece = {range.offset, std::min(range.length, UNITS[depth] * AT_ONCE)};

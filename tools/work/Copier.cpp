@@ -11,7 +11,7 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::int64_t BATCH = 32 << 20; // bytes that are written between two flushes, and kept in memory
-constexpr std::size_t MOST_PARTS = 4096;
+constexpr std::size_t MOST_PARTS = 1 << 12;
 
 } // namespace
 
