@@ -96,7 +96,8 @@ ANSWERS = [
     (wrong, "build a --assume-unchanged", 0, BUILD,
      "a.hashes: 20 blocks known\n0 bytes read, 0 bytes of holes, 80.00 KiB known before, in TIME\n"),
     (built, "verify a", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]), "a: 20 known blocks checked, 0 wrong\n"),
-    (built, "verify a --mark", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]), "a: 20 known blocks checked, 0 wrong\n"),
+    (built, "verify a --mark", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]),
+     "a: 20 known blocks checked, 0 wrong\n"),
     (wrong, "verify a", 1, VERIFY,
      "wrong: 1060864 + 8192\nwrong: 1126400 + 4096\na: 20 known blocks checked, 3 wrong\n"),
     (wrong, "verify a --mark -j 1", 1, dict(VERIFY, marked=True),
@@ -174,9 +175,11 @@ class Answers(Case):
         self.assertIn("unchanged", self.call("info a.hashes").stdout)
         shutil.copyfile("a", "b")
         Path("c").write_bytes(bytes(50000))
-        self.check_complaint("build c --hash-file copy", "copy: made for .*an image of 82,020 bytes, not for c of 50,000")
+        self.check_complaint("build c --hash-file copy",
+                             "copy: made for .*an image of 82,020 bytes, not for c of 50,000")
         shutil.copyfile("copy", "other")
-        self.check_complaint("build c --hash-file other", "other: made for an image of 82,020 bytes, not for c of 50,000")
+        self.check_complaint("build c --hash-file other",
+                             "other: made for an image of 82,020 bytes, not for c of 50,000")
         self.check_complaint("build b --hash-file a.hashes", "made for .*/a, an image of 82,020 bytes, not for b of")
         self.assertEqual(self.json("build b --hash-file a.hashes --adopt")["freshness"], judged("b", NO_RECORD, 20))
         Path("a.hashes.state").write_text(Path("a.hashes.state").read_text().replace("82020", "82021"))
@@ -365,9 +368,11 @@ class KelvaneHash(Case):
     def test_an_image_that_cannot_be_read(self):
         for jobs in 1, 2:
             for name, at, do, cause in (
-                    ("cut", "mmap cut", f"truncate -s {50 * BLOCK + 10} cut", f"at offset {50 * BLOCK + 10}: .*ends here"),
+                    ("cut", "mmap cut", f"truncate -s {50 * BLOCK + 10} cut",
+                     f"at offset {50 * BLOCK + 10}: .*ends here"),
                     ("gone", "populated -", f"truncate -s {50 * BLOCK} gone", f"at offset {50 * BLOCK}: .*ends here"),
-                    ("tail", "populated -", f"truncate -s {99 * BLOCK + 1} tail", f"at offset {99 * BLOCK + 1}: .*ends"),
+                    ("tail", "populated -", f"truncate -s {99 * BLOCK + 1} tail",
+                     f"at offset {99 * BLOCK + 1}: .*ends"),
                     ("bad", "populate -,pread bad", "fail", "at offset 0: cannot read: Input/output error")):
                 Path(name).write_bytes(randbytes(100 * BLOCK))
                 shim = {"SHIM_AT": at, "SHIM_DO": do}
@@ -426,7 +431,8 @@ class KelvaneHash(Case):
         lists = {
             "lines": (f"{DEVICE + 3 * BLOCK} + 1\n# more\n{DEVICE + 12 * BLOCK}\t{BLOCK}\n", 2 * BLOCK),
             "diff": ('{"differing": [{"offset": %d, "length": 9}]}' % (DEVICE + 3 * BLOCK), BLOCK),
-            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}]', 2 * BLOCK),
+            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}]',
+                       2 * BLOCK),
             "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
                     '{"start": 4096, "length": 8192, "zero": false, "data": true}]', 2 * BLOCK)}
         for name, (text, unknown) in lists.items():
@@ -442,9 +448,11 @@ class KelvaneHash(Case):
         self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
         self.call("invalidate a --from map --what all --format qemu-img")
         self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 3)
-        for text, cause in (("12 13 x\n", "line 1"), ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"), ("{}", "differing"),
-                            ("[{", "parse error"), ("1048575 + 1\n", "range 1, 1048575"), (f"{DEVICE} + 82021\n", "range 1"),
-                            ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]', "entry 2"),
+        for text, cause in (("12 13 x\n", "line 1"), ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"),
+                            ("{}", "differing"), ("[{", "parse error"), ("1048575 + 1\n", "range 1, 1048575"),
+                            (f"{DEVICE} + 82021\n", "range 1"),
+                            ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
+                             "entry 2"),
                             (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
                             (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
             Path("wrong").write_text(text)

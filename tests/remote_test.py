@@ -37,7 +37,8 @@ def hello(version=1):
 
 
 def opening(path, destination=False, hash_file=""):
-    return frame(OPEN, string(path) + string(hash_file) + bytes([destination, 0, 0]) + struct.pack("<IBqIq", 1, 0, 0, 0, 0))
+    return frame(OPEN,
+                 string(path) + string(hash_file) + bytes([destination, 0, 0]) + struct.pack("<IBqIq", 1, 0, 0, 0, 0))
 
 
 class RemoteCase(Case):
@@ -58,7 +59,8 @@ class RemoteCase(Case):
 
     def remote(self, command, expect=0, timeout=60, **relay):
         environment = dict(os.environ, **{"RELAY_" + name.upper(): str(value) for name, value in relay.items()})
-        done = subprocess.run([PROGRAM, *command.split(), "--rsh", str(RELAY), "--remote-program", PROGRAM, "--timeout", "1"],
+        done = subprocess.run([PROGRAM, *command.split(), "--rsh", str(RELAY), "--remote-program", PROGRAM,
+                               "--timeout", "1"],
                               capture_output=True, text=True, timeout=timeout, env=environment)
         if expect is not None:
             self.assertEqual(done.returncode, expect, done)
@@ -76,7 +78,8 @@ class Remote(RemoteCase):
 
     def test_does_what_it_does_on_one_machine(self):
         for source, destination, options in (("near", "host:there/far", ""), ("host:there/far", "near", "--compress"),
-                                             ("near", "host:there/new", "--compress=9"), ("host:there/far", "near2", "")):
+                                             ("near", "host:there/new", "--compress=9"),
+                                             ("host:there/far", "near2", "")):
             self.images()
             local = [path.replace("host:", "") for path in (source, destination)]
             self.remote(f"diff {source} {destination}", 2 if "new" in destination or "2" in destination else 1)
@@ -178,16 +181,21 @@ class Remote(RemoteCase):
         reading = answers + digests[30] + digests[60]
         lies = {
             "closed": ([], "closed"), "text": ([b"Welcome to this machine!\n" * 10], "damaged, or none"),
-            "version": (hello(2), "speaks version 2 of the protocol"), "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"),
+            "version": (hello(2), "speaks version 2 of the protocol"),
+            "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"),
             "zeros": (hello() + [b"\0" * 13], "damaged"), "type": (hello() + frame(99), "of type 99 with"),
-            "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"), "order": (hello() + started, "type 5"),
-            "short": (hello() + frame(OPENED, bytes(9)), "too short"), "excess": (hello() + opened + started + started, "type 5"),
-            "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"), "silence": (hello() + opened, "no sign of life"),
+            "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"),
+            "order": (hello() + started, "type 5"),
+            "short": (hello() + frame(OPENED, bytes(9)), "too short"),
+            "excess": (hello() + opened + started + started, "type 5"),
+            "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"),
+            "silence": (hello() + opened, "no sign of life"),
             "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + opened + opened, "type 3"),
             "unasked": (reading + frame(DATA, struct.pack("<qqB", 5 * BLOCK, 9 << 40, 0)), "too large"),
             "behind": (reading + frame(DATA, struct.pack("<qqB", 1 << 40, BLOCK, 0)), "too large"),
             "gap": (reading + frame(DATA, struct.pack("<qqB", BLOCK, BLOCK, 0)), "data is missing"),
-            "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)), "compressed data is damaged"),
+            "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)),
+                     "compressed data is damaged"),
             "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
         }
         ends = {"silence": "exec sleep 20", "closed": "exit"}
@@ -221,21 +229,25 @@ class Remote(RemoteCase):
         reading = hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size))
 
         def nodes(level, *indexes):
-            return frame(ASK_NODES, struct.pack("<BII", 0, level, len(indexes)) + struct.pack(f"<{len(indexes)}q", *indexes))
+            return frame(ASK_NODES,
+                         struct.pack("<BII", 0, level, len(indexes)) + struct.pack(f"<{len(indexes)}q", *indexes))
 
         lies = [[], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
                 reading + frame(START_WRITING, b"\0"), reading + nodes(0, 3, 3), reading + nodes(63, 0),
-                reading + nodes(0, 1 << 62, -1), reading + nodes(60, 9), reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
+                reading + nodes(0, 1 << 62, -1), reading + nodes(60, 9),
+                reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, 0)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size + 1, 4096)),
                 reading + frame(READ, struct.pack("<qq", 0, size + 1)), reading + frame(READ, struct.pack("<qq", 1, 5)),
                 reading + frame(READ, struct.pack("<qqqq", BLOCK, BLOCK, 0, BLOCK)), reading + frame(READ, bytes(16)),
-                writing + frame(DATA, struct.pack("<qqB", size, 1, 0)), writing + frame(DATA, struct.pack("<qqB", 5, 5, 0)),
+                writing + frame(DATA, struct.pack("<qqB", size, 1, 0)),
+                writing + frame(DATA, struct.pack("<qqB", 5, 5, 0)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 2, 1) + bytes(32 + 99)),
-                writing + frame(DATA, struct.pack("<qqB", -1 << 63, -1, 0)), writing + frame(READ, struct.pack("<qq", 0, BLOCK)),
+                writing + frame(DATA, struct.pack("<qqB", -1 << 63, -1, 0)),
+                writing + frame(READ, struct.pack("<qq", 0, BLOCK)),
                 writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END)]
         before = Path("there/far").read_bytes()
         for number, lie in enumerate(lies):
@@ -251,7 +263,8 @@ class Remote(RemoteCase):
         os.rename("near", "outside")
         Path("outside2").mkdir()
         Path("there/sub/inside").write_bytes(bytes(BLOCK))
-        for link, target in (("out", "../outside"), ("out.new", "../fresh"), ("dir", "../outside2"), ("in", "sub/inside"),
+        for link, target in (("out", "../outside"), ("out.new", "../fresh"), ("dir", "../outside2"),
+                             ("in", "sub/inside"),
                              ("abs", os.path.abspath("outside")), ("back", ".."), ("self", "/proc/self/cwd/outside")):
             os.symlink(target, f"there/{link}")
         Path("there/trap").write_bytes(bytes(BLOCK))
@@ -259,8 +272,9 @@ class Remote(RemoteCase):
         Path("there/trap2").write_bytes(bytes(BLOCK))
         os.symlink("../planted", "there/trap2.hashes.state")
         root = ("--root", "there")
-        for path in ("../outside", "out", "abs", "back/outside", "sub/../../outside", os.path.abspath("outside"), ".", "..",
-                     "", "sub/..", "dir/new", "out.new", "self", "/etc/passwd", "trap", "trap2", "no/such", "sub/", "\0far"):
+        for path in ("../outside", "out", "abs", "back/outside", "sub/../../outside", os.path.abspath("outside"), ".",
+                     "..", "", "sub/..", "dir/new", "out.new", "self", "/etc/passwd", "trap", "trap2", "no/such",
+                     "sub/", "\0far"):
             for destination in False, True:
                 kind, text = self.serve(hello() + opening(path, destination), *root)
                 self.assertEqual(kind, ERROR, (path, text))
@@ -289,7 +303,8 @@ class Remote(RemoteCase):
         Path("authorized").write_text(f'restrict,command="{PROGRAM} serve --root {here}/there" {public}')
         port = 20000 + os.getpid() % 20000
         Path("config").write_text(f"Port {port}\nListenAddress 127.0.0.1\nHostKey {here}/host_key\nUsePAM no\n"
-                                  f"AuthorizedKeysFile {here}/authorized\nStrictModes no\nPermitRootLogin yes\nPidFile none\n")
+                                  f"AuthorizedKeysFile {here}/authorized\nStrictModes no\nPermitRootLogin yes\n"
+                                  "PidFile none\n")
         daemon = subprocess.Popen([sshd, "-D", "-e", "-f", "config"], stderr=subprocess.PIPE)
         self.addCleanup(daemon.communicate)
         self.addCleanup(daemon.terminate)
@@ -302,7 +317,8 @@ class Remote(RemoteCase):
             done = subprocess.run([PROGRAM, *command.split(), "--rsh", ssh], capture_output=True, text=True, timeout=60)
             self.assertEqual(done.returncode, 0, done)
         self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
-        done = subprocess.run([PROGRAM, "diff", f"127.0.0.1:{here}/near", "near", "--rsh", ssh], capture_output=True, text=True)
+        done = subprocess.run([PROGRAM, "diff", f"127.0.0.1:{here}/near", "near", "--rsh", ssh], capture_output=True,
+                              text=True)
         self.assertRegex(done.stderr, r"\Akelvane-hash: 127.0.0.1: .*outside of what is served\n\Z")
 
 
