@@ -23,6 +23,7 @@ constexpr kelvane_off_t PARTITION = 1048576;
 constexpr int64_t SIZE = 500 * BLOCK + 100; // entries on some pages, and a block that is not whole
 constexpr int64_t KNOWN = 300 * BLOCK;      // from where on 42 blocks are known; of others, each third is
 constexpr int64_t AHEAD = 124 * BLOCK;      // the block whose entry crosses the end of the first page
+constexpr int64_t ZEROS = 400 * BLOCK;      // from where on the target has 40 blocks of zeros
 constexpr std::size_t TORN = DATA + 512;    // where an entry crosses a sector's end
 
 struct Lab;
@@ -47,10 +48,19 @@ struct Lab : MemoryStore {
     Lab()
         : MemoryStore(SIZE, PARTITION, BLOCK)
     {
+        target.bytes = content(SIZE);
         for (int64_t block = 0; block < 500; block += 300 <= block && block < 342 ? 1 : 3) {
             store->update_hashes(PARTITION + block * BLOCK, at(block * BLOCK), BLOCK);
         }
         image = file();
+    }
+
+    static Bytes content(int64_t size) // equal as far as it goes
+    {
+        Bytes bytes = randomBytes(static_cast<std::size_t>(size), 1);
+        const auto start = bytes.begin() + std::min(size, ZEROS);
+        std::fill(start, start + std::min(size - (start - bytes.begin()), 40 * BLOCK), static_cast<unsigned char>(0));
+        return bytes;
     }
 
     unsigned char* at(int64_t offset) { return target.bytes.data() + offset; }
@@ -63,7 +73,7 @@ struct Lab : MemoryStore {
         Bytes bytes = image;
         std::fill_n(&bytes[TORN], operation.kind == Discards ? ENTRY : 0, static_cast<unsigned char>(0));
         writeFile(path, bytes);
-        target.bytes = randomBytes(static_cast<std::size_t>(operation.targetSize), 1); // equal as far as it goes
+        target.bytes = content(operation.targetSize);
         target.calls = 0;
         result.clear();
         if (operation.kind != Creates && operation.kind != Opens) {
@@ -136,6 +146,11 @@ constexpr Run UPDATE = [](Lab& lab, int64_t offset, int64_t length) {
 };
 constexpr Run INVALIDATE
     = [](Lab& lab, int64_t offset, int64_t length) { lab.store->invalidate_hashes(PARTITION + offset, length); };
+constexpr Run ZERO
+    = [](Lab& lab, int64_t offset, int64_t length) { lab.store->zero_hashes(PARTITION + offset, length); };
+constexpr Run UNKNOWN = [](Lab& lab, int64_t offset, int64_t length) {
+    lab.store->for_each_unknown_range(PARTITION + offset, length, [](auto, auto) {});
+};
 constexpr Run SYNC
     = [](Lab& lab, int64_t, int64_t) { lab.store->sync_to_disk() ? void() : throw std::runtime_error("sync failed"); };
 constexpr Run DISCARD = [](Lab& lab, int64_t, int64_t) { lab.store->discard_torn_entries(); };
@@ -169,6 +184,7 @@ const Lines DISCARDING = {"failed to read hash entry: 4591: E", "failed to clear
 const Lines HASHING = {"failed to read hash value: 1048576: E", "failed to write hash: 1048576: E"};
 const Lines READING_AHEAD = {"failed to read hash value: 1111552: E", "failed to read hash value: 1112064: E",
                              "failed to write hash: 1112064: E"};
+const std::string ZEROING = "failed to write hash: 1253381: E";
 const Lines GUARDING = {HASHING[1], "!failed to sync hash file: E", HASHING[1]};
 
 const Operation OPERATIONS[]
@@ -184,6 +200,8 @@ const Operation OPERATIONS[]
        {Recalls, "get_hash of a buffer", SIZE, HASH_BUFFER, BLOCK, BLOCK, {}},
        {Changes, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 80 * BLOCK, {"failed to write hash: 1084421: E"}},
        {Changes, "invalidate_hashes", SIZE, INVALIDATE, 3, 50000, {"failed to write hash: 1048579: E"}},
+       {Changes, "zero_hashes", SIZE, ZERO, ZEROS + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
+       {Changes, "for_each_unknown_range", SIZE, UNKNOWN, 0, SIZE, {"failed to read hash entry: 4096: E"}},
        {Changes, "sync_to_disk", SIZE, SYNC, 0, 0, {"!sync failed"}},
        {Discards, "discard_torn_entries", SIZE, DISCARD, 15 * BLOCK, 2 * BLOCK, DISCARDING},
        {Guards, "TargetWriteGuard", SIZE, GUARD, 0, 9 * BLOCK, GUARDING}};

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "HashFileInspector.h"
 #include "Support.h"
 #include "SystemCalls.h"
 
@@ -186,6 +187,22 @@ TEST_F(HashFileTest, MovesWithItsStore)
     EXPECT_EQ(Peer::hashBufferSize(*first), 0);
     MemoryTarget bytes {randomBytes(10 * BLOCK - 1000, 1), 1000};
     EXPECT_EQ(target.get_hash(1005, 100, bytes.supplier()), aggregateDigest(bytes.bytes, BLOCK, 5, 100));
+}
+
+TEST_F(HashFileTest, IsInspectedWithTheFailuresOfOpening)
+{
+    create(10);
+    const std::string missing = directory.file("missing");
+    EXPECT_EQ(failureOf([&] { HashFileInspector inspector(missing); }), "failed to stat hash file: 2");
+    EXPECT_THAT(logWhileUnwinding([&] { HashFileInspector inspector(missing); }),
+                ElementsAre("3 throwWithErrno: failed to stat hash file: 2",
+                            "thrown: cannot inspect a hash file while an exception propagates"));
+    HashFileInspector inspector(path);
+    HashFileInspector other(std::move(inspector));
+    inspector = std::move(other);
+    EXPECT_EQ(inspector.block_size_in_bytes(), BLOCK);
+    writeFile(path, Bytes(8192));
+    EXPECT_EQ(failureOf([&] { HashFileInspector none(path); }), "header magic number does not match expected");
 }
 
 // What only logs, because another exception propagates, returns to its caller, who goes on or not.

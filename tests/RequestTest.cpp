@@ -190,6 +190,10 @@ TEST(RequestTest, HashFunctionFailuresKeepTheFileUntilAllBlocksAreHashed)
                 EXPECT_EQ(failureWith(update), "failed to compute hash from data");
                 EXPECT_EQ(store.file(), before);
             }
+            if (failAt == 0) {
+                EXPECT_EQ(failureWith([&] { store->zero_hashes(11, 60); }), "failed to compute hash from data");
+                EXPECT_EQ(store.file(), before);
+            }
             if (failAt < BLOCKS) {
                 EXPECT_EQ(failureWith(hash), "failed to generate block hash");
                 EXPECT_EQ(store.file(), before);
