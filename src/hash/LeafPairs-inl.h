@@ -162,13 +162,21 @@ struct Road {
         return stripes;
     }
 
-    // What lies `bytes`, at most a message, further on; at the end, something that is there.
-    HWY_INLINE Stripes<D> ahead(size_t group, size_t offset, size_t bytes) const
+    // The stripe behind one; at the end, any that is there.
+    HWY_INLINE Stripes<D> next(size_t group, size_t offset) const
     {
-        const size_t further = offset + bytes;
-        return further < length
-            ? at(group, further)
-            : at(group + 1 < groups ? group + 1 : group, smaller(further - length, length - STRIPE));
+        const bool isLast = offset + STRIPE == length;
+        return isLast ? at(group + 1 < groups ? group + 1 : group, 0) : at(group, offset + STRIPE);
+    }
+
+    // What lies a page further on, for processors do not fetch ahead behind its end. Behind the last message, the next
+    // one to be hashed often lies; nothing is read there.
+    HWY_INLINE void prefetchAhead(size_t group, size_t offset) const
+    {
+        constexpr size_t PAGE = 4096;
+        const size_t further = offset + PAGE;
+        const bool isHere = further < length || group + 1 == groups;
+        (isHere ? at(group, further) : at(group + 1, smaller(further - length, length - STRIPE))).prefetch();
     }
 };
 
@@ -197,7 +205,6 @@ template <class D>
 KELVANE_AS_WRITTEN HWY_NOINLINE void hashLeafGroups(D d, const Road<D>& road, uint8_t* digests)
 {
     constexpr size_t LANES = hn::MaxLanes(D());
-    constexpr size_t PAGE = 4096; // behind whose end processors do not fetch ahead
     Words<D> words[2];
     for (size_t i = 0; i < Stripes<D>::PARTS; ++i) {
         Part part;
@@ -216,9 +223,9 @@ KELVANE_AS_WRITTEN HWY_NOINLINE void hashLeafGroups(D d, const Road<D>& road, ui
         }
         for (size_t offset = 0; offset < road.length; offset += STRIPE) {
             const auto isLast = hn::Set(d, offset + STRIPE == road.length ? ALL_ONES : 0);
-            road.ahead(group, offset, PAGE).prefetch();
+            road.prefetchAhead(group, offset);
             compressStripes(d, v, chain, words[current], (offset + STRIPE) / LEAVES, isLast, hn::And(isLast, lastLeaf),
-                            road.ahead(group, offset, STRIPE), words[1 - current]);
+                            road.next(group, offset), words[1 - current]);
             current = 1 - current;
         }
         uint8_t* rows[LANES];
