@@ -313,6 +313,9 @@ class Remote(RemoteCase):
         time.sleep(0.5)
         if daemon.poll() is not None:
             self.skipTest("sshd does not start here: " + daemon.stderr.read().decode()[-200:])
+        probe = subprocess.run([*ssh.split(), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True, text=True)
+        if probe.returncode == 255:
+            self.skipTest("ssh does not get through here: " + probe.stderr[-200:])
         for command in "sync near 127.0.0.1:far --verify", "diff 127.0.0.1:far near":
             done = subprocess.run([PROGRAM, *command.split(), "--rsh", ssh], capture_output=True, text=True, timeout=60)
             self.assertEqual(done.returncode, 0, done)
