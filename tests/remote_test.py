@@ -60,7 +60,7 @@ class RemoteCase(Case):
     def remote(self, command, expect=0, timeout=60, **relay):
         environment = dict(os.environ, **{"RELAY_" + name.upper(): str(value) for name, value in relay.items()})
         done = subprocess.run([PROGRAM, *command.split(), "--rsh", str(RELAY), "--remote-program", PROGRAM,
-                               "--timeout", "1"],
+                               "--timeout", "1" if relay.get("do") == "silence" else "30"],
                               capture_output=True, text=True, timeout=timeout, env=environment)
         if expect is not None:
             self.assertEqual(done.returncode, expect, done)
@@ -205,8 +205,8 @@ class Remote(RemoteCase):
             Path("liar").write_text(f"#!/bin/sh\ncat answer; {ends.get(name, 'cat >/dev/null')}\n")
             os.chmod("liar", 0o755)
             with self.subTest(name):
-                done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout", "1"],
-                                      capture_output=True, text=True, timeout=20)
+                done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout",
+                                       "1" if name == "silence" else "30"], capture_output=True, text=True, timeout=60)
                 self.assertEqual(done.returncode, 2, done)
                 self.assertRegex(done.stderr, rf"\A(.* note: .*\n)?kelvane-hash: h: .*{text}.*\n\Z")
                 self.assertEqual(Path("near").read_bytes(), before)
@@ -313,7 +313,8 @@ class Remote(RemoteCase):
         time.sleep(0.5)
         if daemon.poll() is not None:
             self.skipTest("sshd does not start here: " + daemon.stderr.read().decode()[-200:])
-        probe = subprocess.run([*ssh.split(), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True, text=True)
+        probe = subprocess.run([*ssh.split(), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True,
+                               text=True)
         if probe.returncode == 255:
             self.skipTest("ssh does not get through here: " + probe.stderr[-200:])
         for command in "sync near 127.0.0.1:far --verify", "diff 127.0.0.1:far near":
