@@ -112,7 +112,7 @@ void BlockHashStore::throwOnAccessViolation(const std::string& log_tag, kelvane_
 
 bool BlockHashStore::fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize)
 {
-    const uint64_t room = MAXIMUM_SIGNED - computeHeaderSize() - getSystemPageSize();
+    const uint64_t room = (MAXIMUM_SIGNED - computeHeaderSize()) / getSystemPageSize() * getSystemPageSize();
     return bytesToBlocks(targetSizeInBytes, blockSize) <= room / getHashEntrySize(hashSize);
 }
 
