@@ -296,6 +296,7 @@ private:
     static void throwWithErrno(const std::string& message);
 
     // Helpers of the operations above, beyond the file format.
+    static void throwWithErrno(const char* message, const std::string& value = {});
     static void failWithErrno(const char* message, const std::string& value = {});
     static void failWithErrno(const char* message, kelvane_ssize_t value);
     static bool fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);

@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
@@ -54,6 +55,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept
     void* const memory = granted ? std::malloc(size != 0 ? size : 1) : nullptr;
     held += static_cast<std::ptrdiff_t>(::malloc_usable_size(memory));
     peakHeld = std::max(peakHeld, held);
+    errno = EOWNERDEAD; // as any allocation may change it
     return memory;
 }
 

@@ -90,8 +90,8 @@ struct Lab : MemoryStore {
     {
         const auto supplier = [this](const auto& offsets, const auto& lengths) {
             auto arrays = target.supplier()(offsets, lengths);
-            errno = E2BIG;
             spoil != nullptr ? spoil(arrays) : void();
+            errno = E2BIG;
             return arrays;
         };
         result = store->get_hash(PARTITION + offset, length, supplier);

@@ -19,14 +19,20 @@ void BlockHashStore::throwWithErrno(const std::string& message)
     Logger(KELVANE_ERROR, "Failures.cpp", __LINE__, __func__) << text;
 }
 
-// As throwWithErrno, for failures after which the operation has nothing to go on with: where it returns, so must the
-// operation. `errno` must not change while the message is put together.
-void BlockHashStore::failWithErrno(const char* message, const std::string& value)
+// `errno` must not change while the message is put together: allocations may set it, even those that succeed.
+void BlockHashStore::throwWithErrno(const char* message, const std::string& value)
 {
     const int error = errno;
     const std::string text = message + value;
     errno = error;
     throwWithErrno(text);
+}
+
+// As throwWithErrno, for failures after which the operation has nothing to go on with: where it returns, so must the
+// operation.
+void BlockHashStore::failWithErrno(const char* message, const std::string& value)
+{
+    throwWithErrno(message, value);
     FailureWatch::noteGivenUp();
 }
 
