@@ -96,6 +96,7 @@ bool BlockHashStore::validReadWrite(kelvane_ssize_t expectedValue, kelvane_ssize
     return actualValue == expectedValue && actualValue >= 0;
 }
 
+// Compared as mathematical values: by signed differences, a target of 2^63 bytes or more would end before it starts.
 void BlockHashStore::throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset,
                                             kelvane_buf_len_t length) const
 {
