@@ -51,7 +51,7 @@ bench-tools:
 	$(INSTALL) build bench-tools
 	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF
 	cmake --build build/demo --parallel $(BUILD_JOBS) --target kelvane-hash
-	bench/compare_tools.py build/demo/tools/kelvane-hash
+	bench/compare_tools.py build/demo/tools/kelvane-hash $(BENCH_REPORT)
 
 # The tests again, with the address and undefined behaviour sanitizers.
 sanitize:

@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """Times kelvane-hash side by side with programs that do the same to a whole image, as whole processes, on files of
-random bytes in the page cache: compare_tools.py PROGRAM [REPETITIONS]
+random bytes in the page cache: compare_tools.py PROGRAM
 
 Every repetition runs all of them one after the other; a ratio is that of their fastest runs, for whatever else the
 machine does can only add to a run. Beside it stands what the repetitions gave one by one."""
+import argparse
 import os
+import pathlib
 import random
 import shutil
 import statistics
@@ -13,21 +15,42 @@ import sys
 import tempfile
 import time
 
-SIZE, PIECE = 1 << 30, 8 << 20
-PROGRAM = os.path.abspath(sys.argv[1])
-REPETITIONS = int(sys.argv[2]) if len(sys.argv) > 2 else 7
+from report import put_into
+
+ARGUMENTS = argparse.ArgumentParser(description=__doc__)
+ARGUMENTS.add_argument("program", type=os.path.abspath)
+ARGUMENTS.add_argument("--repetitions", type=int, default=7)
+ARGUMENTS.add_argument("--markdown", type=pathlib.Path, help="replaces the table in this file")
+ARGUMENTS.add_argument("--strict", action="store_true", help="fails when a row falls short")
+OPTIONS = ARGUMENTS.parse_args()
+SIZE, PIECE, BLOCK = 1 << 30, 8 << 20, 4096
+LINE = f"{sys.executable} -IS {os.path.join(os.path.dirname(os.path.abspath(__file__)), 'line.py')}"  # which starts quickly
+DELAYS = {"": "0", ", 20 ms": "0.02"}
+
+
+def program(command, *arguments):
+    return [OPTIONS.program, command, *arguments, "--progress", "none"]
 
 
 def build(image, jobs):
-    return [PROGRAM, "build", image, "--block-size", "4096", "--jobs", str(jobs), "--progress", "none"]
+    return program("build", image, "--block-size", str(BLOCK), "--jobs", str(jobs))
 
 
 def sync(source, destination):
-    return [PROGRAM, "sync", source, destination, "--jobs", "2", "--progress", "none"]
+    return program("sync", source, destination, "--jobs", "2")
 
 
 def rsync(source, destination, *options):
     return ["rsync", "--inplace", "--no-whole-file", "--ignore-times", *options, source, destination]
+
+
+SYNC_FAR = [*sync("first.img", "far:copy.img"), "--rsh", LINE, "--remote-program", OPTIONS.program]
+RSYNC_FAR = rsync("first.img", "far:copy.img", "-e", LINE)
+TELL = [OPTIONS.program, "invalidate", "first.img", "--from", "changes"]
+
+
+def quietly(command):
+    subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
 
 
 def forget(*names):
@@ -42,19 +65,22 @@ def nothing_known():
 
 def change(image):
     """50 blocks; what is on the disk already is not written again in the time of a command."""
-    with open(image, "r+b") as file:
+    with open(image, "r+b") as file, open("changes", "w", encoding="utf-8") as changes:
         for _ in range(50):
-            file.seek(random.randrange(2 * SIZE // 4096) * 4096)
-            file.write(os.urandom(4096))
+            offset = random.randrange(2 * SIZE // BLOCK) * BLOCK
+            file.seek(offset)
+            file.write(os.urandom(BLOCK))
+            changes.write(f"{offset} {BLOCK}\n")
         os.fsync(file.fileno())
 
 
-def changed_and_unknown():
-    forget("first.img.hashes", "second.img.hashes")
-    change("second.img")
+def changed_and_unknown(changed, *images):
+    forget(*(image + ".hashes" for image in images))
+    change(changed)
 
 
-def changed():
+def changed_far():
+    quietly(SYNC_FAR)  # what rsync wrote is not known
     change("first.img")
 
 
@@ -62,21 +88,29 @@ def new_destination():
     forget("holes.img.hashes", "copy.img", "copy.img.hashes")
 
 
-COMMANDS = {  # what is prepared, untimed, and what is timed
+# What is prepared, untimed, and what is timed: one command after the other.
+COMMANDS = {
     "one job": (nothing_known, build("dense.img", 1)),
     "two jobs": (nothing_known, build("dense.img", 2)),
     "90% holes": (nothing_known, build("sparse.img", 1)),
-    "verify": (lambda: subprocess.run(build("dense.img", 2), stdout=subprocess.DEVNULL, check=True),
-               [PROGRAM, "verify", "dense.img", "--jobs", "1", "--progress", "none"]),
-    "rdiff -b 4096 signature": (nothing_known, ["rdiff", "-b", "4096", "signature", "dense.img", "out"]),
+    "verify": (lambda: quietly(build("dense.img", 2)), program("verify", "dense.img", "--jobs", "1")),
+    "rdiff -b 4096 signature": (nothing_known, ["rdiff", "-b", str(BLOCK), "signature", "dense.img", "out"]),
     "veritysetup format": (nothing_known, ["veritysetup", "format", "dense.img", "out"]),
     "bmaptool create": (nothing_known, ["bmaptool", "create", "-o", "out", "dense.img"]),
     "b3sum --num-threads 1": (nothing_known, ["b3sum", "--num-threads", "1", "dense.img"]),
-    "sync, nothing known": (changed_and_unknown, sync("first.img", "second.img")),
-    "sync, repeated": (changed, sync("first.img", "second.img")),
-    "rsync of the same": (changed, rsync("first.img", "second.img")),
+    "sync, nothing known": (lambda: changed_and_unknown("second.img", "first.img", "second.img"),
+                            sync("first.img", "second.img")),
+    "sync, repeated": (lambda: change("first.img"), sync("first.img", "second.img")),
+    "rsync of the same": (lambda: change("first.img"), rsync("first.img", "second.img")),
     "sync of holes": (new_destination, sync("holes.img", "copy.img")),
     "rsync of holes": (new_destination, rsync("holes.img", "copy.img", "--sparse")),
+}
+FAR_COMMANDS = {
+    "far, nothing known": (lambda: changed_and_unknown("first.img", "first.img", "far/copy.img"), SYNC_FAR),
+    "far, repeated": (changed_far, SYNC_FAR),
+    "far, changes told": (changed_far, TELL, SYNC_FAR),
+    "far, nothing changed": (lambda: quietly(SYNC_FAR), SYNC_FAR),
+    "rsync of the same, far": (lambda: change("first.img"), RSYNC_FAR),
 }
 with open("/proc/cpuinfo", encoding="utf-8") as cpuinfo:
     IS_WIDE = "avx512dq" in cpuinfo.read()
@@ -93,33 +127,77 @@ ROWS = [
     ("rsync / sync, repeated", "rsync of the same", "sync, repeated", 1, True),
     ("rsync / sync, holes", "rsync of holes", "sync of holes", 10, True),
 ]
+for delayed in DELAYS:
+    for name, limit in ("nothing known", 1), ("repeated", 2), ("changes told", 10):
+        ROWS.append((f"rsync / far, {name}{delayed}", f"rsync of the same, far{delayed}", f"far, {name}{delayed}",
+                     limit, True))
+    ROWS.append((f"far, nothing changed{delayed} / 0.5 s", f"far, nothing changed{delayed}", "half a second", 1, False))
 
 
 def make_images():
-    """1 GiB, dense and with holes; twice 2 GiB that are equal; 8 GiB of which 16 MiB are no hole."""
-    with open("dense.img", "wb") as dense, open("sparse.img", "wb") as sparse, open("holes.img", "wb") as holes, \
-            open("first.img", "wb") as first, open("second.img", "wb") as second:
+    """1 GiB, dense and with holes; three times 2 GiB that are equal; 8 GiB of which 16 MiB are no hole."""
+    os.mkdir("far")
+    twice = "first.img", "second.img", "far/copy.img"
+    with open("dense.img", "wb") as dense, open("sparse.img", "wb") as sparse, open("holes.img", "wb") as holes:
         sparse.truncate(SIZE)
         holes.truncate(8 * SIZE)
         for number in range(SIZE // PIECE):
             data = os.urandom(PIECE)
-            for file in dense, first, second:
-                file.write(data)
-            for file in first, second:
-                file.write(data[::-1])
+            dense.write(data)
+            for name in twice:
+                with open(name, "ab") as file:
+                    file.write(data)
+                    file.write(data[::-1])
             for file in (sparse,) * (number % 10 == 0) + (holes,) * (number % 64 == 0):
                 file.seek(number * PIECE)
                 file.write(data)
     os.sync()
-    for image in "dense.img", "sparse.img", "first.img", "second.img":
-        subprocess.run(["cat", image], stdout=subprocess.DEVNULL, check=True)
+    for image in "dense.img", "sparse.img", *twice:
+        quietly(["cat", image])
 
 
-def seconds(prepare, command):
+def seconds(prepare, *commands, delay="0"):
     prepare()
+    os.environ["LINE_DELAY"] = delay
     start = time.monotonic()
-    subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
-    return time.monotonic() - start
+    for command in commands:
+        quietly(command)
+    taken = time.monotonic() - start
+    os.environ["LINE_DELAY"] = "0"
+    return taken
+
+
+def bytes_on_the_line(name):
+    """What went over the line in the last run, and what is read from the disk when nothing of the images is in memory."""
+    prepare, *commands = FAR_COMMANDS[name]
+    prepare()
+    for image in "first.img", "far/copy.img":
+        with open(image, "rb") as file:
+            os.fsync(file.fileno())
+            os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+
+    def paged_in():
+        with open("/proc/vmstat", encoding="utf-8") as file:
+            return next(int(line.split()[1]) for line in file if line.startswith("pgpgin")) * 1024
+
+    before = paged_in()
+    for command in commands:
+        quietly(command)
+    read = paged_in() - before
+    with open("count", encoding="utf-8") as file:
+        there, back = map(int, file.read().split())
+    return f"{name:32}{there / 1000:10.0f} kB{back / 1000:10.0f} kB{read / 1e6:10.0f} MB"
+
+
+def measure():
+    times = {name: [] for name in COMMANDS}
+    for _ in range(OPTIONS.repetitions):
+        for name, command in COMMANDS.items():
+            times[name].append(seconds(*command))
+        for delayed, delay in DELAYS.items():
+            for name, command in FAR_COMMANDS.items():
+                times.setdefault(name + delayed, []).append(seconds(*command, delay=delay))
+    return times
 
 
 def main():
@@ -127,26 +205,32 @@ def main():
     missing = [command[0] for _, command in COMMANDS.values() if not shutil.which(command[0])]
     if missing:
         sys.exit("missing: " + ", ".join(missing))
+    home = os.getcwd()
     with tempfile.TemporaryDirectory() as directory:
         os.chdir(directory)
+        os.environ["LINE_COUNT"] = os.path.abspath("count")
         make_images()
-        times = {name: [] for name in COMMANDS}
-        for _ in range(REPETITIONS):
-            for name, command in COMMANDS.items():
-                times[name].append(seconds(*command))
-        os.chdir("/")
+        times = measure()
+        traffic = [bytes_on_the_line(name) for name in FAR_COMMANDS]
+        os.chdir(home)
     width = "AVX-512" if IS_WIDE else "no AVX-512"
-    print(f"{os.cpu_count()} cores, {width}, load {os.getloadavg()[0]:.1f}, {REPETITIONS} repetitions\n")
+    lines = [f"{os.cpu_count()} cores, {width}, load {os.getloadavg()[0]:.1f}, {OPTIONS.repetitions} repetitions", ""]
     for name, values in times.items():
-        print(f"{name:32}{min(values):6.2f} s  (median {statistics.median(values):.2f})")
-    print(f"\n{'ratio of times':32}{'fastest':>8}{'one by one':>23}   must be")
+        lines.append(f"{name:32}{min(values):6.2f} s  (median {statistics.median(values):.2f})")
+    lines += ["", f"{'':32}{'there':>13}{'back':>13}{'read, cold':>13}", *traffic]
+    lines += ["", f"{'ratio of times':34}{'fastest':>8}{'one by one':>23}   must be"]
+    times["half a second"] = [0.5] * OPTIONS.repetitions
     for row, above, below, limit, at_least in ROWS:
         ratios = sorted(a / b for a, b in zip(times[above], times[below]))
         one_by_one = f"{statistics.median(ratios):.2f} ({ratios[0]:.2f} to {ratios[-1]:.2f})"
         ratio = min(times[above]) / min(times[below])
         verdict = "ok" if (ratio >= limit if at_least else ratio <= limit) else "short"
-        print(f"{row:32}{ratio:8.2f}{one_by_one:>23}   {'≥' if at_least else '≤'} {limit:<5}{verdict}")
+        lines.append(f"{row:34}{ratio:8.2f}{one_by_one:>23}   {'≥' if at_least else '≤'} {limit:<5}{verdict}")
+    print("\n".join(lines))
+    if OPTIONS.markdown:
+        put_into(OPTIONS.markdown, "make bench-tools", "\n".join(["```text", *lines, "```"]))
+    return 1 if OPTIONS.strict and any(line.endswith("short") for line in lines) else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

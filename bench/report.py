@@ -7,7 +7,6 @@ import statistics
 import subprocess
 import sys
 
-MARKERS = ("<!-- printed by make bench -->", "<!-- end -->")
 # Lanes of a vector, and operations of the two rotations by bytes and of the other two, by instruction set.
 VECTORS = {"AVX2": (8, 1, 3), "AVX3": (16, 1, 1)}
 # What the benchmark library writes of every run; the rest are the curves.
@@ -67,6 +66,13 @@ def limit(rows, clock, instruction_set):
     return lines
 
 
+def put_into(document, command, text):
+    """Replaces what the command printed there the last time."""
+    before, rest = document.read_text(encoding="utf-8").split(start := f"<!-- printed by {command} -->")
+    after = rest.split(end := "<!-- end -->", 1)[1]
+    document.write_text(f"{before}{start}\n{text}\n{end}{after}", encoding="utf-8")
+
+
 def draw(curve, processor, instruction_set, output):
     names = [name for name in curve[0] if name not in STANDARD_FIELDS]
     names.sort(key=lambda name: -curve[-1][name])
@@ -105,10 +111,7 @@ def main():
     if options.svg:
         draw([run for run in runs if run["name"].startswith("throughput/")], processor, instruction_set, options.svg)
     if options.markdown:
-        document = options.markdown.read_text(encoding="utf-8")
-        before, rest = document.split(MARKERS[0])
-        after = rest.split(MARKERS[1])[1]
-        options.markdown.write_text(f"{before}{MARKERS[0]}\n{text}\n{MARKERS[1]}{after}", encoding="utf-8")
+        put_into(options.markdown, "make bench", text)
     failed = [line for line in cells if line[-1] == "failed" or line[-1] == "short" and options.strict]
     return 1 if failed else 0
 

@@ -59,3 +59,21 @@ show 0 kelvane-hash diff disk.img backup.img
 say "The backup's hashes are up to date, too: the hash of each image, from its hash file."
 show 0 kelvane-hash hash disk.img
 show 0 kelvane-hash hash backup.img
+
+say "A second machine has yesterday's copy. Instead of ssh, a script leads to a directory that stands for it."
+mkdir second
+cp --sparse=always disk.img second/
+i=0
+while [ $i -lt 10 ]; do
+  printf 'written on day %d, too' $i | dd of=disk.img bs=1 seek=$((i * 26700417 + 54321)) conv=notrunc status=none
+  i=$((i + 1))
+done
+cat >there.sh <<'END'
+#!/bin/sh
+cd "$1" && shift && exec "$@"
+END
+chmod +x there.sh
+(cd second && kelvane-hash build disk.img >/dev/null)
+show 0 kelvane-hash sync disk.img second:disk.img --rsh ./there.sh
+show 0 kelvane-hash diff disk.img second:disk.img --rsh ./there.sh
+show 0 cmp disk.img second/disk.img

@@ -60,10 +60,11 @@ const std::vector<std::function<void(const std::string&)>> KINDS = {
     thereAndBack([](const std::string& text) { return AskNodes::decode(text); }),
     thereAndBack([](const std::string& text) { return AskBytes::decode(text); }),
     thereAndBack([](const std::string& text) { return Digests::decode(text); }),
-    thereAndBack([](const std::string& text) { return decodeRanges(text, SIZE); }),
+    thereAndBack([](const std::string& text) { return Read::decode(text, SIZE); }),
     checkStretch,
     [](const std::string& text) { checkList(text, std::nullopt); },
     [](const std::string& text) { checkList(text, ListFormat::Bitmap); },
+    thereAndBack([](const std::string& text) { return Written::decode(text); }),
 };
 
 } // namespace

@@ -8,8 +8,8 @@ from oracle import blake2sp, read_entries
 from program import BLOCK, PROGRAM, Case, flip, main
 
 RELAY = Path(__file__).resolve().with_name("relay.py")
-HELLO, OPEN, OPENED, START, STARTED, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING, WRITTEN = \
-    1, 2, 3, 4, 5, 7, 8, 9, 11, 12, 13, 14, 15
+HELLO, OPEN, OPENED, START, STARTED, PROGRESS, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING = \
+    1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14
 ERROR = 19
 
 
@@ -175,7 +175,7 @@ class Remote(RemoteCase):
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
         opened = frame(OPENED, struct.pack("<qBB", 60 * BLOCK + 99, 0, 0) + string("h") + struct.pack("<I", BLOCK))
-        started = frame(STARTED, struct.pack("<qq", 0, 0))
+        started = frame(STARTED, struct.pack("<qqI", 0, 0, 0))
         digests = [frame(DIGESTS, struct.pack("<I", count) + bytes(32 * count) + b"\0") for count in range(61)]
         answers = hello() + opened + started + digests[1] + digests[1]  # of the end, of all, of pairs, of blocks
         reading = answers + digests[30] + digests[60]
@@ -190,6 +190,9 @@ class Remote(RemoteCase):
             "excess": (hello() + opened + started + started, "type 5"),
             "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"),
             "silence": (hello() + opened, "no sign of life"),
+            "error": (hello() + opened + frame(PROGRESS, string("hash") + bytes(16)) + frame(ERROR, b"on fire"),
+                      "on fire"),
+            "new blocks": (hello() + opened + frame(STARTED, struct.pack("<qqI2q", 0, 0, 2, 7, 7)), "out of order"),
             "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + opened + opened, "type 3"),
             "unasked": (reading + frame(DATA, struct.pack("<qqB", 5 * BLOCK, 9 << 40, 0)), "too large"),
             "behind": (reading + frame(DATA, struct.pack("<qqB", 1 << 40, BLOCK, 0)), "too large"),
@@ -198,11 +201,12 @@ class Remote(RemoteCase):
                      "compressed data is damaged"),
             "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
         }
-        ends = {"silence": "exec sleep 20", "closed": "exit"}
+        ends = {"silence": "exec sleep 20", "closed": "exit", "error": "exec sleep 1"}
         before = Path("near").read_bytes()
         for name, (answer, text) in lies.items():
             Path("answer").write_bytes(encoded(answer))
-            Path("liar").write_text(f"#!/bin/sh\ncat answer; {ends.get(name, 'cat >/dev/null')}\n")
+            deaf = "exec <&-; " if name == "error" else ""  # what is sent to it fails before its error is read
+            Path("liar").write_text(f"#!/bin/sh\n{deaf}cat answer; {ends.get(name, 'cat >/dev/null')}\n")
             os.chmod("liar", 0o755)
             with self.subTest(name):
                 done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout",
@@ -240,14 +244,14 @@ class Remote(RemoteCase):
                 reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, 0)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size + 1, 4096)),
-                reading + frame(READ, struct.pack("<qq", 0, size + 1)), reading + frame(READ, struct.pack("<qq", 1, 5)),
-                reading + frame(READ, struct.pack("<qqqq", BLOCK, BLOCK, 0, BLOCK)), reading + frame(READ, bytes(16)),
+                reading + frame(READ, struct.pack("<Bqq", 0, 0, size + 1)), reading + frame(READ, struct.pack("<Bqq", 0, 1, 5)),
+                reading + frame(READ, struct.pack("<Bqqqq", 0, BLOCK, BLOCK, 0, BLOCK)), reading + frame(READ, bytes(17)),
                 writing + frame(DATA, struct.pack("<qqB", size, 1, 0)),
                 writing + frame(DATA, struct.pack("<qqB", 5, 5, 0)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 2, 1) + bytes(32 + 99)),
                 writing + frame(DATA, struct.pack("<qqB", -1 << 63, -1, 0)),
-                writing + frame(READ, struct.pack("<qq", 0, BLOCK)),
+                writing + frame(READ, struct.pack("<Bqq", 0, 0, BLOCK)),
                 writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END)]
         before = Path("there/far").read_bytes()
         for number, lie in enumerate(lies):

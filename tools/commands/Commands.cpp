@@ -72,6 +72,19 @@ Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& comm
     }
 }
 
+void addLineTraffic(Outcome& outcome, const Pair& pair)
+{
+    for (const Side* const side : {pair.first.get(), pair.second.get()}) {
+        if (const std::optional<LineTraffic> line = side->lineTraffic()) {
+            outcome.text += side->name() + ": " + counted(line->bytesSent, "byte") + " sent, "
+                + grouped(line->bytesReceived) + " received, in " + counted(line->roundTrips, "round trip") + "\n";
+            outcome.json["line"] = {{"bytesSent", line->bytesSent},
+                                    {"bytesReceived", line->bytesReceived},
+                                    {"roundTrips", line->roundTrips}};
+        }
+    }
+}
+
 std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options)
 {
     const auto own = first.opening().blockSize;

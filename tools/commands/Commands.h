@@ -76,6 +76,9 @@ struct Pair {
     std::unique_ptr<Side> second;
 };
 
+// Tells what went over the line, when one of them is on another machine.
+void addLineTraffic(Outcome& outcome, const Pair& pair);
+
 // The block size for both: what was asked for, or that of a hash file that is there; they must not differ.
 std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options);
 

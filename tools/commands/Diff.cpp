@@ -41,6 +41,7 @@ Outcome diff(const PairArguments& arguments, const Common& common)
         += (isEqual ? "equal"
                     : "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range"))
         + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte") + " of data read\n";
+    addLineTraffic(outcome, pair);
     return outcome;
 }
 

@@ -111,6 +111,7 @@ Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Com
     } else if (how.reread) {
         outcome.text += "reread: equal\n";
     }
+    addLineTraffic(outcome, pair);
     return outcome;
 }
 

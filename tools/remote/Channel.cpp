@@ -83,7 +83,10 @@ void Channel::sendIfIdle(FrameType type, const std::string& payload)
     pollfd out = {m_out.get(), POLLOUT, 0};
     if (sending && ::poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0) {
         const std::string frame = frameOf(type, payload, m_sent);
-        m_sent += frame.size() <= PIPE_BUF && ::write(m_out.get(), frame.data(), frame.size()) > 0 ? 1 : 0;
+        if (frame.size() <= PIPE_BUF && ::write(m_out.get(), frame.data(), frame.size()) > 0) {
+            ++m_sent;
+            m_bytesSent += std::ssize(frame);
+        }
     }
 }
 
@@ -121,7 +124,10 @@ void Channel::readSome()
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
         throw ChannelClosed(m_peer, "the connection was closed");
     }
-    m_heard = count > 0 ? Clock::now() : m_heard;
+    if (count > 0) {
+        m_bytesReceived += count;
+        m_heard = Clock::now();
+    }
 }
 
 void Channel::sendAll(const std::string& bytes)
@@ -130,6 +136,7 @@ void Channel::sendAll(const std::string& bytes)
         const ssize_t count = ::write(m_out.get(), bytes.data() + done, bytes.size() - done);
         if (count >= 0) {
             done += static_cast<std::size_t>(count);
+            m_bytesSent += count;
         } else if (errno == EAGAIN) {
             waitFor(true);
         } else if (errno != EINTR) {

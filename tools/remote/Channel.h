@@ -67,6 +67,10 @@ public:
     // Unless the other side has not yet taken what was sent before.
     void sendIfIdle(FrameType type, const std::string& payload = {});
 
+    // So far, all frames counted.
+    std::int64_t bytesSent() const { return m_bytesSent; }
+    std::int64_t bytesReceived() const { return m_bytesReceived; }
+
     // The next frame that is no sign of life.
     Frame receive();
 
@@ -94,6 +98,8 @@ private:
     std::atomic<bool> m_stops = false;
     std::int64_t m_taken = 0; // frames, of what was received
     std::int64_t m_sent = 0;
+    std::atomic<std::int64_t> m_bytesReceived = 0;
+    std::atomic<std::int64_t> m_bytesSent = 0;
     std::mutex m_sending;
     std::condition_variable_any m_ends;
     std::jthread m_life;

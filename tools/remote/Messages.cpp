@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "base/Failure.h"
+#include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
@@ -50,6 +51,30 @@ auto decodeAll(std::string_view payload, Read read)
     auto value = read(from);
     from.end();
     return value;
+}
+
+FieldWriter& encodeIndexes(FieldWriter& to, const std::vector<std::int64_t>& indexes)
+{
+    to.u32(static_cast<std::uint32_t>(indexes.size()));
+    for (const std::int64_t index : indexes) {
+        to.i64(index);
+    }
+    return to;
+}
+
+// Ascending ones.
+std::vector<std::int64_t> indexesFrom(FieldReader& from, std::size_t mostIndexes, std::int64_t most)
+{
+    const auto count = atMost(from.u32(), static_cast<std::uint32_t>(mostIndexes), "indexes");
+    std::vector<std::int64_t> indexes;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const std::int64_t index = from.i64(most);
+        if (!indexes.empty() && index <= indexes.back()) {
+            throw ProtocolError("indexes are out of order");
+        }
+        indexes.push_back(index);
+    }
+    return indexes;
 }
 
 Digest digestFrom(FieldReader& from)
@@ -178,7 +203,9 @@ Start decodeStart(std::string_view payload)
 
 std::string encode(const Started& started)
 {
-    return FieldWriter().i64(started.partitionOffset).i64(started.bytesRead).done();
+    FieldWriter to;
+    to.i64(started.partitionOffset).i64(started.bytesRead);
+    return encodeIndexes(to, started.newBlocks).done();
 }
 
 Started decodeStarted(std::string_view payload)
@@ -187,6 +214,7 @@ Started decodeStarted(std::string_view payload)
         Started started;
         started.partitionOffset = from.i64();
         started.bytesRead = from.i64();
+        started.newBlocks = indexesFrom(from, HashedImage::MOST_NEW_BLOCKS, GREATEST);
         return started;
     });
 }
@@ -195,11 +223,7 @@ std::string AskNodes::encode() const
 {
     FieldWriter to;
     to.u8(mayBeLast ? 1 : 0).u32(static_cast<std::uint32_t>(nodes.level));
-    to.u32(static_cast<std::uint32_t>(nodes.indexes.size()));
-    for (const std::int64_t index : nodes.indexes) {
-        to.i64(index);
-    }
-    return to.done();
+    return encodeIndexes(to, nodes.indexes).done();
 }
 
 AskNodes AskNodes::decode(std::string_view payload)
@@ -208,14 +232,7 @@ AskNodes AskNodes::decode(std::string_view payload)
         AskNodes ask;
         ask.mayBeLast = from.flag();
         ask.nodes.level = static_cast<int>(atMost<std::uint32_t>(from.u32(), Nodes::HIGHEST, "level"));
-        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES, "nodes");
-        for (std::uint32_t i = 0; i < count; ++i) {
-            const std::int64_t index = from.i64(GREATEST >> ask.nodes.level);
-            if (!ask.nodes.indexes.empty() && index <= ask.nodes.indexes.back()) {
-                throw ProtocolError("nodes are out of order");
-            }
-            ask.nodes.indexes.push_back(index);
-        }
+        ask.nodes.indexes = indexesFrom(from, Side::MOST_NODES, GREATEST >> ask.nodes.level);
         return ask;
     });
 }
@@ -251,6 +268,19 @@ Conclusion Conclusion::decode(FieldReader& from)
     return conclusion;
 }
 
+void encode(FieldWriter& to, const std::optional<Conclusion>& conclusion)
+{
+    to.u8(conclusion ? 1 : 0);
+    if (conclusion) {
+        conclusion->encode(to);
+    }
+}
+
+std::optional<Conclusion> decodeConclusion(FieldReader& from)
+{
+    return from.flag() ? std::optional(Conclusion::decode(from)) : std::nullopt;
+}
+
 std::string Digests::encode() const
 {
     FieldWriter to;
@@ -258,10 +288,7 @@ std::string Digests::encode() const
     for (const Digest& digest : digests) {
         to.bytes(digest.data(), digest.size());
     }
-    to.u8(conclusion ? 1 : 0);
-    if (conclusion) {
-        conclusion->encode(to);
-    }
+    tool::encode(to, conclusion);
     return to.done();
 }
 
@@ -273,35 +300,53 @@ Digests Digests::decode(std::string_view payload)
         for (std::uint32_t i = 0; i < count; ++i) {
             answer.digests.push_back(digestFrom(from));
         }
-        if (from.flag()) {
-            answer.conclusion = Conclusion::decode(from);
-        }
+        answer.conclusion = decodeConclusion(from);
         return answer;
     });
 }
 
-std::string encode(const std::vector<Range>& ranges)
+std::string Read::encode() const
 {
     FieldWriter to;
+    to.u8(mayBeLast ? 1 : 0);
     for (const Range& range : ranges) {
         to.i64(range.offset).i64(range.length);
     }
     return to.done();
 }
 
-std::vector<Range> decodeRanges(std::string_view payload, std::int64_t size)
+Read Read::decode(std::string_view payload, std::int64_t size)
 {
-    FieldReader from(payload);
-    std::vector<Range> ranges;
-    for (std::size_t i = 0; i < payload.size() / 16; ++i) {
-        const Range range = rangeFrom(from, size);
-        if (range.length == 0 || (!ranges.empty() && range.offset < ranges.back().end())) {
-            throw ProtocolError("ranges are empty or out of order");
+    return decodeAll(payload, [&](FieldReader& from) {
+        Read read;
+        read.mayBeLast = from.flag();
+        for (std::size_t i = 0; i < payload.size() / 16; ++i) {
+            const Range range = rangeFrom(from, size);
+            if (range.length == 0 || (!read.ranges.empty() && range.offset < read.ranges.back().end())) {
+                throw ProtocolError("ranges are empty or out of order");
+            }
+            read.ranges.push_back(range);
         }
-        ranges.push_back(range);
-    }
-    from.end();
-    return ranges;
+        return read;
+    });
+}
+
+std::string Written::encode() const
+{
+    FieldWriter to;
+    to.u8(isUnchanged ? 1 : 0);
+    tool::encode(to, conclusion);
+    return to.done();
+}
+
+Written Written::decode(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) {
+        Written written;
+        written.isUnchanged = from.flag();
+        written.conclusion = decodeConclusion(from);
+        return written;
+    });
 }
 
 std::string encode(const Stretch& stretch, std::uint32_t compression)

@@ -76,6 +76,10 @@ struct Conclusion {
     static Conclusion decode(FieldReader& from);
 };
 
+// A flag, and what was concluded when it is set.
+void encode(FieldWriter& to, const std::optional<Conclusion>& conclusion);
+std::optional<Conclusion> decodeConclusion(FieldReader& from);
+
 struct Digests {
     std::vector<Digest> digests;
     std::optional<Conclusion> conclusion;
@@ -84,8 +88,21 @@ struct Digests {
     static Digests decode(std::string_view payload);
 };
 
-std::string encode(const std::vector<Range>& ranges);
-std::vector<Range> decodeRanges(std::string_view payload, std::int64_t size); // ascending, inside an image
+struct Read {
+    std::vector<Range> ranges;
+    bool mayBeLast = false; // as in AskNodes
+
+    std::string encode() const;
+    static Read decode(std::string_view payload, std::int64_t size); // ascending, inside an image
+};
+
+struct Written {
+    bool isUnchanged = true; // by anything else
+    std::optional<Conclusion> conclusion;
+
+    std::string encode() const;
+    static Written decode(std::string_view payload);
+};
 
 // A stretch of data, perhaps compressed, with its hash.
 std::string encode(const Stretch& stretch, std::uint32_t compression);

@@ -166,12 +166,23 @@ void RemoteSide::request(FrameType type, const std::string& payload)
 {
     guarded([&] {
         try {
+            m_hasAsked = true;
             m_channel->send(type, payload);
         } catch (const ChannelClosed&) {
-            m_channel->receive(); // perhaps it has said why
-            throw;
+            throwWhatItSaid();
         }
     });
+}
+
+// The error that a side told before it closed the connection; that it is closed, if it told none.
+void RemoteSide::throwWhatItSaid()
+{
+    for (;;) {
+        const Frame frame = m_channel->receive();
+        if (frame.type == FrameType::Error) {
+            throw Failure(m_host, frame.payload);
+        }
+    }
 }
 
 // The payload of the next frame, which must be of a type. An error that is told instead ends the command.
@@ -192,6 +203,7 @@ std::string RemoteSide::answer(FrameType type)
             }
             m_progress.reset();
             m_phase.clear();
+            m_roundTrips += std::exchange(m_hasAsked, false) ? 1 : 0;
             return std::move(frame.payload);
         }
     });
@@ -269,9 +281,10 @@ void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& delive
     for (std::size_t first = 0; first < ranges.size(); first += RANGES_AT_ONCE) {
         const auto from = ranges.begin() + static_cast<std::ptrdiff_t>(first);
         const auto count = std::min(RANGES_AT_ONCE, ranges.size() - first);
-        const std::vector<Range> some(from, from + static_cast<std::ptrdiff_t>(count));
-        request(FrameType::Read, encode(some));
-        for (Range rest : some) {
+        const bool isLast = first + count == ranges.size();
+        const Read some {{from, from + static_cast<std::ptrdiff_t>(count)}, isLast};
+        request(FrameType::Read, some.encode());
+        for (Range rest : some.ranges) {
             while (rest.length > 0) {
                 auto received = guarded([&] {
                     return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, rest.end(), m_start.blockSize);
@@ -283,7 +296,12 @@ void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& delive
                 deliver(std::move(received));
             }
         }
-        guarded([&] { answer(FrameType::End); });
+        guarded([&] {
+            const std::string payload = answer(FrameType::End);
+            FieldReader end(payload);
+            m_conclusion = decodeConclusion(end);
+            end.end();
+        });
     }
 }
 
@@ -301,10 +319,9 @@ void RemoteSide::write(const Stretch& stretch)
 bool RemoteSide::finishWriting()
 {
     request(FrameType::End);
-    return guarded([&] {
-        const std::string payload = answer(FrameType::Written);
-        return FieldReader(payload).flag();
-    });
+    Written written = guarded([&] { return Written::decode(answer(FrameType::Written)); });
+    m_conclusion = std::move(written.conclusion);
+    return written.isUnchanged;
 }
 
 void RemoteSide::distrust()

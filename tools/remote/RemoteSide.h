@@ -58,6 +58,10 @@ public:
     bool conclude() override;
     std::string remarks() const override { return m_conclusion ? m_conclusion->remarks : ""; }
     nlohmann::ordered_json freshness() const override;
+    std::optional<LineTraffic> lineTraffic() const override
+    {
+        return LineTraffic {m_channel->bytesSent(), m_channel->bytesReceived(), m_roundTrips};
+    }
 
 private:
     class Peer;
@@ -67,6 +71,7 @@ private:
     void request(FrameType type, const std::string& payload = {});
     std::string answer(FrameType type);
     void show(const std::string& payload);
+    void throwWhatItSaid();
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);
 
     std::string m_name;
@@ -78,6 +83,8 @@ private:
     Opening m_opening;
     Start m_start;
     std::optional<Started> m_started;
+    bool m_hasAsked = false; // since the last answer
+    std::int64_t m_roundTrips = 0;
     std::deque<std::size_t> m_asked; // how many digests each question will have
     std::optional<Conclusion> m_conclusion;
     std::string m_phase;

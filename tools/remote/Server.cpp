@@ -121,7 +121,7 @@ private:
         case FrameType::DropCache:
             return m_side->dropCache();
         case FrameType::Read:
-            return read(decodeRanges(frame.payload, m_size));
+            return read(Read::decode(frame.payload, m_size));
         case FrameType::StartWriting:
             return write(FieldReader(frame.payload).flag());
         case FrameType::Distrust:
@@ -162,16 +162,18 @@ private:
         m_channel.send(FrameType::Digests, Digests {m_side->digests(), {}}.encode());
     }
 
-    void read(const std::vector<Range>& ranges)
+    void read(const Read& read)
     {
-        for (const Range& range : ranges) {
+        for (const Range& range : read.ranges) {
             checkBoundary(range.offset);
             checkBoundary(range.end());
         }
-        m_side->read(ranges, true, [this](const Stretch& stretch) {
+        m_side->read(read.ranges, true, [this](const Stretch& stretch) {
             m_channel.send(FrameType::Data, encode(stretch, m_compression));
         });
-        m_channel.send(FrameType::End);
+        FieldWriter end;
+        encode(end, read.mayBeLast ? std::optional(conclusion()) : std::nullopt);
+        m_channel.send(FrameType::End, end.done());
     }
 
     void write(bool isSparse)
@@ -185,7 +187,10 @@ private:
             m_channel, [this](const Deliver& deliver) { receive(deliver); },
             [this](const Stretch& stretch) { m_side->write(stretch); });
         m_isWriting = false;
-        m_channel.send(FrameType::Written, FieldWriter().u8(m_side->finishWriting() ? 1 : 0).done());
+        Written written;
+        written.isUnchanged = m_side->finishWriting();
+        written.conclusion = conclusion();
+        m_channel.send(FrameType::Written, written.encode());
     }
 
     // Data up to its end, in ascending order.

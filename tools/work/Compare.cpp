@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
+#include <map>
 #include <utility>
 
 namespace kelvane::tool {
@@ -18,11 +20,17 @@ int levelFor(std::int64_t blocks)
 }
 
 class TreeComparison {
+    struct Guessed { // indexes of nodes, ascending
+        std::vector<std::int64_t> asked;
+        std::vector<std::int64_t> differing;
+    };
+
 public:
     TreeComparison(Side& first, Side& second, const Start& start)
         : m_sides {&first, &second}
         , m_start(start)
         , m_blocks(start.compared / start.blockSize)
+        , m_root {levelFor(m_blocks), {0}}
     {
         if (second.isFar()) {
             std::swap(m_sides[0], m_sides[1]);
@@ -32,7 +40,6 @@ public:
     Comparison run()
     {
         const Range tail = between(m_blocks * m_start.blockSize, m_start.compared);
-        const Nodes root {levelFor(m_blocks), {0}};
         for (Side* const side : m_sides) {
             side->openHashes(m_start);
         }
@@ -43,17 +50,21 @@ public:
                 side->askBytes(tail, tail.length);
             }
             if (m_blocks > 0) {
-                side->ask(root);
+                side->ask(m_root);
             }
         }
+        guess(m_sides[1]->started().newBlocks);
         Comparison result;
         for (Side* const side : m_sides) {
             result.bytesRead += side->started().bytesRead + tail.length;
         }
-        const bool tailDiffers = tail.length > 0 && !differing(Nodes {0, {0}}).indexes.empty();
-        if (m_blocks > 0) {
-            descend(differing(root));
+        const bool tailDiffers = tail.length > 0 && !answered(Nodes {0, {0}}).indexes.empty();
+        const Nodes top = m_blocks > 0 ? answered(m_root) : Nodes();
+        if (m_guesses.empty() && !top.indexes.empty()) {
+            guess(m_sides[0]->started().newBlocks);
         }
+        takeGuesses();
+        descend(top);
         append(m_differing, tailDiffers ? tail : Range {});
         result.differing = std::move(m_differing);
         result.comparisons = m_comparisons;
@@ -61,8 +72,45 @@ public:
     }
 
 private:
-    // Of nodes that were asked for.
-    Nodes differing(const Nodes& nodes)
+    // Over a line, what would be asked level by level if just these blocks differed is asked at once.
+    void guess(const std::vector<std::int64_t>& blocks)
+    {
+        std::vector<Nodes> levels;
+        std::size_t count = 0;
+        for (int level = m_sides[0]->isFar() ? m_root.level : 0; level > 0; level = levels.back().level) {
+            Nodes parents {level, {}};
+            for (const std::int64_t block : blocks) {
+                if (block < m_blocks && (parents.indexes.empty() || parents.indexes.back() != block >> level)) {
+                    parents.indexes.push_back(block >> level);
+                }
+            }
+            levels.push_back(children(parents));
+            count += levels.back().indexes.size();
+        }
+        if (count > 0 && count <= Side::MOST_NODES) {
+            m_guesses = std::move(levels);
+            for (const Nodes& nodes : m_guesses) {
+                ask(nodes);
+            }
+        }
+    }
+
+    void takeGuesses()
+    {
+        for (const Nodes& nodes : m_guesses) {
+            m_guessed[nodes.level] = {nodes.indexes, answered(nodes).indexes};
+        }
+    }
+
+    void ask(const Nodes& nodes)
+    {
+        for (Side* const side : m_sides) {
+            side->ask(nodes);
+        }
+    }
+
+    // Those that differ, of nodes that were asked for.
+    Nodes answered(const Nodes& nodes)
     {
         const std::vector<Digest> digests = m_sides[0]->digests();
         const std::vector<Digest> others = m_sides[1]->digests();
@@ -72,6 +120,25 @@ private:
             if (digests[i] != others[i]) {
                 found.indexes.push_back(nodes.indexes[i]);
             }
+        }
+        return found;
+    }
+
+    // Those that differ. What is known from a guess is not asked.
+    Nodes differing(const Nodes& nodes)
+    {
+        const Guessed& guessed = m_guessed[nodes.level];
+        Nodes found {nodes.level, {}};
+        std::set_intersection(nodes.indexes.begin(), nodes.indexes.end(), guessed.differing.begin(),
+                              guessed.differing.end(), std::back_inserter(found.indexes));
+        Nodes rest {nodes.level, {}};
+        std::set_difference(nodes.indexes.begin(), nodes.indexes.end(), guessed.asked.begin(), guessed.asked.end(),
+                            std::back_inserter(rest.indexes));
+        if (!rest.indexes.empty()) {
+            ask(rest);
+            const Nodes more = answered(rest);
+            found.indexes.insert(found.indexes.end(), more.indexes.begin(), more.indexes.end());
+            std::sort(found.indexes.begin(), found.indexes.end());
         }
         return found;
     }
@@ -90,9 +157,6 @@ private:
             const auto from = nodes.indexes.begin() + static_cast<std::ptrdiff_t>(done);
             const auto count = std::min(Side::MOST_NODES, nodes.indexes.size() - done);
             const Nodes some {nodes.level, {from, from + static_cast<std::ptrdiff_t>(count)}};
-            for (Side* const side : m_sides) {
-                side->ask(some);
-            }
             descend(differing(some));
         }
     }
@@ -113,6 +177,9 @@ private:
     std::array<Side*, 2> m_sides; // the far one first
     Start m_start;
     std::int64_t m_blocks;
+    Nodes m_root;
+    std::vector<Nodes> m_guesses;     // which were asked, and not yet answered
+    std::map<int, Guessed> m_guessed; // by their level
     std::int64_t m_comparisons = 0;
     std::vector<Range> m_differing;
 };

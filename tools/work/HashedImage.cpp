@@ -1,5 +1,6 @@
 #include "work/HashedImage.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <utility>
@@ -104,6 +105,21 @@ void HashedImage::store(Store& store, Range range, char* data)
 {
     markChanging();
     data == nullptr ? store.zero(range) : store.update(range, data);
+    const std::scoped_lock lock(m_mutex);
+    const std::int64_t end = range.end() / store.blockSize();
+    for (std::int64_t i = range.offset / store.blockSize(); i < end && m_newBlocks.size() <= MOST_NEW_BLOCKS; ++i) {
+        m_newBlocks.push_back(i);
+    }
+}
+
+std::vector<std::int64_t> HashedImage::newBlocks() const
+{
+    std::vector<std::int64_t> blocks;
+    if (m_newBlocks.size() <= MOST_NEW_BLOCKS) {
+        blocks = m_newBlocks;
+        std::sort(blocks.begin(), blocks.end());
+    }
+    return blocks;
 }
 
 void HashedImage::check(Store& store, Check& checker, Range range, char* data)
@@ -126,7 +142,7 @@ void HashedImage::flushHashes()
 
 void HashedImage::markChanging()
 {
-    const std::scoped_lock lock(m_marking);
+    const std::scoped_lock lock(m_mutex);
     if (!m_isMarked && m_hashFile.isWritable()) {
         m_hashFile.record(m_state, false);
         m_isMarked = true;

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
@@ -38,6 +39,11 @@ public:
     // Makes every whole block of a range known, by true hashes. One reading of what is unknown or not believed. Once
     // that was the whole image, its hashes are believed.
     void complete(Range range, const char* phase);
+
+    // Which blocks `complete` made known or repaired, ascending; none when they are more than this. Where an image
+    // differs from its copy, it is likely there.
+    static constexpr std::size_t MOST_NEW_BLOCKS = 256;
+    std::vector<std::int64_t> newBlocks() const;
 
     // The size of the image that the hash file recorded before it was adapted to another one.
     std::optional<std::int64_t> formerSize() const { return m_formerSize; }
@@ -95,7 +101,8 @@ private:
     std::string m_doubt; // why the known hashes were not believed
     bool m_believes;
     bool m_isMarked = false;
-    std::mutex m_marking;
+    std::mutex m_mutex; // of the next one, and of marking
+    std::vector<std::int64_t> m_newBlocks;
     std::optional<std::int64_t> m_formerSize;
     Traffic m_traffic;
     std::atomic<std::int64_t> m_checked = 0; // blocks

@@ -64,7 +64,7 @@ void LocalSide::start(const Start& start)
     m_isDestination ? prepare(start.targetSize) : m_hashed->adaptToImage();
     m_hashed->complete(m_hashed->believes() ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
     const Geometry& geometry = m_hashed->hashFile().geometry();
-    m_started = {geometry.partitionOffset, m_hashed->traffic().read};
+    m_started = {geometry.partitionOffset, m_hashed->traffic().read, m_hashed->newBlocks()};
     m_blockSize = geometry.blockSize;
     m_compared = roundDown(start.compared, m_blockSize);
 }

@@ -40,9 +40,17 @@ struct Start {
     std::int64_t compared = 0;   // how much of the image will be compared
 };
 
+// What went over the line to a far side, and how often an answer had to be waited for.
+struct LineTraffic {
+    std::int64_t bytesSent = 0;
+    std::int64_t bytesReceived = 0;
+    std::int64_t roundTrips = 0;
+};
+
 struct Started {
     std::int64_t partitionOffset = 0;
     std::int64_t bytesRead = 0;
+    std::vector<std::int64_t> newBlocks; // see HashedImage::newBlocks
 };
 
 // Stretches come in ascending order, and none is longer than this, but for zeros, whose data is null.
@@ -107,6 +115,7 @@ public:
 
     virtual std::string remarks() const = 0; // lines about what was checked
     virtual nlohmann::ordered_json freshness() const = 0;
+    virtual std::optional<LineTraffic> lineTraffic() const { return std::nullopt; } // of a near one none
 };
 
 } // namespace kelvane::tool
