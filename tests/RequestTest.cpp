@@ -69,6 +69,7 @@ TEST(RequestTest, RefusesWhatItCannotServe)
                                                {1150, 0, "(none)"}}) {
         EXPECT_EQ(failureOf([&] { store->update_hashes(offset, nullptr, length); }), text);
     }
+    EXPECT_THROW(store->for_each_unknown_range(1050, 1000, nullptr), std::bad_function_call);
     const kelvane_buf_len_t room = Peer::hashBufferSize(*store.store);
     Peer::header(*store.store).blockSizeInBytes = 1;
     Peer::header(*store.store).targetSizeInBytes = uint64_t {1} << 40;
