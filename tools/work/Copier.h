@@ -25,7 +25,8 @@ public:
     // Makes that possible when the data has ended within a block.
     void dropPartOfBlock();
 
-    bool foundForeignChange() const { return m_foundForeignChange; }
+    // All batches together.
+    const OwnChange& ownChange() const { return m_ownChange; }
 
 private:
     struct Part {
@@ -37,6 +38,7 @@ private:
     void makeRoom(Range range);
     void store(const Part& part);
     void put(const Part& part);
+    bool isThere(const Part& part) const;
     void putZeros(Range range);
 
     Image& m_destination;
@@ -47,7 +49,7 @@ private:
     std::unique_ptr<char[]> m_buffer;
     std::vector<Part> m_batch;
     std::int64_t m_taken = 0; // of the room
-    bool m_foundForeignChange = false;
+    OwnChange m_ownChange;
 };
 
 } // namespace kelvane::tool
