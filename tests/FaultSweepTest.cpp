@@ -186,7 +186,7 @@ const Lines DISCARDING = {"failed to read hash entry: 4591: E", "failed to clear
 const Lines HASHING = {"failed to read hash value: 1048576: E", "failed to write hash: 1048576: E"};
 const Lines READING_AHEAD = {"failed to read hash value: 1111552: E", "failed to read hash value: 1112064: E",
                              "failed to write hash: 1112064: E"};
-const std::string ZEROING = "failed to write hash: 1253381: E";
+const std::string ZEROING = "failed to write hash: 1254405: E";
 const Lines GUARDING = {HASHING[1], "!failed to sync hash file: E", HASHING[1]};
 
 const Operation OPERATIONS[]
@@ -202,7 +202,7 @@ const Operation OPERATIONS[]
        {Recalls, "get_hash of a buffer", SIZE, HASH_BUFFER, BLOCK, BLOCK, {}},
        {Updates, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 150 * BLOCK, {"failed to write hash: 1084421: E"}},
        {Changes, "invalidate_hashes", SIZE, INVALIDATE, 3, 50000, {"failed to write hash: 1048579: E"}},
-       {Updates, "zero_hashes", SIZE, ZERO, ZEROS + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
+       {Updates, "zero_hashes", SIZE, ZERO, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
        {Changes, "for_each_unknown_range", SIZE, UNKNOWN, 0, SIZE, {"failed to read hash entry: 4096: E"}},
        {Changes, "sync_to_disk", SIZE, SYNC, 0, 0, {"!sync failed"}},
        {Discards, "discard_torn_entries", SIZE, DISCARD, 15 * BLOCK, 2 * BLOCK, DISCARDING},
