@@ -16,10 +16,12 @@ HashedImage::HashedImage(const Image& image, HashFile hashFile, const Common& co
     : m_image(image)
     , m_hashFile(std::move(hashFile))
     , m_common(common)
-    , m_state(image.isMissing() ? ImageState() : currentState())
-    , m_doubt(judge())
-    , m_believes(m_doubt.empty())
 {
+    if (!image.isMissing()) {
+        takeState();
+    }
+    m_doubt = judge();
+    m_believes = m_doubt.empty();
     m_isAssumed
         = common.trust == Trust::Everything && !m_hashFile.wasCreated() && !m_hashFile.doubtAbout(m_state).empty();
 }
@@ -32,12 +34,9 @@ std::string HashedImage::judge() const
     return m_common.trust == Trust::Nothing ? "that was asked for" : m_hashFile.doubtAbout(m_state);
 }
 
-// With the size that this run works with: if the image has another one already, it will never be found unchanged.
 ImageState HashedImage::currentState() const
 {
-    ImageState state = flushedState(m_image, m_common.progress);
-    state.content["size"] = m_image.size();
-    return state;
+    return flushedState(m_image, m_common.progress);
 }
 
 bool HashedImage::wasOnlyChanged() const
@@ -130,9 +129,11 @@ void HashedImage::markChanging()
     }
 }
 
+// With the size that this run works with: if the image has another one already, it will never be found unchanged.
 void HashedImage::takeState()
 {
     m_state = currentState();
+    m_state.content["size"] = m_image.size();
 }
 
 // Of a device the system tells how much was written to it.

@@ -109,7 +109,7 @@ private:
     const Common& m_common;
     ImageState m_state;
     std::string m_doubt; // why the known hashes were not believed
-    bool m_believes;
+    bool m_believes = false;
     bool m_isAssumed = false;   // believed, because that is to be assumed
     bool m_isMarked = false;    // the record says that the hash file is being changed
     bool m_isDisturbed = false; // something else changed the hash file
