@@ -5,7 +5,7 @@ from random import randbytes
 from subprocess import PIPE, run
 
 PROGRAM, SHIM, *EXAMPLES = map(os.path.abspath, sys.argv[1:])
-ORACLE = Path(__file__).resolve().with_name("oracle.py")
+ORACLE, RELAY = (Path(__file__).resolve().with_name(name) for name in ("oracle.py", "relay.py"))
 BLOCK = 4096
 DEVICE = 1 << 20  # the partition offset where there is one
 HOME = os.getcwd()

@@ -3,7 +3,7 @@ import os
 from pathlib import Path
 from random import randbytes
 
-from program import BLOCK, Case, built, flip, main
+from program import BLOCK, PROGRAM, RELAY, Case, built, flip, main
 
 
 class Sync(Case):
@@ -26,6 +26,26 @@ class Sync(Case):
         self.call("build other --hash-file small --block-size 512")
         self.call("diff source other --hash-file-a made --hash-file-b small")
         self.assertEqual([self.json(f"info {name}")["blockSize"] for name in ("other.hashes", "made")], [65536, 512])
+
+    def test_pieces_never_take_more_room_than_there_is(self):
+        """Blocks that are larger than a piece, or no multiple of what a file system keeps; data, zeros and holes."""
+        size = (40 << 20) + 77
+        Path("dense").write_bytes(randbytes(size))
+        Path("mixed").write_bytes(bytes(5 << 20) + randbytes(3 << 20))
+        for offset in range(9 << 20, size, 7 << 20):
+            with open("mixed", "r+b") as file:
+                os.pwrite(file.fileno(), randbytes(100 << 10), offset)
+        os.truncate("mixed", size)
+        for block, source, *sides in (
+                (1500000, "dense", "dense", "t"), (1500000, "mixed", "h:mixed", "t"), (3000000, "mixed", "mixed", "t"),
+                ((1 << 20) + 1, "dense", "h:dense", "t"), ((1 << 20) + 1, "mixed", "mixed", "h:t"),
+                (1 << 16, "mixed", "mixed", "t"), (1 << 16, "mixed", "mixed", "h:t"), (5000, "mixed", "mixed", "t")):
+            with self.subTest(f"{block}: {sides}"):
+                Path("t").write_bytes(randbytes(size) if source == "mixed" else bytes(size))
+                self.call(f"sync {' '.join(sides)} --block-size {block} --source-hash-file s{block} "
+                          f"--dest-hash-file t{block} --adopt --rsh {RELAY} --remote-program {PROGRAM}")
+                self.assertEqual(Path("t").read_bytes(), Path(source).read_bytes())
+                self.call(f"verify t --hash-file t{block}")
 
     def test_sync_verify_reads_every_byte_again(self):
         built()
