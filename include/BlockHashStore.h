@@ -14,9 +14,9 @@
 // ": " and the error number in decimal. Failed allocations and whatever a callback throws pass through
 // unchanged. After a failure the store can be used as before, unless moved from. While another exception
 // is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
-// `create`, `update_hashes` and `invalidate_hashes` then just return, `open` returns an empty pointer, the
-// range hash an empty value, `discard_torn_entries` 0, `for_each_unknown_range` stops, and nothing more is read or
-// written by that call.
+// `create`, `update_hashes`, `zero_hashes`, `invalidate_hashes` and `for_each_unknown_range` then just return, `open`
+// returns an empty pointer, the range hash an empty value, `discard_torn_entries` 0, and nothing more is read or
+// written by that call. A failed close alone changes nothing else then: the call goes on after the log line.
 //
 // Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one, and while
 // it lasts at most 56 bytes per stretch of unknown blocks and what the callback hands over. The
@@ -155,7 +155,7 @@ public:
     //   "failed to seek in hash file during update: " position (errno)
     //   "failed to write hash: " offset (errno), which is also what becomes of more than 2^31 - 1 bytes of
     //   entries (65,075,262 blocks) in one request. What the write left is not repaired: some entries may be
-    //   stored, and one by half, though known, so invalidate the range
+    //   stored, and the last of these may be marked as known with only a part of its hash, so invalidate the range
     //   "failed to hash aggregate hashes"
     HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length, DataRequiredFunc dataRequiredFunc);
 
@@ -176,10 +176,11 @@ public:
     //   "failed to write hash: " offset (errno). See get_hash for what the file may then hold
     void update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length);
 
-    // As update_hashes with `length` zeros, for a range of the target that now reads as zeros, on stable storage as
-    // far as hashes shall outlive a crash: discarded, punched, zeroed, or never written. Needs no buffer: it costs one
-    // digest, and one write for every 31775 blocks, of at most 1 MiB of memory, at any length. Hashing takes
-    // the time of one block; memory for it is not touched where the system gives out zeroed pages.
+    // As update_hashes with `length` zeros, for a range of the target that now reads as zeros: discarded, punched,
+    // zeroed, or never written. If the hashes are to be true after a crash, the zeros must be on stable storage
+    // before the call. Needs no buffer, hashes a single block and takes at most 1 MiB of memory for entries, at any
+    // length. Costs one write for every 31775 blocks that the range covers wholly, one for the rest of them, and one
+    // for each block that it covers in part.
     // Failures:
     //   that of throwOnAccessViolation, with the tag zero_hashes
     //   "zero_hashes: length is negative: " and the length
@@ -199,6 +200,7 @@ public:
     // Failures:
     //   that of throwOnAccessViolation, with the tag for_each_unknown_range
     //   "for_each_unknown_range: length is negative: " and the length
+    //   std::bad_function_call, when there is an unknown block and `onRange` is empty
     //   "failed to read hash entry: " position in the hash file (errno)
     void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length, const UnknownRangeFunc& onRange);
 

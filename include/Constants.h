@@ -1,3 +1,4 @@
+// The constants that the interfaces of the library share.
 #pragma once
 
 namespace kelvane {

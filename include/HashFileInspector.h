@@ -15,9 +15,20 @@ namespace kelvane {
 class KELVANE_EXPORT HashFileInspector {
 public:
     // Opens the hash file at `path` for reading and validates its header and its size as BlockHashStore::open
-    // does, against the target size that it records itself. Failures: the first eleven of BlockHashStore::open, but
-    // those that compare with a given target size. While another exception is propagating, one marked (errno) there is
-    // logged, and the construction ends with "cannot inspect a hash file while an exception propagates".
+    // does, against the target size that it records itself. Allocates as much. Failures:
+    //   "failed to stat hash file" (errno)
+    //   "path does not represent a hash file"
+    //   "file is too small to be valid: " and its size
+    //   "failed to open file: " path (errno)
+    //   "failed to read header" (errno)
+    //   "header magic number does not match expected"
+    //   "header version does not match the expected value"
+    //   "hash data offset is invalid: " found " " expected
+    //   "unknown hashing function: " and the number
+    //   "block size is invalid: 0"
+    //   "the hash file size is incorrect for given target size"
+    // While another exception is propagating, one marked (errno) is logged, and the construction ends with
+    // "cannot inspect a hash file while an exception propagates".
     explicit HashFileInspector(const std::string& path);
     ~HashFileInspector();
     HashFileInspector(const HashFileInspector&) = delete;

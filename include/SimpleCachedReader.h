@@ -17,9 +17,9 @@ namespace kelvane {
 //
 // Failures are reported by results, with `errno` as the failing system call set it; without an open file
 // they are negative with `errno` EBADF. Interrupted calls are made again and split transfers completed,
-// so a short count means the end of the file. Only `truncate` throws, and whatever a callback throws:
-// that passes through after the transfer took place and the position and the cache were brought up to
-// date.
+// so a short count means the end of the file. Exceptions come from `truncate`, from failed allocations in
+// the constructor and in `open`, which then changes nothing, and from callbacks: what they throw passes
+// through after the transfer took place and the position and the cache were brought up to date.
 //
 // Reads of at least the cache's size go straight into the caller's buffer. A smaller one that misses the
 // cache fetches the 4096-byte pages that it touches; one that goes on where the last read ended fetches

@@ -52,9 +52,9 @@ public:
 
     // Stores the hashes of the blocks that the range covers wholly; `buffer` holds the range's bytes as
     // they now stand in the target, on stable storage. At most once per guard. Fails as
-    // BlockHashStore::update_hashes does; the range is then made unknown again, as far as possible on the disk, for
-    // a write of hashes that was cut short can leave one of them by half. Where the hash file takes no write at
-    // all, nothing has changed. Further
+    // BlockHashStore::update_hashes does. A write of entries that was cut short can leave one that is marked as known
+    // with only a part of its hash, so the range is then made unknown again, and that is synced, both as far as
+    // possible. Where the hash file takes no write at all, nothing has changed. Further
     //   "cannot commit a target write while an exception propagates"; the range stays unknown.
     // The hashes reach the disk in their own time: losing them costs a rehash.
     void commit(const void* buffer)

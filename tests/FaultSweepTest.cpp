@@ -1,4 +1,4 @@
-// Every system call, every allocation and the data callback of every operation fail, in every way that they can:
+// Every system call, allocation and hash and the data callback of every operation fail, in every way that they can:
 // the text is the documented one, nothing leaks, no entry lies or changes outside the operation's range, and
 // both the same store and a fresh one answer right once the fault is gone.
 
@@ -29,7 +29,7 @@ constexpr std::size_t TORN = DATA + 512;    // where an entry crosses a sector's
 struct Lab;
 using Run = void (*)(Lab&, int64_t offset, int64_t length);
 
-enum Kind { Creates, Opens, Recalls, Hashes, Changes, Discards, Guards };
+enum Kind { Creates, Opens, Recalls, Hashes, Updates, Changes, Discards, Guards };
 
 // An operation under test. Its texts are those of its system calls in their order, when they fail: E stands for
 // the error number, PATH for the file, "!" for one that is thrown always, and a text that is empty for no failure.
@@ -42,6 +42,8 @@ struct Operation {
     Lines texts;
 
     bool isHashing() const { return kind == Recalls || kind == Hashes; }
+    bool isStoring() const { return kind == Hashes || kind == Updates || kind == Changes; }
+    bool usesHash() const { return isHashing() || kind == Updates || kind == Guards; }
 };
 
 struct Lab : MemoryStore {
@@ -115,10 +117,10 @@ struct Lab : MemoryStore {
     bool isTrue(const Operation& operation) const
     {
         const Bytes bytes = file();
-        const auto entry = [](int64_t block) { return DATA + static_cast<std::size_t>(block) * ENTRY; };
-        const std::size_t first = operation.length == 0 ? 0 : entry(operation.offset / BLOCK);
+        const auto entryWith = [](int64_t offset) { return entryAt(static_cast<std::size_t>(offset / BLOCK)); };
+        const std::size_t first = operation.length == 0 ? 0 : entryWith(operation.offset);
         const std::size_t end
-            = operation.length == 0 ? DATA : entry((operation.offset + operation.length - 1) / BLOCK + 1);
+            = operation.length == 0 ? DATA : entryWith(operation.offset + operation.length - 1) + ENTRY;
         for (std::size_t i = 0; i < std::min(bytes.size(), image.size()); ++i) {
             if (bytes[i] != image[i] && (i < first || i >= end) && operation.kind != Creates) {
                 return false;
@@ -184,7 +186,7 @@ const Lines DISCARDING = {"failed to read hash entry: 4591: E", "failed to clear
 const Lines HASHING = {"failed to read hash value: 1048576: E", "failed to write hash: 1048576: E"};
 const Lines READING_AHEAD = {"failed to read hash value: 1111552: E", "failed to read hash value: 1112064: E",
                              "failed to write hash: 1112064: E"};
-const std::string ZEROING = "failed to write hash: 1253381: E";
+const std::string ZEROING = "failed to write hash: 1254405: E";
 const Lines GUARDING = {HASHING[1], "!failed to sync hash file: E", HASHING[1]};
 
 const Operation OPERATIONS[]
@@ -198,9 +200,9 @@ const Operation OPERATIONS[]
        {Hashes, "get_hash that reads ahead", SIZE, HASH_AFTER_KNOWN, AHEAD, BLOCK, READING_AHEAD},
        {Recalls, "get_hash of known blocks", SIZE, HASH, KNOWN, 40 * BLOCK, {"failed to read hash value: 1202176: E"}},
        {Recalls, "get_hash of a buffer", SIZE, HASH_BUFFER, BLOCK, BLOCK, {}},
-       {Changes, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 80 * BLOCK, {"failed to write hash: 1084421: E"}},
+       {Updates, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 150 * BLOCK, {"failed to write hash: 1084421: E"}},
        {Changes, "invalidate_hashes", SIZE, INVALIDATE, 3, 50000, {"failed to write hash: 1048579: E"}},
-       {Changes, "zero_hashes", SIZE, ZERO, ZEROS + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
+       {Updates, "zero_hashes", SIZE, ZERO, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
        {Changes, "for_each_unknown_range", SIZE, UNKNOWN, 0, SIZE, {"failed to read hash entry: 4096: E"}},
        {Changes, "sync_to_disk", SIZE, SYNC, 0, 0, {"!sync failed"}},
        {Discards, "discard_torn_entries", SIZE, DISCARD, 15 * BLOCK, 2 * BLOCK, DISCARDING},
@@ -214,9 +216,9 @@ const std::pair<void (*)(Arrays&), std::string> SPOILS[]
        {[](Arrays& arrays) { arrays.push_back(std::make_unique<char[]>(BLOCK)); }, MISSING},
        {[](Arrays& arrays) { arrays.back().reset(); }, MISSING}};
 
-// One fault: the k-th call of a kind, or allocation, that the operation makes, or the k-th one of the callback.
+// One fault: the k-th call of a kind, allocation or hash that the operation makes, or the k-th one of the callback.
 struct Injection {
-    enum Kind { Error, Nothing, OneByte, Half, AllButOne, HalfThenError, Allocation, Callback };
+    enum Kind { Error, Nothing, OneByte, Half, AllButOne, HalfThenError, Allocation, Callback, Hash };
 
     Kind kind;
     int error;
@@ -226,6 +228,9 @@ struct Injection {
     int fired = 0, first = -1;   // the first call that it hit
     Call firstCall = Call::Open;
     int callsAfter = 0; // that do more than clean up
+    int64_t hashed = 0; // the length of what could not be hashed
+
+    bool isHashOfHashes() const { return kind == Hash && hashed != BLOCK; }
 
     void run(const std::function<void()>& operation)
     {
@@ -290,6 +295,14 @@ Lines rendered(const Operation& operation, std::string text, const std::string& 
     return lines;
 }
 
+std::string textOfHash(const Operation& operation, const Injection& injection)
+{
+    return operation.run == HASH_BUFFER ? "empty"
+        : injection.isHashOfHashes()    ? "failed to hash aggregate hashes"
+        : operation.isHashing()         ? "failed to generate block hash"
+                                        : "failed to compute hash from data";
+}
+
 // A failed closing that may only be logged changes nothing else.
 bool goesOn(const std::string& text, bool unwinding)
 {
@@ -334,6 +347,9 @@ bool linesAreRight(const Operation& operation, const Injection& injection, Lines
     if (injection.kind == Injection::Callback) {
         return lines == rendered(operation, SPOILS[injection.k].second, std::to_string(E2BIG), unwinding);
     }
+    if (injection.kind == Injection::Hash) {
+        return lines == Lines {"thrown: " + textOfHash(operation, injection)};
+    }
     const auto first = static_cast<std::size_t>(injection.first);
     if (first >= operation.texts.size()) {
         return false;
@@ -357,7 +373,7 @@ bool recovers(Lab& lab, const Operation& operation, const Injection& injection, 
     }
     if (operation.kind == Discards) {
         lab.store->discard_torn_entries();
-    } else if (injection.kind == Injection::HalfThenError && (operation.kind == Hashes || operation.kind == Changes)) {
+    } else if (injection.kind == Injection::HalfThenError && operation.isStoring()) {
         lab.store->invalidate_hashes(PARTITION + operation.offset, operation.length); // half an entry may be known
     }
     if (!lab.isTrue(operation) || (lab.store && !lab.answersRight())) {
@@ -385,17 +401,33 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
     const bool spoils
         = injection.kind == Injection::Callback && static_cast<std::size_t>(injection.k) < std::size(SPOILS);
     lab.spoil = spoils ? SPOILS[injection.k].first : nullptr;
+    std::unique_ptr<IHashFunction> hash;
+    if (injection.kind == Injection::Hash && lab.store) {
+        hash = std::exchange(Peer::hashFunction(*lab.store), std::make_unique<FailingHash>(injection.k, 0));
+    }
     Lines lines = unwinding ? logWhileUnwinding(run) : logOf(run);
     if (spoils) {
         injection.fired += lab.target.calls;
     } else if (injection.kind == Injection::Allocation) {
         injection.fired += FailingAllocation::hasFailed() ? 1 : 0;
+    } else if (hash) {
+        std::swap(hash, Peer::hashFunction(*lab.store));
+        injection.hashed = static_cast<const FailingHash&>(*hash).lengthOfFailure;
+        injection.fired += injection.hashed != 0 ? 1 : 0;
     }
     lab.spoil = nullptr;
     for (std::string& line : lines) {
         line = std::regex_replace(line, std::regex(lab.path), "PATH");
     }
     return lines;
+}
+
+// Where the data callback or a hash fails, nothing is stored yet; but the last hash, of several, is that of what is.
+bool hasStoredWhatItMust(const Lab& lab, const Operation& operation, const Injection& injection)
+{
+    const bool isStored = injection.isHashOfHashes() && injection.k > 0;
+    return injection.kind < Injection::Callback || injection.fired == 0 || operation.kind == Guards
+        || lab.file() == (isStored ? lab.done : lab.image);
 }
 
 // False when the operation ended before it came to the fault.
@@ -413,7 +445,7 @@ bool runPoint(Lab& lab, const Operation& operation, bool unwinding, Injection in
     const bool good = openDescriptors() - (lab.store ? 1 : 0) == descriptors
         && (lab.result.empty() || lab.isRight(operation.offset, operation.length))
         && isDeleted == !std::filesystem::exists(lab.path) && linesAreRight(operation, injection, lines, unwinding)
-        && (injection.kind != Injection::Callback || injection.fired == 0 || lab.file() == lab.image)
+        && hasStoredWhatItMust(lab, operation, injection)
         && ((unwinding && injection.kind == Injection::Allocation) || !succeeded || lab.file() == lab.done)
         && recovers(lab, operation, injection, succeeded && !unwinding);
     ++figures.points;
@@ -427,8 +459,10 @@ bool runPoint(Lab& lab, const Operation& operation, bool unwinding, Injection in
 
 void sweep(Lab& lab, const Operation& operation, bool unwinding, Figures& figures)
 {
-    std::vector<Injection> injections
-        = {{Injection::Nothing, 0, false}, {Injection::Allocation, 0, false}, {Injection::Callback, 0, false}};
+    std::vector<Injection> injections = {{Injection::Nothing, 0, false},
+                                         {Injection::Allocation, 0, false},
+                                         {Injection::Callback, 0, false},
+                                         {Injection::Hash, 0, false}};
     for (const bool persistent : {false, true}) {
         for (const int error : {EIO, ENOSPC, EINTR}) {
             injections.push_back({Injection::Error, error, persistent});
@@ -460,6 +494,8 @@ void sweep(Lab& lab, const Operation& operation, bool unwinding, Figures& figure
                 << operation.name;
         } else if (injection.kind == Injection::Allocation && operation.kind <= Hashes) {
             EXPECT_GT(injection.k, 0) << operation.name;
+        } else if (injection.kind == Injection::Hash) {
+            EXPECT_EQ(injection.k > 0, operation.usesHash()) << operation.name;
         }
     }
 }

@@ -34,7 +34,8 @@ void checkEndOfTarget(int64_t partition, int64_t length)
     entry.insert(entry.begin(), 1);
     Bytes stored(ENTRY);
     std::ifstream file(path, std::ios::binary);
-    file.seekg(4096 + (length / BLOCK - 1) * 33).read(reinterpret_cast<char*>(stored.data()), 33);
+    file.seekg(static_cast<std::streamoff>(entryAt(static_cast<std::size_t>(length / BLOCK) - 1)));
+    file.read(reinterpret_cast<char*>(stored.data()), ENTRY);
     EXPECT_EQ(stored, entry);
     EXPECT_EQ(failureOf([&] { store->invalidate_hashes(end, 0); }),
               "update_hashes: offset is out of bounds: " + std::to_string(end) + ", " + std::to_string(length));

@@ -69,6 +69,7 @@ TEST(RequestTest, RefusesWhatItCannotServe)
                                                {1150, 0, "(none)"}}) {
         EXPECT_EQ(failureOf([&] { store->update_hashes(offset, nullptr, length); }), text);
     }
+    EXPECT_THROW(store->for_each_unknown_range(1050, 1000, nullptr), std::bad_function_call);
     const kelvane_buf_len_t room = Peer::hashBufferSize(*store.store);
     Peer::header(*store.store).blockSizeInBytes = 1;
     Peer::header(*store.store).targetSizeInBytes = uint64_t {1} << 40;
@@ -161,52 +162,6 @@ TEST(RequestTest, FailsWithoutItsFile)
     for (const auto& [operation, text] : failures) {
         EXPECT_EQ(failureOf(operation), text);
     }
-}
-
-TEST(RequestTest, HashFunctionFailuresKeepTheFileUntilAllBlocksAreHashed)
-{
-    constexpr int BLOCKS = 300;
-    constexpr int64_t LENGTH = BLOCKS * 20 - 7; // the last block is partial
-    MemoryStore store(LENGTH, 11, 20);
-    const Bytes before = store.file();
-    Bytes after = before;
-    for (int64_t block = 0; block < BLOCKS - 1; ++block) {
-        setEntry(after, block, blockDigest(store.target.bytes, 20, block, 0, LENGTH));
-    }
-    const auto hash = [&] { return store->get_hash(11, LENGTH, store.target.supplier()); };
-    const auto update = [&] { store->update_hashes(11, store.target.bytes.data(), LENGTH); };
-    for (const int failAt : {0, 1, 127, 128, 200, 256, BLOCKS - 2, BLOCKS - 1, BLOCKS}) {
-        for (const std::size_t size : {0U, 31U, 33U}) {
-            SCOPED_TRACE(std::to_string(failAt) + ", " + std::to_string(size));
-            const auto failureWith = [&](const std::function<void()>& operation) {
-                store->invalidate_hashes(11, LENGTH);
-                auto good
-                    = std::exchange(Peer::hashFunction(*store.store), std::make_unique<FailingHash>(failAt, size));
-                const std::string failure = failureOf(operation);
-                Peer::hashFunction(*store.store) = std::move(good);
-                return failure;
-            };
-            if (failAt < BLOCKS - 1) {
-                EXPECT_EQ(failureWith(update), "failed to compute hash from data");
-                EXPECT_EQ(store.file(), before);
-            }
-            if (failAt == 0) {
-                EXPECT_EQ(failureWith([&] { store->zero_hashes(11, 60); }), "failed to compute hash from data");
-                EXPECT_EQ(store.file(), before);
-            }
-            if (failAt < BLOCKS) {
-                EXPECT_EQ(failureWith(hash), "failed to generate block hash");
-                EXPECT_EQ(store.file(), before);
-            } else if (size == 0) { // other sizes of the aggregate are the hash function's own business
-                EXPECT_EQ(failureWith(hash), "failed to hash aggregate hashes");
-                EXPECT_EQ(store.file(), after);
-            }
-            EXPECT_EQ(hash(), aggregateDigest(store.target.bytes, 20, 0, LENGTH));
-            EXPECT_EQ(store.file(), after);
-        }
-    }
-    Peer::hashFunction(*store.store) = std::make_unique<FailingHash>(0, 5);
-    EXPECT_EQ(store->get_hash(store.target.bytes.data(), 1).size(), 5U);
 }
 
 // A hash function with digests of another size, which repeat one byte.

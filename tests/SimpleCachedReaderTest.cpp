@@ -28,7 +28,7 @@ struct Model {
         const auto callback = [this](unsigned long bytes) {
             transfers.push_back(static_cast<Size>(bytes));
             errno = 0;
-            if (isRandom && random(50) == 0) {
+            if (isRandom && random.chance(2)) {
                 throw 0;
             }
         };
@@ -36,13 +36,12 @@ struct Model {
         reader.setOnWriteCallback(callback);
     }
 
-    Size random(Size limit) { return static_cast<Size>(generator()) % limit; }
     Size size() const { return std::ssize(content); }
     Size position() { return reader.seek(0, SEEK_CUR); }
 
     Outcome disturb(const CallRecord& record)
     {
-        const Size choice = isRandom ? random(40) : 40;
+        const Size choice = isRandom ? random.below(40) : 40;
         const bool fails = choice == 0 || (moved > 0 && choice < 10);
         failed = fails && record.offset < end;       // else it is what was read ahead
         if (fails && record.call == Call::WriteAt) { // nobody knows what it leaves in the file
@@ -51,7 +50,8 @@ struct Model {
         if (fails || choice == 1) {
             return {fails ? EIO : EINTR};
         }
-        const auto limit = static_cast<Size>(choice < 20 ? 1 + generator() % record.length : record.length);
+        const auto limit
+            = choice < 20 ? 1 + random.below(static_cast<Size>(record.length)) : static_cast<Size>(record.length);
         moved += std::clamp<Size>(size() - record.offset, 0, limit);
         return {0, limit};
     }
@@ -59,9 +59,9 @@ struct Model {
     void transfer(Call kind, Size start, Size length)
     {
         const Size bases[] = {0, position(), size()}; // of SEEK_SET, SEEK_CUR and SEEK_END
-        const auto whence = static_cast<int>(random(3));
+        const auto whence = static_cast<int>(random.below(3));
         EXPECT_EQ(reader.seek(start - bases[whence], whence), start);
-        Bytes bytes = randomBytes(static_cast<std::size_t>(length), static_cast<unsigned>(generator()));
+        Bytes bytes = randomBytes(static_cast<std::size_t>(length), static_cast<unsigned>(random.generator()));
         const bool isWrite = kind == Call::WriteAt;
         if (isWrite && length > 0) {
             content.resize(static_cast<std::size_t>(std::max(size(), start + length)));
@@ -112,10 +112,10 @@ struct Model {
         isRandom = true;
         for (int i = 0; i < 1500 && !::testing::Test::HasFailure(); ++i) {
             const Size sizes[] = {0, 33, PAGE, PAGE * 3, cacheSize, CACHE, CACHE * 2}; // where pages and the cache end
-            const Size some = std::max<Size>(0, sizes[random(std::ssize(sizes))] + random(5) - 2);
-            const Size near = std::max<Size>(0, position() + random(3) - random(2) * some);
-            const Size place = random(10) == 0 ? random(size() + PAGE) : random(2) == 0 ? near : position();
-            const Size choice = random(20);
+            const Size some = std::max<Size>(0, sizes[random.below(std::ssize(sizes))] + random.below(5) - 2);
+            const Size near = std::max<Size>(0, position() + random.below(3) - random.below(2) * some);
+            const Size place = random.chance(10) ? random.below(size() + PAGE) : random.chance(50) ? near : position();
+            const Size choice = random.below(20);
             choice < 10       ? transfer(Call::ReadAt, place, some)
                 : choice < 17 ? transfer(Call::WriteAt, place, some)
                 : choice < 19 ? truncate(place)
@@ -129,7 +129,7 @@ struct Model {
     TemporaryDirectory directory;
     std::string path = directory.file("data");
     SimpleCachedReader reader;
-    std::mt19937 generator {8};
+    Random random {std::mt19937_64(8)};
     std::vector<Size> transfers; // their bytes, as the callbacks got them
     bool isRandom = false, failed = false;
     Size end = 0, moved = 0, failures = 0, thrown = 0;

@@ -239,12 +239,17 @@ struct FailingHash : IHashFunction {
     }
     HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
     {
-        return calls++ == failAt ? HashValue(size) : BlakeHash().get_hash(buffer, length);
+        if (calls++ != failAt) {
+            return BlakeHash().get_hash(buffer, length);
+        }
+        lengthOfFailure = length;
+        return HashValue(size);
     }
     kelvane_size_t hash_size_in_bytes() const override { return 32; }
 
     int failAt, calls = 0;
     std::size_t size;
+    kelvane_buf_len_t lengthOfFailure = 0;
 };
 
 // Runs `operation` and returns the log lines that it caused, as "level function: text"; last an exception that

@@ -2,7 +2,7 @@
 
 The static library comes from the build given. The shared one is built embedded in the consumer's project, for one
 instruction set alone, which takes seconds instead of minutes."""
-import glob, itertools, os, re, shutil, subprocess, sys, tempfile, unittest
+import glob, itertools, json, os, re, shutil, subprocess, sys, tempfile, unittest
 from oracle import aggregate
 
 SOURCE, BUILD, CXX = sys.argv[1:]
@@ -62,6 +62,18 @@ class Install(unittest.TestCase):
         self.check(self.path("embedded/consumer"), "shared")
         built = run("cmake", "--build", self.path("embedded"), "--target", "help")
         self.assertNotRegex(built, "kelvane-hash|kelvane_tests|range_hash|man_page")
+
+    def test_sanitizers_of_an_embedding_project_stay_out_of_the_kernel(self):
+        sanitizers = "-fsanitize=address,undefined"
+        with open(self.path("sanitizers.cmake"), "w") as file:
+            file.write(f"add_compile_options({sanitizers})")
+        for way in f"FLAGS={sanitizers}", "FLAGS= -DCMAKE_PROJECT_INCLUDE=" + self.path("sanitizers.cmake"):
+            run("cmake", "-S", CONSUMER, "-B", self.path("sanitized"), f"-DCMAKE_CXX_COMPILER={CXX}",
+                f"-DKELVANE_SOURCE={SOURCE}", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *f"-DCMAKE_CXX_{way}".split())
+            with open(self.path("sanitized/compile_commands.json")) as file:
+                commands = {os.path.basename(entry["file"]): entry["command"] for entry in json.load(file)}
+            for name, last in ("main.cpp", sanitizers), ("Blake2sp.cpp", "-fno-sanitize=all"):
+                self.assertEqual(re.findall(r"-f(?:no-)?sanitize=\S+", commands[name])[-1], last)
 
     def test_find_package_and_pkg_config(self):
         for kind in "static", "shared":

@@ -12,6 +12,7 @@ namespace kelvane {
 namespace {
 
 constexpr kelvane_ssize_t MAXIMUM_WRITE = std::numeric_limits<int>::max(); // what a writer can report
+constexpr kelvane_ssize_t SECTOR = 512;                                    // what a disk writes wholly or not at all
 
 } // namespace
 
@@ -134,6 +135,41 @@ void BlockHashStore::hashFullBlocks(const Span& span, char* buffer)
     if (!hashed || !hasher.flush()) {
         throw std::runtime_error("failed to compute hash from data");
     }
+}
+
+uint64_t BlockHashStore::discard_torn_entries()
+{
+    throwWithinDataCallback();
+    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+    const auto dataStart = static_cast<kelvane_ssize_t>(m_header.dataRegionOffsetInBytes);
+    const auto dataSize
+        = static_cast<kelvane_ssize_t>(computeDataSize(m_header.targetSizeInBytes, getBlockSize(), hashSize()));
+    const std::vector<char> zeros(static_cast<std::size_t>(entrySize), 0);
+    std::vector<char> entry(zeros);
+    uint64_t discarded = 0;
+    for (kelvane_ssize_t boundary = SECTOR; boundary < dataSize; boundary += SECTOR) {
+        const kelvane_ssize_t start = boundary / entrySize * entrySize;
+        const kelvane_ssize_t whereTo = dataStart + start;
+        if (start == boundary) {
+            continue;
+        }
+        if (m_file.seek(whereTo, SEEK_SET) != whereTo
+            || !validReadWrite(entrySize, m_file.read(entry.data(), entrySize))) {
+            failWithErrno("failed to read hash entry: ", whereTo);
+            return 0;
+        }
+        const auto secondHalf = entry.begin() + (boundary - start);
+        if ((entry.front() & InUse) == 0 || !std::equal(secondHalf, entry.end(), zeros.begin())) {
+            continue;
+        }
+        if (m_file.seek(whereTo, SEEK_SET) != whereTo
+            || !validReadWrite(entrySize, m_file.write(zeros.data(), zeros.size()))) {
+            failWithErrno("failed to clear hash entry: ", whereTo);
+            return 0;
+        }
+        ++discarded;
+    }
+    return discarded;
 }
 
 } // namespace kelvane

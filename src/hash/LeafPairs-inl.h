@@ -1,6 +1,6 @@
-// All leaves of a batch. With 32 registers, those of messages of whole stripes go side by side in pairs of messages:
-// while one stripe is compressed, the next one is brought in and transposed, a part in each round, to words in memory,
-// where additions take them from.
+// All leaves of a batch. With 32 registers, those of messages of whole stripes go side by side in pairs of messages.
+// While one stripe is compressed, the next one is loaded, transposed and stored as words, a part in each round; the
+// additions of its own compression read these words from memory.
 // Compiled once per instruction set, as a part of Blake2sp.cpp.
 
 #if defined(KELVANE_HASH_LEAF_PAIRS_INL_H) == defined(HWY_TARGET_TOGGLE)

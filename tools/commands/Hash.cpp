@@ -27,7 +27,7 @@ Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevi
     std::atomic<std::int64_t> bytesRead = hashed.traffic().read;
     // Everything whole is known, and nothing is to be stored.
     const Store::Hash value = range.length > 0
-        ? Store(hashFile.path(), hashFile.geometry(), Store::Access::Read).hash(range, image, bytesRead)
+        ? hashFile.anotherStore(Store::Access::Read).hash(range, image, bytesRead)
         : BlakeHash().get_hash(nullptr, 0);
     const Changes changes(hashed);
     Outcome outcome;

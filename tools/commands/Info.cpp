@@ -42,6 +42,16 @@ struct Record {
     nlohmann::ordered_json json;
 };
 
+std::string doubtNow(const Evidence& evidence, const std::string& path, const std::string& image)
+{
+    try {
+        const Descriptor file = openFile(path, O_RDONLY);
+        return doubtAbout(evidence, hashFileState(file.get(), false), stateOf(Image(image, Image::Access::Read)));
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+}
+
 Record recordOf(const std::string& path)
 {
     const std::optional<Evidence> evidence = Evidence::read(path);
@@ -49,18 +59,16 @@ Record recordOf(const std::string& path)
         return {"none", nullptr};
     }
     const auto image = evidence->image.image["path"].get<std::string>();
-    std::string verdict = "not clean";
+    const std::string doubt = doubtNow(*evidence, path, image);
+    std::string text = "not clean: a run on " + image + " is under way, or was cut short";
     if (evidence->isClean) {
-        try {
-            verdict = evidence->image.isSame(stateOf(Image(image, Image::Access::Read))) ? "unchanged" : "changed";
-        } catch (const Failure&) {
-            verdict = "missing";
-        }
+        text = doubt.empty() ? "true of " + image + ", which is unchanged" : "not believed of " + image + ": " + doubt;
     }
-    return {
-        (evidence->isClean ? "true of " + image + ", which is " + verdict + " now"
-                           : "not clean: a run on " + image + " is under way, or was cut short"),
-        {{"clean", evidence->isClean}, {"image", image}, {"content", evidence->image.content}, {"verdict", verdict}}};
+    return {text,
+            {{"clean", evidence->isClean},
+             {"image", image},
+             {"content", evidence->image.content},
+             {"verdict", doubt.empty() ? "unchanged" : doubt}}};
 }
 
 } // namespace

@@ -24,8 +24,7 @@ void refuseUnfitPair(const Side& source, const Side& destination)
     }
 }
 
-// False when something else changed the destination meanwhile.
-bool copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, ProgressMode mode)
+OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, ProgressMode mode)
 {
     Progress progress("copy", totalLength(ranges), mode);
     destination.startWriting(isSparse);
@@ -65,10 +64,13 @@ Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Com
     const std::int64_t newSize = destination.opening().isBlockDevice ? formerSize : size;
     const Comparison found = compare(source, destination, {blockSize, newSize, size});
     const std::int64_t copied = totalLength(found.differing);
-    const bool foundForeignChange
-        = copied > 0 && !copy(source, destination, found.differing, how.isSparse, common.progress);
+    const OwnChange change
+        = copied > 0 ? copy(source, destination, found.differing, how.isSparse, common.progress) : OwnChange();
+    const bool foundForeignChange = !change.wasUnchanged;
+    // What others wrote at the same time shows in the data alone.
+    const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);
     std::optional<std::int64_t> difference;
-    if (how.reread) {
+    if (isReread) {
         difference = reread(source, destination, common.progress);
     }
     if (difference || foundForeignChange) {
@@ -94,7 +96,7 @@ Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Com
                     {"comparisons", found.comparisons},
                     {"bytesRead", found.bytesRead},
                     {"seconds", seconds},
-                    {"verified", how.reread},
+                    {"verified", isReread},
                     {"freshness", {source.freshness(), destination.freshness()}},
                     {"changedMeanwhile", changes.json()}};
     if (foundForeignChange && changes.none()) {
@@ -108,7 +110,7 @@ Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Com
         outcome.text += "reread: " + destination.name() + " differs from " + source.name() + " at offset "
             + std::to_string(*difference) + "; see verify --mark\n";
         outcome.json["firstDifference"] = *difference;
-    } else if (how.reread) {
+    } else if (isReread) {
         outcome.text += "reread: equal\n";
     }
     addLineTraffic(outcome, pair);

@@ -29,6 +29,9 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
     const Image image = openImage(arguments.image, Image::Access::Read);
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
     HashFile& hashFile = hashed.hashFile();
+    if (!hashed.isOwner()) {
+        hashed.leaveRecord(); // it is that of another image
+    }
     const std::int64_t blockSize = hashFile.store().blockSize();
     const std::int64_t recorded = hashFile.geometry().targetSize;
     const Range range = wholeBlocks({0, std::min(image.size(), recorded)}, blockSize);

@@ -84,6 +84,45 @@ void Evidence::remove(const std::string& hashFilePath)
     ::unlink(pathFor(hashFilePath).c_str());
 }
 
+Owner ownerOf(const Evidence& evidence, const ImageState& image)
+{
+    const Json& recorded = evidence.image.image;
+    const auto same = [&](const char* name) { return recorded.value(name, Json()) == image.image.value(name, Json()); };
+    const bool sameIdentity = image.image.contains("inode")
+        ? same("inode") && (same("device") || same("path"))
+        : same("wwid") && same("device/wwid") && same("device/serial") && same("serial") && same("dm/uuid")
+            && same("md/uuid") && same("partition") && same("name");
+    if (same("kind") && sameIdentity) {
+        return Owner::Same;
+    }
+    return same("path") ? Owner::Successor : Owner::Other;
+}
+
+const char* const CHANGED = "it was changed since";
+
+std::string doubtAbout(const std::optional<Evidence>& evidence, const Json& hashFile, const ImageState& image)
+{
+    if (!evidence) {
+        return "no record says that they are true of it";
+    }
+    if (!evidence->isClean) {
+        return "the last run was cut short, or it was changed while that ran";
+    }
+    if (!hashFile.is_object() || evidence->hashFile != hashFile) {
+        return "the hash file was changed or replaced since they were recorded as true";
+    }
+    if (ownerOf(*evidence, image) != Owner::Same) {
+        return "another image has taken its place";
+    }
+    if (!image.doubt.empty()) {
+        return image.doubt;
+    }
+    if (evidence->image.content["boot"] != image.content["boot"]) {
+        return "the machine was started again since";
+    }
+    return evidence->image.isSame(image) ? "" : CHANGED;
+}
+
 Json hashFileState(int fd, bool waits)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);

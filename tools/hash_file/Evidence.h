@@ -24,6 +24,15 @@ struct Evidence {
     static std::string pathFor(const std::string& hashFilePath) { return hashFilePath + ".state"; }
 };
 
+// Whether a record is of this image: the same one, another one in its place, or another one elsewhere.
+enum class Owner { Same, Successor, Other };
+Owner ownerOf(const Evidence& evidence, const ImageState& image);
+
+// Why what is recorded may not be true of an image and of a hash file in these states; empty when it is.
+std::string doubtAbout(const std::optional<Evidence>& evidence, const nlohmann::ordered_json& hashFile,
+                       const ImageState& image);
+extern const char* const CHANGED; // the reason, when nothing but the image has changed
+
 // The state of a hash file, for its record. `waits`: until no later change can have the same times; null when there
 // is no such moment.
 nlohmann::ordered_json hashFileState(int fd, bool waits);

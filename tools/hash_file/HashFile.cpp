@@ -153,10 +153,18 @@ private:
 HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock)
     : m_path(std::move(path))
     , m_lock(std::move(lock))
-    , m_geometry(geometryOf(inspect(m_path), m_path))
+    , m_geometry(geometryOf(explaining(m_path, [&] { return HashFileInspector(place()); }), m_path))
     , m_evidence(Evidence::read(m_path))
+    , m_state(hashFileState(m_lock->fd(), true))
 {
     reopenStore();
+}
+
+// The file that is locked, whatever has its name meanwhile.
+std::string HashFile::place() const
+{
+    const std::string open = "/proc/self/fd/" + std::to_string(m_lock->fd());
+    return standsAt(m_lock->fd(), open) ? open : m_path;
 }
 
 std::optional<HashFile> HashFile::open(const std::string& path, const HashFileOptions& options)
@@ -215,7 +223,7 @@ HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& optio
     for (;;) {
         if (std::optional<HashFile> file = open(path, options)) {
             file->checkOptions(options);
-            file->checkOwner(image, options);
+            file->checkOwner(image, options, mode);
             return std::move(*file);
         }
         if (options.isReadOnly) {
@@ -244,12 +252,12 @@ void HashFile::checkOptions(const HashFileOptions& options) const
 }
 
 // A hash file of another image, or of another size for no reason that is known, would be cut or filled up to fit.
-void HashFile::checkOwner(const Image& image, const HashFileOptions& options)
+void HashFile::checkOwner(const Image& image, const HashFileOptions& options, ProgressMode mode)
 {
     const bool fits = m_geometry.targetSize == image.size();
     std::string owner = "an image of " + counted(m_geometry.targetSize, "byte");
     if (m_evidence && !image.isMissing()) {
-        const Owner relation = ownerOf(*m_evidence, stateOf(image));
+        const Owner relation = ownerOf(*m_evidence, flushedState(image, mode));
         if (relation == Owner::Same || (fits && relation == Owner::Successor)) {
             return;
         }
@@ -272,9 +280,9 @@ bool HashFile::isWritable() const
     return m_lock->isWritable();
 }
 
-Store HashFile::anotherStore() const
+Store HashFile::anotherStore(Store::Access access) const
 {
-    return {m_path, m_geometry, isWritable() ? Store::Access::Write : Store::Access::Read};
+    return {m_path, place(), m_geometry, access};
 }
 
 void HashFile::reopenStore()
@@ -305,34 +313,42 @@ void HashFile::adapt(std::int64_t targetSize)
     }
 }
 
-bool HashFile::isAsRecorded() const
+std::string HashFile::doubtAbout(const ImageState& image) const
 {
-    return m_evidence && m_evidence->hashFile.is_object() && m_evidence->hashFile == hashFileState(m_lock->fd(), false);
+    return tool::doubtAbout(m_evidence, hashFileState(m_lock->fd(), false), image);
 }
 
-void HashFile::record(const ImageState& image, bool isClean) const
+// Where its times tell nothing, no record will vouch for it.
+bool HashFile::isUntouched() const
 {
-    Evidence evidence = {isClean, image, isClean ? hashFileState(m_lock->fd(), true) : nullptr};
-    if (!evidence.write(m_path)) {
+    return isInPlace() && (m_state.is_null() || m_state == hashFileState(m_lock->fd(), false));
+}
+
+bool HashFile::isInPlace() const
+{
+    return standsAt(m_lock->fd(), m_path);
+}
+
+bool HashFile::isOf(const ImageState& image) const
+{
+    return !m_evidence || ownerOf(*m_evidence, image) == Owner::Same;
+}
+
+void HashFile::record(const ImageState& image, bool isClean)
+{
+    m_state = isClean ? hashFileState(m_lock->fd(), true) : nullptr;
+    m_evidence = {isClean, image, m_state};
+    if (!m_evidence->write(m_path)) {
         std::fprintf(stderr, "kelvane-hash: note: %s: cannot write: %s; the next run will check all hashes\n",
                      Evidence::pathFor(m_path).c_str(), errorText(errno).c_str());
     }
 }
 
-Owner ownerOf(const Evidence& evidence, const ImageState& image)
+ImageState flushedState(const Image& image, ProgressMode mode)
 {
-    const auto& recorded = evidence.image.image;
-    const auto same = [&](const char* name) {
-        return recorded.value(name, nlohmann::ordered_json()) == image.image.value(name, nlohmann::ordered_json());
-    };
-    const bool sameIdentity = image.image.contains("inode")
-        ? same("inode") && (same("device") || same("path"))
-        : same("wwid") && same("device/wwid") && same("device/serial") && same("serial") && same("dm/uuid")
-            && same("md/uuid") && same("partition") && same("name");
-    if (same("kind") && sameIdentity) {
-        return Owner::Same;
-    }
-    return same("path") ? Owner::Successor : Owner::Other;
+    Progress progress("flush", 0, mode);
+    progress.announce();
+    return stateOf(image);
 }
 
 } // namespace kelvane::tool

@@ -45,7 +45,8 @@ public:
     bool isWritable() const;
 
     Store& store() { return *m_store; }
-    Store anotherStore() const;
+    Store anotherStore() const { return anotherStore(isWritable() ? Store::Access::Write : Store::Access::Read); }
+    Store anotherStore(Store::Access access) const;
 
     // To be called when other stores have changed the file: a store does not notice.
     void reopenStore();
@@ -66,12 +67,20 @@ public:
     // What was recorded when the file was opened.
     const std::optional<Evidence>& evidence() const { return m_evidence; }
 
-    // Whether the file is still as recorded then.
-    bool isAsRecorded() const;
+    // Why the hashes may not be true of an image in this state; empty when the record says that they are.
+    std::string doubtAbout(const ImageState& image) const;
+
+    // Whether nothing else has changed the file, since it was opened or recorded, or put another one in its place. Once
+    // this program has changed it, only the latter can be told, by `isInPlace`.
+    bool isUntouched() const;
+    bool isInPlace() const;
 
     // Records that the hashes are true of an image in this state, or that they may be true of none. Only notes on
     // standard error when that cannot be written: without it the next run checks the hashes.
-    void record(const ImageState& image, bool isClean) const;
+    void record(const ImageState& image, bool isClean);
+
+    // Whether the record is of this image, or there is none.
+    bool isOf(const ImageState& image) const;
 
 private:
     class Lock;
@@ -79,9 +88,10 @@ private:
     HashFile(std::string path, std::shared_ptr<Lock> lock);
 
     static std::optional<HashFile> open(const std::string& path, const HashFileOptions& options);
+    std::string place() const;
     static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
     void checkOptions(const HashFileOptions& options) const;
-    void checkOwner(const Image& image, const HashFileOptions& options);
+    void checkOwner(const Image& image, const HashFileOptions& options, ProgressMode mode);
     void forgetBehind(std::int64_t targetSize);
     void adapt(std::int64_t targetSize);
 
@@ -89,12 +99,12 @@ private:
     std::shared_ptr<Lock> m_lock;
     Geometry m_geometry;
     std::optional<Evidence> m_evidence;
+    nlohmann::ordered_json m_state; // of the file, when it was opened or recorded
     std::unique_ptr<Store> m_store;
     bool m_created = false;
 };
 
-// Whether a record is of this image: the same one, another one in its place, or another one elsewhere.
-enum class Owner { Same, Successor, Other };
-Owner ownerOf(const Evidence& evidence, const ImageState& image);
+// The state of an image, after a flush that is shown as a phase of its own.
+ImageState flushedState(const Image& image, ProgressMode mode);
 
 } // namespace kelvane::tool

@@ -4,15 +4,15 @@
 
 namespace kelvane::tool {
 
-Store::Store(const std::string& path, const Geometry& geometry, Access access)
+Store::Store(const std::string& path, const std::string& place, const Geometry& geometry, Access access)
     : m_path(path)
     , m_geometry(geometry)
 {
     explaining(path, [&] {
         if (access == Access::Write) {
-            m_store = BlockHashStore::open(path, geometry.targetEnd());
+            m_store = BlockHashStore::open(place, geometry.targetEnd());
         } else {
-            m_inspector = std::make_unique<HashFileInspector>(path);
+            m_inspector = std::make_unique<HashFileInspector>(place);
         }
     });
 }

@@ -20,7 +20,8 @@ public:
     using Hash = BlockHashStore::HashValue;
     enum class Access { Write, Read };
 
-    Store(const std::string& path, const Geometry& geometry, Access access);
+    // The path names the file in failures; `place` is where it is opened.
+    Store(const std::string& path, const std::string& place, const Geometry& geometry, Access access);
 
     std::int64_t blockSize() const { return m_geometry.blockSize; }
 

@@ -29,7 +29,7 @@ ExclusiveUse::ExclusiveUse(const Image& image)
     sigaction(SIGIO, &action, nullptr);
     shared = false;
     leased = image.descriptor();
-    ::fcntl(leased, F_SETLEASE, F_WRLCK);
+    m_isGranted = ::fcntl(leased, F_SETLEASE, F_WRLCK) == 0;
 }
 
 ExclusiveUse::~ExclusiveUse()
@@ -38,9 +38,9 @@ ExclusiveUse::~ExclusiveUse()
     leased = -1;
 }
 
-bool ExclusiveUse::wasShared() const
+bool ExclusiveUse::isGranted() const
 {
-    return shared;
+    return m_isGranted && !shared;
 }
 
 } // namespace kelvane::tool

@@ -8,15 +8,18 @@ namespace kelvane::tool {
 // As long as it lives, the system tells when another process opens the image. One at a time.
 class ExclusiveUse {
 public:
-    // Has no effect where the system does not do so: of block devices, of images that another process has open, of
-    // those that belong to another user.
+    // The system does not do so of block devices, of images that another process has open, and of those that belong to
+    // another user.
     explicit ExclusiveUse(const Image& image);
     ~ExclusiveUse();
     ExclusiveUse(const ExclusiveUse&) = delete;
     ExclusiveUse& operator=(const ExclusiveUse&) = delete;
 
-    // Whether the image was opened meanwhile. It was not delayed.
-    bool wasShared() const;
+    // Whether no other process had the image open, or opens it now, which waits for the end of this.
+    bool isGranted() const;
+
+private:
+    bool m_isGranted;
 };
 
 } // namespace kelvane::tool

@@ -4,14 +4,39 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 #include "base/Failure.h"
 
 namespace kelvane::tool {
+
+namespace {
+
+constexpr long STAMPING[] = {0xef53,      // ext2 to ext4
+                             0x58465342,  // XFS
+                             0x9123683e,  // Btrfs
+                             0xf2f52010,  // F2FS
+                             0xca451a4e}; // bcachefs
+
+bool isSameFile(const struct stat& a, const struct stat& b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+} // namespace
+
+bool isStampingFileSystem(int fd)
+{
+    struct statfs fileSystem;
+    return ::fstatfs(fd, &fileSystem) == 0
+        && std::find(std::begin(STAMPING), std::end(STAMPING), fileSystem.f_type) != std::end(STAMPING);
+}
 
 Image::Image(std::string path, Access access)
     : m_path(std::move(path))
@@ -24,25 +49,43 @@ Image::Image(std::string path, Access access)
     if (isThere && !S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) { // opening a pipe would wait
         throw Failure(m_path, "neither a regular file nor a block device");
     }
-    take(openFile(m_path, access == Access::Read ? O_RDONLY : O_RDWR));
+    const int alone = isThere && S_ISBLK(status.st_mode) ? O_EXCL : 0;
+    take(openFile(m_path, access == Access::Read ? O_RDONLY : O_RDWR | alone));
 }
 
 void Image::take(Descriptor descriptor)
 {
     if (!descriptor) {
-        throw Failure(m_path, "cannot open: " + errorText(errno));
+        throw Failure(m_path,
+                      errno == EBUSY ? "the system uses this device; is it mounted?"
+                                     : "cannot open: " + errorText(errno));
     }
     struct stat status;
     if (::fstat(descriptor.get(), &status) != 0) {
         throw Failure(m_path, errorText(errno));
     }
     m_isBlockDevice = S_ISBLK(status.st_mode);
-    m_size = ::lseek(descriptor.get(), 0, SEEK_END);
-    if (m_size < 0) {
+    m_isStamped = isStampingFileSystem(descriptor.get());
+    m_fd = std::move(descriptor);
+    m_size = currentSize();
+    ::posix_fadvise(m_fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
+std::int64_t Image::currentSize() const
+{
+    const off_t size = ::lseek(m_fd.get(), 0, SEEK_END);
+    if (size < 0) {
         throw Failure(m_path, errorText(errno));
     }
-    ::posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    m_fd = std::move(descriptor);
+    return size;
+}
+
+bool Image::isNamed() const
+{
+    struct stat own;
+    struct stat there;
+    return ::fstat(m_fd.get(), &own) == 0 && ::stat(m_path.c_str(), &there) == 0
+        && (m_isBlockDevice ? S_ISBLK(there.st_mode) && own.st_rdev == there.st_rdev : isSameFile(own, there));
 }
 
 void Image::create()
@@ -76,6 +119,7 @@ void Image::write(const char* buffer, Range range)
         if (count <= 0) {
             throw Failure(m_path, range.offset, "cannot write: " + errorText(count < 0 ? errno : ENOSPC));
         }
+        m_bytesWritten += count;
         buffer += count;
         range = between(range.offset + count, range.end());
     }
@@ -99,11 +143,12 @@ void Image::resize(std::int64_t size)
 
 bool Image::punch(Range range)
 {
-    if (m_isBlockDevice) {
-        std::uint64_t extent[] = {static_cast<std::uint64_t>(range.offset), static_cast<std::uint64_t>(range.length)};
-        return ::ioctl(m_fd.get(), BLKZEROOUT, extent) == 0;
-    }
-    return ::fallocate(m_fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.offset, range.length) == 0;
+    std::uint64_t extent[] = {static_cast<std::uint64_t>(range.offset), static_cast<std::uint64_t>(range.length)};
+    const bool isDone = m_isBlockDevice
+        ? ::ioctl(m_fd.get(), BLKZEROOUT, extent) == 0
+        : ::fallocate(m_fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.offset, range.length) == 0;
+    m_bytesWritten += isDone ? range.length : 0;
+    return isDone;
 }
 
 Range Image::nextData(std::int64_t offset, std::int64_t end) const

@@ -14,7 +14,8 @@ class Image {
 public:
     enum class Access { Read, Write, WriteOrMissing };
 
-    // With WriteOrMissing, one that is not there counts as empty until `create` is called.
+    // With WriteOrMissing, one that is not there counts as empty until `create` is called. A block device that is to be
+    // written must not be in use by the system, by being mounted for instance.
     Image(std::string path, Access access);
 
     const std::string& path() const { return m_path; }
@@ -22,6 +23,20 @@ public:
     bool isBlockDevice() const { return m_isBlockDevice; }
     bool isMissing() const { return !m_fd; }
     int descriptor() const { return m_fd.get(); }
+
+    // `size` is that of the time of opening, or of the last resizing by this program.
+    std::int64_t currentSize() const;
+
+    // Whether its path still leads to it.
+    bool isNamed() const;
+
+    // Whether every change of it leaves a stamp of this machine's clock once it is flushed, those by mappings, too, and
+    // what is mapped is what is read. Not where the file system is not known to work so: in memory, over a network, in
+    // user space, or put together from several others.
+    bool isStamped() const { return m_isStamped; }
+
+    // By this program.
+    std::int64_t bytesWritten() const { return m_bytesWritten; }
 
     void read(char* buffer, Range range) const;
 
@@ -47,6 +62,10 @@ private:
     Descriptor m_fd;
     std::int64_t m_size = 0;
     bool m_isBlockDevice = false;
+    bool m_isStamped = false;
+    std::int64_t m_bytesWritten = 0;
 };
+
+bool isStampingFileSystem(int fd);
 
 } // namespace kelvane::tool

@@ -1,11 +1,8 @@
 #include "image/ImageState.h"
 
-#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/vfs.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -23,10 +20,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// The file systems that stamp every change, of mapped files too once they were flushed, with this machine's clock.
-constexpr long STAMPING[] = {0xef53, 0x58465342, 0x9123683e, 0xf2f52010, 0x794c7630, 0xca451a4e}; // ext, XFS, Btrfs,
-                                                                                                  // F2FS, overlay,
-                                                                                                  // bcachefs
 constexpr std::chrono::seconds LONGEST_WAIT(2);
 
 bool isBefore(const timespec& a, const timespec& b)
@@ -59,15 +52,13 @@ Json absolutePath(const std::string& path)
     return Json::parse(Json(error ? path : absolute.string()).dump(-1, ' ', true, Json::error_handler_t::replace));
 }
 
-void describeFile(const struct stat& status, int fd, ImageState& state)
+void describeFile(const struct stat& status, const Image& image, ImageState& state)
 {
     state.image["kind"] = "file";
     state.image["device"] = status.st_dev;
     state.image["inode"] = status.st_ino;
     state.content["times"] = stampsOf(status);
-    struct statfs fileSystem;
-    if (::fstatfs(fd, &fileSystem) != 0
-        || std::find(std::begin(STAMPING), std::end(STAMPING), fileSystem.f_type) == std::end(STAMPING)) {
+    if (!image.isStamped()) {
         state.doubt = "its file system may not record every change";
     }
     state.isRecent = isRecent(status);
@@ -108,7 +99,8 @@ void describeDevice(const struct stat& status, ImageState& state)
     }
     if (const std::string file = contentOf(place + "loop/backing_file"); !file.empty()) {
         struct stat backing;
-        if (::stat(file.c_str(), &backing) == 0) {
+        const Descriptor held = openFile(file, O_RDONLY | O_NONBLOCK);
+        if (held && ::fstat(held.get(), &backing) == 0 && isStampingFileSystem(held.get())) {
             state.isRecent = isRecent(backing);
             state.content["file"] = {{"path", file}, {"inode", backing.st_ino}, {"times", stampsOf(backing)}};
         } else {
@@ -125,12 +117,13 @@ ImageState stateAtOnce(const Image& image)
     }
     ImageState state;
     state.image["path"] = absolutePath(image.path());
-    state.content["size"] = image.isBlockDevice() ? image.size() : status.st_size;
+    state.content["size"] = image.currentSize();
+    state.isNamed = image.isNamed();
     state.content["boot"] = bootIdentity(); // a crash can take back a time and keep the data
     if (image.isBlockDevice()) {
         describeDevice(status, state);
     } else {
-        describeFile(status, image.descriptor(), state);
+        describeFile(status, image, state);
     }
     if (bootIdentity().empty()) {
         state.doubt = "the system does not tell when it was started";

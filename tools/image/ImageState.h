@@ -16,8 +16,12 @@ struct ImageState {
     std::string doubt;              // why equal states would not mean an unchanged image; empty when they do
 
     bool isRecent = false; // another change could still have the same stamp
+    bool isNamed = true;   // the image's path led to it
 
-    bool isSame(const ImageState& other) const { return image == other.image && content == other.content; }
+    bool isSame(const ImageState& other) const
+    {
+        return isNamed && other.isNamed && image == other.image && content == other.content;
+    }
 };
 
 // Flushes the image first: what waits in memory would still be counted, or stamped, later. Waits until the clock has

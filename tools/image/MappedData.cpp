@@ -63,7 +63,9 @@ MappedData::MappedData(const Image& image, Range range)
 {
     [[maybe_unused]] static const bool isInstalled = installHandler();
     const auto length = static_cast<std::size_t>(m_mapped.length);
-    void* start = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.descriptor(), m_mapped.offset);
+    void* start = image.isStamped() || image.isBlockDevice()
+        ? ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.descriptor(), m_mapped.offset)
+        : MAP_FAILED;
     const bool isMapped = start != MAP_FAILED; // some file systems cannot
     start = isMapped ? start : mapMemory(nullptr, length, PROT_READ | PROT_WRITE, 0);
     if (start == MAP_FAILED) {

@@ -8,8 +8,8 @@
 
 namespace kelvane::tool {
 
-// Mapped, so that nothing is copied; a stretch at a time, because the system keeps eight bytes for every page that is
-// mapped, which are gigabytes for a terabyte. One at a time in a thread.
+// Mapped where that can be done, so that nothing is copied; a stretch at a time, because the system keeps eight bytes
+// for every page that is mapped, which are gigabytes for a terabyte. One at a time in a thread.
 class MappedData {
 public:
     // Fails as Image::read does.

@@ -334,7 +334,7 @@ Read Read::decode(std::string_view payload, std::int64_t size)
 std::string Written::encode() const
 {
     FieldWriter to;
-    to.u8(isUnchanged ? 1 : 0);
+    to.u8(change.wasUnchanged ? 1 : 0).u8(change.wasAlone ? 1 : 0);
     tool::encode(to, conclusion);
     return to.done();
 }
@@ -343,7 +343,8 @@ Written Written::decode(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
         Written written;
-        written.isUnchanged = from.flag();
+        written.change.wasUnchanged = from.flag();
+        written.change.wasAlone = from.flag();
         written.conclusion = decodeConclusion(from);
         return written;
     });

@@ -97,7 +97,7 @@ struct Read {
 };
 
 struct Written {
-    bool isUnchanged = true; // by anything else
+    OwnChange change;
     std::optional<Conclusion> conclusion;
 
     std::string encode() const;

@@ -316,12 +316,12 @@ void RemoteSide::write(const Stretch& stretch)
     request(FrameType::Data, encode(stretch, m_compression));
 }
 
-bool RemoteSide::finishWriting()
+OwnChange RemoteSide::finishWriting()
 {
     request(FrameType::End);
     Written written = guarded([&] { return Written::decode(answer(FrameType::Written)); });
     m_conclusion = std::move(written.conclusion);
-    return written.isUnchanged;
+    return written.change;
 }
 
 void RemoteSide::distrust()

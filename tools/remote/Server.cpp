@@ -188,7 +188,7 @@ private:
             [this](const Stretch& stretch) { m_side->write(stretch); });
         m_isWriting = false;
         Written written;
-        written.isUnchanged = m_side->finishWriting();
+        written.change = m_side->finishWriting();
         written.conclusion = conclusion();
         m_channel.send(FrameType::Written, written.encode());
     }

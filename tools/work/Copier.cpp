@@ -113,11 +113,14 @@ void Copier::flush()
         m_hashed.store().invalidate(part.range);
     }
     m_hashed.store().sync();
-    m_foundForeignChange = !m_hashed.changeImage([&] {
+    const OwnChange change = m_hashed.changeImage([&] {
         for (const Part& part : m_batch) {
             put(part);
         }
-    }) || m_foundForeignChange;
+    });
+    const bool isWritten = std::all_of(m_batch.begin(), m_batch.end(), [this](const Part& p) { return isThere(p); });
+    m_ownChange.wasUnchanged = m_ownChange.wasUnchanged && change.wasUnchanged && isWritten;
+    m_ownChange.wasAlone = m_ownChange.wasAlone && change.wasAlone;
     for (const Part& part : m_batch) {
         part.data == nullptr ? m_hashed.store().zero(part.range) : m_hashed.store().update(part.range, part.data);
     }
@@ -128,6 +131,25 @@ void Copier::flush()
 void Copier::put(const Part& part)
 {
     part.data == nullptr ? putZeros(part.range) : m_destination.write(part.data, part.range);
+}
+
+// What others write to the same pages of a device is not counted twice.
+bool Copier::isThere(const Part& part) const
+{
+    if (!m_destination.isBlockDevice() || part.data == nullptr) {
+        return true;
+    }
+    std::vector<char> found(static_cast<std::size_t>(std::min(part.range.length, LONGEST_PIECE)));
+    for (Range rest = part.range; rest.length > 0;) {
+        const Range piece = {rest.offset, std::min(rest.length, std::ssize(found))};
+        m_destination.read(found.data(), piece);
+        const char* const written = part.data + (piece.offset - part.range.offset);
+        if (std::memcmp(found.data(), written, static_cast<std::size_t>(piece.length)) != 0) {
+            return false;
+        }
+        rest = between(piece.end(), rest.end());
+    }
+    return true;
 }
 
 void Copier::putZeros(Range range)

@@ -26,7 +26,8 @@ public:
     // Makes that possible when the data has ended within a block.
     void dropPartOfBlock();
 
-    bool foundForeignChange() const { return m_foundForeignChange; }
+    // All batches together.
+    const OwnChange& ownChange() const { return m_ownChange; }
 
 private:
     struct Part {
@@ -40,6 +41,7 @@ private:
     void addZeros(Range range);
     void addBytes(Range range, const char* data);
     void put(const Part& part);
+    bool isThere(const Part& part) const;
     void putZeros(Range range);
 
     Image& m_destination;
@@ -50,7 +52,7 @@ private:
     std::unique_ptr<char[]> m_buffer;
     std::vector<Part> m_batch;
     std::int64_t m_taken = 0; // of the room
-    bool m_foundForeignChange = false;
+    OwnChange m_ownChange;
 };
 
 } // namespace kelvane::tool

@@ -12,57 +12,31 @@
 
 namespace kelvane::tool {
 
-namespace {
-
-constexpr const char* CHANGED = "it was changed since";
-
-ImageState flushedState(const Image& image, ProgressMode mode)
-{
-    Progress progress("flush", 0, mode == ProgressMode::Json ? ProgressMode::None : mode);
-    progress.announce();
-    return stateOf(image);
-}
-
-} // namespace
-
 HashedImage::HashedImage(const Image& image, HashFile hashFile, const Common& common)
     : m_image(image)
     , m_hashFile(std::move(hashFile))
     , m_common(common)
-    , m_state(image.isMissing() ? ImageState() : flushedState(image, common.progress))
-    , m_doubt(judge())
-    , m_believes(m_doubt.empty())
 {
+    if (!image.isMissing()) {
+        takeState();
+    }
+    m_doubt = judge();
+    m_believes = m_doubt.empty();
+    m_isAssumed
+        = common.trust == Trust::Everything && !m_hashFile.wasCreated() && !m_hashFile.doubtAbout(m_state).empty();
 }
 
 std::string HashedImage::judge() const
 {
-    const std::optional<Evidence>& evidence = m_hashFile.evidence();
     if (m_hashFile.wasCreated() || m_common.trust == Trust::Everything) {
         return "";
     }
-    if (m_common.trust == Trust::Nothing) {
-        return "that was asked for";
-    }
-    if (!evidence) {
-        return "no record says that they are true of it";
-    }
-    if (!evidence->isClean) {
-        return "the last run was cut short, or it was changed while that ran";
-    }
-    if (!m_hashFile.isAsRecorded()) {
-        return "the hash file was changed or replaced since they were recorded as true";
-    }
-    if (m_image.isMissing() || ownerOf(*evidence, m_state) != Owner::Same) {
-        return "another image has taken its place";
-    }
-    if (!m_state.doubt.empty()) {
-        return m_state.doubt;
-    }
-    if (evidence->image.content["boot"] != m_state.content["boot"]) {
-        return "the machine was started again since";
-    }
-    return evidence->image.isSame(m_state) ? "" : CHANGED;
+    return m_common.trust == Trust::Nothing ? "that was asked for" : m_hashFile.doubtAbout(m_state);
+}
+
+ImageState HashedImage::currentState() const
+{
+    return flushedState(m_image, m_common.progress);
 }
 
 bool HashedImage::wasOnlyChanged() const
@@ -80,6 +54,9 @@ void HashedImage::complete(Range range, const char* phase)
 {
     if (!m_believes && !m_doubt.empty()) {
         noteDoubt();
+    }
+    if (!m_believes && m_image.isBlockDevice()) {
+        m_image.dropCache(); // what holds it may have been changed past it
     }
     const std::int64_t blockSize = store().blockSize();
     const Range blocks = wholeBlocks(range, blockSize);
@@ -144,42 +121,49 @@ void HashedImage::markChanging()
 {
     const std::scoped_lock lock(m_mutex);
     if (!m_isMarked && m_hashFile.isWritable()) {
-        m_hashFile.record(m_state, false);
+        m_isDisturbed = m_isDisturbed || !m_hashFile.isUntouched();
         m_isMarked = true;
+        if (!m_leavesRecord) {
+            m_hashFile.record(m_state, false);
+        }
     }
 }
 
-bool HashedImage::isUnchanged() const
-{
-    return m_state.isSame(stateOf(m_image));
-}
-
+// With the size that this run works with: if the image has another one already, it will never be found unchanged.
 void HashedImage::takeState()
 {
-    m_state = stateOf(m_image);
+    m_state = currentState();
+    m_state.content["size"] = m_image.size();
 }
 
-bool HashedImage::changeImage(const std::function<void()>& change)
+// Of a device the system tells how much was written to it.
+OwnChange HashedImage::changeImage(const std::function<void()>& change)
 {
     const ExclusiveUse use(m_image);
-    const bool wasUnchanged = isUnchanged();
+    const ImageState before = currentState();
+    const bool wasUnchanged = m_state.isSame(before);
+    const std::int64_t written = m_image.bytesWritten();
     change();
     takeState(); // which flushes it
-    return wasUnchanged && !use.wasShared();
+    const auto sectors = [](const ImageState& state) { return state.content.value("written", std::int64_t {0}); };
+    const bool wasAlone = m_image.isBlockDevice()
+        ? m_state.doubt.empty() && (sectors(m_state) - sectors(before)) * 512 == m_image.bytesWritten() - written
+        : use.isGranted();
+    return {wasUnchanged, wasAlone};
 }
 
 bool HashedImage::conclude()
 {
-    const ImageState now = stateOf(m_image);
-    if (!m_state.isSame(now)) {
+    const ImageState now = currentState();
+    m_isDisturbed = m_isDisturbed || !(m_isMarked ? m_hashFile.isInPlace() : m_hashFile.isUntouched());
+    if (!m_state.isSame(now) || m_isDisturbed) {
         markChanging();
         return false;
     }
     m_state.doubt = now.doubt; // whether a device counts is seen once it was read
-    const std::optional<Evidence>& evidence = m_hashFile.evidence();
-    const bool isRecorded
-        = !m_isMarked && evidence && evidence->isClean && m_hashFile.isAsRecorded() && evidence->image.isSame(m_state);
-    if (m_believes && !isRecorded && m_hashFile.isWritable() && m_state.doubt.empty()) {
+    const bool isRecorded = !m_isMarked && m_hashFile.doubtAbout(m_state).empty();
+    if (m_believes && !m_isAssumed && !m_leavesRecord && !isRecorded && m_hashFile.isWritable()
+        && m_state.doubt.empty()) {
         m_hashFile.record(m_state, true);
         m_isMarked = false;
     }
@@ -188,9 +172,15 @@ bool HashedImage::conclude()
 
 std::string HashedImage::text() const
 {
-    return m_checked == 0 ? ""
-                          : m_image.path() + ": " + counted(m_checked, "known block") + " checked, "
-            + grouped(m_repaired) + " repaired\n";
+    std::string text;
+    if (m_checked > 0) {
+        text = m_image.path() + ": " + counted(m_checked, "known block") + " checked, " + grouped(m_repaired)
+            + " repaired\n";
+    }
+    if (m_isDisturbed) {
+        text += m_hashFile.path() + ": was changed or replaced by something else while this ran\n";
+    }
+    return text;
 }
 
 nlohmann::ordered_json HashedImage::json() const

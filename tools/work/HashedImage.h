@@ -16,6 +16,12 @@
 
 namespace kelvane::tool {
 
+// How an image was found when this program changed it.
+struct OwnChange {
+    bool wasUnchanged = true; // by others, since it was looked at last
+    bool wasAlone = true;     // others that had changed it at the same time would have been noticed
+};
+
 // Known hashes are used only when nothing can have changed since they were found true: the record beside the hash file
 // tells the image's state at that time. All others are checked against the data, and repaired.
 //
@@ -67,20 +73,23 @@ public:
     // To be called before the hash file is changed from outside.
     void markChanging();
 
-    // Whether the image is in the state in which it was found, or left by `takeState`.
-    bool isUnchanged() const;
-
+    // The image as it is now is what all that follows is about.
     void takeState();
 
-    // Changes the image, flushes it and takes its state. False when something else changed it before or meanwhile.
-    bool changeImage(const std::function<void()>& change);
+    // Changes the image, flushes it and takes its state.
+    OwnChange changeImage(const std::function<void()>& change);
 
-    // To be called when the hashes are on the disk, after the last use of the image. False when it was changed
-    // meanwhile. Otherwise, if the hashes are believed, that is recorded.
+    // To be called when the hashes are on the disk, after the last use of the image. False when it, or its hash file,
+    // was changed by others meanwhile. Otherwise, if the hashes are believed, and not only because that was to be
+    // assumed, that is recorded.
     bool conclude();
 
     // The hashes are to be checked, or were compared with the data.
     void believe(bool believes) { m_believes = believes; }
+
+    // Whether the record is of this image; if not, it can be left alone.
+    bool isOwner() const { return m_hashFile.isOf(m_state); }
+    void leaveRecord() { m_leavesRecord = true; }
 
     const Traffic& traffic() const { return m_traffic; }
     std::string text() const; // what was checked, if anything
@@ -90,6 +99,7 @@ public:
 
 private:
     std::string judge() const;
+    ImageState currentState() const;
     void noteDoubt() const;
     void store(Store& store, Range range, char* data);
     void check(Store& store, Check& check, Range range, char* data);
@@ -99,8 +109,11 @@ private:
     const Common& m_common;
     ImageState m_state;
     std::string m_doubt; // why the known hashes were not believed
-    bool m_believes;
-    bool m_isMarked = false;
+    bool m_believes = false;
+    bool m_isAssumed = false;   // believed, because that is to be assumed
+    bool m_isMarked = false;    // the record says that the hash file is being changed
+    bool m_isDisturbed = false; // something else changed the hash file
+    bool m_leavesRecord = false;
     std::mutex m_mutex; // of the next one, and of marking
     std::vector<std::int64_t> m_newBlocks;
     std::optional<std::int64_t> m_formerSize;

@@ -82,7 +82,11 @@ void LocalSide::prepare(std::int64_t size)
         m_hashed->takeState();
     }
     const auto resizeImage = [&] {
-        if (m_image.size() != size && !m_hashed->changeImage([&] { m_image.resize(size); })) {
+        if (m_image.size() == size) {
+            return;
+        }
+        const OwnChange change = m_hashed->changeImage([&] { m_image.resize(size); });
+        if (!change.wasUnchanged || !change.wasAlone) {
             m_hashed->believe(false);
         }
     };
@@ -223,11 +227,15 @@ void LocalSide::startWriting(bool isSparse)
     m_copier = std::make_unique<Copier>(m_image, *m_hashed, isSparse);
 }
 
-bool LocalSide::finishWriting()
+OwnChange LocalSide::finishWriting()
 {
     m_copier->flush();
     m_hashed->flushHashes();
-    return !m_copier->foundForeignChange();
+    const OwnChange& change = m_copier->ownChange();
+    if (!change.wasUnchanged || !change.wasAlone) {
+        m_hashed->believe(false);
+    }
+    return change;
 }
 
 void LocalSide::abandon()

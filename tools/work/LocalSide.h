@@ -37,7 +37,7 @@ public:
     void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
     void startWriting(bool isSparse) override;
     void write(const Stretch& stretch) override { m_copier->write(stretch.range, stretch.data); }
-    bool finishWriting() override;
+    OwnChange finishWriting() override;
     void abandon() override;
     void distrust() override;
     bool conclude() override { return m_hashed->conclude(); }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/Range.h"
+#include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
@@ -98,11 +99,10 @@ public:
     // blocks, with its digest.
     virtual void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) = 0;
 
-    // Of a destination. `isSparse`: zeros become holes. Where something else changed it meanwhile, that is told in the
-    // end; false then.
+    // Of a destination. `isSparse`: zeros become holes. How it was found is told in the end.
     virtual void startWriting(bool isSparse) = 0;
     virtual void write(const Stretch& stretch) = 0;
-    virtual bool finishWriting() = 0;
+    virtual OwnChange finishWriting() = 0;
 
     // Instead of all that follows, after a failure: what was written so far is kept and recorded.
     virtual void abandon() = 0;
