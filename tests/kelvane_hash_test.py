@@ -5,16 +5,9 @@ from pathlib import Path
 from random import randbytes
 from subprocess import PIPE, Popen, run
 
-from program import BLOCK, EXAMPLES, ORACLE, PROGRAM, Case, flip, main
+from program import BLOCK, DEVICE, EXAMPLES, ORACLE, PROGRAM, Case, built, flip, images, main
 
 ENTRIES, ENTRY = 4096, 33  # in a hash file, the start of the entries and the size of one
-DEVICE = 1 << 20  # the partition offset where there is one
-
-
-def flip_unseen(path, *offsets):
-    """To be used with --assume-unchanged: what that promises is not so."""
-    flip(path, *offsets)
-    return "--assume-unchanged"
 
 
 def limit_files(size):
@@ -24,19 +17,6 @@ def limit_files(size):
 def drop_override():
     """A file that may not be written is not written by the superuser either."""
     ctypes.CDLL(None).prctl(24, 1)
-
-
-def images():
-    a = randbytes(20 * BLOCK + 100)
-    Path("a").write_bytes(a)
-    Path("b").write_bytes(a)
-    flip("b", 4 * BLOCK - 1, 4 * BLOCK, 12 * BLOCK, 20 * BLOCK + 7)
-
-
-def built():
-    images()
-    for name in "ab":
-        run([PROGRAM, "build", name, f"--partition-offset={DEVICE}"], check=True, capture_output=True)
 
 
 def grown():
@@ -246,53 +226,6 @@ class KelvaneHash(Case):
         flip("n", 0, 1 << 19, 3 << 18, 2 * blocks - 1)
         differing = self.json("diff m n --block-size 2", 1)["differing"]
         self.assertEqual([at["offset"] for at in differing], [0, 1 << 19, 3 << 18, 2 * blocks - 2])
-
-    def test_sync_changes_sizes_and_keeps_the_store_true(self):
-        a = randbytes(700 * BLOCK + 300)
-        Path("source").write_bytes(a)
-        self.call("build source --block-size 4096")
-        for name, old, expected in (("same", a, 8 * BLOCK), ("long", a + bytes(50000), 8 * BLOCK),
-                                    ("short", a[:400 * BLOCK + 5], len(a) - 395 * BLOCK), ("new", b"", len(a))):
-            if old:
-                Path(name).write_bytes(old)
-                flip(name, *range(0, len(old), 90 * BLOCK + 1))
-                self.call("build " + name)
-            self.assertEqual(self.json(f"sync source {name} --verify -j 2")["bytesCopied"], expected, name)
-            self.assertEqual(Path(name).read_bytes(), a, name)
-            self.check_hash_file(name)
-            self.assertEqual(self.json(f"sync source {name}")["bytesCopied"], 0, name)
-        self.call("build source --hash-file large --block-size 64K")
-        self.call("sync source other --source-hash-file large")
-        self.call("build other --hash-file small --block-size 512")
-        self.call("diff source other --hash-file-a made --hash-file-b small")
-        self.assertEqual([self.json(f"info {name}")["blockSize"] for name in ("other.hashes", "made")], [65536, 512])
-
-    def test_sync_verify_reads_every_byte_again(self):
-        built()
-        assume = flip_unseen("b", 7 * BLOCK)
-        self.assertEqual(self.json(f"sync a b --verify {assume}", 1)["firstDifference"], 7 * BLOCK)
-        self.call("sync a b")
-        last = max(i for i, call in enumerate(self.calls("sync a b --verify"), 1) if call == "mmap b")
-        tail = {"SHIM_AT": str(last),
-                "SHIM_DO": f"printf xy | dd of=b bs=1 seek={20 * BLOCK + 98} conv=notrunc status=none"}
-        self.assertEqual(self.json("sync a b --verify", 1, shim=tail)["firstDifference"], 20 * BLOCK + 98)
-        self.call("sync a b --verify")
-
-    def test_sync_keeps_holes(self):
-        def on_disk(name):
-            return os.stat(name).st_blocks * 512
-
-        Path("s").write_bytes(randbytes(1 << 20))
-        os.truncate("s", 40 << 20)
-        flip("s", 30 << 20)
-        for options, holds in ("", range(1 << 20, 3 << 20)), ("--no-sparse", range(40 << 20, 42 << 20)):
-            Path("t").write_bytes(randbytes(40 << 20))
-            self.call(f"sync s t --verify {options}")
-            self.assertIn(on_disk("t"), holds)
-            self.check_hash_file("t")
-        os.truncate("s", 15 << 40)
-        self.call("sync s t --block-size 1M --source-hash-file s2 --dest-hash-file t2")
-        self.assertLess(on_disk("t"), 42 << 20)
 
     def test_an_image_that_shrinks_and_grows_again(self):
         data = randbytes(200 * BLOCK)

@@ -1,11 +1,13 @@
 """What the tests of the program share; they are called with PROGRAM SHIM [EXAMPLE EXAMPLE]."""
 import json, mmap, os, random, sys, tempfile, unittest
 from pathlib import Path
+from random import randbytes
 from subprocess import PIPE, run
 
 PROGRAM, SHIM, *EXAMPLES = map(os.path.abspath, sys.argv[1:])
-ORACLE = Path(__file__).resolve().with_name("oracle.py")
+ORACLE, RELAY = (Path(__file__).resolve().with_name(name) for name in ("oracle.py", "relay.py"))
 BLOCK = 4096
+DEVICE = 1 << 20  # the partition offset where there is one
 HOME = os.getcwd()
 
 
@@ -13,6 +15,19 @@ def flip(path, *offsets):
     with open(path, "r+b") as file, mmap.mmap(file.fileno(), 0) as data:
         for offset in offsets:
             data[offset] ^= 255
+
+
+def images():
+    a = randbytes(20 * BLOCK + 100)
+    Path("a").write_bytes(a)
+    Path("b").write_bytes(a)
+    flip("b", 4 * BLOCK - 1, 4 * BLOCK, 12 * BLOCK, 20 * BLOCK + 7)
+
+
+def built():
+    images()
+    for name in "ab":
+        run([PROGRAM, "build", name, f"--partition-offset={DEVICE}"], check=True, capture_output=True)
 
 
 class Case(unittest.TestCase):

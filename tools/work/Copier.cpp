@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "work/Side.h"
 
@@ -25,6 +26,18 @@ Copier::Copier(Image& destination, HashedImage& hashed, bool isSparse)
 {
 }
 
+// The rest of a block that was begun; else whole blocks, the image's last one among them; else the beginning of one.
+Range Copier::firstPart(Range range) const
+{
+    const std::int64_t inBlock = range.offset % m_blockSize;
+    if (inBlock > 0) {
+        return {range.offset, std::min(range.length, m_blockSize - inBlock)};
+    }
+    const bool isToEnd = range.end() == m_destination.size();
+    const std::int64_t whole = isToEnd ? range.length : roundDown(range.length, m_blockSize);
+    return {range.offset, whole > 0 ? whole : range.length};
+}
+
 bool Copier::isOfWholeBlocks(Range range) const
 {
     return range.offset % m_blockSize == 0 && (range.end() % m_blockSize == 0 || range.end() == m_destination.size());
@@ -37,26 +50,36 @@ void Copier::makeRoom(Range range)
     if (range.offset % m_blockSize == 0 && (m_batch.size() >= MOST_PARTS || m_taken + needed > m_room)) {
         flush();
     }
+    if (range.length > m_room - m_taken) {
+        throw Failure(m_destination.path(), range.offset, "more data than there is room for");
+    }
 }
 
 void Copier::write(Range range, const char* data)
 {
-    throwWhenInterrupted();
-    if (data == nullptr && isOfWholeBlocks(range)) {
-        if (m_batch.size() >= MOST_PARTS) {
-            flush();
+    while (range.length > 0) {
+        throwWhenInterrupted();
+        const Range part = firstPart(range);
+        if (data == nullptr && isOfWholeBlocks(part)) {
+            addZeros(part);
+        } else {
+            addBytes(part, data);
         }
-        m_batch.push_back({range, nullptr});
-        return;
+        data = data == nullptr ? nullptr : data + part.length;
+        range = between(part.end(), range.end());
     }
-    if (data == nullptr && range.length > LONGEST_PIECE) {
-        for (Range rest = range; rest.length > 0;) {
-            const Range piece = {rest.offset, std::min(LONGEST_PIECE, rest.length)};
-            write(piece, nullptr);
-            rest = between(piece.end(), range.end());
-        }
-        return;
+}
+
+void Copier::addZeros(Range range)
+{
+    if (m_batch.size() >= MOST_PARTS) {
+        flush();
     }
+    m_batch.push_back({range, nullptr});
+}
+
+void Copier::addBytes(Range range, const char* data)
+{
     makeRoom(range);
     char* const place = m_buffer.get() + m_taken;
     const auto length = static_cast<std::size_t>(range.length);

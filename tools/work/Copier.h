@@ -16,7 +16,8 @@ public:
     // `isSparse`: zeros become holes.
     Copier(Image& destination, HashedImage& hashed, bool isSparse);
 
-    // Ascending ranges, together whole blocks but for the image's end; null is zeros.
+    // Ascending ranges, cut anywhere, together whole blocks but for the image's end; null is zeros. Fails when they are
+    // not, and would not fit.
     void write(Range range, const char* data);
 
     // The rest, too. To be called between whole blocks.
@@ -34,9 +35,11 @@ private:
         char* data; // null for zeros
     };
 
+    Range firstPart(Range range) const;
     bool isOfWholeBlocks(Range range) const;
     void makeRoom(Range range);
-    void store(const Part& part);
+    void addZeros(Range range);
+    void addBytes(Range range, const char* data);
     void put(const Part& part);
     bool isThere(const Part& part) const;
     void putZeros(Range range);

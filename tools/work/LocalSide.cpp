@@ -166,22 +166,30 @@ std::vector<Digest> LocalSide::digests()
     return oldest;
 }
 
+// How much of a range comes next: a hole of whole blocks; or data, of whole blocks too where some fit into a piece, and
+// otherwise of one block alone.
+LocalSide::Next LocalSide::nextOf(Range rest) const
+{
+    const Range data = m_image.nextData(rest.offset, rest.end());
+    const std::int64_t inBlock = rest.offset % m_blockSize;
+    const std::int64_t hole = inBlock == 0 ? roundDown(data.offset - rest.offset, m_blockSize) : 0;
+    if (hole > 0) {
+        return {{rest.offset, std::min(hole, holeSliceSize(m_blockSize))}, true};
+    }
+    const std::int64_t longest = m_blockSize > LONGEST_PIECE ? std::min(LONGEST_PIECE, m_blockSize - inBlock)
+                                                             : roundDown(LONGEST_PIECE, m_blockSize);
+    const std::int64_t wanted = roundUp(std::min(longest, data.end() - rest.offset), m_blockSize);
+    return {{rest.offset, std::min({rest.length, longest, wanted})}, false};
+}
+
 void LocalSide::read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink)
 {
-    const std::int64_t blockSize = m_blockSize;
-    const std::int64_t longest = blockSize < LONGEST_PIECE ? roundDown(LONGEST_PIECE, blockSize) : LONGEST_PIECE;
     for (Range rest : ranges) {
         while (rest.length > 0) {
             throwWhenInterrupted();
-            const Range data = m_image.nextData(rest.offset, rest.end());
-            const Range hole = between(rest.offset, std::max(rest.offset, roundDown(data.offset, blockSize)));
-            const bool isHole = hole.length > 0;
-            const Range piece = isHole
-                ? between(hole.offset, std::min(hole.end(), hole.offset + holeSliceSize(blockSize)))
-                : between(rest.offset,
-                          std::min({rest.end(), rest.offset + longest, std::max(data.end(), rest.offset + blockSize)}));
-            isHole ? sink({piece, nullptr, {}}) : readPiece(piece, withDigests, sink);
-            rest = between(piece.end(), rest.end());
+            const Next next = nextOf(rest);
+            next.isHole ? sink({next.range, nullptr, {}}) : readPiece(next.range, withDigests, sink);
+            rest = between(next.range.end(), rest.end());
         }
     }
 }

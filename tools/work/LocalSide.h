@@ -48,7 +48,13 @@ public:
     Digest digestOf(Range blocks);
 
 private:
+    struct Next {
+        Range range;
+        bool isHole;
+    };
+
     void prepare(std::int64_t size);
+    Next nextOf(Range rest) const;
     void readPiece(Range piece, bool withDigests, const Sink& sink);
     Range rangeOf(int level, std::int64_t index) const;
     Digest digestOfNode(int level, std::int64_t index);

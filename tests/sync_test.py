@@ -1,0 +1,78 @@
+"""Two images made equal on one machine: sync_test.py PROGRAM SHIM"""
+import os
+from pathlib import Path
+from random import randbytes
+
+from program import BLOCK, PROGRAM, RELAY, Case, built, flip, main
+
+
+class Sync(Case):
+    def test_sync_changes_sizes_and_keeps_the_store_true(self):
+        a = randbytes(700 * BLOCK + 300)
+        Path("source").write_bytes(a)
+        self.call("build source --block-size 4096")
+        for name, old, expected in (("same", a, 8 * BLOCK), ("long", a + bytes(50000), 8 * BLOCK),
+                                    ("short", a[:400 * BLOCK + 5], len(a) - 395 * BLOCK), ("new", b"", len(a))):
+            if old:
+                Path(name).write_bytes(old)
+                flip(name, *range(0, len(old), 90 * BLOCK + 1))
+                self.call("build " + name)
+            self.assertEqual(self.json(f"sync source {name} --verify -j 2")["bytesCopied"], expected, name)
+            self.assertEqual(Path(name).read_bytes(), a, name)
+            self.check_hash_file(name)
+            self.assertEqual(self.json(f"sync source {name}")["bytesCopied"], 0, name)
+        self.call("build source --hash-file large --block-size 64K")
+        self.call("sync source other --source-hash-file large")
+        self.call("build other --hash-file small --block-size 512")
+        self.call("diff source other --hash-file-a made --hash-file-b small")
+        self.assertEqual([self.json(f"info {name}")["blockSize"] for name in ("other.hashes", "made")], [65536, 512])
+
+    def test_pieces_never_take_more_room_than_there_is(self):
+        """Blocks that are larger than a piece, or no multiple of what a file system keeps; data, zeros and holes."""
+        size = (40 << 20) + 77
+        Path("dense").write_bytes(randbytes(size))
+        Path("mixed").write_bytes(bytes(5 << 20) + randbytes(3 << 20))
+        for offset in range(9 << 20, size, 7 << 20):
+            with open("mixed", "r+b") as file:
+                os.pwrite(file.fileno(), randbytes(100 << 10), offset)
+        os.truncate("mixed", size)
+        for block, source, *sides in (
+                (1500000, "dense", "dense", "t"), (1500000, "mixed", "h:mixed", "t"), (3000000, "mixed", "mixed", "t"),
+                ((1 << 20) + 1, "dense", "h:dense", "t"), ((1 << 20) + 1, "mixed", "mixed", "h:t"),
+                (1 << 16, "mixed", "mixed", "t"), (1 << 16, "mixed", "mixed", "h:t"), (5000, "mixed", "mixed", "t")):
+            with self.subTest(f"{block}: {sides}"):
+                Path("t").write_bytes(randbytes(size) if source == "mixed" else bytes(size))
+                self.call(f"sync {' '.join(sides)} --block-size {block} --source-hash-file s{block} "
+                          f"--dest-hash-file t{block} --adopt --rsh {RELAY} --remote-program {PROGRAM}")
+                self.assertEqual(Path("t").read_bytes(), Path(source).read_bytes())
+                self.call(f"verify t --hash-file t{block}")
+
+    def test_sync_verify_reads_every_byte_again(self):
+        built()
+        flip("b", 7 * BLOCK)
+        self.assertEqual(self.json("sync a b --verify --assume-unchanged", 1)["firstDifference"], 7 * BLOCK)
+        self.call("sync a b")
+        last = max(i for i, call in enumerate(self.calls("sync a b --verify"), 1) if call == "mmap b")
+        tail = {"SHIM_AT": str(last),
+                "SHIM_DO": f"printf xy | dd of=b bs=1 seek={20 * BLOCK + 98} conv=notrunc status=none"}
+        self.assertEqual(self.json("sync a b --verify", 1, shim=tail)["firstDifference"], 20 * BLOCK + 98)
+        self.call("sync a b --verify")
+
+    def test_sync_keeps_holes(self):
+        def on_disk(name):
+            return os.stat(name).st_blocks * 512
+
+        Path("s").write_bytes(randbytes(1 << 20))
+        os.truncate("s", 40 << 20)
+        flip("s", 30 << 20)
+        for options, holds in ("", range(1 << 20, 3 << 20)), ("--no-sparse", range(40 << 20, 42 << 20)):
+            Path("t").write_bytes(randbytes(40 << 20))
+            self.call(f"sync s t --verify {options}")
+            self.assertIn(on_disk("t"), holds)
+            self.check_hash_file("t")
+        os.truncate("s", 15 << 40)
+        self.call("sync s t --block-size 1M --source-hash-file s2 --dest-hash-file t2")
+        self.assertLess(on_disk("t"), 42 << 20)
+
+
+main()
