@@ -40,6 +40,16 @@ def opening(path, destination=False, hash_file=""):
                  string(path) + string(hash_file) + bytes([destination, 0, 0]) + struct.pack("<IBqIq", 1, 0, 0, 0, 0))
 
 
+def data(offset, content, of_blocks=False):
+    blocks = (content[i:i + BLOCK] for i in range(0, len(content), BLOCK))
+    digest = blake2sp(b"".join(map(blake2sp, blocks)) if of_blocks else content)
+    return frame(DATA, struct.pack("<qqBB", offset, len(content), 1, of_blocks) + digest + content)
+
+
+# Pieces that begin inside a block and reach beyond its end: what they add up to has no limit.
+ASKEW = [data(0, b"1") + data(1, bytes(BLOCK), of_blocks) + data(BLOCK + 1, bytes(BLOCK - 1)) for of_blocks in (0, 1)]
+
+
 class RemoteCase(Case):
     def images(self):
         shutil.rmtree("there", ignore_errors=True)
@@ -198,6 +208,7 @@ class Remote(RemoteCase):
             "gap": (reading + frame(DATA, struct.pack("<qqB", BLOCK, BLOCK, 0)), "data is missing"),
             "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)),
                      "compressed data is damaged"),
+            "askew": (reading + ASKEW[0], "parts of several blocks"),
             "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
         }
         ends = {"silence": "exec sleep 20", "closed": "exit", "error": "exec sleep 1"}
@@ -251,7 +262,10 @@ class Remote(RemoteCase):
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 2, 1) + bytes(32 + 99)),
                 writing + frame(DATA, struct.pack("<qqB", -1 << 63, -1, 0)),
                 writing + frame(READ, struct.pack("<Bqq", 0, 0, BLOCK)),
-                writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END)]
+                writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END),
+                *(writing + askew + frame(END) for askew in ASKEW),
+                writing + frame(DATA, struct.pack("<qqB", 0, 1, 0)) + frame(DATA, struct.pack("<qqB", 1, size - 1, 0))
+                + frame(END)]
         before = Path("there/far").read_bytes()
         for number, lie in enumerate(lies):
             with self.subTest(number):

@@ -61,6 +61,7 @@ public:
     const std::string& peer() const { return m_peer; }
     void setTimeout(std::chrono::seconds timeout);
     void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of data; 0: no limit
+    std::int64_t bytesPerSecond() const { return m_bytesPerSecond; }
 
     void send(FrameType type, const std::string& payload = {});
 

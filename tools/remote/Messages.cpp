@@ -88,17 +88,6 @@ Digest digestOf(const std::string& data)
     return BlakeHash().get_hash(const_cast<char*>(data.data()), std::ssize(data)); // which is only read
 }
 
-// The hash of the hashes of whole blocks.
-Digest digestOfBlocks(const std::string& data, std::int64_t blockSize)
-{
-    std::string digests;
-    for (std::int64_t at = 0; at < std::ssize(data); at += blockSize) {
-        const Digest digest = BlakeHash().get_hash(const_cast<char*>(data.data()) + at, blockSize);
-        digests.append(digest.begin(), digest.end());
-    }
-    return digestOf(digests);
-}
-
 std::string decompressed(std::string_view data, std::int64_t length)
 {
     std::string bytes(static_cast<std::size_t>(length), '\0');
@@ -110,6 +99,25 @@ std::string decompressed(std::string_view data, std::int64_t length)
 }
 
 } // namespace
+
+Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize)
+{
+    std::string digests;
+    for (std::int64_t at = 0; at < length; at += blockSize) {
+        const Digest digest = BlakeHash().get_hash(const_cast<char*>(data) + at, blockSize); // which is only read
+        digests.append(digest.begin(), digest.end());
+    }
+    return digestOf(digests);
+}
+
+void checkDigest(Range range, const Digest& found, const Digest& told)
+{
+    if (found != told) {
+        throw ProtocolError(
+            "at offset " + std::to_string(range.offset)
+            + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
+    }
+}
 
 std::string Hello::encode() const
 {
@@ -371,33 +379,34 @@ std::string encode(const Stretch& stretch, std::uint32_t compression)
     return to.bytes(isSmaller ? compressed.data() : stretch.data, isSmaller ? size : length).done();
 }
 
-ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, std::int64_t end,
-                                        std::int64_t blockSize)
+ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, const DataForm& form)
 {
     FieldReader from(payload);
     ReceivedStretch received;
-    received.range = rangeFrom(from, end);
-    const auto form = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
-    received.isZeros = form == Form::Zeros;
+    received.range = rangeFrom(from, form.end);
+    const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
+    received.isZeros = kind == Form::Zeros;
     if (received.range.offset < start || received.range.length == 0
         || (!received.isZeros && received.range.length > LONGEST_PIECE)) {
         throw ProtocolError("data of a range that was not asked for");
+    }
+    if (!isOnePiece(received.range, form)) {
+        throw ProtocolError("data of parts of several blocks");
     }
     if (!received.isZeros) {
         received.isOfBlocks = from.flag();
         received.digest = digestFrom(from);
         received.data
-            = form == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
+            = kind == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
         if (std::ssize(received.data) != received.range.length
-            || (received.isOfBlocks && received.range.length % blockSize != 0)) {
+            || (received.isOfBlocks
+                && (received.range.offset % form.blockSize != 0 || received.range.length % form.blockSize != 0))) {
             throw ProtocolError("data of another length than told");
         }
-        const Digest found = received.isOfBlocks ? digestOfBlocks(received.data, blockSize) : digestOf(received.data);
-        if (found != received.digest) {
-            throw ProtocolError(
-                "at offset " + std::to_string(received.range.offset)
-                + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
-        }
+        const Digest found = received.isOfBlocks
+            ? digestOfBlocks(received.data.data(), received.range.length, form.blockSize)
+            : digestOf(received.data);
+        checkDigest(received.range, found, received.digest);
     }
     from.end();
     return received;

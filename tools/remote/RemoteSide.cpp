@@ -162,16 +162,22 @@ RemoteSide::~RemoteSide()
     m_channel.reset(); // before the process is waited for
 }
 
-void RemoteSide::request(FrameType type, const std::string& payload)
+template <class Work>
+void RemoteSide::sending(Work work)
 {
     guarded([&] {
         try {
-            m_hasAsked = true;
-            m_channel->send(type, payload);
+            work();
         } catch (const ChannelClosed&) {
             throwWhatItSaid();
         }
     });
+}
+
+void RemoteSide::request(FrameType type, const std::string& payload)
+{
+    m_hasAsked = true;
+    sending([&] { m_channel->send(type, payload); });
 }
 
 // The error that a side told before it closed the connection; that it is closed, if it told none.
@@ -287,7 +293,8 @@ void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& delive
         for (Range rest : some.ranges) {
             while (rest.length > 0) {
                 auto received = guarded([&] {
-                    return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, rest.end(), m_start.blockSize);
+                    return ReceivedStretch::decode(answer(FrameType::Data), rest.offset,
+                                                   {m_start.blockSize, rest.end()});
                 });
                 if (received.range.offset != rest.offset) {
                     throw Failure(m_host, "data is missing");
@@ -313,7 +320,7 @@ void RemoteSide::startWriting(bool isSparse)
 
 void RemoteSide::write(const Stretch& stretch)
 {
-    request(FrameType::Data, encode(stretch, m_compression));
+    sending([&] { sendStretch(*m_channel, stretch, {m_start.blockSize, m_start.compared, m_compression}); });
 }
 
 OwnChange RemoteSide::finishWriting()

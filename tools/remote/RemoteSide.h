@@ -68,6 +68,8 @@ private:
 
     template <class Work>
     auto guarded(Work work); // errors of the protocol name the host
+    template <class Work>
+    void sending(Work work); // an error that the other side told is what comes out
     void request(FrameType type, const std::string& payload = {});
     std::string answer(FrameType type);
     void show(const std::string& payload);

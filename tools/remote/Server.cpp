@@ -67,7 +67,7 @@ private:
         if (m_arguments.isReadOnly && open.isDestination) {
             throw Failure(open.path, "nothing is written here: served read-only");
         }
-        m_compression = open.compression;
+        m_form.compression = open.compression;
         m_channel.limitBandwidth(open.bytesPerSecond);
         m_common.jobs = open.jobs > 0 ? open.jobs : std::max(1U, std::thread::hardware_concurrency());
         m_common.progress = ProgressMode::None;
@@ -98,9 +98,9 @@ private:
             || (m_isDestination && m_side->opening().isBlockDevice && start.targetSize != m_size)) {
             throw ProtocolError("more than there is");
         }
-        m_blockSize = start.blockSize;
+        m_form.blockSize = start.blockSize;
+        m_form.end = start.compared;
         m_size = m_isDestination ? start.targetSize : m_size;
-        m_compared = start.compared;
         Progress::listen([this](const std::string& phase, std::int64_t done, std::int64_t total) {
             m_channel.sendIfIdle(FrameType::Progress, FieldWriter().string(phase).i64(done).i64(total).done());
         });
@@ -168,9 +168,7 @@ private:
             checkBoundary(range.offset);
             checkBoundary(range.end());
         }
-        m_side->read(read.ranges, true, [this](const Stretch& stretch) {
-            m_channel.send(FrameType::Data, encode(stretch, m_compression));
-        });
+        m_side->read(read.ranges, true, [this](const Stretch& stretch) { sendStretch(m_channel, stretch, m_form); });
         FieldWriter end;
         encode(end, read.mayBeLast ? std::optional(conclusion()) : std::nullopt);
         m_channel.send(FrameType::End, end.done());
@@ -202,7 +200,7 @@ private:
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            auto received = ReceivedStretch::decode(frame.payload, end, m_compared, m_blockSize);
+            auto received = ReceivedStretch::decode(frame.payload, end, m_form);
             if (received.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
                 checkBoundary(received.range.offset);
@@ -215,7 +213,7 @@ private:
 
     void checkBoundary(std::int64_t offset) const
     {
-        if (offset % m_blockSize != 0 && offset != m_compared) {
+        if (offset % m_form.blockSize != 0 && offset != m_form.end) {
             throw ProtocolError("a range that is not of whole blocks");
         }
     }
@@ -228,10 +226,8 @@ private:
     bool m_isDestination = false;
     bool m_isStarted = false;
     bool m_isWriting = false;
-    std::uint32_t m_compression = 0;
-    std::int64_t m_blockSize = 1;
+    DataForm m_form;
     std::int64_t m_size = 0;
-    std::int64_t m_compared = 0;
 };
 
 } // namespace
