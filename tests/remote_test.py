@@ -274,23 +274,6 @@ class Remote(RemoteCase):
                 self.assertEqual(Path("there/far").read_bytes(), before)
                 self.check_known("there/far")
 
-    def test_a_client_that_cuts_its_data_anywhere(self):
-        """More than is written at once, and no piece starts with a block."""
-        size, filled = 36 << 20, 34 << 20
-        data = randbytes(filled).ljust(size, b"\0")
-        begun = hello() + opening("far", True) + frame(START, struct.pack("<Iqq", BLOCK, size, size))
-        begun += frame(START_WRITING, b"\1")
-        cuts = [0, *range(5, filled, 1 << 20), filled]
-        pieces = [frame(DATA, struct.pack("<qqBB", start, end - start, 1, 0) + blake2sp(data[start:end])
-                        + data[start:end])
-                  for start, end in zip(cuts, cuts[1:])]
-        for start, image, sent in (filled, data, sum(pieces, begun)), (0, bytes(size), begun):
-            for at, end in (start, start + 5), (start + 5, size):
-                sent = sent + frame(DATA, struct.pack("<qqB", at, end - at, 0))
-            self.assertEqual(self.serve(sent + frame(END))[0], WRITTEN)
-            self.assertEqual(Path("far").read_bytes(), image)
-            self.check_hash_file("far")
-
     def test_serves_what_lies_in_the_root(self):
         self.images()
         os.mkdir("there/sub")
