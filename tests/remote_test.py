@@ -5,11 +5,11 @@ from pathlib import Path
 from random import randbytes
 
 from oracle import blake2sp, read_entries
-from program import BLOCK, PROGRAM, RELAY, Case, flip, main
+from program import BLOCK, PROGRAM, RELAY, SHIM, Case, flip, main
 
-HELLO, OPEN, OPENED, START, STARTED, PROGRESS, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING, \
-    WRITTEN = 1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14, 15
-ERROR = 19
+HELLO, OPEN, OPENED, START, STARTED, PROGRESS, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING = \
+    1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14
+ERROR, NOTE = 19, 21
 
 
 def string(text):
@@ -199,8 +199,10 @@ class Remote(RemoteCase):
             "excess": (hello() + opened + started + started, "type 5"),
             "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"),
             "silence": (hello() + opened, "no sign of life"),
-            "error": (hello() + opened + frame(PROGRESS, string("hash") + bytes(16)) + frame(ERROR, b"on fire"),
-                      "on fire"),
+            "error": (hello() + opened + frame(PROGRESS, struct.pack("<I", 2) + b"\xff\n" + bytes(16))
+                      + frame(NOTE, b"h\n\x1b") + frame(ERROR, b"on\n\x1b\xc2\x9bfire" + bytes(9999)),
+                      r"on\?\?\?fire\?{100,999}\.\.\."),
+            "sum": (hello() + opened + frame(STARTED, struct.pack("<qqI", 0, (1 << 63) - 1, 0)), "too large"),
             "new blocks": (hello() + opened + frame(STARTED, struct.pack("<qqI2q", 0, 0, 2, 7, 7)), "out of order"),
             "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + opened + opened, "type 3"),
             "unasked": (reading + frame(DATA, struct.pack("<qqB", 5 * BLOCK, 9 << 40, 0)), "too large"),
@@ -220,14 +222,16 @@ class Remote(RemoteCase):
             os.chmod("liar", 0o755)
             with self.subTest(name):
                 done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout",
-                                       "1" if name == "silence" else "30"], capture_output=True, text=True, timeout=60)
+                                       "1" if name == "silence" else "30", "--progress", "json"],
+                                      capture_output=True, text=True, timeout=60)
                 self.assertEqual(done.returncode, 2, done)
-                self.assertRegex(done.stderr, rf"\A(.* note: .*\n)?kelvane-hash: h: .*{text}.*\n\Z")
+                self.assertRegex(done.stderr, rf"\A(.* note: .*\n|{{.*\n)*kelvane-hash: h: .*{text}.*\n\Z")
                 self.assertEqual(Path("near").read_bytes(), before)
 
-    def serve(self, frames, *arguments):
+    def serve(self, frames, *arguments, **environment):
         """What a server answers last, as a type and a text."""
-        done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20)
+        done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20,
+                              env=dict(os.environ, **environment))
         answers, rest = [], done.stdout
         while rest:
             length, kind = struct.unpack("<IB", rest[:5])
@@ -246,7 +250,7 @@ class Remote(RemoteCase):
             return frame(ASK_NODES,
                          struct.pack("<BII", 0, level, len(indexes)) + struct.pack(f"<{len(indexes)}q", *indexes))
 
-        lies = [[], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
+        lies = [hello() + opening(""), [], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
                 reading + frame(START_WRITING, b"\0"), reading + nodes(0, 3, 3), reading + nodes(63, 0),
@@ -254,8 +258,12 @@ class Remote(RemoteCase):
                 reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, 0)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size + 1, 4096)),
-                reading + frame(READ, struct.pack("<Bqq", 0, 0, size + 1)), reading + frame(READ, struct.pack("<Bqq", 0, 1, 5)),
-                reading + frame(READ, struct.pack("<Bqqqq", 0, BLOCK, BLOCK, 0, BLOCK)), reading + frame(READ, bytes(17)),
+                reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, (1 << 20) + 1)),
+                reading + frame(ASK_BYTES, struct.pack("<qqq", 0, 8193 * 4, 4)),
+                reading + frame(READ, struct.pack("<Bqq", 0, 0, size + 1)),
+                reading + frame(READ, struct.pack("<Bqq", 0, 1, 5)),
+                reading + frame(READ, struct.pack("<Bqqqq", 0, BLOCK, BLOCK, 0, BLOCK)),
+                reading + frame(READ, bytes(17)),
                 writing + frame(DATA, struct.pack("<qqB", size, 1, 0)),
                 writing + frame(DATA, struct.pack("<qqB", 5, 5, 0)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)),
@@ -270,7 +278,7 @@ class Remote(RemoteCase):
         for number, lie in enumerate(lies):
             with self.subTest(number):
                 kind, text = self.serve(lie)
-                self.assertTrue(kind == ERROR and text or number == 0, (kind, text))
+                self.assertTrue(kind == ERROR and text or number == 1, (kind, text))
                 self.assertEqual(Path("there/far").read_bytes(), before)
                 self.check_known("there/far")
 
@@ -306,6 +314,13 @@ class Remote(RemoteCase):
         self.assertEqual(self.serve(hello() + opening("sub/inside") + start, *read_only)[0], ERROR)
         self.assertEqual(self.serve(hello() + opening("far") + start, *read_only)[0], STARTED)
         self.assertEqual(files, {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()})
+        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "pwrite fresh.hashes.new,fsync fresh.hashes.new,ftruncate fresh",
+                "SHIM_DO": "mv there/sub there/moved; ln -s ../outside2 there/sub"}
+        start = frame(START, struct.pack("<Iqq", BLOCK, BLOCK, BLOCK))
+        self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start, *root, **swap)[0], STARTED)
+        self.assertEqual(os.listdir("outside2"), [])
+        self.assertLess({"fresh", "fresh.hashes"}, set(os.listdir("there/moved")))
+        self.assertIn("sub/fresh: ", self.serve(hello() + opening("moved/no/sub/fresh"), *root)[1])
 
     def test_through_ssh(self):
         self.images()

@@ -221,7 +221,7 @@ Started decodeStarted(std::string_view payload)
     return decodeAll(payload, [](FieldReader& from) {
         Started started;
         started.partitionOffset = from.i64();
-        started.bytesRead = from.i64();
+        started.bytesRead = from.i64(GREATEST / 4); // so that sums are none too large
         started.newBlocks = indexesFrom(from, HashedImage::MOST_NEW_BLOCKS, GREATEST);
         return started;
     });
@@ -255,7 +255,8 @@ AskBytes AskBytes::decode(std::string_view payload)
     return decodeAll(payload, [](FieldReader& from) {
         const Range range = rangeFrom(from);
         const std::int64_t unit = from.i64();
-        if (unit == 0 || range.length / unit > static_cast<std::int64_t>(Side::MOST_NODES)) {
+        constexpr auto MOST = static_cast<std::int64_t>(Side::MOST_NODES);
+        if (unit == 0 || (range.length > 0 && (range.length - 1) / unit >= MOST)) {
             throw ProtocolError("units of " + std::to_string(unit) + " bytes");
         }
         return AskBytes {range, unit};
@@ -264,7 +265,8 @@ AskBytes AskBytes::decode(std::string_view payload)
 
 void Conclusion::encode(FieldWriter& to) const
 {
-    to.u8(isUnchanged ? 1 : 0).string(remarks).string(freshness);
+    to.u8(isUnchanged ? 1 : 0).string(remarks).u8(isBelieved ? 1 : 0).string(doubt).i64(checkedBlocks);
+    to.i64(repairedBlocks);
 }
 
 Conclusion Conclusion::decode(FieldReader& from)
@@ -272,7 +274,10 @@ Conclusion Conclusion::decode(FieldReader& from)
     Conclusion conclusion;
     conclusion.isUnchanged = from.flag();
     conclusion.remarks = from.string();
-    conclusion.freshness = from.string();
+    conclusion.isBelieved = from.flag();
+    conclusion.doubt = from.string();
+    conclusion.checkedBlocks = from.i64();
+    conclusion.repairedBlocks = from.i64();
     return conclusion;
 }
 

@@ -15,6 +15,8 @@
 
 namespace kelvane::tool {
 
+constexpr std::size_t LONGEST_TEXT = 1000; // of what one side tells people through the other one
+
 struct Hello {
     static constexpr std::uint32_t MAGIC = 0x484b564b; // "KVKH"
     static constexpr std::uint32_t VERSION = 1;
@@ -71,7 +73,10 @@ struct AskBytes {
 struct Conclusion {
     bool isUnchanged = true;
     std::string remarks;
-    std::string freshness; // JSON
+    bool isBelieved = true; // what was known of the image
+    std::string doubt;      // why not
+    std::int64_t checkedBlocks = 0;
+    std::int64_t repairedBlocks = 0;
 
     void encode(FieldWriter& to) const;
     static Conclusion decode(FieldReader& from);

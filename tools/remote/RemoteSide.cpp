@@ -6,7 +6,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <sstream>
 #include <utility>
+
+#include "terminal/Note.h"
+#include "terminal/Text.h"
 
 extern char** environ;
 
@@ -15,6 +19,8 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::size_t RANGES_AT_ONCE = 1 << 12;
+constexpr std::size_t LONGEST_PHASE = 40;
+constexpr int MOST_REMARKS = 10; // lines
 
 struct Pipe {
     Pipe()
@@ -154,7 +160,7 @@ RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& o
         throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
     }
     m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened)); });
-    m_opening.hashFile = m_host + ":" + m_opening.hashFile;
+    m_opening.hashFile = m_host + ":" + printable(m_opening.hashFile, LONGEST_TEXT);
 }
 
 RemoteSide::~RemoteSide()
@@ -184,11 +190,20 @@ void RemoteSide::request(FrameType type, const std::string& payload)
 void RemoteSide::throwWhatItSaid()
 {
     for (;;) {
-        const Frame frame = m_channel->receive();
-        if (frame.type == FrameType::Error) {
-            throw Failure(m_host, frame.payload);
-        }
+        tell(m_channel->receive());
     }
+}
+
+// What it says is not of this program: a line of a length that can be read, behind the host's name.
+bool RemoteSide::tell(const Frame& frame) const
+{
+    if (frame.type == FrameType::Error) {
+        throw Failure(m_host, printable(frame.payload, LONGEST_TEXT));
+    }
+    if (frame.type == FrameType::Note) {
+        note(m_host + ": " + printable(frame.payload, LONGEST_TEXT));
+    }
+    return frame.type == FrameType::Note;
 }
 
 // The payload of the next frame, which must be of a type. An error that is told instead ends the command.
@@ -197,8 +212,8 @@ std::string RemoteSide::answer(FrameType type)
     return guarded([&] {
         for (;;) {
             Frame frame = m_channel->receive();
-            if (frame.type == FrameType::Error) {
-                throw Failure(m_host, frame.payload);
+            if (tell(frame)) {
+                continue;
             }
             if (frame.type == FrameType::Progress) {
                 show(frame.payload);
@@ -218,9 +233,10 @@ std::string RemoteSide::answer(FrameType type)
 void RemoteSide::show(const std::string& payload)
 {
     FieldReader from(payload);
-    const std::string phase = from.string();
+    const std::string phase = printable(from.string(), LONGEST_PHASE);
     const std::int64_t done = from.i64();
     const std::int64_t total = from.i64();
+    from.end();
     if (!m_progress || phase != m_phase) {
         m_progress.reset();
         m_progress = std::make_unique<Progress>(phase, total, m_mode);
@@ -351,14 +367,25 @@ bool RemoteSide::conclude()
     return m_conclusion->isUnchanged;
 }
 
+std::string RemoteSide::remarks() const
+{
+    std::istringstream lines(m_conclusion ? m_conclusion->remarks : "");
+    std::string text;
+    int count = 0;
+    for (std::string line; count < MOST_REMARKS && std::getline(lines, line); ++count) {
+        text += m_host + ": " + printable(line, LONGEST_TEXT) + "\n";
+    }
+    return text;
+}
+
 nlohmann::ordered_json RemoteSide::freshness() const
 {
-    nlohmann::ordered_json json
-        = nlohmann::ordered_json::parse(m_conclusion ? m_conclusion->freshness : "{}", nullptr, false);
-    if (json.is_object()) {
-        json["image"] = m_name;
-    }
-    return json;
+    const Conclusion found = m_conclusion.value_or(Conclusion());
+    return {{"image", m_name},
+            {"believed", found.isBelieved},
+            {"doubt", printable(found.doubt, LONGEST_TEXT)},
+            {"checkedBlocks", found.checkedBlocks},
+            {"repairedBlocks", found.repairedBlocks}};
 }
 
 } // namespace kelvane::tool

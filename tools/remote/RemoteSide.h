@@ -56,7 +56,7 @@ public:
     void abandon() override { } // the other machine sees that this one has gone
     void distrust() override;
     bool conclude() override;
-    std::string remarks() const override { return m_conclusion ? m_conclusion->remarks : ""; }
+    std::string remarks() const override;
     nlohmann::ordered_json freshness() const override;
     std::optional<LineTraffic> lineTraffic() const override
     {
@@ -72,6 +72,7 @@ private:
     void sending(Work work); // an error that the other side told is what comes out
     void request(FrameType type, const std::string& payload = {});
     std::string answer(FrameType type);
+    bool tell(const Frame& frame) const; // an error, or a note: true
     void show(const std::string& payload);
     void throwWhatItSaid();
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);
