@@ -107,6 +107,14 @@ class Remote(RemoteCase):
         self.call("build there/far --hash-file large --block-size 8K")
         wrong = self.remote("sync near host:there/far --dest-hash-file large", 2)
         self.assertRegex(wrong.stderr, r"near.hashes: its blocks have 4,096 bytes, those of host:large 8,192 bytes")
+        for host in "-oProxyCommand=touch", "", "u@", "u@-x", "[-x]":
+            done = subprocess.run([PROGRAM, "diff", "--rsh", RELAY, "--", "near", host + ":x"], capture_output=True)
+            self.assertIn(b"the host before the colon", done.stderr)
+        Path("hosts").write_text(f'#!/bin/sh\nprintf %s "$1" >host\nexec "{RELAY}" "$@"\n')
+        os.chmod("hosts", 0o755)
+        for given, host in ("[::1]", "::1"), ("u@[fe80::2%eth0]", "u@fe80::2%eth0"), ("u@h", "u@h"):
+            self.call(f"diff near {given}:x --rsh ./hosts", 2)
+            self.assertEqual(Path("host").read_text(), host)
         self.assertRegex(self.remote("diff a:b c:d", 2).stderr, "one of the two images must be on this machine")
 
     def test_takes_few_trips_and_sends_little(self):
@@ -213,7 +221,7 @@ class Remote(RemoteCase):
             "askew": (reading + ASKEW[0], "parts of several blocks"),
             "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
         }
-        ends = {"silence": "exec sleep 20", "closed": "exit", "error": "exec sleep 1"}
+        ends = {"silence": "trap '' TERM; exec sleep 70", "closed": "exit", "error": "exec sleep 1"}
         before = Path("near").read_bytes()
         for name, (answer, text) in lies.items():
             Path("answer").write_bytes(encoded(answer))

@@ -4,9 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <exception>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include "terminal/Note.h"
@@ -41,11 +44,23 @@ struct Pipe {
 
 std::optional<RemotePath> remotePath(const std::string& argument)
 {
-    const std::size_t colon = argument.find(':');
-    if (colon == std::string::npos || colon == 0 || argument.find('/') < colon) {
+    const std::size_t open = std::min(argument.find("@[") + 1, argument.size()); // 0 when there is none
+    const std::size_t closed
+        = !argument.empty() && argument[open] == '[' ? argument.find("]:", open) : std::string::npos;
+    const bool isBracketed = closed != std::string::npos && argument.find_first_of("/:") > open;
+    const std::size_t colon = isBracketed ? closed + 1 : argument.find(':');
+    if (colon == std::string::npos || argument.find('/') < colon) {
         return std::nullopt;
     }
-    return RemotePath {argument.substr(0, colon), argument.substr(colon + 1)};
+    std::string host = argument.substr(0, colon);
+    if (isBracketed) {
+        host.erase(closed, 1).erase(open, 1);
+    }
+    // What leads to the host would take it for one of its options.
+    if (host.empty() || host.front() == '-' || host.back() == '@' || host.find("@-") != std::string::npos) {
+        throw Failure(argument, "the host before the colon is none; a file here is ./" + argument);
+    }
+    return RemotePath {host, argument.substr(colon + 1)};
 }
 
 std::vector<std::string> splitWords(const std::string& command)
@@ -100,14 +115,20 @@ public:
         }
     }
 
-    // It ends when its input does; what hangs is told to.
+    // It ends when its input does; what hangs is told to, and then made to. After a failure nobody waits long.
     ~Peer()
     {
-        for (int waited = 0; ::waitpid(m_process, nullptr, WNOHANG) == 0; ++waited) {
-            if (waited == 500) {
-                ::kill(m_process, SIGTERM);
+        using Clock = std::chrono::steady_clock;
+        const auto patience = std::chrono::milliseconds(std::uncaught_exceptions() > m_exceptions ? 200 : 5000);
+        const auto begin = Clock::now();
+        auto pause = std::chrono::milliseconds(1);
+        bool isTold = false;
+        while (::waitpid(m_process, nullptr, WNOHANG) == 0) {
+            if (Clock::now() - begin >= patience + (isTold ? std::chrono::seconds(2) : std::chrono::seconds(0))) {
+                ::kill(m_process, std::exchange(isTold, true) ? SIGKILL : SIGTERM);
             }
-            ::usleep(10000);
+            std::this_thread::sleep_for(pause);
+            pause = std::min(2 * pause, std::chrono::milliseconds(20));
         }
     }
 
@@ -116,6 +137,7 @@ public:
 
 private:
     pid_t m_process = 0;
+    int m_exceptions = std::uncaught_exceptions();
 };
 
 template <class Work>

@@ -23,7 +23,8 @@ struct RemoteOptions {
     std::int64_t bytesPerSecond = 0;
 };
 
-// "[USER@]HOST:PATH", as with rsync: a colon before any slash.
+// "[USER@]HOST:PATH", as with rsync: a colon before any slash; around a host with colons "[" and "]". A Failure for
+// what no host is called.
 struct RemotePath {
     std::string host;
     std::string path;
