@@ -1,6 +1,6 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
-import os, shutil, struct, subprocess, time
+import fcntl, os, shutil, struct, subprocess, time
 from pathlib import Path
 from random import randbytes
 
@@ -102,6 +102,12 @@ class Remote(RemoteCase):
             flip(local[0], 7)
             self.assertIn("it was changed since", self.remote(f"diff {source} {destination}", 1).stderr)
         self.images()
+        with open("there/far.hashes") as used:  # so the other side refuses, and nothing is changed here
+            fcntl.flock(used, fcntl.LOCK_EX)
+            os.truncate("near", 5 * BLOCK)
+            self.assertRegex(self.remote("sync host:there/far near", 2).stderr, "host: .*in use")
+        self.assertEqual(os.path.getsize("near"), 5 * BLOCK)
+        self.images()
         wrong = self.remote("sync near host:nothing/there", 2)
         self.assertRegex(wrong.stderr, r"\Akelvane-hash: host: nothing/there.*No such file or directory\n\Z")
         self.call("build there/far --hash-file large --block-size 8K")
@@ -185,6 +191,7 @@ class Remote(RemoteCase):
             self.wait_for_server(names[1])
             self.check_known(names[1])
             again = self.remote(f"sync {source} {destination} --json")
+            self.assertNotIn("known hashes are checked", again.stderr)
             copied = int(again.stdout.split('"bytesCopied": ')[1].split(",")[0])
             self.assertIn(copied, range(1, 70 << 20), "what arrived is not sent again")
             self.assertEqual(*map(Path.read_bytes, map(Path, names)))

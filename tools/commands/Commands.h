@@ -72,6 +72,19 @@ private:
 struct Pair {
     Pair(const PairArguments& arguments, bool writesSecond, const Common& common);
 
+    // Calls a command for them. When it fails, what was done on this machine is kept, and recorded.
+    template <class Command>
+    Outcome run(Command command) const
+    {
+        try {
+            return command(*first, *second);
+        } catch (...) {
+            first->abandon();
+            second->abandon();
+            throw;
+        }
+    }
+
     std::unique_ptr<Side> first;
     std::unique_ptr<Side> second;
 };

@@ -4,11 +4,10 @@
 
 namespace kelvane::tool {
 
-Outcome diff(const PairArguments& arguments, const Common& common)
+namespace {
+
+Outcome diffSides(Side& first, Side& second, const PairArguments& arguments)
 {
-    const Pair pair(arguments, false, common);
-    Side& first = *pair.first;
-    Side& second = *pair.second;
     const auto [least, most] = std::minmax(first.opening().size, second.opening().size);
     const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
     Comparison found = compare(first, second, {blockSize, 0, least});
@@ -41,6 +40,15 @@ Outcome diff(const PairArguments& arguments, const Common& common)
         += (isEqual ? "equal"
                     : "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range"))
         + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte") + " of data read\n";
+    return outcome;
+}
+
+} // namespace
+
+Outcome diff(const PairArguments& arguments, const Common& common)
+{
+    const Pair pair(arguments, false, common);
+    Outcome outcome = pair.run([&](Side& first, Side& second) { return diffSides(first, second, arguments); });
     addLineTraffic(outcome, pair);
     return outcome;
 }

@@ -28,16 +28,11 @@ OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges
 {
     Progress progress("copy", totalLength(ranges), mode);
     destination.startWriting(isSparse);
-    try {
-        source.read(ranges, destination.isFar(), [&](const Stretch& stretch) {
-            destination.write(stretch);
-            progress.advance(stretch.range.length);
-        });
-        return destination.finishWriting();
-    } catch (...) {
-        destination.abandon();
-        throw;
-    }
+    source.read(ranges, destination.isFar(), [&](const Stretch& stretch) {
+        destination.write(stretch);
+        progress.advance(stretch.range.length);
+    });
+    return destination.finishWriting();
 }
 
 std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode mode)
@@ -49,14 +44,10 @@ std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode
                            [&](std::int64_t bytes) { progress.advance(bytes); });
 }
 
-} // namespace
-
-Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
+Outcome syncSides(Side& source, Side& destination, const PairArguments& arguments, const SyncArguments& how,
+                  const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
-    const Pair pair(arguments, true, common);
-    Side& source = *pair.first;
-    Side& destination = *pair.second;
     refuseUnfitPair(source, destination);
     const std::uint32_t blockSize = commonBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;
@@ -113,6 +104,16 @@ Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Com
     } else if (isReread) {
         outcome.text += "reread: equal\n";
     }
+    return outcome;
+}
+
+} // namespace
+
+Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
+{
+    const Pair pair(arguments, true, common);
+    Outcome outcome = pair.run(
+        [&](Side& source, Side& destination) { return syncSides(source, destination, arguments, how, common); });
     addLineTraffic(outcome, pair);
     return outcome;
 }

@@ -180,7 +180,7 @@ Opening decodeOpening(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
         Opening opening;
-        opening.size = from.i64();
+        opening.size = from.i64(GREATEST / 2);
         opening.isMissing = from.flag();
         opening.isBlockDevice = from.flag();
         opening.hashFile = from.string();
@@ -220,7 +220,7 @@ Started decodeStarted(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
         Started started;
-        started.partitionOffset = from.i64();
+        started.partitionOffset = from.i64(GREATEST / 2);
         started.bytesRead = from.i64(GREATEST / 4); // so that sums are none too large
         started.newBlocks = indexesFrom(from, HashedImage::MOST_NEW_BLOCKS, GREATEST);
         return started;

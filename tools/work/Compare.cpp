@@ -44,6 +44,9 @@ public:
             side->openHashes(m_start);
         }
         for (Side* const side : m_sides) { // in one go, for the far one
+            if (side == m_sides[1] && side->isChangedBy(m_start)) {
+                m_sides[0]->started();
+            }
             side->start(m_start);
             if (tail.length
                 > 0) { // the hash of a part of a block would be that of a whole one, which can be far larger

@@ -29,6 +29,10 @@ public:
     const Opening& opening() const override { return m_opening; }
     void openHashes(const Start& start) override;
     void start(const Start& start) override;
+    bool isChangedBy(const Start& start) const override
+    {
+        return m_isDestination && (m_image.isMissing() || m_image.size() != start.targetSize);
+    }
     const Started& started() override { return m_started; }
     void ask(const Nodes& nodes) override;
     void askBytes(Range range, std::int64_t unit) override;

@@ -82,6 +82,9 @@ public:
 
     // A destination is brought to its size; then the hashes are made known. Waited for by `started`.
     virtual void start(const Start& start) = 0;
+
+    // Whether that creates or resizes an image on this machine, which must wait until the other side has agreed.
+    virtual bool isChangedBy(const Start& /*start*/) const { return false; }
     virtual const Started& started() = 0;
 
     // The hashes of nodes, at most MOST_NODES; waited for by `digests`, which has as many.
