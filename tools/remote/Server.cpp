@@ -84,8 +84,8 @@ private:
         }
         const auto access = open.isDestination ? Image::Access::WriteOrMissing : Image::Access::Read;
         m_side = std::make_unique<LocalSide>(path, access, options, m_common);
-        for (const char* const end : {"", ".state", ".new", ".state.new"}) {
-            m_paths->resolve(m_side->opening().hashFile + end);
+        for (const std::string& written : filesOf(m_side->opening().hashFile)) {
+            m_paths->resolve(written);
         }
         m_isDestination = open.isDestination;
         m_size = m_side->opening().size;
