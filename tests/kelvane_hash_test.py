@@ -407,9 +407,9 @@ class KelvaneHash(Case):
         for command, cause in (
                 ("build missing", "missing: .*No such file"), ("build .", "neither"), ("build pipe", "neither"),
                 ("nonsense", "--help"), ("info e", "e: at offset 0: not a hash file"),
-                ("diff e e", "e.hashes: .*in use.* given twice"), ("sync e e.hashes", "e.hashes: .*a hash file"),
+                ("diff e e", "e.hashes: given as .* of both"), ("sync e e.hashes", "e.hashes: .*a hash file"),
                 ("sync e new --dest-hash-file new/x", "new/x: cannot make .*No such"),
-                ("build e --hash-file e", "e: this is the image itself"), ("build e.hashes", "e.hashes: .*a hash file"),
+                ("build e --hash-file e", "e: given as an image and as"), ("build e.hashes", "e.hashes: .*a hash file"),
                 ("info cut", "cut: .*remove it to start anew"), ("verify e --hash-file none", "none: .*No such file"),
                 ("diff e f", "f.hashes.* 4,096 bytes|f.hashes.* 8,192 bytes"),
                 ("build e --block-size 8K", "e.hashes: at offset 24"), ("hash e --partition-offset 1", " offset 40"),

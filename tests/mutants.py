@@ -48,7 +48,7 @@ def failing_tests_of_library(build, everything, environment):
 def failing_tests_of_program(build, everything, environment):
     failed = []
     environment = environment if everything else dict(environment, FAIL_FAST="1")
-    for test in "kelvane_hash_test.py", "sync_test.py", "remote_test.py", "truth_test.py":
+    for test in ("kelvane_hash_test.py", "sync_test.py", "side_files_test.py", "remote_test.py", "truth_test.py"):
         done = run([sys.executable, "-B", os.path.join(TESTS, test), build + "/tools/kelvane-hash",
                     build + "/tests/libcall_shim.so"], environment)
         names = re.findall(r"^(?:FAIL|ERROR): (\w+) ", done.stderr, re.MULTILINE)

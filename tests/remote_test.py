@@ -268,6 +268,7 @@ class Remote(RemoteCase):
         lies = [hello() + opening(""), [], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
+                hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.new", True, "./far"),
                 reading + frame(START_WRITING, b"\0"), reading + nodes(0, 3, 3), reading + nodes(63, 0),
                 reading + nodes(0, 1 << 62, -1), reading + nodes(60, 9),
                 reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),

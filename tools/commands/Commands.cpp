@@ -70,6 +70,11 @@ Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& comm
     if (isFirstFar) {
         first = openSide(arguments.first, false, arguments.remote, common);
     }
+    if (!first->isFar() && !second->isFar()) {
+        keepApart(first->name(), second->opening().hashFile);
+        keepApart(second->name(), first->opening().hashFile);
+        keepHashFilesApart(first->opening().hashFile, second->opening().hashFile);
+    }
 }
 
 void addLineTraffic(Outcome& outcome, const Pair& pair)

@@ -5,9 +5,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <kelvane/BlakeHash.h>
+#include <string_view>
 #include <thread>
 
 #include "base/Descriptor.h"
@@ -20,6 +19,8 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int VERSION = 1;
+constexpr std::string_view BEGINNING = "{\n  \"version\": ";
+constexpr std::int64_t LARGEST = 64 << 10;
 
 std::string checksumOf(const Json& record)
 {
@@ -38,14 +39,43 @@ bool writeAll(const std::string& path, const std::string& text)
     return file && ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
+// Of a file that can be a record; nothing, with `errno` set, where none stands or something else.
+std::optional<std::string> contentOf(const std::string& path)
+{
+    const Descriptor file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    struct stat status;
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        return std::nullopt;
+    }
+    if (!S_ISREG(status.st_mode) || status.st_size > LARGEST) {
+        errno = EEXIST;
+        return std::nullopt;
+    }
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    const ssize_t count = ::read(file.get(), text.data(), text.size());
+    text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+    return count < 0 ? std::nullopt : std::optional(text);
+}
+
+// Whether nothing is lost when a record takes the place of what stands there: another one, or what a crash left of one.
+// Otherwise `errno` is set.
+bool mayBeReplaced(const std::string& path)
+{
+    const std::optional<std::string> text = contentOf(path);
+    if (!text) {
+        return errno == ENOENT;
+    }
+    errno = EEXIST;
+    return text->starts_with(BEGINNING) || BEGINNING.starts_with(*text)
+        || text->find_first_not_of('\0') == std::string::npos;
+}
+
 } // namespace
 
 std::optional<Evidence> Evidence::read(const std::string& hashFilePath)
 {
-    std::ifstream file(pathFor(hashFilePath), std::ios::binary);
-    const std::string text {std::istreambuf_iterator<char>(file), {}};
     try {
-        Json record = Json::parse(text);
+        Json record = Json::parse(contentOf(pathFor(hashFilePath)).value_or(""));
         const Json checksum = record.at("checksum");
         record.erase("checksum");
         if (record.at("version") != VERSION || checksum != checksumOf(record)) {
@@ -64,6 +94,11 @@ std::optional<Evidence> Evidence::read(const std::string& hashFilePath)
     }
 }
 
+bool Evidence::isRecord(const std::string& path)
+{
+    return contentOf(path).value_or("").starts_with(BEGINNING);
+}
+
 // Needs no flush: what it says counts until the machine is started again.
 bool Evidence::write(const std::string& hashFilePath) const
 {
@@ -74,14 +109,23 @@ bool Evidence::write(const std::string& hashFilePath) const
                    {"hashFile", hashFile}};
     record["checksum"] = checksumOf(record);
     const std::string path = pathFor(hashFilePath);
-    const std::string temporary = path + ".new";
-    return writeAll(temporary, record.dump(2, ' ', true, Json::error_handler_t::replace) + "\n")
+    const std::string temporary = inTheMaking(path);
+    const bool isWritten = mayBeReplaced(path) && mayBeReplaced(temporary)
+        && writeAll(temporary, record.dump(2, ' ', true, Json::error_handler_t::replace) + "\n")
         && ::rename(temporary.c_str(), path.c_str()) == 0;
+    if (!isWritten) { // none is better than one that holds no more
+        const int error = errno;
+        remove(hashFilePath);
+        errno = error;
+    }
+    return isWritten;
 }
 
 void Evidence::remove(const std::string& hashFilePath)
 {
-    ::unlink(pathFor(hashFilePath).c_str());
+    if (const std::string path = pathFor(hashFilePath); mayBeReplaced(path)) {
+        ::unlink(path.c_str());
+    }
 }
 
 Owner ownerOf(const Evidence& evidence, const ImageState& image)

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "hash_file/SideFiles.h"
 #include "image/ImageState.h"
 
 namespace kelvane::tool {
@@ -17,11 +18,15 @@ struct Evidence {
     // What is recorded for the hash file at a path; nothing when there is no record, or none that can be read.
     static std::optional<Evidence> read(const std::string& hashFilePath);
 
-    // Replaces the record, all at once. False, with `errno` set, when it cannot be written.
+    // Whether a file is a record, perhaps a damaged one.
+    static bool isRecord(const std::string& path);
+
+    // Replaces the record, all at once. False, with `errno` set, when it cannot be written, or when what stands there
+    // is none; then there is no record any more.
     bool write(const std::string& hashFilePath) const;
 
     static void remove(const std::string& hashFilePath);
-    static std::string pathFor(const std::string& hashFilePath) { return hashFilePath + ".state"; }
+    static std::string pathFor(const std::string& hashFilePath) { return recordPath(hashFilePath); }
 };
 
 // Whether a record is of this image: the same one, another one in its place, or another one elsewhere.

@@ -28,6 +28,21 @@ bool standsAt(int fd, const std::string& path)
         && own.st_ino == there.st_ino;
 }
 
+// Whether a file is what a run left that was ended while it made a hash file: empty, the page of a header that was not
+// yet written, or one. A hash file with a record is somebody's.
+bool isLeftOver(int fd, const std::string& path)
+{
+    constexpr std::size_t PAGE = 4096;
+    struct stat status;
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return false;
+    }
+    std::vector<char> page(PAGE);
+    const ssize_t count = ::pread(fd, page.data(), page.size(), 0);
+    const bool isZeros = count >= 0 && std::count(page.begin(), page.end(), 0) == std::ssize(page);
+    return (isZeros && status.st_size <= std::ssize(page)) || (isHashFile(path) && !Evidence::read(path));
+}
+
 void checkRoom(const std::string& path, std::uint64_t needed)
 {
     struct statvfs room;
@@ -85,11 +100,9 @@ std::string HashFileOptions::pathFor(const Image& image) const
                       "a block device: say where its hash file is, with --hash-file or its like; beside the device "
                       "it would be in memory, and lost when the machine is started again");
     }
-    std::error_code error;
-    if (!path.empty() && std::filesystem::equivalent(path, image.path(), error)) {
-        throw Failure(path, "this is the image itself, which cannot be its own hash file");
-    }
-    return path.empty() ? image.path() + ".hashes" : path;
+    const std::string found = path.empty() ? image.path() + ".hashes" : path;
+    keepApart(image.path(), found);
+    return found;
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -121,13 +134,13 @@ public:
         }
     }
 
-    // Of a file that need not be there yet.
+    // Of a file that is made when it is not there yet.
     static std::shared_ptr<Lock> takeNew(const std::string& path, const std::string& temporary)
     {
         auto lock = std::make_shared<Lock>();
-        lock->m_fd = openFile(temporary, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+        lock->m_fd = openFile(temporary, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
         if (!lock->m_fd) {
-            throw Failure(path, "cannot make the hash file: " + errorText(errno));
+            throw Failure(path, "cannot make the hash file, as " + temporary + ": " + errorText(errno));
         }
         lock->acquire(path, LOCK_EX);
         return lock;
@@ -176,16 +189,22 @@ std::optional<HashFile> HashFile::open(const std::string& path, const HashFileOp
 // Under another name, which it keeps until it is whole. Nothing when another run was faster.
 std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& geometry, ProgressMode mode)
 {
-    const std::string temporary = path + ".new";
+    const std::string temporary = inTheMaking(path);
     std::shared_ptr<Lock> lock = Lock::takeNew(path, temporary);
     if (!standsAt(lock->fd(), temporary)) {
         return std::nullopt;
+    }
+    if (!isLeftOver(lock->fd(), temporary)) {
+        throw Failure(temporary, "the hash file " + path + " would be made under this name; move the file away");
     }
     if (std::filesystem::exists(path)) {
         ::unlink(temporary.c_str());
         return std::nullopt;
     }
     try {
+        if (::ftruncate(lock->fd(), 0) != 0) { // what an earlier run left takes room
+            throw Failure(temporary, "cannot make the hash file: " + errorText(errno));
+        }
         explaining(path, [&] {
             checkRoom(path,
                       HashFileInspector::file_size_for(Blake2dHashFunctionType, geometry.targetEnd(),

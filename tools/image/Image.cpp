@@ -43,7 +43,8 @@ Image::Image(std::string path, Access access)
 {
     struct stat status;
     const bool isThere = ::stat(m_path.c_str(), &status) == 0;
-    if (!isThere && errno == ENOENT && access == Access::WriteOrMissing) {
+    const bool isMissing = !isThere && errno == ENOENT && ::lstat(m_path.c_str(), &status) != 0; // not even a link
+    if (isMissing && access == Access::WriteOrMissing) {
         return;
     }
     if (isThere && !S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) { // opening a pipe would wait

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/Failure.h"
+#include "hash_file/SideFiles.h"
 
 namespace kelvane::tool {
 
@@ -137,9 +138,9 @@ std::string ServedPaths::resolveHashFile(const std::string& path, const std::str
         return path;
     }
     const std::string place = resolve(path.empty() ? shown(image) + ".hashes" : path);
-    for (const char* const end : {".state", ".new", ".state.new"}) {
-        if (::lstat((place + end).c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
-            refuse(shown(place + end));
+    for (const std::string& file : filesOf(place)) {
+        if (::lstat(file.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+            refuse(shown(file));
         }
     }
     return place;

@@ -37,6 +37,9 @@ Image openImage(const std::string& path, Image::Access access)
     if (!image.isMissing() && isHashFile(path)) {
         throw Failure(path, "this is a hash file, not an image");
     }
+    if (!image.isMissing() && Evidence::isRecord(path)) {
+        throw Failure(path, "this is the record beside a hash file, not an image");
+    }
     return image;
 }
 
