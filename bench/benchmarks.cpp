@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -21,6 +20,7 @@
 #include "BlakeHash.h"
 #include "BlockHashStore.h"
 #include "Comparison.h"
+#include "Machine.h"
 #include "hash/Blake2sp.h"
 
 namespace kelvane::bench {
@@ -417,38 +417,6 @@ Duel growth(int64_t largeSize, Operation operation)
         return Side {forEach(blocks, [=](int64_t block) { operation(*file, block); })};
     };
     return {"the same at 1 GiB", 1024, false, side(largeSize), side(GIB)};
-}
-
-// ---------------------------------------------------------------------------------------------------
-// The machine
-
-std::string processorName()
-{
-    std::ifstream description("/proc/cpuinfo");
-    for (std::string line; std::getline(description, line);) {
-        if (line.starts_with("model name")) {
-            return line.substr(line.find(": ") + 2);
-        }
-    }
-    return "unknown";
-}
-
-// The clock's rate, by additions that wait for each other: each takes a cycle. Rounds that nothing disturbs
-// come closest.
-void clockRate(benchmark::State& state)
-{
-    constexpr uint64_t ADDITIONS = 1'600'000;
-    const auto additions = [] {
-        uint64_t sum = 0;
-        for (uint64_t i = 0; i < ADDITIONS; i += 8) {
-            for (int j = 0; j < 8; ++j) {
-                sum += i;
-                asm volatile("" : "+r"(sum));
-            }
-        }
-    };
-    const auto seconds = timeInTurn(state, {{additions}});
-    state.counters["hertz"] = ADDITIONS / fastest(seconds[0]);
 }
 
 void addAll()

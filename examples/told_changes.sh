@@ -1,6 +1,6 @@
 #!/bin/sh
-# Changes told instead of searched: a machine's disk with a dirty bitmap of QEMU's, whose changes reach a backup without
-# either image being read. told_changes.sh BUILD_DIRECTORY [DIRECTORY]; takes qemu-utils and libnbd-bin.
+# Changes told instead of searched: a machine's disk with a dirty bitmap of QEMU's, whose changes reach a backup on another
+# machine without either image being read. told_changes.sh BUILD_DIRECTORY [DIRECTORY]; takes qemu-utils and libnbd-bin.
 set -eu
 PATH=$(cd "$1/tools" && pwd):$PATH
 cd "${2:-$(mktemp -d)}"
@@ -11,7 +11,11 @@ show() { printf '$ %s\n' "$*"; "$@"; }
 step 'The disk: its bytes in a raw file, which is the image; in the other one what QEMU notes about it.'
 show qemu-img create -q -f qcow2 -o data_file=disk.raw,data_file_raw=on disk.qcow2 64M
 show qemu-io -f qcow2 -c 'write -q -P 1 0 30M' disk.qcow2
-show kelvane-hash sync disk.raw backup.raw
+# Instead of ssh, a script leads to a directory that stands for the other machine.
+mkdir second
+printf '#!/bin/sh\ncd "$1" && shift && exec "$@"\n' >there.sh
+chmod +x there.sh
+show kelvane-hash sync disk.raw second:backup.raw --rsh ./there.sh
 
 step 'From now on what changes is noted.'
 show qemu-img bitmap --add disk.qcow2 changes
@@ -26,9 +30,9 @@ nbdinfo --map=qemu:dirty-bitmap:changes --json "nbd+unix:///?socket=$PWD/nbd" >c
 kill "$(cat nbd.pid)"
 show kelvane-hash invalidate disk.raw --from changes.json
 
-step 'That alone is read, compared and copied. To another machine: host:backup.raw.'
-show kelvane-hash sync disk.raw backup.raw --json
-show cmp disk.raw backup.raw
+step 'That alone is read, compared and copied.'
+show kelvane-hash sync disk.raw second:backup.raw --rsh ./there.sh --json
+show cmp disk.raw second/backup.raw
 
 step 'The next time starts from here.'
 show qemu-img bitmap --clear disk.qcow2 changes

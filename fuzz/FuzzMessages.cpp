@@ -39,8 +39,10 @@ std::function<void(const std::string&)> thereAndBack(Decode decode)
 
 void checkStretch(const std::string& text)
 {
-    const auto received = ReceivedStretch::decode(text, BLOCK, SIZE, BLOCK);
+    const DataForm form = {BLOCK, SIZE};
+    const auto received = ReceivedStretch::decode(text, BLOCK, form);
     require(received.range.offset >= BLOCK && received.range.length > 0 && received.range.end() <= SIZE);
+    require(isOnePiece(received.range, form));
     require(received.isZeros || std::ssize(received.data) == received.range.length);
 }
 

@@ -16,7 +16,8 @@ def is_code(name):
 
 def main():
     os.chdir(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-    names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard"], capture_output=True, text=True, check=True).stdout.splitlines()
+    names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard"], capture_output=True, text=True,
+                           check=True).stdout.splitlines()
     code = {name: lines(name) for name in names if is_code(name)}
     tests = sum(count for name, count in code.items() if name.startswith(("tests/", "fuzz/")))
     share = 100 * tests / sum(code.values())

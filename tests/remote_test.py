@@ -5,11 +5,11 @@ from pathlib import Path
 from random import randbytes
 
 from oracle import blake2sp, read_entries
-from program import BLOCK, PROGRAM, RELAY, Case, flip, main
+from program import BLOCK, PROGRAM, RELAY, SHIM, Case, flip, main
 
-HELLO, OPEN, OPENED, START, STARTED, PROGRESS, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING, \
-    WRITTEN = 1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14, 15
-ERROR = 19
+HELLO, OPEN, OPENED, START, STARTED, PROGRESS, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING = \
+    1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14
+ERROR, NOTE = 19, 21
 
 
 def string(text):
@@ -38,6 +38,16 @@ def hello(version=1):
 def opening(path, destination=False, hash_file=""):
     return frame(OPEN,
                  string(path) + string(hash_file) + bytes([destination, 0, 0]) + struct.pack("<IBqIq", 1, 0, 0, 0, 0))
+
+
+def data(offset, content, of_blocks=False):
+    blocks = (content[i:i + BLOCK] for i in range(0, len(content), BLOCK))
+    digest = blake2sp(b"".join(map(blake2sp, blocks)) if of_blocks else content)
+    return frame(DATA, struct.pack("<qqBB", offset, len(content), 1, of_blocks) + digest + content)
+
+
+# Pieces that begin inside a block and reach beyond its end: what they add up to has no limit.
+ASKEW = [data(0, b"1") + data(1, bytes(BLOCK), of_blocks) + data(BLOCK + 1, bytes(BLOCK - 1)) for of_blocks in (0, 1)]
 
 
 class RemoteCase(Case):
@@ -97,6 +107,14 @@ class Remote(RemoteCase):
         self.call("build there/far --hash-file large --block-size 8K")
         wrong = self.remote("sync near host:there/far --dest-hash-file large", 2)
         self.assertRegex(wrong.stderr, r"near.hashes: its blocks have 4,096 bytes, those of host:large 8,192 bytes")
+        for host in "-oProxyCommand=touch", "", "u@", "u@-x", "[-x]":
+            done = subprocess.run([PROGRAM, "diff", "--rsh", RELAY, "--", "near", host + ":x"], capture_output=True)
+            self.assertIn(b"the host before the colon", done.stderr)
+        Path("hosts").write_text(f'#!/bin/sh\nprintf %s "$1" >host\nexec "{RELAY}" "$@"\n')
+        os.chmod("hosts", 0o755)
+        for given, host in ("[::1]", "::1"), ("u@[fe80::2%eth0]", "u@fe80::2%eth0"), ("u@h", "u@h"):
+            self.call(f"diff near {given}:x --rsh ./hosts", 2)
+            self.assertEqual(Path("host").read_text(), host)
         self.assertRegex(self.remote("diff a:b c:d", 2).stderr, "one of the two images must be on this machine")
 
     def test_takes_few_trips_and_sends_little(self):
@@ -189,8 +207,10 @@ class Remote(RemoteCase):
             "excess": (hello() + opened + started + started, "type 5"),
             "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"),
             "silence": (hello() + opened, "no sign of life"),
-            "error": (hello() + opened + frame(PROGRESS, string("hash") + bytes(16)) + frame(ERROR, b"on fire"),
-                      "on fire"),
+            "error": (hello() + opened + frame(PROGRESS, struct.pack("<I", 2) + b"\xff\n" + bytes(16))
+                      + frame(NOTE, b"h\n\x1b") + frame(ERROR, b"on\n\x1b\xc2\x9bfire" + bytes(9999)),
+                      r"on\?\?\?fire\?{100,999}\.\.\."),
+            "sum": (hello() + opened + frame(STARTED, struct.pack("<qqI", 0, (1 << 63) - 1, 0)), "too large"),
             "new blocks": (hello() + opened + frame(STARTED, struct.pack("<qqI2q", 0, 0, 2, 7, 7)), "out of order"),
             "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + opened + opened, "type 3"),
             "unasked": (reading + frame(DATA, struct.pack("<qqB", 5 * BLOCK, 9 << 40, 0)), "too large"),
@@ -198,9 +218,10 @@ class Remote(RemoteCase):
             "gap": (reading + frame(DATA, struct.pack("<qqB", BLOCK, BLOCK, 0)), "data is missing"),
             "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)),
                      "compressed data is damaged"),
+            "askew": (reading + ASKEW[0], "parts of several blocks"),
             "hash": (reading + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)), "not the hash"),
         }
-        ends = {"silence": "exec sleep 20", "closed": "exit", "error": "exec sleep 1"}
+        ends = {"silence": "trap '' TERM; exec sleep 70", "closed": "exit", "error": "exec sleep 1"}
         before = Path("near").read_bytes()
         for name, (answer, text) in lies.items():
             Path("answer").write_bytes(encoded(answer))
@@ -209,14 +230,16 @@ class Remote(RemoteCase):
             os.chmod("liar", 0o755)
             with self.subTest(name):
                 done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout",
-                                       "1" if name == "silence" else "30"], capture_output=True, text=True, timeout=60)
+                                       "1" if name == "silence" else "30", "--progress", "json"],
+                                      capture_output=True, text=True, timeout=60)
                 self.assertEqual(done.returncode, 2, done)
-                self.assertRegex(done.stderr, rf"\A(.* note: .*\n)?kelvane-hash: h: .*{text}.*\n\Z")
+                self.assertRegex(done.stderr, rf"\A(.* note: .*\n|{{.*\n)*kelvane-hash: h: .*{text}.*\n\Z")
                 self.assertEqual(Path("near").read_bytes(), before)
 
-    def serve(self, frames, *arguments):
+    def serve(self, frames, *arguments, **environment):
         """What a server answers last, as a type and a text."""
-        done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20)
+        done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20,
+                              env=dict(os.environ, **environment))
         answers, rest = [], done.stdout
         while rest:
             length, kind = struct.unpack("<IB", rest[:5])
@@ -235,7 +258,7 @@ class Remote(RemoteCase):
             return frame(ASK_NODES,
                          struct.pack("<BII", 0, level, len(indexes)) + struct.pack(f"<{len(indexes)}q", *indexes))
 
-        lies = [[], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
+        lies = [hello() + opening(""), [], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
                 hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.new", True, "./far"),
@@ -244,39 +267,29 @@ class Remote(RemoteCase):
                 reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, 0)),
                 reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size + 1, 4096)),
-                reading + frame(READ, struct.pack("<Bqq", 0, 0, size + 1)), reading + frame(READ, struct.pack("<Bqq", 0, 1, 5)),
-                reading + frame(READ, struct.pack("<Bqqqq", 0, BLOCK, BLOCK, 0, BLOCK)), reading + frame(READ, bytes(17)),
+                reading + frame(ASK_BYTES, struct.pack("<qqq", 0, size, (1 << 20) + 1)),
+                reading + frame(ASK_BYTES, struct.pack("<qqq", 0, 8193 * 4, 4)),
+                reading + frame(READ, struct.pack("<Bqq", 0, 0, size + 1)),
+                reading + frame(READ, struct.pack("<Bqq", 0, 1, 5)),
+                reading + frame(READ, struct.pack("<Bqqqq", 0, BLOCK, BLOCK, 0, BLOCK)),
+                reading + frame(READ, bytes(17)),
                 writing + frame(DATA, struct.pack("<qqB", size, 1, 0)),
                 writing + frame(DATA, struct.pack("<qqB", 5, 5, 0)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 1, 1) + bytes(32 + BLOCK)),
                 writing + frame(DATA, struct.pack("<qqBB", 0, BLOCK, 2, 1) + bytes(32 + 99)),
                 writing + frame(DATA, struct.pack("<qqB", -1 << 63, -1, 0)),
                 writing + frame(READ, struct.pack("<Bqq", 0, 0, BLOCK)),
-                writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END)]
+                writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END),
+                *(writing + askew + frame(END) for askew in ASKEW),
+                writing + frame(DATA, struct.pack("<qqB", 0, 1, 0)) + frame(DATA, struct.pack("<qqB", 1, size - 1, 0))
+                + frame(END)]
         before = Path("there/far").read_bytes()
         for number, lie in enumerate(lies):
             with self.subTest(number):
                 kind, text = self.serve(lie)
-                self.assertTrue(kind == ERROR and text or number == 0, (kind, text))
+                self.assertTrue(kind == ERROR and text or number == 1, (kind, text))
                 self.assertEqual(Path("there/far").read_bytes(), before)
                 self.check_known("there/far")
-
-    def test_a_client_that_cuts_its_data_anywhere(self):
-        """More than is written at once, and no piece starts with a block."""
-        size, filled = 36 << 20, 34 << 20
-        data = randbytes(filled).ljust(size, b"\0")
-        begun = hello() + opening("far", True) + frame(START, struct.pack("<Iqq", BLOCK, size, size))
-        begun += frame(START_WRITING, b"\1")
-        cuts = [0, *range(5, filled, 1 << 20), filled]
-        pieces = [frame(DATA, struct.pack("<qqBB", start, end - start, 1, 0) + blake2sp(data[start:end])
-                        + data[start:end])
-                  for start, end in zip(cuts, cuts[1:])]
-        for start, image, sent in (filled, data, sum(pieces, begun)), (0, bytes(size), begun):
-            for at, end in (start, start + 5), (start + 5, size):
-                sent = sent + frame(DATA, struct.pack("<qqB", at, end - at, 0))
-            self.assertEqual(self.serve(sent + frame(END))[0], WRITTEN)
-            self.assertEqual(Path("far").read_bytes(), image)
-            self.check_hash_file("far")
 
     def test_serves_what_lies_in_the_root(self):
         self.images()
@@ -310,6 +323,13 @@ class Remote(RemoteCase):
         self.assertEqual(self.serve(hello() + opening("sub/inside") + start, *read_only)[0], ERROR)
         self.assertEqual(self.serve(hello() + opening("far") + start, *read_only)[0], STARTED)
         self.assertEqual(files, {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()})
+        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "pwrite fresh.hashes.new,fsync fresh.hashes.new,ftruncate fresh",
+                "SHIM_DO": "mv there/sub there/moved; ln -s ../outside2 there/sub"}
+        start = frame(START, struct.pack("<Iqq", BLOCK, BLOCK, BLOCK))
+        self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start, *root, **swap)[0], STARTED)
+        self.assertEqual(os.listdir("outside2"), [])
+        self.assertLess({"fresh", "fresh.hashes"}, set(os.listdir("there/moved")))
+        self.assertIn("sub/fresh: ", self.serve(hello() + opening("moved/no/sub/fresh"), *root)[1])
 
     def test_through_ssh(self):
         self.images()

@@ -44,10 +44,13 @@ private:
     int m_fd = -1;
 };
 
+// Whether a link at the end of a path leads on, in the whole program.
+inline bool followsLinks = true;
+
 // Negative, with `errno` set, when it fails.
 inline Descriptor openFile(const std::string& path, int flags, mode_t mode = 0)
 {
-    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC, mode));
+    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC | (followsLinks ? 0 : O_NOFOLLOW), mode));
 }
 
 } // namespace kelvane::tool

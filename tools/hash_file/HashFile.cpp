@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <limits>
 #include <utility>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "terminal/Note.h"
 #include "terminal/Text.h"
 
 namespace kelvane::tool {
@@ -358,8 +358,8 @@ void HashFile::record(const ImageState& image, bool isClean)
     m_state = isClean ? hashFileState(m_lock->fd(), true) : nullptr;
     m_evidence = {isClean, image, m_state};
     if (!m_evidence->write(m_path)) {
-        std::fprintf(stderr, "kelvane-hash: note: %s: cannot write: %s; the next run will check all hashes\n",
-                     Evidence::pathFor(m_path).c_str(), errorText(errno).c_str());
+        note(Evidence::pathFor(m_path) + ": cannot write: " + errorText(errno)
+             + "; the next run will check all hashes");
     }
 }
 

@@ -19,8 +19,9 @@ namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t HEADER = 13;       // a frame's length, type, check of its payload, check of all this
-constexpr std::size_t AT_ONCE = 1 << 18; // bytes per read
+constexpr std::size_t HEADER = 13;               // a frame's length, type, check of its payload, check of all this
+constexpr std::size_t AT_ONCE = 1 << 18;         // bytes per read
+constexpr std::chrono::milliseconds MOMENT(100); // after which a signal is noticed at the latest
 
 void makeNonBlocking(int fd)
 {
@@ -77,7 +78,7 @@ void Channel::showLife(const std::stop_token& stop)
 }
 
 // Small frames: a pipe that takes anything takes them whole.
-void Channel::sendIfIdle(FrameType type, const std::string& payload)
+bool Channel::sendIfIdle(FrameType type, const std::string& payload)
 {
     const std::unique_lock sending(m_sending, std::try_to_lock);
     pollfd out = {m_out.get(), POLLOUT, 0};
@@ -86,32 +87,37 @@ void Channel::sendIfIdle(FrameType type, const std::string& payload)
         if (frame.size() <= PIPE_BUF && ::write(m_out.get(), frame.data(), frame.size()) > 0) {
             ++m_sent;
             m_bytesSent += std::ssize(frame);
+            return true;
         }
     }
+    return false;
 }
 
-// While it writes it takes in what has arrived, for the other side may be waiting for that.
-void Channel::waitFor(bool writing)
+// Waits for a moment at most. Whatever it waits for, it takes in what has arrived, for the other side may be waiting
+// for that, and what has gone is noticed.
+bool Channel::waitShortly(Wait wait, std::chrono::milliseconds most)
 {
-    for (;;) {
-        throwWhenInterrupted();
-        if (m_stops) {
-            throw Interrupted();
-        }
-        pollfd both[] = {{m_in.get(), POLLIN, 0}, {m_out.get(), POLLOUT, 0}};
-        const bool hasRoom = m_received.size() - m_used < 2 * LARGEST_FRAME;
-        both[0].events = static_cast<short>(!writing || hasRoom ? POLLIN : 0);
-        const int ready = ::poll(both, writing ? 2 : 1, 100);
-        if (ready > 0 && both[0].revents != 0) {
-            readSome();
-        }
-        if (ready > 0 && (!writing || both[1].revents != 0)) {
-            return;
-        }
-        if (Clock::now() - m_heard > m_timeout) {
-            throw Failure(m_peer, "no sign of life for " + counted(m_timeout.count(), "second"));
-        }
+    throwWhenInterrupted();
+    if (m_stops) {
+        throw Interrupted();
     }
+    const bool isWriting = wait == Wait::ToWrite;
+    const bool hasRoom = m_received.size() - m_used + m_held < 2 * LARGEST_FRAME;
+    pollfd both[] = {{m_in.get(), static_cast<short>(wait == Wait::ToRead || hasRoom ? POLLIN : 0), 0},
+                     {m_out.get(), POLLOUT, 0}};
+    const int ready = ::poll(both, isWriting ? 2 : 1, static_cast<int>(most.count()));
+    if (ready > 0 && both[0].revents != 0) {
+        readSome();
+    }
+    if (Clock::now() - m_heard > m_timeout) {
+        throw Failure(m_peer, "no sign of life for " + counted(m_timeout.count(), "second"));
+    }
+    return ready > 0 && (!isWriting || both[1].revents != 0);
+}
+
+void Channel::waitFor(Wait wait)
+{
+    while (!waitShortly(wait, MOMENT)) { }
 }
 
 void Channel::readSome()
@@ -127,6 +133,11 @@ void Channel::readSome()
     if (count > 0) {
         m_bytesReceived += count;
         m_heard = Clock::now();
+        try {
+            while (!m_broken && takeFrame()) { }
+        } catch (const ProtocolError&) {
+            m_broken = std::current_exception(); // to be told behind what came before
+        }
     }
 }
 
@@ -138,7 +149,7 @@ void Channel::sendAll(const std::string& bytes)
             done += static_cast<std::size_t>(count);
             m_bytesSent += count;
         } else if (errno == EAGAIN) {
-            waitFor(true);
+            waitFor(Wait::ToWrite);
         } else if (errno != EINTR) {
             throw ChannelClosed(m_peer, "the connection was closed");
         }
@@ -151,9 +162,8 @@ void Channel::holdBack(std::size_t bytes)
         return;
     }
     while (Clock::now() < m_mayBeSent) {
-        throwWhenInterrupted();
-        std::this_thread::sleep_for(
-            std::min<Clock::duration>(m_mayBeSent - Clock::now(), std::chrono::milliseconds(100)));
+        waitShortly(Wait::ForTime,
+                    std::min(MOMENT, std::chrono::ceil<std::chrono::milliseconds>(m_mayBeSent - Clock::now())));
     }
     const std::chrono::duration<double> taken(static_cast<double>(bytes) / static_cast<double>(m_bytesPerSecond));
     m_mayBeSent = Clock::now() + std::chrono::duration_cast<Clock::duration>(taken);
@@ -168,38 +178,52 @@ void Channel::send(FrameType type, const std::string& payload)
     sendAll(frameOf(type, payload, m_sent++));
 }
 
+// The next one of what was received, if it is there as a whole.
+bool Channel::takeFrame()
+{
+    const std::string_view received = std::string_view(m_received).substr(m_used);
+    if (received.size() < HEADER) {
+        return false;
+    }
+    FieldReader header(received);
+    const std::uint32_t length = header.u32();
+    const std::uint8_t type = header.u8();
+    const std::uint32_t check = header.u32();
+    if (header.u32() != checkOfHeader(received.substr(0, HEADER - 4), m_taken)) {
+        throw ProtocolError("a frame is damaged, or none");
+    }
+    if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
+        || type > static_cast<std::uint8_t>(FrameType::Note)) {
+        throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length) + " bytes");
+    }
+    if (received.size() < HEADER + length) {
+        return false;
+    }
+    Frame frame = {static_cast<FrameType>(type), std::string(received.substr(HEADER, length))};
+    m_used += HEADER + length;
+    ++m_taken;
+    if (checkOf(frame.payload) != check) {
+        throw ProtocolError("a frame is damaged");
+    }
+    if (frame.type != FrameType::Alive) {
+        m_held += HEADER + length;
+        m_frames.push_back(std::move(frame));
+    }
+    return true;
+}
+
 Frame Channel::receive()
 {
-    for (;;) {
-        while (m_received.size() - m_used < HEADER) {
-            waitFor(false);
+    while (m_frames.empty()) {
+        if (m_broken) {
+            std::rethrow_exception(m_broken);
         }
-        const std::string_view start = std::string_view(m_received).substr(m_used, HEADER);
-        FieldReader header(start);
-        const std::uint32_t length = header.u32();
-        const std::uint8_t type = header.u8();
-        const std::uint32_t check = header.u32();
-        if (header.u32() != checkOfHeader(start.substr(0, HEADER - 4), m_taken)) {
-            throw ProtocolError("a frame is damaged, or none");
-        }
-        if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
-            || type > static_cast<std::uint8_t>(FrameType::Alive)) {
-            throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length)
-                                + " bytes");
-        }
-        while (m_received.size() - m_used < HEADER + length) {
-            waitFor(false);
-        }
-        Frame frame = {static_cast<FrameType>(type), m_received.substr(m_used + HEADER, length)};
-        m_used += HEADER + length;
-        ++m_taken;
-        if (checkOf(frame.payload) != check) {
-            throw ProtocolError("a frame is damaged");
-        }
-        if (frame.type != FrameType::Alive) {
-            return frame;
-        }
+        waitFor(Wait::ToRead);
     }
+    Frame frame = std::move(m_frames.front());
+    m_frames.pop_front();
+    m_held -= HEADER + frame.payload.size();
+    return frame;
 }
 
 } // namespace kelvane::tool

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <exception>
 #include <mutex>
 #include <stop_token>
 #include <string>
@@ -35,7 +37,8 @@ enum class FrameType : std::uint8_t {
     Conclude,
     Concluded,
     Error,
-    Alive
+    Alive,
+    Note
 };
 
 struct Frame {
@@ -61,11 +64,12 @@ public:
     const std::string& peer() const { return m_peer; }
     void setTimeout(std::chrono::seconds timeout);
     void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of data; 0: no limit
+    std::int64_t bytesPerSecond() const { return m_bytesPerSecond; }
 
     void send(FrameType type, const std::string& payload = {});
 
-    // Unless the other side has not yet taken what was sent before.
-    void sendIfIdle(FrameType type, const std::string& payload = {});
+    // Unless the other side has not yet taken what was sent before, or it is more than a pipe takes at once.
+    bool sendIfIdle(FrameType type, const std::string& payload = {});
 
     // So far, all frames counted.
     std::int64_t bytesSent() const { return m_bytesSent; }
@@ -80,10 +84,14 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    enum class Wait { ToRead, ToWrite, ForTime };
+
     void sendAll(const std::string& bytes);
     void showLife(const std::stop_token& stop);
-    void waitFor(bool writing);
+    void waitFor(Wait wait);
+    bool waitShortly(Wait wait, std::chrono::milliseconds most);
     void readSome();
+    bool takeFrame();
     void holdBack(std::size_t bytes);
 
     Descriptor m_in;
@@ -95,6 +103,9 @@ private:
     Clock::time_point m_heard = Clock::now();
     std::string m_received;
     std::size_t m_used = 0; // of what was received
+    std::deque<Frame> m_frames;
+    std::size_t m_held = 0;      // bytes in these
+    std::exception_ptr m_broken; // why what follows them is none
     std::atomic<bool> m_stops = false;
     std::int64_t m_taken = 0; // frames, of what was received
     std::int64_t m_sent = 0;

@@ -88,17 +88,6 @@ Digest digestOf(const std::string& data)
     return BlakeHash().get_hash(const_cast<char*>(data.data()), std::ssize(data)); // which is only read
 }
 
-// The hash of the hashes of whole blocks.
-Digest digestOfBlocks(const std::string& data, std::int64_t blockSize)
-{
-    std::string digests;
-    for (std::int64_t at = 0; at < std::ssize(data); at += blockSize) {
-        const Digest digest = BlakeHash().get_hash(const_cast<char*>(data.data()) + at, blockSize);
-        digests.append(digest.begin(), digest.end());
-    }
-    return digestOf(digests);
-}
-
 std::string decompressed(std::string_view data, std::int64_t length)
 {
     std::string bytes(static_cast<std::size_t>(length), '\0');
@@ -110,6 +99,25 @@ std::string decompressed(std::string_view data, std::int64_t length)
 }
 
 } // namespace
+
+Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize)
+{
+    std::string digests;
+    for (std::int64_t at = 0; at < length; at += blockSize) {
+        const Digest digest = BlakeHash().get_hash(const_cast<char*>(data) + at, blockSize); // which is only read
+        digests.append(digest.begin(), digest.end());
+    }
+    return digestOf(digests);
+}
+
+void checkDigest(Range range, const Digest& found, const Digest& told)
+{
+    if (found != told) {
+        throw ProtocolError(
+            "at offset " + std::to_string(range.offset)
+            + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
+    }
+}
 
 std::string Hello::encode() const
 {
@@ -213,7 +221,7 @@ Started decodeStarted(std::string_view payload)
     return decodeAll(payload, [](FieldReader& from) {
         Started started;
         started.partitionOffset = from.i64();
-        started.bytesRead = from.i64();
+        started.bytesRead = from.i64(GREATEST / 4); // so that sums are none too large
         started.newBlocks = indexesFrom(from, HashedImage::MOST_NEW_BLOCKS, GREATEST);
         return started;
     });
@@ -247,7 +255,8 @@ AskBytes AskBytes::decode(std::string_view payload)
     return decodeAll(payload, [](FieldReader& from) {
         const Range range = rangeFrom(from);
         const std::int64_t unit = from.i64();
-        if (unit == 0 || range.length / unit > static_cast<std::int64_t>(Side::MOST_NODES)) {
+        constexpr auto MOST = static_cast<std::int64_t>(Side::MOST_NODES);
+        if (unit == 0 || (range.length > 0 && (range.length - 1) / unit >= MOST)) {
             throw ProtocolError("units of " + std::to_string(unit) + " bytes");
         }
         return AskBytes {range, unit};
@@ -256,7 +265,8 @@ AskBytes AskBytes::decode(std::string_view payload)
 
 void Conclusion::encode(FieldWriter& to) const
 {
-    to.u8(isUnchanged ? 1 : 0).string(remarks).string(freshness);
+    to.u8(isUnchanged ? 1 : 0).string(remarks).u8(isBelieved ? 1 : 0).string(doubt).i64(checkedBlocks);
+    to.i64(repairedBlocks);
 }
 
 Conclusion Conclusion::decode(FieldReader& from)
@@ -264,7 +274,10 @@ Conclusion Conclusion::decode(FieldReader& from)
     Conclusion conclusion;
     conclusion.isUnchanged = from.flag();
     conclusion.remarks = from.string();
-    conclusion.freshness = from.string();
+    conclusion.isBelieved = from.flag();
+    conclusion.doubt = from.string();
+    conclusion.checkedBlocks = from.i64();
+    conclusion.repairedBlocks = from.i64();
     return conclusion;
 }
 
@@ -371,33 +384,34 @@ std::string encode(const Stretch& stretch, std::uint32_t compression)
     return to.bytes(isSmaller ? compressed.data() : stretch.data, isSmaller ? size : length).done();
 }
 
-ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, std::int64_t end,
-                                        std::int64_t blockSize)
+ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, const DataForm& form)
 {
     FieldReader from(payload);
     ReceivedStretch received;
-    received.range = rangeFrom(from, end);
-    const auto form = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
-    received.isZeros = form == Form::Zeros;
+    received.range = rangeFrom(from, form.end);
+    const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
+    received.isZeros = kind == Form::Zeros;
     if (received.range.offset < start || received.range.length == 0
         || (!received.isZeros && received.range.length > LONGEST_PIECE)) {
         throw ProtocolError("data of a range that was not asked for");
+    }
+    if (!isOnePiece(received.range, form)) {
+        throw ProtocolError("data of parts of several blocks");
     }
     if (!received.isZeros) {
         received.isOfBlocks = from.flag();
         received.digest = digestFrom(from);
         received.data
-            = form == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
+            = kind == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
         if (std::ssize(received.data) != received.range.length
-            || (received.isOfBlocks && received.range.length % blockSize != 0)) {
+            || (received.isOfBlocks
+                && (received.range.offset % form.blockSize != 0 || received.range.length % form.blockSize != 0))) {
             throw ProtocolError("data of another length than told");
         }
-        const Digest found = received.isOfBlocks ? digestOfBlocks(received.data, blockSize) : digestOf(received.data);
-        if (found != received.digest) {
-            throw ProtocolError(
-                "at offset " + std::to_string(received.range.offset)
-                + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
-        }
+        const Digest found = received.isOfBlocks
+            ? digestOfBlocks(received.data.data(), received.range.length, form.blockSize)
+            : digestOf(received.data);
+        checkDigest(received.range, found, received.digest);
     }
     from.end();
     return received;

@@ -8,11 +8,14 @@
 
 #include "base/Range.h"
 #include "image/Image.h"
+#include "remote/Pieces.h"
 #include "remote/Wire.h"
 #include "work/Blocks.h"
 #include "work/Side.h"
 
 namespace kelvane::tool {
+
+constexpr std::size_t LONGEST_TEXT = 1000; // of what one side tells people through the other one
 
 struct Hello {
     static constexpr std::uint32_t MAGIC = 0x484b564b; // "KVKH"
@@ -70,7 +73,10 @@ struct AskBytes {
 struct Conclusion {
     bool isUnchanged = true;
     std::string remarks;
-    std::string freshness; // JSON
+    bool isBelieved = true; // what was known of the image
+    std::string doubt;      // why not
+    std::int64_t checkedBlocks = 0;
+    std::int64_t repairedBlocks = 0;
 
     void encode(FieldWriter& to) const;
     static Conclusion decode(FieldReader& from);
@@ -104,6 +110,10 @@ struct Written {
     static Written decode(std::string_view payload);
 };
 
+// The hash of the hashes of whole blocks.
+Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize);
+void checkDigest(Range range, const Digest& found, const Digest& told);
+
 // A stretch of data, perhaps compressed, with its hash.
 std::string encode(const Stretch& stretch, std::uint32_t compression);
 
@@ -114,9 +124,8 @@ struct ReceivedStretch {
     Digest digest;
     std::string data;
 
-    // Of a range between `start` and `end`. Fails when the data is not what the hash says.
-    static ReceivedStretch decode(std::string_view payload, std::int64_t start, std::int64_t end,
-                                  std::int64_t blockSize);
+    // Of one piece between `start` and the form's end. Fails when the data is not what the hash says.
+    static ReceivedStretch decode(std::string_view payload, std::int64_t start, const DataForm& form);
 
     Stretch stretch() const { return {range, isZeros ? nullptr : data.data(), digest}; }
 };

@@ -4,9 +4,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <exception>
+#include <sstream>
+#include <thread>
 #include <utility>
+
+#include "terminal/Note.h"
+#include "terminal/Text.h"
 
 extern char** environ;
 
@@ -15,6 +22,8 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::size_t RANGES_AT_ONCE = 1 << 12;
+constexpr std::size_t LONGEST_PHASE = 40;
+constexpr int MOST_REMARKS = 10; // lines
 
 struct Pipe {
     Pipe()
@@ -35,11 +44,23 @@ struct Pipe {
 
 std::optional<RemotePath> remotePath(const std::string& argument)
 {
-    const std::size_t colon = argument.find(':');
-    if (colon == std::string::npos || colon == 0 || argument.find('/') < colon) {
+    const std::size_t open = std::min(argument.find("@[") + 1, argument.size()); // 0 when there is none
+    const std::size_t closed
+        = !argument.empty() && argument[open] == '[' ? argument.find("]:", open) : std::string::npos;
+    const bool isBracketed = closed != std::string::npos && argument.find_first_of("/:") > open;
+    const std::size_t colon = isBracketed ? closed + 1 : argument.find(':');
+    if (colon == std::string::npos || argument.find('/') < colon) {
         return std::nullopt;
     }
-    return RemotePath {argument.substr(0, colon), argument.substr(colon + 1)};
+    std::string host = argument.substr(0, colon);
+    if (isBracketed) {
+        host.erase(closed, 1).erase(open, 1);
+    }
+    // What leads to the host would take it for one of its options.
+    if (host.empty() || host.front() == '-' || host.back() == '@' || host.find("@-") != std::string::npos) {
+        throw Failure(argument, "the host before the colon is none; a file here is ./" + argument);
+    }
+    return RemotePath {host, argument.substr(colon + 1)};
 }
 
 std::vector<std::string> splitWords(const std::string& command)
@@ -94,14 +115,20 @@ public:
         }
     }
 
-    // It ends when its input does; what hangs is told to.
+    // It ends when its input does; what hangs is told to, and then made to. After a failure nobody waits long.
     ~Peer()
     {
-        for (int waited = 0; ::waitpid(m_process, nullptr, WNOHANG) == 0; ++waited) {
-            if (waited == 500) {
-                ::kill(m_process, SIGTERM);
+        using Clock = std::chrono::steady_clock;
+        const auto patience = std::chrono::milliseconds(std::uncaught_exceptions() > m_exceptions ? 200 : 5000);
+        const auto begin = Clock::now();
+        auto pause = std::chrono::milliseconds(1);
+        bool isTold = false;
+        while (::waitpid(m_process, nullptr, WNOHANG) == 0) {
+            if (Clock::now() - begin >= patience + (isTold ? std::chrono::seconds(2) : std::chrono::seconds(0))) {
+                ::kill(m_process, std::exchange(isTold, true) ? SIGKILL : SIGTERM);
             }
-            ::usleep(10000);
+            std::this_thread::sleep_for(pause);
+            pause = std::min(2 * pause, std::chrono::milliseconds(20));
         }
     }
 
@@ -110,6 +137,7 @@ public:
 
 private:
     pid_t m_process = 0;
+    int m_exceptions = std::uncaught_exceptions();
 };
 
 template <class Work>
@@ -154,7 +182,7 @@ RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& o
         throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
     }
     m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened)); });
-    m_opening.hashFile = m_host + ":" + m_opening.hashFile;
+    m_opening.hashFile = m_host + ":" + printable(m_opening.hashFile, LONGEST_TEXT);
 }
 
 RemoteSide::~RemoteSide()
@@ -162,27 +190,42 @@ RemoteSide::~RemoteSide()
     m_channel.reset(); // before the process is waited for
 }
 
-void RemoteSide::request(FrameType type, const std::string& payload)
+template <class Work>
+void RemoteSide::sending(Work work)
 {
     guarded([&] {
         try {
-            m_hasAsked = true;
-            m_channel->send(type, payload);
+            work();
         } catch (const ChannelClosed&) {
             throwWhatItSaid();
         }
     });
 }
 
+void RemoteSide::request(FrameType type, const std::string& payload)
+{
+    m_hasAsked = true;
+    sending([&] { m_channel->send(type, payload); });
+}
+
 // The error that a side told before it closed the connection; that it is closed, if it told none.
 void RemoteSide::throwWhatItSaid()
 {
     for (;;) {
-        const Frame frame = m_channel->receive();
-        if (frame.type == FrameType::Error) {
-            throw Failure(m_host, frame.payload);
-        }
+        tell(m_channel->receive());
     }
+}
+
+// What it says is not of this program: a line of a length that can be read, behind the host's name.
+bool RemoteSide::tell(const Frame& frame) const
+{
+    if (frame.type == FrameType::Error) {
+        throw Failure(m_host, printable(frame.payload, LONGEST_TEXT));
+    }
+    if (frame.type == FrameType::Note) {
+        note(m_host + ": " + printable(frame.payload, LONGEST_TEXT));
+    }
+    return frame.type == FrameType::Note;
 }
 
 // The payload of the next frame, which must be of a type. An error that is told instead ends the command.
@@ -191,8 +234,8 @@ std::string RemoteSide::answer(FrameType type)
     return guarded([&] {
         for (;;) {
             Frame frame = m_channel->receive();
-            if (frame.type == FrameType::Error) {
-                throw Failure(m_host, frame.payload);
+            if (tell(frame)) {
+                continue;
             }
             if (frame.type == FrameType::Progress) {
                 show(frame.payload);
@@ -212,9 +255,10 @@ std::string RemoteSide::answer(FrameType type)
 void RemoteSide::show(const std::string& payload)
 {
     FieldReader from(payload);
-    const std::string phase = from.string();
+    const std::string phase = printable(from.string(), LONGEST_PHASE);
     const std::int64_t done = from.i64();
     const std::int64_t total = from.i64();
+    from.end();
     if (!m_progress || phase != m_phase) {
         m_progress.reset();
         m_progress = std::make_unique<Progress>(phase, total, m_mode);
@@ -287,7 +331,8 @@ void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& delive
         for (Range rest : some.ranges) {
             while (rest.length > 0) {
                 auto received = guarded([&] {
-                    return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, rest.end(), m_start.blockSize);
+                    return ReceivedStretch::decode(answer(FrameType::Data), rest.offset,
+                                                   {m_start.blockSize, rest.end()});
                 });
                 if (received.range.offset != rest.offset) {
                     throw Failure(m_host, "data is missing");
@@ -313,7 +358,7 @@ void RemoteSide::startWriting(bool isSparse)
 
 void RemoteSide::write(const Stretch& stretch)
 {
-    request(FrameType::Data, encode(stretch, m_compression));
+    sending([&] { sendStretch(*m_channel, stretch, {m_start.blockSize, m_start.compared, m_compression}); });
 }
 
 OwnChange RemoteSide::finishWriting()
@@ -344,14 +389,25 @@ bool RemoteSide::conclude()
     return m_conclusion->isUnchanged;
 }
 
+std::string RemoteSide::remarks() const
+{
+    std::istringstream lines(m_conclusion ? m_conclusion->remarks : "");
+    std::string text;
+    int count = 0;
+    for (std::string line; count < MOST_REMARKS && std::getline(lines, line); ++count) {
+        text += m_host + ": " + printable(line, LONGEST_TEXT) + "\n";
+    }
+    return text;
+}
+
 nlohmann::ordered_json RemoteSide::freshness() const
 {
-    nlohmann::ordered_json json
-        = nlohmann::ordered_json::parse(m_conclusion ? m_conclusion->freshness : "{}", nullptr, false);
-    if (json.is_object()) {
-        json["image"] = m_name;
-    }
-    return json;
+    const Conclusion found = m_conclusion.value_or(Conclusion());
+    return {{"image", m_name},
+            {"believed", found.isBelieved},
+            {"doubt", printable(found.doubt, LONGEST_TEXT)},
+            {"checkedBlocks", found.checkedBlocks},
+            {"repairedBlocks", found.repairedBlocks}};
 }
 
 } // namespace kelvane::tool

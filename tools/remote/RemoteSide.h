@@ -23,7 +23,8 @@ struct RemoteOptions {
     std::int64_t bytesPerSecond = 0;
 };
 
-// "[USER@]HOST:PATH", as with rsync: a colon before any slash.
+// "[USER@]HOST:PATH", as with rsync: a colon before any slash; around a host with colons "[" and "]". A Failure for
+// what no host is called.
 struct RemotePath {
     std::string host;
     std::string path;
@@ -56,7 +57,7 @@ public:
     void abandon() override { } // the other machine sees that this one has gone
     void distrust() override;
     bool conclude() override;
-    std::string remarks() const override { return m_conclusion ? m_conclusion->remarks : ""; }
+    std::string remarks() const override;
     nlohmann::ordered_json freshness() const override;
     std::optional<LineTraffic> lineTraffic() const override
     {
@@ -68,8 +69,11 @@ private:
 
     template <class Work>
     auto guarded(Work work); // errors of the protocol name the host
+    template <class Work>
+    void sending(Work work); // an error that the other side told is what comes out
     void request(FrameType type, const std::string& payload = {});
     std::string answer(FrameType type);
+    bool tell(const Frame& frame) const; // an error, or a note: true
     void show(const std::string& payload);
     void throwWhatItSaid();
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);

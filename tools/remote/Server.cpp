@@ -10,7 +10,9 @@
 #include "remote/Messages.h"
 #include "remote/ServedPaths.h"
 #include "remote/Transfer.h"
+#include "terminal/Note.h"
 #include "terminal/Progress.h"
+#include "terminal/Text.h"
 #include "work/LocalSide.h"
 
 namespace kelvane::tool {
@@ -23,12 +25,24 @@ public:
         : m_channel(channel)
         , m_arguments(arguments)
     {
+        listenToNotes([this](const std::string& text) {
+            return m_channel.sendIfIdle(FrameType::Note, printable(shown(text), LONGEST_TEXT));
+        });
     }
+
+    ~Server()
+    {
+        Progress::listen(nullptr);
+        listenToNotes(nullptr);
+    }
+
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
 
     void run()
     {
         greet();
-        m_paths.emplace(m_arguments.root);
+        m_paths.emplace(m_arguments.root); // a failure is told to a side that was greeted
         open(Open::decode(expect(FrameType::Open)));
         const Start start = decodeStart(expect(FrameType::Start));
         this->start(start);
@@ -37,11 +51,14 @@ public:
         }
     }
 
+    // A text for the other side.
+    std::string shown(const std::string& text) const { return m_paths ? m_paths->shown(text) : text; }
+
     // The other side has gone: what it sent is kept, and recorded.
     void goOnAlone()
     {
-        if (m_isStarted) {
-            m_isWriting ? m_side->abandon() : void(m_side->conclude());
+        if (m_side) {
+            m_side->abandon();
         }
     }
 
@@ -64,10 +81,13 @@ private:
 
     void open(const Open& open)
     {
+        if (open.path.empty()) {
+            throw ProtocolError("no image is named");
+        }
         if (m_arguments.isReadOnly && open.isDestination) {
             throw Failure(open.path, "nothing is written here: served read-only");
         }
-        m_compression = open.compression;
+        m_form.compression = open.compression;
         m_channel.limitBandwidth(open.bytesPerSecond);
         m_common.jobs = open.jobs > 0 ? open.jobs : std::max(1U, std::thread::hardware_concurrency());
         m_common.progress = ProgressMode::None;
@@ -79,17 +99,14 @@ private:
             options.partitionOffset = static_cast<std::uint64_t>(*open.partitionOffset);
         }
         const std::string path = m_paths->resolve(open.path);
-        if (!open.hashFile.empty()) {
-            options.path = m_paths->resolve(open.hashFile);
-        }
+        options.path = m_paths->resolveHashFile(open.hashFile, path);
         const auto access = open.isDestination ? Image::Access::WriteOrMissing : Image::Access::Read;
         m_side = std::make_unique<LocalSide>(path, access, options, m_common);
-        for (const std::string& written : filesOf(m_side->opening().hashFile)) {
-            m_paths->resolve(written);
-        }
         m_isDestination = open.isDestination;
         m_size = m_side->opening().size;
-        m_channel.send(FrameType::Opened, encode(m_side->opening()));
+        Opening opening = m_side->opening();
+        opening.hashFile = shown(opening.hashFile);
+        m_channel.send(FrameType::Opened, encode(opening));
     }
 
     void start(const Start& start)
@@ -98,14 +115,13 @@ private:
             || (m_isDestination && m_side->opening().isBlockDevice && start.targetSize != m_size)) {
             throw ProtocolError("more than there is");
         }
-        m_blockSize = start.blockSize;
+        m_form.blockSize = start.blockSize;
+        m_form.end = start.compared;
         m_size = m_isDestination ? start.targetSize : m_size;
-        m_compared = start.compared;
         Progress::listen([this](const std::string& phase, std::int64_t done, std::int64_t total) {
             m_channel.sendIfIdle(FrameType::Progress, FieldWriter().string(phase).i64(done).i64(total).done());
         });
         m_side->openHashes(start);
-        m_isStarted = true;
         m_side->start(start);
         Progress::listen(nullptr);
         m_channel.send(FrameType::Started, encode(m_side->started()));
@@ -138,9 +154,15 @@ private:
 
     Conclusion conclusion()
     {
-        const bool isUnchanged = m_side->conclude();
-        const auto replacing = nlohmann::ordered_json::error_handler_t::replace;
-        return {isUnchanged, m_side->remarks(), m_side->freshness().dump(-1, ' ', false, replacing)};
+        Conclusion conclusion;
+        conclusion.isUnchanged = m_side->conclude();
+        conclusion.remarks = shown(m_side->remarks());
+        const nlohmann::ordered_json freshness = m_side->freshness();
+        conclusion.isBelieved = freshness.at("believed").get<bool>();
+        conclusion.doubt = shown(freshness.at("doubt").get<std::string>());
+        conclusion.checkedBlocks = freshness.at("checkedBlocks").get<std::int64_t>();
+        conclusion.repairedBlocks = freshness.at("repairedBlocks").get<std::int64_t>();
+        return conclusion;
     }
 
     void answer(const AskNodes& ask)
@@ -158,6 +180,9 @@ private:
         if (ask.range.end() > m_size) {
             throw ProtocolError("bytes behind the end");
         }
+        if (ask.unit > std::max(LONGEST_PIECE, m_form.blockSize)) { // which is in memory as a whole
+            throw ProtocolError("units of " + std::to_string(ask.unit) + " bytes");
+        }
         m_side->askBytes(ask.range, ask.unit);
         m_channel.send(FrameType::Digests, Digests {m_side->digests(), {}}.encode());
     }
@@ -168,9 +193,7 @@ private:
             checkBoundary(range.offset);
             checkBoundary(range.end());
         }
-        m_side->read(read.ranges, true, [this](const Stretch& stretch) {
-            m_channel.send(FrameType::Data, encode(stretch, m_compression));
-        });
+        m_side->read(read.ranges, true, [this](const Stretch& stretch) { sendStretch(m_channel, stretch, m_form); });
         FieldWriter end;
         encode(end, read.mayBeLast ? std::optional(conclusion()) : std::nullopt);
         m_channel.send(FrameType::End, end.done());
@@ -182,11 +205,9 @@ private:
             throw ProtocolError("data for an image that is only read");
         }
         m_side->startWriting(isSparse);
-        m_isWriting = true;
         transfer(
             m_channel, [this](const Deliver& deliver) { receive(deliver); },
             [this](const Stretch& stretch) { m_side->write(stretch); });
-        m_isWriting = false;
         Written written;
         written.change = m_side->finishWriting();
         written.conclusion = conclusion();
@@ -202,7 +223,7 @@ private:
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            auto received = ReceivedStretch::decode(frame.payload, end, m_compared, m_blockSize);
+            auto received = ReceivedStretch::decode(frame.payload, end, m_form);
             if (received.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
                 checkBoundary(received.range.offset);
@@ -215,7 +236,7 @@ private:
 
     void checkBoundary(std::int64_t offset) const
     {
-        if (offset % m_blockSize != 0 && offset != m_compared) {
+        if (offset % m_form.blockSize != 0 && offset != m_form.end) {
             throw ProtocolError("a range that is not of whole blocks");
         }
     }
@@ -226,12 +247,8 @@ private:
     Common m_common;
     std::unique_ptr<LocalSide> m_side;
     bool m_isDestination = false;
-    bool m_isStarted = false;
-    bool m_isWriting = false;
-    std::uint32_t m_compression = 0;
-    std::int64_t m_blockSize = 1;
+    DataForm m_form;
     std::int64_t m_size = 0;
-    std::int64_t m_compared = 0;
 };
 
 } // namespace
@@ -241,26 +258,28 @@ bool serveOther(const ServeArguments& arguments)
     Channel channel(Descriptor(::dup(STDIN_FILENO)), Descriptor(::dup(STDOUT_FILENO)), "the other side");
     Server server(channel, arguments);
     std::string failure;
+    bool isClosed = false;
     try {
         server.run();
     } catch (const ChannelClosed&) {
-        server.goOnAlone();
-        return true;
+        isClosed = true;
     } catch (const Interrupted&) {
         failure = "interrupted there";
     } catch (const std::bad_alloc&) {
         failure = "out of memory";
     } catch (const std::exception& error) {
-        failure = error.what();
+        failure = printable(server.shown(error.what()), LONGEST_TEXT);
     }
     server.goOnAlone();
     try {
         const LettingFinish finishing;
-        channel.send(FrameType::Error, failure);
-    } catch (const ChannelClosed&) {
+        if (!isClosed) {
+            channel.send(FrameType::Error, failure);
+        }
+    } catch (const std::exception&) {
         // Nobody is there to be told.
     }
-    return false;
+    return isClosed;
 }
 
 } // namespace kelvane::tool

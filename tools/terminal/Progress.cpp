@@ -32,7 +32,11 @@ Progress::Progress(std::string phase, std::int64_t total, ProgressMode mode)
 Progress::~Progress()
 {
     if (m_form == Form::Json) {
-        show(true);
+        try {
+            show(true);
+        } catch (const std::exception&) {
+            // A line less; what is going on goes on.
+        }
     } else if (m_form == Form::Line && m_shown != m_start) {
         std::fputs("\r\033[K", stderr);
     }
@@ -100,7 +104,8 @@ void Progress::show(bool last)
                {"total", m_total},
                {"bytesPerSecond", rate},
                {"secondsLeft", isSteady ? nlohmann::ordered_json(left) : nlohmann::ordered_json()}};
-        std::fprintf(stderr, "%s\n", line.dump().c_str());
+        const auto replacing = nlohmann::ordered_json::error_handler_t::replace; // the phase may be another machine's
+        std::fprintf(stderr, "%s\n", line.dump(-1, ' ', false, replacing).c_str());
     } else {
         constexpr int WIDTH = 30;
         const double share = m_total > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(m_total)) : 1;

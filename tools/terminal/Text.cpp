@@ -49,6 +49,22 @@ std::string counted(std::int64_t number, const std::string& noun)
     return grouped(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
+// Without what a terminal would obey: control characters, those of two bytes in UTF-8 among them.
+std::string printable(const std::string& text, std::size_t most)
+{
+    std::string line = text.size() > most ? text.substr(0, most) + "..." : text;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(line[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < line.size() ? line[i + 1] : 0);
+        if (byte < 0x20 || byte == 0x7f) {
+            line[i] = '?';
+        } else if (byte == 0xc2 && next >= 0x80 && next < 0xa0) {
+            line.replace(i, 2, "?");
+        }
+    }
+    return line;
+}
+
 std::string hexadecimal(const std::vector<unsigned char>& bytes)
 {
     std::string text;

@@ -134,31 +134,43 @@ private:
         Nodes rest {nodes.level, {}};
         std::set_difference(nodes.indexes.begin(), nodes.indexes.end(), guessed.asked.begin(), guessed.asked.end(),
                             std::back_inserter(rest.indexes));
-        if (!rest.indexes.empty()) {
-            ask(rest);
-            const Nodes more = answered(rest);
-            found.indexes.insert(found.indexes.end(), more.indexes.begin(), more.indexes.end());
-            std::sort(found.indexes.begin(), found.indexes.end());
+        const std::vector<Nodes> questions = partsOf(rest, Side::MOST_NODES);
+        for (const Nodes& question : questions) {
+            ask(question);
         }
+        for (const Nodes& question : questions) {
+            const Nodes more = answered(question);
+            found.indexes.insert(found.indexes.end(), more.indexes.begin(), more.indexes.end());
+        }
+        std::sort(found.indexes.begin(), found.indexes.end());
         return found;
     }
 
-    // Many nodes at a time, for every answer may come from far away; not too many, for each can have children.
+    // As many nodes at a time as questions may be on the way, for every answer may come from far away; not more, for
+    // each can have children.
     void descend(const Nodes& parents)
     {
+        constexpr std::size_t QUESTIONS = 8;
         if (parents.level == 0) {
             for (const std::int64_t block : parents.indexes) {
                 append(m_differing, {block * m_start.blockSize, m_start.blockSize});
             }
             return;
         }
-        const Nodes nodes = children(parents);
-        for (std::size_t done = 0; done < nodes.indexes.size(); done += Side::MOST_NODES) {
-            const auto from = nodes.indexes.begin() + static_cast<std::ptrdiff_t>(done);
-            const auto count = std::min(Side::MOST_NODES, nodes.indexes.size() - done);
-            const Nodes some {nodes.level, {from, from + static_cast<std::ptrdiff_t>(count)}};
-            descend(differing(some));
+        for (const Nodes& some : partsOf(parents, QUESTIONS * Side::MOST_NODES >> Nodes::FAN_OUT)) {
+            descend(differing(children(some)));
         }
+    }
+
+    static std::vector<Nodes> partsOf(const Nodes& nodes, std::size_t most)
+    {
+        std::vector<Nodes> parts;
+        for (std::size_t done = 0; done < nodes.indexes.size(); done += most) {
+            const auto from = nodes.indexes.begin() + static_cast<std::ptrdiff_t>(done);
+            const auto count = std::min(most, nodes.indexes.size() - done);
+            parts.push_back({nodes.level, {from, from + static_cast<std::ptrdiff_t>(count)}});
+        }
+        return parts;
     }
 
     Nodes children(const Nodes& parents) const

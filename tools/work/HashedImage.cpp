@@ -8,6 +8,7 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "image/ExclusiveUse.h"
+#include "terminal/Note.h"
 #include "terminal/Text.h"
 
 namespace kelvane::tool {
@@ -46,8 +47,7 @@ bool HashedImage::wasOnlyChanged() const
 
 void HashedImage::noteDoubt() const
 {
-    std::fprintf(stderr, "kelvane-hash: note: %s: its known hashes are checked: %s\n", m_image.path().c_str(),
-                 m_doubt.c_str());
+    note(m_image.path() + ": its known hashes are checked: " + m_doubt);
 }
 
 void HashedImage::complete(Range range, const char* phase)

@@ -248,10 +248,12 @@ void LocalSide::abandon()
         if (m_copier) {
             m_copier->dropPartOfBlock();
             m_copier->flush();
-            m_hashed->flushHashes();
         }
-        m_hashed->conclude();
-    } catch (const Failure&) {
+        if (m_hashed) {
+            m_hashed->flushHashes();
+            m_hashed->conclude();
+        }
+    } catch (const std::exception&) {
         // The failure that came first is told.
     }
 }
