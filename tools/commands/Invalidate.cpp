@@ -55,9 +55,12 @@ Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& w
     const Image image = openImage(arguments.image, Image::Access::Read);
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
     const std::string source = what.list == "-" ? "standard input" : what.list;
-    const std::vector<Range> ranges
-        = rangesIn(hashed, parseRangeList(contentOf(what.list), source, what.format, what.entries), source,
-                   hashed.hashFile().onDevice(0));
+    const std::string list = contentOf(what.list);
+    if (!what.format && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
+        throw Failure(source, "is empty; name its --format if that means that nothing has changed");
+    }
+    const std::vector<Range> ranges = rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
+                                               hashed.hashFile().onDevice(0));
     const bool isBelieved = hashed.believes() || hashed.wasOnlyChanged();
     hashed.adaptToImage();
     hashed.markChanging();
