@@ -382,7 +382,8 @@ class KelvaneHash(Case):
         self.call("invalidate a --from map --what all --format qemu-img")
         self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 3)
         for text, cause in (("12 13 x\n", "line 1"), ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"),
-                            ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"), ("1048575 + 1\n", "range 1, 1048575"),
+                            ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"),
+                            ("1048575 + 1\n", "range 1, 1048575"),
                             (f"{DEVICE} + 82021\n", "range 1"),
                             ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
                              "entry 2"),
