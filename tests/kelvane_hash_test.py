@@ -393,6 +393,19 @@ class KelvaneHash(Case):
             self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
             self.assertEqual(Path("a.hashes").read_bytes(), before)
 
+        os.mkdir("list")
+        os.mkfifo("pipe")
+        run(["truncate", "-s", "1G", "long"], check=True)
+        for name, cause in ("list", "Is a directory"), ("long", "longer than 256 MiB"), ("none", "No such file"):
+            self.check_complaint(f"invalidate a --from {name}", f"{name}: .*{cause}")
+        waits = Popen([PROGRAM, "invalidate", "a", "--from", "pipe"], stderr=PIPE)
+        with open("pipe", "w") as pipe:  # it has opened the other end
+            waits.terminate()
+            self.assertIn(b"interrupted", waits.communicate(timeout=60)[1])
+        Path("lines").write_text(self.call("diff a b", 1).stdout + "far: 1,234 bytes sent, 5 received, in 1 round trip\n")
+        with open("lines") as lines:
+            self.call("invalidate a --from -", stdin=lines)
+
     def test_errors_are_one_line_with_the_file_and_the_cause(self):
         Path("e").write_bytes(randbytes(1000 * BLOCK))
         Path("f").write_bytes(randbytes(1000 * BLOCK))
