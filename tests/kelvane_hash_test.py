@@ -44,7 +44,7 @@ SINCE, TORN = "it was changed since", "the hash file was changed or replaced sin
 CUT_SHORT = "the last run was cut short, or it was changed while that ran"
 NO_RECORD = "no record says that they are true of it"
 BUILD = dict(hashFile="a.hashes", created=False, blockSize=BLOCK, knownBlocks=20, bytesRead=0, bytesOfHoles=0,
-             bytesKnownBefore=20 * BLOCK, freshness=judged("a"), changedMeanwhile=False)
+             bytesKnownBefore=20 * BLOCK, freshness=judged("a"), changedMeanwhile=[])
 VERIFY = dict(image="a", good=False, blocksChecked=20, badBlocks=3, marked=False, recordedSize=20 * BLOCK + 100,
               imageSize=20 * BLOCK + 100, changedMeanwhile=[],
               bad=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 19 * BLOCK, length=BLOCK)])
@@ -151,6 +151,10 @@ class Answers(Case):
         changes = {"SHIM_AT": "mmap a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
         done = self.call("build a --check -j 1", 1, shim=changes)
         self.assertIn("changed: a was changed while", done.stdout)
+        self.assertEqual(self.json("build a --check -j 1", 1, shim=changes)["changedMeanwhile"], ["a"])
+        shutil.copyfile("a", "same")
+        touched = {"SHIM_AT": "mmap a", "SHIM_DO": "touch a"}
+        self.assertRegex(self.call("diff a same --check -j 1", 1, shim=touched).stdout, r"\nchanged: a .*\nundecided; ")
         self.call("verify a")
         self.assertIn("unchanged", self.call("info a.hashes").stdout)
         shutil.copyfile("a", "b")
@@ -245,7 +249,7 @@ class KelvaneHash(Case):
             pieces = [i for i, call in enumerate(self.calls(f"build s -j {jobs}"), 1) if call == "mmap s"]
             Path("s.hashes").unlink()
             begun = {"SHIM_AT": str(pieces[4]), "SHIM_DO": "2", "SHIM_LOG": f"calls{jobs}"}
-            self.assertIn("interrupted", self.call(f"build s -j {jobs}", 130, shim=begun).stderr)
+            self.assertIn("goes on from here", self.call(f"build s -j {jobs}", 130, shim=begun).stderr)
             calls = Path(f"calls{jobs}").read_text().splitlines()
             known = self.json("info s.hashes")["knownBlocks"]
             self.assertTrue(0 < known < 15000, known)
@@ -253,7 +257,12 @@ class KelvaneHash(Case):
                     for name in ("pwrite s.hashes", "fsync s.hashes", "rename s.hashes.state")}
             self.assertEqual(list(last), sorted(last, key=last.get), "what was done is on the disk, and recorded")
             self.assertEqual(self.json(f"build s -j {jobs}")["bytesKnownBefore"], known * BLOCK)
-        self.call("build s --check", 143, shim={"SHIM_AT": "mmap s", "SHIM_DO": "15"})
+        self.call("build s")
+        for command in "build s --check -j 1", "verify s -j 1", "sync s s2 --verify":
+            self.call(command)
+            reads = [i for i, call in enumerate(self.calls(command), 1) if call == "mmap s"]
+            done = self.call(command, 143, shim={"SHIM_AT": str(reads[-2]), "SHIM_DO": "15"})
+            self.assertIn("interrupted; the hash files are in order, the same command checks everything", done.stderr)
         self.call("build s --check", -signal.SIGTERM, shim={"SHIM_AT": "mmap s", "SHIM_DO": "15 15"})
 
         def start_anew():
@@ -393,6 +402,19 @@ class KelvaneHash(Case):
             before = Path("a.hashes").read_bytes()
             self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
             self.assertEqual(Path("a.hashes").read_bytes(), before)
+
+        os.mkdir("list")
+        os.mkfifo("pipe")
+        run(["truncate", "-s", "1G", "long"], check=True)
+        for name, cause in ("list", "Is a directory"), ("long", "longer than 256 MiB"), ("none", "No such file"):
+            self.check_complaint(f"invalidate a --from {name}", f"{name}: .*{cause}")
+        waits = Popen([PROGRAM, "invalidate", "a", "--from", "pipe"], stderr=PIPE)
+        with open("pipe", "w") as pipe:  # it has opened the other end
+            waits.terminate()
+            self.assertIn(b"interrupted", waits.communicate(timeout=60)[1])
+        Path("lines").write_text(self.call("diff a b", 1).stdout + "far: 1,234 bytes sent, 5 received, in 1 round trip\n")
+        with open("lines") as lines:
+            self.call("invalidate a --from -", stdin=lines)
 
     def test_errors_are_one_line_with_the_file_and_the_cause(self):
         Path("e").write_bytes(randbytes(1000 * BLOCK))

@@ -1,5 +1,5 @@
 """What is made beside an image, and what stands there already: side_files_test.py PROGRAM SHIM"""
-import os, shutil, signal
+import os, signal
 from pathlib import Path
 from random import randbytes
 from subprocess import run
@@ -59,7 +59,7 @@ class SideFiles(Case):
         self.call("build n", -signal.SIGKILL, shim={"SHIM_AT": "rename n.hashes", "SHIM_DO": "9"})
         hashes = Path("n.hashes.new").read_bytes()
         self.assertIn("ftruncate n.hashes.new", self.calls("build n"), "its room is free before room is looked for")
-        for left in b"", bytes(4096), hashes, hashes[:4096]:
+        for left in b"", bytes(1 << 20), hashes, hashes[:4096]:
             os.remove("n.hashes")
             Path("n.hashes.new").write_bytes(left)
             self.call("build n")
@@ -67,8 +67,16 @@ class SideFiles(Case):
         self.call("build n --hash-file n.hashes.new")  # which some user may want
         os.remove("n.hashes")
         self.check_complaint("build n", "n.hashes.new: .*move the file away")
-        shutil.copyfile("n", "n.hashes.new")
-        self.check_complaint("build n", "n.hashes.new: .*move the file away")
+        for foreign in Path("n").read_bytes(), bytes((1 << 20) + 1):
+            Path("n.hashes.new").write_bytes(foreign)
+            self.check_complaint("build n", "n.hashes.new: .*move the file away")
+        run(["truncate", "-s", "20G", "large"], check=True)
+        steps = [i for i, call in enumerate(self.calls("build large"), 1) if call == "pwrite large.hashes.new"]
+        for at in steps[0], steps[len(steps) // 2], steps[-1]:
+            os.remove("large.hashes")
+            self.call("build large", -signal.SIGKILL, shim={"SHIM_AT": str(at), "SHIM_DO": "9"})
+            self.assertTrue(os.path.exists("large.hashes.new"))
+            self.call("build large")
 
 
 main()

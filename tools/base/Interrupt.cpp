@@ -9,6 +9,7 @@ namespace {
 
 std::atomic<int> received = 0;
 std::atomic<int> finishing = 0;
+std::atomic<int> startingAnew = 0;
 static_assert(std::atomic<int>::is_always_lock_free, "set in a signal handler");
 
 extern "C" void rememberSignal(int signal)
@@ -43,10 +44,21 @@ LettingFinish::~LettingFinish()
     --finishing;
 }
 
+StartingAnew::StartingAnew(bool startsAnew)
+    : m_startsAnew(startsAnew)
+{
+    startingAnew += m_startsAnew ? 1 : 0;
+}
+
+StartingAnew::~StartingAnew()
+{
+    startingAnew -= m_startsAnew ? 1 : 0;
+}
+
 void throwWhenInterrupted()
 {
     if (received != 0 && finishing == 0) {
-        throw Interrupted();
+        throw Interrupted(startingAnew != 0);
     }
 }
 

@@ -327,9 +327,8 @@ int main(int argc, char** argv)
         return run(argc, argv);
     } catch (const CLI::Error& error) {
         return complain(std::string(error.what()) + " (see --help)", ERROR);
-    } catch (const Interrupted&) {
-        return complain("interrupted; the hash files are in order, the same command goes on from here",
-                        128 + interruptSignal());
+    } catch (const Interrupted& interrupted) {
+        return complain(interrupted.what(), 128 + interruptSignal());
     } catch (const std::bad_alloc&) {
         return complain("out of memory", ERROR);
     } catch (const std::exception& error) {

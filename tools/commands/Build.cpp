@@ -20,6 +20,7 @@ Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& co
     hashed.complete({0, image.size()}, "build");
     Traffic traffic = hashed.traffic();
     Changes changes(hashed);
+    const nlohmann::ordered_json changed = changes.json();
     const bool isUnchanged = changes.none();
     if (!isUnchanged) { // once, not for ever
         hashed.takeState();
@@ -58,7 +59,7 @@ Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& co
                     {"bytesKnownBefore", traffic.left},
                     {"seconds", seconds},
                     {"freshness", hashed.json()},
-                    {"changedMeanwhile", !isUnchanged}};
+                    {"changedMeanwhile", changed}};
     if (const auto former = hashed.formerSize()) {
         outcome.json["adaptedFrom"] = *former;
     }

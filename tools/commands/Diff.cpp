@@ -36,10 +36,12 @@ Outcome diffSides(Side& first, Side& second, const PairArguments& arguments)
             + counted(second.opening().size, "byte") + "\n";
     }
     outcome.text += first.remarks() + second.remarks() + changes.text();
-    outcome.text
-        += (isEqual ? "equal"
-                    : "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range"))
-        + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte") + " of data read\n";
+    std::string verdict = changes.none() ? "equal" : "undecided";
+    if (!isEqual) {
+        verdict = "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range");
+    }
+    outcome.text += verdict + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte")
+        + " of data read\n";
     return outcome;
 }
 

@@ -1,7 +1,10 @@
-#include <iostream>
-#include <iterator>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "base/Failure.h"
+#include "base/Interrupt.h"
 #include "commands/Commands.h"
 #include "terminal/Text.h"
 #include "work/HashedImage.h"
@@ -10,22 +13,35 @@ namespace kelvane::tool {
 
 namespace {
 
-std::string contentOf(const std::string& path)
+constexpr std::size_t LARGEST_LIST = 256 << 20; // bytes
+
+// A signal ends it while nothing comes, as from a pipe.
+std::string contentOf(const std::string& path, const std::string& source)
 {
-    if (path == "-") {
-        return {std::istreambuf_iterator<char>(std::cin), {}};
+    const Descriptor file = path == "-" ? Descriptor(::dup(STDIN_FILENO)) : openFile(path, O_RDONLY | O_NONBLOCK);
+    const auto fail = [&] { throw Failure(source, "cannot read: " + errorText(errno)); };
+    if (!file) {
+        fail();
     }
-    const Descriptor file = openFile(path, O_RDONLY);
     std::string text;
-    char buffer[1 << 16];
-    ssize_t count = file ? ::read(file.get(), buffer, sizeof(buffer)) : -1;
-    for (; count > 0; count = ::read(file.get(), buffer, sizeof(buffer))) {
-        text.append(buffer, static_cast<std::size_t>(count));
+    for (std::vector<char> buffer(1 << 16);;) {
+        throwWhenInterrupted();
+        pollfd input = {file.get(), POLLIN, 0};
+        if (::poll(&input, 1, 100) <= 0) {
+            continue;
+        }
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count == 0) {
+            return text;
+        }
+        if (count < 0 && errno != EAGAIN && errno != EINTR) {
+            fail();
+        }
+        text.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+        if (text.size() > LARGEST_LIST) {
+            throw Failure(source, "longer than 256 MiB, which no list of ranges is");
+        }
     }
-    if (count < 0) {
-        throw Failure(path, "cannot read: " + errorText(errno));
-    }
-    return text;
 }
 
 // In the image, all of them inside it.
@@ -55,7 +71,7 @@ Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& w
     const Image image = openImage(arguments.image, Image::Access::Read);
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
     const std::string source = what.list == "-" ? "standard input" : what.list;
-    const std::string list = contentOf(what.list);
+    const std::string list = contentOf(what.list, source);
     if (!what.format && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
         throw Failure(source, "is empty; name its --format if that means that nothing has changed");
     }

@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "base/Failure.h"
+#include "base/Interrupt.h"
 #include "commands/Commands.h"
 #include "terminal/Text.h"
 #include "work/Compare.h"
@@ -37,6 +38,7 @@ OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges
 
 std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode mode)
 {
+    const StartingAnew startingAnew;
     source.dropCache();
     destination.dropCache();
     Progress progress("verify", source.opening().size, mode);
@@ -102,7 +104,7 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
             + std::to_string(*difference) + "; see verify --mark\n";
         outcome.json["firstDifference"] = *difference;
     } else if (isReread) {
-        outcome.text += "reread: equal\n";
+        outcome.text += outcome.good ? "reread: equal\n" : "reread: no difference seen\n";
     }
     return outcome;
 }

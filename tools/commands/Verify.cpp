@@ -1,6 +1,7 @@
 #include <mutex>
 #include <random>
 
+#include "base/Interrupt.h"
 #include "commands/Commands.h"
 #include "terminal/Text.h"
 #include "work/Blocks.h"
@@ -50,6 +51,7 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
         const std::scoped_lock lock(mutex);
         bad.insert(bad.end(), found.begin(), found.end());
     };
+    const StartingAnew startingAnew;
     const Traffic traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, progress, check);
     bad = sorted(std::move(bad));
     if (!bad.empty()) {

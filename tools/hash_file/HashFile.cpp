@@ -28,30 +28,39 @@ bool standsAt(int fd, const std::string& path)
         && own.st_ino == there.st_ino;
 }
 
-// Whether a file is what a run left that was ended while it made a hash file: empty, the page of a header that was not
-// yet written, or one. A hash file with a record is somebody's.
+constexpr std::int64_t MADE_AT_ONCE = 1 << 20; // bytes
+
+std::int64_t fileSizeFor(const Geometry& geometry)
+{
+    return static_cast<std::int64_t>(HashFileInspector::file_size_for(Blake2dHashFunctionType, geometry.targetEnd(),
+                                                                      static_cast<std::uint32_t>(geometry.blockSize)));
+}
+
+// Whether a file is what a run left that was ended while it made a hash file: nothing but zeros, no more than are made
+// at once; or a hash file. One with a record is somebody's.
 bool isLeftOver(int fd, const std::string& path)
 {
-    constexpr std::size_t PAGE = 4096;
     struct stat status;
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         return false;
     }
-    std::vector<char> page(PAGE);
-    const ssize_t count = ::pread(fd, page.data(), page.size(), 0);
-    const bool isZeros = count >= 0 && std::count(page.begin(), page.end(), 0) == std::ssize(page);
-    return (isZeros && status.st_size <= std::ssize(page)) || (isHashFile(path) && !Evidence::read(path));
+    if (isHashFile(path)) {
+        return !Evidence::read(path);
+    }
+    std::vector<char> bytes(static_cast<std::size_t>(std::min<std::int64_t>(status.st_size, MADE_AT_ONCE)));
+    const bool isWhole = ::pread(fd, bytes.data(), bytes.size(), 0) == status.st_size;
+    return isWhole && std::count(bytes.begin(), bytes.end(), 0) == std::ssize(bytes);
 }
 
-void checkRoom(const std::string& path, std::uint64_t needed)
+void checkRoom(const std::string& path, std::int64_t needed)
 {
     struct statvfs room;
     std::string directory = std::filesystem::path(path).parent_path().string();
     directory = directory.empty() ? "." : directory;
-    if (::statvfs(directory.c_str(), &room) == 0 && room.f_bavail < needed / room.f_frsize) {
+    if (::statvfs(directory.c_str(), &room) == 0
+        && room.f_bavail < static_cast<std::uint64_t>(needed) / room.f_frsize) {
         throw Failure(path,
-                      "cannot make the hash file: " + errorText(ENOSPC) + "; it takes "
-                          + counted(static_cast<std::int64_t>(needed), "byte"));
+                      "cannot make the hash file: " + errorText(ENOSPC) + "; it takes " + counted(needed, "byte"));
     }
 }
 
@@ -67,27 +76,27 @@ Geometry geometryFor(const Image& image, const HashFileOptions& options, std::in
     return {options.blockSize.value_or(HashFile::DEFAULT_BLOCK_SIZE), static_cast<std::int64_t>(start), targetSize};
 }
 
-// Makes a hash file little by little, so that it can be interrupted. Its end grows last.
+// Makes a hash file little by little, so that it can be interrupted. Its end grows last. A large one begins with no
+// entries: what is made at once is written synchronously, and would be zeros without a header when that is cut short.
 void createInSteps(const std::string& path, const Geometry& geometry, ProgressMode mode)
 {
     constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 21;
-    const std::int64_t step = geometry.blockSize <= std::numeric_limits<std::int64_t>::max() / BLOCKS_AT_ONCE / 2
-        ? geometry.blockSize * BLOCKS_AT_ONCE
-        : geometry.targetSize;
-    Geometry part = geometry;
-    part.targetSize = std::min(step, geometry.targetSize);
+    const auto step = static_cast<kelvane_size_t>(geometry.blockSize * BLOCKS_AT_ONCE);
     std::optional<Progress> progress;
-    if (part.targetSize < geometry.targetSize) {
-        progress.emplace("make", geometry.targetSize, mode);
+    if (step < geometry.targetEnd()) {
+        progress.emplace("make", static_cast<std::int64_t>(geometry.targetEnd()), mode);
     }
-    BlockHashStore::create(path, Blake2dHashFunctionType, part.targetEnd(),
-                           static_cast<kelvane_size_t>(part.partitionOffset),
-                           static_cast<std::uint32_t>(part.blockSize), false);
-    while (part.targetSize < geometry.targetSize) {
+    kelvane_size_t end = fileSizeFor(geometry) <= MADE_AT_ONCE ? geometry.targetEnd() : 0;
+    BlockHashStore::create(path, Blake2dHashFunctionType, end, static_cast<kelvane_size_t>(geometry.partitionOffset),
+                           static_cast<std::uint32_t>(geometry.blockSize), false);
+    while (end < geometry.targetEnd()) {
         throwWhenInterrupted();
-        progress->advance(step);
-        part.targetSize += std::min(step, geometry.targetSize - part.targetSize);
-        BlockHashStore::open(path, part.targetEnd());
+        const kelvane_size_t added = std::min(step, geometry.targetEnd() - end);
+        end += added;
+        BlockHashStore::open(path, end);
+        if (progress) {
+            progress->advance(static_cast<std::int64_t>(added));
+        }
     }
 }
 
@@ -206,9 +215,7 @@ std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& 
             throw Failure(temporary, "cannot make the hash file: " + errorText(errno));
         }
         explaining(path, [&] {
-            checkRoom(path,
-                      HashFileInspector::file_size_for(Blake2dHashFunctionType, geometry.targetEnd(),
-                                                       static_cast<std::uint32_t>(geometry.blockSize)));
+            checkRoom(path, fileSizeFor(geometry));
             createInSteps(temporary, geometry, mode);
         });
     } catch (...) {

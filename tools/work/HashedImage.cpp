@@ -65,6 +65,7 @@ void HashedImage::complete(Range range, const char* phase)
     const Work work = [&](Store& store, const Piece& piece, char* data) {
         piece.isKnown ? check(store, checker, piece.range, data) : this->store(store, piece.range, data);
     };
+    const StartingAnew isCheck(!m_believes);
     try {
         Progress progress(phase, blocks.length, m_common.progress);
         m_traffic = forBlocks(m_hashFile, m_image, source, m_believes ? Which::Unknown : Which::All, m_common.jobs,

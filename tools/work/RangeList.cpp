@@ -24,7 +24,8 @@ bool isPossible(const Range& range)
 bool isRemark(std::string_view line)
 {
     return line.empty() || line.starts_with('#') || line.starts_with("sizes: ") || line.starts_with("equal; ")
-        || line.starts_with("different: ") || line.ends_with(" repaired");
+        || line.starts_with("different: ") || line.ends_with(" repaired") || line.ends_with(" round trip")
+        || line.ends_with(" round trips");
 }
 
 std::optional<Range> rangeOf(std::string_view line)
