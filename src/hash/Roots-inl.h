@@ -9,6 +9,7 @@
 #endif
 
 #include "hash/Leaves-inl.h"
+#include "hash/Stream-inl.h"
 #include <hwy/highway.h>
 
 HWY_BEFORE_NAMESPACE();
@@ -120,10 +121,57 @@ HWY_NOINLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
 
 #endif
 
+// Hashes as many roots as fill the lanes of whole groups, group by group, and returns their number.
+#if HWY_TARGET <= HWY_AVX3
+
+template <class D>
+KELVANE_AS_WRITTEN HWY_NOINLINE void hashRootGroups(D d, const uint8_t* leafDigests, size_t groups,
+                                                    uint8_t* const* digests, Workspace<D>& memory)
+{
+    constexpr size_t LANES = hn::MaxLanes(D());
+    const auto at = [=](size_t group, size_t offset) HWY_ATTR {
+        Blocks<D, ROOT_MESSAGE> blocks;
+        for (size_t i = 0; i < blocks.COUNT; ++i) {
+            blocks.start[i] = leafDigests + (group * LANES + i * LEAVES) * ROOT_MESSAGE + offset;
+        }
+        return blocks;
+    };
+    Stream<D> stream(memory, at(0, 0));
+    for (size_t group = 0; group < groups; ++group) {
+        stream.begin(hn::Zero(d), PARAMETER_ROOT);
+        for (size_t offset = 0; offset < ROOT_MESSAGE; offset += NODE_BLOCK) {
+            const bool ends = offset + NODE_BLOCK == ROOT_MESSAGE;
+            const auto isLast = hn::Set(d, ends ? ALL_ONES : 0);
+            const auto next = ends ? at(group + 1 < groups ? group + 1 : group, 0) : at(group, offset + NODE_BLOCK);
+            stream.compress(offset + NODE_BLOCK, isLast, isLast, next);
+        }
+        storeDigests(d, stream.v, digests + group * LANES);
+    }
+}
+
+HWY_INLINE size_t hashWholeGroups(const uint8_t* leafDigests, size_t count, uint8_t* const* digests)
+{
+    constexpr size_t LANES = hn::MaxLanes(Widest());
+    if (count >= LANES) {
+        Workspace<Widest> memory;
+        hashRootGroups(Widest(), leafDigests, count / LANES, digests, memory);
+    }
+    return count / LANES * LANES;
+}
+
+#else
+
+HWY_INLINE size_t hashWholeGroups(const uint8_t* /*leafDigests*/, size_t /*count*/, uint8_t* const* /*digests*/)
+{
+    return 0;
+}
+
+#endif
+
 HWY_INLINE void hashAllRoots(const uint8_t* leafDigests, size_t count, uint8_t* const* digests)
 {
     constexpr size_t WIDEST = hn::MaxLanes(Widest());
-    for (size_t done = 0; done < count; done += WIDEST) {
+    for (size_t done = hashWholeGroups(leafDigests, count, digests); done < count; done += WIDEST) {
         const uint8_t* const roots = leafDigests + done * ROOT_MESSAGE;
         const size_t some = smaller(count - done, WIDEST);
         if (some == 1) {
