@@ -1,45 +1,90 @@
 #!/usr/bin/env python3
 """Stands for ssh: line.py HOST COMMAND... runs the command in the directory HOST. All that it says and hears is
-delayed by LINE_DELAY seconds each way, and counted in the file LINE_COUNT: bytes to the host, bytes from it."""
+delayed by LINE_DELAY seconds each way, and counted in the file LINE_COUNT: bytes to the host, bytes from it.
+What it imports it takes from the times that are measured, so it imports little."""
+import collections
 import os
-import queue
-import subprocess
+import select
 import sys
-import threading
 import time
 
 DELAY = float(os.environ.get("LINE_DELAY", "0"))
-counts = {}
+MOST = 64 << 20  # bytes on the way
 
 
-def carry(direction, source, target):
-    """Keeps at most 64 MiB on the way."""
-    on_the_way = queue.Queue(256)
+class Direction:
+    """Bytes from one descriptor to another, each some time later."""
 
-    def arrive():
-        for due, data in iter(on_the_way.get, None):
-            time.sleep(max(0, due - time.monotonic()))
-            while data:
-                data = data[os.write(target, data):]
-        os.close(target)
+    def __init__(self, source, target):
+        self.source, self.target = source, target
+        self.on_the_way, self.length, self.count, self.has_ended = collections.deque(), 0, 0, False
+        os.set_blocking(target, False)
 
-    arriving = threading.Thread(target=arrive)
-    arriving.start()
-    counts[direction] = 0
-    while data := os.read(source, 1 << 18):
-        counts[direction] += len(data)
-        on_the_way.put((time.monotonic() + DELAY, data))
-    on_the_way.put(None)
-    arriving.join()
+    def is_open(self):
+        return not self.has_ended or self.on_the_way
+
+    def reads(self):
+        return [self.source] if not self.has_ended and self.length < MOST else []
+
+    def writes(self, now):
+        return [self.target] if self.on_the_way and self.on_the_way[0][0] <= now else []
+
+    def take(self):
+        data = os.read(self.source, 1 << 18)
+        self.has_ended = not data
+        self.count += len(data)
+        self.length += len(data)
+        if data:
+            self.on_the_way.append((time.monotonic() + DELAY, data))
+
+    def give(self):
+        due, data = self.on_the_way.popleft()
+        done = os.write(self.target, data)
+        self.length -= done
+        if done < len(data):
+            self.on_the_way.appendleft((due, data[done:]))
 
 
-far = subprocess.Popen(sys.argv[2:], cwd=sys.argv[1], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-threading.Thread(target=carry, args=("to", 0, os.dup(far.stdin.fileno())), daemon=True).start()
-far.stdin.close()
-carry("from", far.stdout.fileno(), 1)
-code = far.wait()
-if "LINE_COUNT" in os.environ:
-    with open(os.environ["LINE_COUNT"], "w", encoding="utf-8") as file:
-        file.write(f"{counts['to']} {counts['from']}")
-sys.stdout = None
-os._exit(code)
+def carry(directions):
+    while any(direction.is_open() for direction in directions):
+        now = time.monotonic()
+        reads = sum((direction.reads() for direction in directions), [])
+        writes = sum((direction.writes(now) for direction in directions), [])
+        due = [direction.on_the_way[0][0] - now for direction in directions if direction.on_the_way]
+        later = [wait for wait in due if wait > 0]
+        readable, writable, _ = select.select(reads, writes, [], min(later) if later else None)
+        for direction in directions:
+            if direction.source in readable:
+                direction.take()
+            if direction.target in writable:
+                direction.give()
+        for direction in list(directions):
+            if not direction.is_open():
+                os.close(direction.target)
+                directions.remove(direction)
+
+
+def main():
+    far_input, to_far = os.pipe()
+    from_far, far_output = os.pipe()
+    far = os.fork()
+    if far == 0:
+        os.dup2(far_input, 0)
+        os.dup2(far_output, 1)
+        os.chdir(sys.argv[1])
+        os.execvp(sys.argv[2], sys.argv[2:])
+    os.close(far_input)
+    os.close(far_output)
+    there, back = Direction(0, to_far), Direction(from_far, 1)
+    try:
+        carry([there, back])
+    except BrokenPipeError:
+        pass
+    os.closerange(3, 256)  # when one side has gone, the other learns it
+    if "LINE_COUNT" in os.environ:
+        with open(os.environ["LINE_COUNT"], "w", encoding="utf-8") as file:
+            file.write(f"{there.count} {back.count}")
+    os._exit(os.waitstatus_to_exitcode(os.waitpid(far, 0)[1]) & 0xFF)
+
+
+main()
