@@ -38,7 +38,9 @@ std::string HashedImage::judge() const
 
 ImageState HashedImage::currentState() const
 {
-    return flushedState(m_image, m_common.progress);
+    Progress progress("flush", 0, m_common.progress);
+    progress.announce();
+    return stateOf(m_image);
 }
 
 bool HashedImage::wasOnlyChanged() const
