@@ -5,6 +5,12 @@ from random import randbytes
 
 from program import BLOCK, PROGRAM, RELAY, Case, built, flip, main
 
+FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
+
+
+def on_disk(name):
+    return os.stat(name).st_blocks * 512
+
 
 class Sync(Case):
     def test_sync_changes_sizes_and_keeps_the_store_true(self):
@@ -43,7 +49,7 @@ class Sync(Case):
             with self.subTest(f"{block}: {sides}"):
                 Path("t").write_bytes(randbytes(size) if source == "mixed" else bytes(size))
                 self.call(f"sync {' '.join(sides)} --block-size {block} --source-hash-file s{block} "
-                          f"--dest-hash-file t{block} --adopt --rsh {RELAY} --remote-program {PROGRAM}")
+                          f"--dest-hash-file t{block} --adopt {FAR}")
                 self.assertEqual(Path("t").read_bytes(), Path(source).read_bytes())
                 self.call(f"verify t --hash-file t{block}")
 
@@ -59,9 +65,6 @@ class Sync(Case):
         self.call("sync a b --verify")
 
     def test_sync_keeps_holes(self):
-        def on_disk(name):
-            return os.stat(name).st_blocks * 512
-
         Path("s").write_bytes(randbytes(1 << 20))
         os.truncate("s", 40 << 20)
         flip("s", 30 << 20)
@@ -73,6 +76,32 @@ class Sync(Case):
         os.truncate("s", 15 << 40)
         self.call("sync s t --block-size 1M --source-hash-file s2 --dest-hash-file t2")
         self.assertLess(on_disk("t"), 42 << 20)
+
+    def test_no_holes_are_left(self):
+        """In a new DEST, in one that grows by more than is filled at once, in between, and behind what differs."""
+        for source, destination in ("s1", "t1"), ("s2", "h:t2"), ("h:s3", "t3"):
+            s, t = (side.replace("h:", "") for side in (source, destination))
+            Path(s).touch()
+            for size, differing in (20 << 20, ()), ((57 << 20) + 5, ()), ((57 << 20) + 5, (3, 40 << 20)):
+                os.truncate(s, size)
+                if on_disk(s) >= size:
+                    self.skipTest("a file system that makes no holes")
+                if differing:
+                    flip(s, *differing)
+                    self.call(f"sync {source} {destination} {FAR}")
+                    os.truncate(t, 0)
+                    os.truncate(t, size)
+                command = f"sync {source} {destination} --no-sparse {FAR}"
+                with self.subTest(command, size=size, differing=differing):
+                    self.assertEqual(self.json(command)["bytesCopied"], len(differing) * BLOCK)
+                    self.assertGreaterEqual(on_disk(t), size)
+                    self.call(f"verify {t}")
+                    before = os.stat(t)
+                    again = self.json(command)
+                    self.assertEqual((again["bytesCopied"], again["freshness"][1]["doubt"]), (0, ""))
+                    self.assertEqual((os.stat(t).st_mtime_ns, on_disk(t)), (before.st_mtime_ns, before.st_blocks * 512))
+            self.assertEqual(Path(t).read_bytes(), Path(s).read_bytes())
+            self.check_hash_file(t)
 
 
 main()

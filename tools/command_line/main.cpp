@@ -223,7 +223,7 @@ private:
         addImage(app, m_pair.second, "DEST", "--dest-hash-file");
         addGeometry(app);
         app->add_flag("--verify", m_sync.reread, "Read both images again afterwards and compare every byte");
-        app->add_flag("!--no-sparse", m_sync.isSparse, "Write zeros, instead of making holes of them");
+        app->add_flag("!--no-sparse", m_sync.isSparse, "Leave no holes in DEST: write zeros there");
         addTrust(app);
         addWork(app);
     }

@@ -57,8 +57,9 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
     const std::int64_t newSize = destination.opening().isBlockDevice ? formerSize : size;
     const Comparison found = compare(source, destination, {blockSize, newSize, size});
     const std::int64_t copied = totalLength(found.differing);
+    const bool isWritten = copied > 0 || !how.isSparse; // holes may have to be filled where nothing differs
     const OwnChange change
-        = copied > 0 ? copy(source, destination, found.differing, how.isSparse, common.progress) : OwnChange();
+        = isWritten ? copy(source, destination, found.differing, how.isSparse, common.progress) : OwnChange();
     const bool foundForeignChange = !change.wasUnchanged;
     // What others wrote at the same time shows in the data alone.
     const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);

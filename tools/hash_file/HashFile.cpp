@@ -249,7 +249,7 @@ HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& optio
     for (;;) {
         if (std::optional<HashFile> file = open(path, options)) {
             file->checkOptions(options);
-            file->checkOwner(image, options, mode);
+            file->checkOwner(image, options);
             return std::move(*file);
         }
         if (options.isReadOnly) {
@@ -278,12 +278,12 @@ void HashFile::checkOptions(const HashFileOptions& options) const
 }
 
 // A hash file of another image, or of another size for no reason that is known, would be cut or filled up to fit.
-void HashFile::checkOwner(const Image& image, const HashFileOptions& options, ProgressMode mode)
+void HashFile::checkOwner(const Image& image, const HashFileOptions& options)
 {
     const bool fits = m_geometry.targetSize == image.size();
     std::string owner = "an image of " + counted(m_geometry.targetSize, "byte");
     if (m_evidence && !image.isMissing()) {
-        const Owner relation = ownerOf(*m_evidence, flushedState(image, mode));
+        const Owner relation = ownerOf(*m_evidence, stateAtOnce(image));
         if (relation == Owner::Same || (fits && relation == Owner::Successor)) {
             return;
         }
@@ -368,13 +368,6 @@ void HashFile::record(const ImageState& image, bool isClean)
         note(Evidence::pathFor(m_path) + ": cannot write: " + errorText(errno)
              + "; the next run will check all hashes");
     }
-}
-
-ImageState flushedState(const Image& image, ProgressMode mode)
-{
-    Progress progress("flush", 0, mode);
-    progress.announce();
-    return stateOf(image);
 }
 
 } // namespace kelvane::tool

@@ -91,7 +91,7 @@ private:
     std::string place() const;
     static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
     void checkOptions(const HashFileOptions& options) const;
-    void checkOwner(const Image& image, const HashFileOptions& options, ProgressMode mode);
+    void checkOwner(const Image& image, const HashFileOptions& options);
     void forgetBehind(std::int64_t targetSize);
     void adapt(std::int64_t targetSize);
 
@@ -103,8 +103,5 @@ private:
     std::unique_ptr<Store> m_store;
     bool m_created = false;
 };
-
-// The state of an image, after a flush that is shown as a phase of its own.
-ImageState flushedState(const Image& image, ProgressMode mode);
 
 } // namespace kelvane::tool

@@ -109,28 +109,6 @@ void describeDevice(const struct stat& status, ImageState& state)
     }
 }
 
-ImageState stateAtOnce(const Image& image)
-{
-    struct stat status;
-    if (::fstat(image.descriptor(), &status) != 0) {
-        throw Failure(image.path(), errorText(errno));
-    }
-    ImageState state;
-    state.image["path"] = absolutePath(image.path());
-    state.content["size"] = image.currentSize();
-    state.isNamed = image.isNamed();
-    state.content["boot"] = bootIdentity(); // a crash can take back a time and keep the data
-    if (image.isBlockDevice()) {
-        describeDevice(status, state);
-    } else {
-        describeFile(status, image, state);
-    }
-    if (bootIdentity().empty()) {
-        state.doubt = "the system does not tell when it was started";
-    }
-    return state;
-}
-
 } // namespace
 
 Json stampsOf(const struct stat& status)
@@ -153,6 +131,28 @@ bool isRecent(const struct stat& status)
 std::string bootIdentity()
 {
     return contentOf("/proc/sys/kernel/random/boot_id");
+}
+
+ImageState stateAtOnce(const Image& image)
+{
+    struct stat status;
+    if (::fstat(image.descriptor(), &status) != 0) {
+        throw Failure(image.path(), errorText(errno));
+    }
+    ImageState state;
+    state.image["path"] = absolutePath(image.path());
+    state.content["size"] = image.currentSize();
+    state.isNamed = image.isNamed();
+    state.content["boot"] = bootIdentity(); // a crash can take back a time and keep the data
+    if (image.isBlockDevice()) {
+        describeDevice(status, state);
+    } else {
+        describeFile(status, image, state);
+    }
+    if (bootIdentity().empty()) {
+        state.doubt = "the system does not tell when it was started";
+    }
+    return state;
 }
 
 ImageState stateOf(const Image& image)

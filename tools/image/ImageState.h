@@ -28,6 +28,9 @@ struct ImageState {
 // left the moment of the last change behind, for another change within that moment would have the same stamp.
 ImageState stateOf(const Image& image);
 
+// Takes no time, but tells only which image it is: whether that was changed is not to be seen before a flush.
+ImageState stateAtOnce(const Image& image);
+
 // The times of a file, as they are written down, and whether another change could still have the same.
 nlohmann::ordered_json stampsOf(const struct stat& status);
 bool isRecent(const struct stat& status);

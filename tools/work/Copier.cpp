@@ -119,13 +119,50 @@ void Copier::flush()
         }
     });
     const bool isWritten = std::all_of(m_batch.begin(), m_batch.end(), [this](const Part& p) { return isThere(p); });
-    m_ownChange.wasUnchanged = m_ownChange.wasUnchanged && change.wasUnchanged && isWritten;
-    m_ownChange.wasAlone = m_ownChange.wasAlone && change.wasAlone;
+    addChange({change.wasUnchanged && isWritten, change.wasAlone});
     for (const Part& part : m_batch) {
         part.data == nullptr ? m_hashed.store().zero(part.range) : m_hashed.store().update(part.range, part.data);
     }
     m_batch.clear();
     m_taken = 0;
+}
+
+void Copier::addChange(const OwnChange& change)
+{
+    m_ownChange.wasUnchanged = m_ownChange.wasUnchanged && change.wasUnchanged;
+    m_ownChange.wasAlone = m_ownChange.wasAlone && change.wasAlone;
+}
+
+// No hash is forgotten: the bytes are the same before and after.
+void Copier::fillHoles(Progress& progress)
+{
+    for (Range rest = {0, m_destination.size()}; rest.length > 0;) {
+        throwWhenInterrupted();
+        if (const std::vector<Range> holes = takeHoles(rest); !holes.empty()) {
+            m_hashed.markChanging();
+            addChange(m_hashed.changeImage([&] {
+                for (const Range& hole : holes) {
+                    putZeros(hole);
+                }
+            }));
+        }
+        progress.reach(rest.offset);
+    }
+}
+
+// The first holes of a range, as many as make a batch; the range is then what lies behind them.
+std::vector<Range> Copier::takeHoles(Range& rest) const
+{
+    std::vector<Range> holes;
+    std::int64_t room = BATCH;
+    while (rest.length > 0 && room > 0 && holes.size() < MOST_PARTS) {
+        const Range data = m_destination.nextData(rest.offset, rest.end());
+        const Range hole = between(rest.offset, std::min(data.offset, rest.offset + room));
+        append(holes, hole);
+        room -= hole.length;
+        rest = between(hole.end() < data.offset ? hole.end() : data.end(), rest.end());
+    }
+    return holes;
 }
 
 void Copier::put(const Part& part)
@@ -157,7 +194,7 @@ void Copier::putZeros(Range range)
     if (m_isSparse && m_destination.punch(range)) {
         return;
     }
-    const std::vector<char> zeros(LONGEST_PIECE);
+    const std::vector<char> zeros(static_cast<std::size_t>(std::min(range.length, LONGEST_PIECE)));
     while (range.length > 0) {
         const Range piece = between(range.offset, std::min(range.end(), range.offset + std::ssize(zeros)));
         m_destination.write(zeros.data(), piece);

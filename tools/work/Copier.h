@@ -6,6 +6,7 @@
 
 #include "base/Range.h"
 #include "image/Image.h"
+#include "terminal/Progress.h"
 #include "work/HashedImage.h"
 
 namespace kelvane::tool {
@@ -16,6 +17,8 @@ public:
     // `isSparse`: zeros become holes.
     Copier(Image& destination, HashedImage& hashed, bool isSparse);
 
+    bool isSparse() const { return m_isSparse; }
+
     // Ascending ranges, cut anywhere, together whole blocks but for the image's end; null is zeros. Fails when they are
     // not, and would not fit.
     void write(Range range, const char* data);
@@ -25,6 +28,10 @@ public:
 
     // Makes that possible when the data has ended within a block.
     void dropPartOfBlock();
+
+    // Writes zeros wherever the image has a hole, which leaves its hashes true. To be called with nothing left to be
+    // flushed.
+    void fillHoles(Progress& progress);
 
     // All batches together.
     const OwnChange& ownChange() const { return m_ownChange; }
@@ -40,6 +47,8 @@ private:
     void makeRoom(Range range);
     void addZeros(Range range);
     void addBytes(Range range, const char* data);
+    void addChange(const OwnChange& change);
+    std::vector<Range> takeHoles(Range& rest) const;
     void put(const Part& part);
     bool isThere(const Part& part) const;
     void putZeros(Range range);

@@ -23,8 +23,9 @@ HashedImage::HashedImage(const Image& image, HashFile hashFile, const Common& co
     }
     m_doubt = judge();
     m_believes = m_doubt.empty();
-    m_isAssumed
-        = common.trust == Trust::Everything && !m_hashFile.wasCreated() && !m_hashFile.doubtAbout(m_state).empty();
+    if (common.trust == Trust::Everything && !m_hashFile.wasCreated() && !m_hashFile.doubtAbout(m_state).empty()) {
+        m_recording = Recording::Doubt;
+    }
 }
 
 std::string HashedImage::judge() const
@@ -37,7 +38,9 @@ std::string HashedImage::judge() const
 
 ImageState HashedImage::currentState() const
 {
-    return flushedState(m_image, m_common.progress);
+    Progress progress("flush", 0, m_common.progress);
+    progress.announce();
+    return stateOf(m_image);
 }
 
 bool HashedImage::wasOnlyChanged() const
@@ -124,7 +127,7 @@ void HashedImage::markChanging()
     if (!m_isMarked && m_hashFile.isWritable()) {
         m_isDisturbed = m_isDisturbed || !m_hashFile.isUntouched();
         m_isMarked = true;
-        if (!m_leavesRecord) {
+        if (m_recording != Recording::Nothing) {
             m_hashFile.record(m_state, false);
         }
     }
@@ -163,7 +166,7 @@ bool HashedImage::conclude()
     }
     m_state.doubt = now.doubt; // whether a device counts is seen once it was read
     const bool isRecorded = !m_isMarked && m_hashFile.doubtAbout(m_state).empty();
-    if (m_believes && !m_isAssumed && !m_leavesRecord && !isRecorded && m_hashFile.isWritable()
+    if (m_believes && m_recording == Recording::All && !isRecorded && m_hashFile.isWritable()
         && m_state.doubt.empty()) {
         m_hashFile.record(m_state, true);
         m_isMarked = false;

@@ -89,7 +89,7 @@ public:
 
     // Whether the record is of this image; if not, it can be left alone.
     bool isOwner() const { return m_hashFile.isOf(m_state); }
-    void leaveRecord() { m_leavesRecord = true; }
+    void leaveRecord() { m_recording = Recording::Nothing; }
 
     const Traffic& traffic() const { return m_traffic; }
     std::string text() const; // what was checked, if anything
@@ -98,6 +98,13 @@ public:
     void flushHashes();
 
 private:
+    // What this run may write down about the hashes.
+    enum class Recording {
+        Nothing, // the record is of another image
+        Doubt,   // that they are being changed; they are believed only because that is to be assumed
+        All      // that they are true, too
+    };
+
     std::string judge() const;
     ImageState currentState() const;
     void noteDoubt() const;
@@ -110,10 +117,9 @@ private:
     ImageState m_state;
     std::string m_doubt; // why the known hashes were not believed
     bool m_believes = false;
-    bool m_isAssumed = false;   // believed, because that is to be assumed
     bool m_isMarked = false;    // the record says that the hash file is being changed
     bool m_isDisturbed = false; // something else changed the hash file
-    bool m_leavesRecord = false;
+    Recording m_recording = Recording::All;
     std::mutex m_mutex; // of the next one, and of marking
     std::vector<std::int64_t> m_newBlocks;
     std::optional<std::int64_t> m_formerSize;

@@ -233,6 +233,10 @@ void LocalSide::startWriting(bool isSparse)
 OwnChange LocalSide::finishWriting()
 {
     m_copier->flush();
+    if (!m_copier->isSparse()) {
+        Progress progress("fill", m_image.size(), m_common.progress);
+        m_copier->fillHoles(progress);
+    }
     m_hashed->flushHashes();
     const OwnChange& change = m_copier->ownChange();
     if (!change.wasUnchanged || !change.wasAlone) {

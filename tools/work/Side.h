@@ -102,7 +102,8 @@ public:
     // blocks, with its digest.
     virtual void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) = 0;
 
-    // Of a destination. `isSparse`: zeros become holes. How it was found is told in the end.
+    // Of a destination. `isSparse`: zeros become holes; otherwise no hole is left in the end. How it was found is told
+    // then.
     virtual void startWriting(bool isSparse) = 0;
     virtual void write(const Stretch& stretch) = 0;
     virtual OwnChange finishWriting() = 0;
