@@ -196,6 +196,27 @@ class Remote(RemoteCase):
             self.assertIn(copied, range(1, 70 << 20), "what arrived is not sent again")
             self.assertEqual(*map(Path.read_bytes, map(Path, names)))
 
+    def test_a_client_killed_while_its_bandwidth_is_limited(self):
+        for command in self.PUSH, self.PULL:
+            self.images()
+            flip("near", *range(0, 60 * BLOCK, BLOCK))
+            self.call("build near")
+            Path("log").write_text("")
+            client = subprocess.Popen([PROGRAM, *command.split(), "--rsh", RELAY, "--remote-program", PROGRAM,
+                                       f"--bwlimit={BLOCK}"], stdout=subprocess.DEVNULL,
+                                      env=dict(os.environ, RELAY_LOG="log"))
+            while client.poll() is None and Path("log").read_text().count(f" {DATA} ") < 2:  # of 60, a second each
+                time.sleep(0.01)
+            client.kill()
+            self.assertEqual(client.wait(), -9, "it was to be slower")
+            self.wait_for_server("there/far")
+            for name in "near", "there/far":
+                self.check_known(name)
+            self.remote(command)
+            self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+            for name in "near", "there/far":
+                self.check_hash_file(name)
+
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
         opened = frame(OPENED, struct.pack("<qBB", 60 * BLOCK + 99, 0, 0) + string("h") + struct.pack("<I", BLOCK))
@@ -323,6 +344,15 @@ class Remote(RemoteCase):
         for path in "far", "in", "sub/../far", "sub/inside", os.path.abspath("there/far"):
             self.assertEqual(self.serve(hello() + opening(path), *root)[0], OPENED, path)
         self.assertEqual(self.serve(hello() + opening("sub/fresh", True), *root)[0], OPENED)
+        os.symlink("there", "link")  # the root itself behind one, which absolute paths may name or not
+        os.symlink(".", "up")
+        for linked in "link", "link/", "up/there", os.path.abspath("link"):
+            given = os.path.abspath(linked)
+            for path, answer in (("/far", OPENED), ("/in", OPENED), ("/sub/../far", OPENED), ("/../outside", ERROR),
+                                 ("/out", ERROR), ("/back/outside", ERROR), ("", ERROR), ("/..", ERROR)):
+                for root_path in given, os.path.abspath("there"):
+                    self.assertEqual(self.serve(hello() + opening(root_path + path), "--root", linked)[0], answer,
+                                     (linked, root_path + path))
         files = {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()}
         read_only = (*root, "--read-only")
         self.assertEqual(self.serve(hello() + opening("far", True), *read_only)[0], ERROR)
