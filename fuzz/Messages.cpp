@@ -73,8 +73,9 @@ void checkStretch(const std::string& text)
 
 void checkList(const std::string& text, std::optional<ListFormat> format)
 {
-    for (const Range& range : parseRangeList(text, "list", format, MapEntries::All).ranges) {
-        require(range.offset >= 0 && range.length >= 0 && range.end() >= range.offset, "an impossible range");
+    for (const auto& [range, number] : parseRangeList(text, "list", format, MapEntries::All).entries) {
+        require(range.offset >= 0 && range.length >= 0 && range.end() >= range.offset && number > 0,
+                "an impossible range");
     }
 }
 
