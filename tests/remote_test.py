@@ -1,6 +1,6 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
-import fcntl, os, shutil, struct, subprocess, time
+import fcntl, os, shutil, struct, subprocess, sys, time
 from pathlib import Path
 from random import randbytes
 
@@ -48,6 +48,13 @@ def data(offset, content, of_blocks=False):
 
 # Pieces that begin inside a block and reach beyond its end: what they add up to has no limit.
 ASKEW = [data(0, b"1") + data(1, bytes(BLOCK), of_blocks) + data(BLOCK + 1, bytes(BLOCK - 1)) for of_blocks in (0, 1)]
+
+# Runs a command and tells the memory of its largest process in KiB. Python in between, for a process begins with the
+# peak of the one that it was forked from.
+PEAK = """import resource, subprocess, sys
+code = subprocess.run(sys.argv[1:]).returncode
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+sys.exit(code)"""
 
 
 class RemoteCase(Case):
@@ -139,6 +146,28 @@ class Remote(RemoteCase):
             trips = sum(a + b == "><" for a, b in zip(kinds, kinds[1:]))
             self.assertLessEqual(trips, most_trips, kinds)
             self.assertLess(sum(int(size) for *_, size in frames), most_bytes)
+
+    def test_memory_does_not_grow_with_the_images(self):
+        size = 15 << 40
+        for name in "near", "far":
+            try:
+                Path(name).touch()
+                os.truncate(name, size)
+            except OSError as error:
+                self.skipTest(f"no file of 15 TiB can be made here: {error}")
+        with open("near", "r+b") as file:
+            for offset in range(12345, size, size // 16):
+                os.pwrite(file.fileno(), randbytes(1 << 20), offset)
+        Path("waits").write_text('#!/bin/sh\nshift\n"$@"\nexit $?\n')  # so that the server's memory is counted, too
+        os.chmod("waits", 0o755)
+        for command in "sync near h:far --block-size 1M --json", "sync h:far near --check --json", "diff h:far near":
+            done = subprocess.run([sys.executable, "-c", PEAK, PROGRAM, *command.split(), "--rsh", "./waits",
+                                   "--remote-program", PROGRAM], capture_output=True, text=True, timeout=300,
+                                  env=dict(os.environ, ASAN_OPTIONS="quarantine_size_mb=16"))
+            self.assertEqual(done.returncode, 0, done)
+            self.assertLess(int(done.stdout.split()[-1]), 200 << 10, command)
+            if "near h:far" in command:
+                self.assertIn(f'"bytesCopied": {32 << 20},', done.stdout)
 
     def test_whatever_happens_to_the_line_nothing_is_untrue(self):
         for command, destination in (self.PUSH, "there/far"), (self.PULL, "near"):
