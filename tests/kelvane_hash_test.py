@@ -373,10 +373,12 @@ class KelvaneHash(Case):
         lists = {
             "lines": (f"{DEVICE + 3 * BLOCK} + 1\n# more\n{DEVICE + 12 * BLOCK}\t{BLOCK}\n", 2 * BLOCK),
             "diff": ('{"differing": [{"offset": %d, "length": 9}]}' % (DEVICE + 3 * BLOCK), BLOCK),
-            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}]',
-                       2 * BLOCK),
+            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}, '
+                       '{"offset": 77824, "length": 4608, "type": 1}]', 3 * BLOCK),  # of whole sectors, as QEMU has it
             "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
-                    '{"start": 4096, "length": 8192, "zero": false, "data": true}]', 2 * BLOCK)}
+                    '{"start": 4096, "length": 8192, "zero": false, "data": true}, '
+                    '{"start": 77824, "length": 4196, "zero": false, "data": true}, '
+                    '{"start": 82020, "length": 412, "zero": true, "data": false}]', 3 * BLOCK)}
         for name, (text, unknown) in lists.items():
             Path(name).write_text(text)
             self.call("build a")
@@ -389,11 +391,16 @@ class KelvaneHash(Case):
         self.call("invalidate a --from map --what zero")
         self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
         self.call("invalidate a --from map --what all --format qemu-img")
-        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 3)
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 4)
         for text, cause in (("12 13 x\n", "line 1"), ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"),
                             ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"),
-                            ("1048575 + 1\n", "range 1, 1048575"),
-                            (f"{DEVICE} + 82021\n", "range 1"),
+                            ("1048575 + 1\n",
+                             rf"line 1: 1048575 \+ 1 is not in a, which reaches from {DEVICE} to {DEVICE + 82020}$"),
+                            (f"# {DEVICE}\n{DEVICE} + 82021\n", "line 2: "),
+                            ('{"differing": [{"offset": %d, "length": 82021}]}' % DEVICE, "entry 1: .* is not in a"),
+                            ('[{"start": 0, "length": 82433, "zero": false, "data": true}]', "entry 1: .* is not in a"),
+                            ('[{"offset": 0, "length": 9, "type": 0}, {"offset": 82020, "length": 413, "type": 1}]',
+                             "entry 2: .* is not in a"),
                             ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
                              "entry 2"),
                             (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),

@@ -1,6 +1,6 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
-import fcntl, os, shutil, struct, subprocess, time
+import fcntl, os, shutil, struct, subprocess, sys, time
 from pathlib import Path
 from random import randbytes
 
@@ -48,6 +48,13 @@ def data(offset, content, of_blocks=False):
 
 # Pieces that begin inside a block and reach beyond its end: what they add up to has no limit.
 ASKEW = [data(0, b"1") + data(1, bytes(BLOCK), of_blocks) + data(BLOCK + 1, bytes(BLOCK - 1)) for of_blocks in (0, 1)]
+
+# Runs a command and tells the memory of its largest process in KiB. Python in between, for a process begins with the
+# peak of the one that it was forked from.
+PEAK = """import resource, subprocess, sys
+code = subprocess.run(sys.argv[1:]).returncode
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+sys.exit(code)"""
 
 
 class RemoteCase(Case):
@@ -140,6 +147,28 @@ class Remote(RemoteCase):
             self.assertLessEqual(trips, most_trips, kinds)
             self.assertLess(sum(int(size) for *_, size in frames), most_bytes)
 
+    def test_memory_does_not_grow_with_the_images(self):
+        size = 15 << 40
+        for name in "near", "far":
+            try:
+                Path(name).touch()
+                os.truncate(name, size)
+            except OSError as error:
+                self.skipTest(f"no file of 15 TiB can be made here: {error}")
+        with open("near", "r+b") as file:
+            for offset in range(12345, size, size // 16):
+                os.pwrite(file.fileno(), randbytes(1 << 20), offset)
+        Path("waits").write_text('#!/bin/sh\nshift\n"$@"\nexit $?\n')  # so that the server's memory is counted, too
+        os.chmod("waits", 0o755)
+        for command in "sync near h:far --block-size 1M --json", "sync h:far near --check --json", "diff h:far near":
+            done = subprocess.run([sys.executable, "-c", PEAK, PROGRAM, *command.split(), "--rsh", "./waits",
+                                   "--remote-program", PROGRAM], capture_output=True, text=True, timeout=300,
+                                  env=dict(os.environ, ASAN_OPTIONS="quarantine_size_mb=16"))
+            self.assertEqual(done.returncode, 0, done)
+            self.assertLess(int(done.stdout.split()[-1]), 200 << 10, command)
+            if "near h:far" in command:
+                self.assertIn(f'"bytesCopied": {32 << 20},', done.stdout)
+
     def test_whatever_happens_to_the_line_nothing_is_untrue(self):
         for command, destination in (self.PUSH, "there/far"), (self.PULL, "near"):
             self.images()
@@ -195,6 +224,27 @@ class Remote(RemoteCase):
             copied = int(again.stdout.split('"bytesCopied": ')[1].split(",")[0])
             self.assertIn(copied, range(1, 70 << 20), "what arrived is not sent again")
             self.assertEqual(*map(Path.read_bytes, map(Path, names)))
+
+    def test_a_client_killed_while_its_bandwidth_is_limited(self):
+        for command in self.PUSH, self.PULL:
+            self.images()
+            flip("near", *range(0, 60 * BLOCK, BLOCK))
+            self.call("build near")
+            Path("log").write_text("")
+            client = subprocess.Popen([PROGRAM, *command.split(), "--rsh", RELAY, "--remote-program", PROGRAM,
+                                       f"--bwlimit={BLOCK}"], stdout=subprocess.DEVNULL,
+                                      env=dict(os.environ, RELAY_LOG="log"))
+            while client.poll() is None and Path("log").read_text().count(f" {DATA} ") < 2:  # of 60, a second each
+                time.sleep(0.01)
+            client.kill()
+            self.assertEqual(client.wait(), -9, "it was to be slower")
+            self.wait_for_server("there/far")
+            for name in "near", "there/far":
+                self.check_known(name)
+            self.remote(command)
+            self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+            for name in "near", "there/far":
+                self.check_hash_file(name)
 
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
@@ -323,6 +373,15 @@ class Remote(RemoteCase):
         for path in "far", "in", "sub/../far", "sub/inside", os.path.abspath("there/far"):
             self.assertEqual(self.serve(hello() + opening(path), *root)[0], OPENED, path)
         self.assertEqual(self.serve(hello() + opening("sub/fresh", True), *root)[0], OPENED)
+        os.symlink("there", "link")  # the root itself behind one, which absolute paths may name or not
+        os.symlink(".", "up")
+        for linked in "link", "link/", "up/there", os.path.abspath("link"):
+            given = os.path.abspath(linked)
+            for path, answer in (("/far", OPENED), ("/in", OPENED), ("/sub/../far", OPENED), ("/../outside", ERROR),
+                                 ("/out", ERROR), ("/back/outside", ERROR), ("", ERROR), ("/..", ERROR)):
+                for root_path in given, os.path.abspath("there"):
+                    self.assertEqual(self.serve(hello() + opening(root_path + path), "--root", linked)[0], answer,
+                                     (linked, root_path + path))
         files = {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()}
         read_only = (*root, "--read-only")
         self.assertEqual(self.serve(hello() + opening("far", True), *read_only)[0], ERROR)

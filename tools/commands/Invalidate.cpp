@@ -1,6 +1,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/Failure.h"
@@ -44,24 +45,25 @@ std::string contentOf(const std::string& path, const std::string& source)
     }
 }
 
-// In the image, all of them inside it.
-std::vector<Range> rangesIn(const HashedImage& hashed, RangeList list, const std::string& source, std::int64_t start)
+// In the image, all of them inside it; what a rounded size adds to it is cut off.
+std::vector<Range> rangesIn(const HashedImage& hashed, const RangeList& list, const std::string& source,
+                            std::int64_t start)
 {
-    const std::int64_t origin = list.isOnDevice ? start : 0;
-    std::int64_t number = 0;
-    for (Range& range : list.ranges) {
-        ++number;
-        const std::int64_t offset = range.offset - origin;
-        if (offset < 0 || offset + range.length > hashed.image().size()) {
+    const std::int64_t origin = list.isOnDevice() ? start : 0;
+    const std::int64_t size = hashed.image().size();
+    std::vector<Range> ranges;
+    for (const auto& [listed, number] : list.entries) {
+        const Range range = {listed.offset - origin, listed.length};
+        if (range.offset < 0 || range.end() > roundUp(size, list.sizeUnit())) {
             throw Failure(source,
-                          "range " + std::to_string(number) + ", " + std::to_string(range.offset) + " + "
-                              + std::to_string(range.length) + ", is not in " + hashed.image().path()
+                          placeIn(list.format, number) + ": " + std::to_string(listed.offset) + " + "
+                              + std::to_string(listed.length) + " is not in " + hashed.image().path()
                               + ", which reaches from " + std::to_string(origin) + " to "
-                              + std::to_string(origin + hashed.image().size()));
+                              + std::to_string(origin + size));
         }
-        range.offset = offset;
+        ranges.push_back(between(std::min(range.offset, size), std::min(range.end(), size)));
     }
-    return std::move(list.ranges);
+    return ranges;
 }
 
 } // namespace

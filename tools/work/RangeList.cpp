@@ -42,7 +42,7 @@ std::optional<Range> rangeOf(std::string_view line)
 
 RangeList parseLines(const std::string& text, const std::string& source)
 {
-    RangeList list {{}, true};
+    RangeList list {ListFormat::Lines, {}};
     std::istringstream lines(text);
     std::int64_t number = 0;
     for (std::string line; std::getline(lines, line);) {
@@ -53,10 +53,9 @@ RangeList parseLines(const std::string& text, const std::string& source)
         const std::optional<Range> range = rangeOf(line);
         if (!range) {
             throw Failure(source,
-                          "line " + std::to_string(number)
-                              + ": not a range like \"4096 + 8192\": " + line.substr(0, 100));
+                          placeIn(list.format, number) + ": not a range like \"4096 + 8192\": " + line.substr(0, 100));
         }
-        list.ranges.push_back(*range);
+        list.entries.push_back({*range, number});
     }
     return list;
 }
@@ -92,7 +91,7 @@ std::int64_t numberAt(const Json& entry, const char* name)
 
 RangeList parseEntries(const Json& document, const std::string& source, ListFormat format, MapEntries entries)
 {
-    RangeList list {{}, format == ListFormat::Diff};
+    RangeList list {format, {}};
     std::int64_t number = 0;
     for (const Json& entry : arrayOf(document, format)) {
         ++number;
@@ -103,10 +102,10 @@ RangeList parseEntries(const Json& document, const std::string& source, ListForm
                 throw std::invalid_argument("impossible range");
             }
             if (isListed(entry, format, entries)) {
-                list.ranges.push_back(range);
+                list.entries.push_back({range, number});
             }
         } catch (const std::exception& error) {
-            throw Failure(source, "entry " + std::to_string(number) + ": " + error.what());
+            throw Failure(source, placeIn(format, number) + ": " + error.what());
         }
     }
     return list;
@@ -122,6 +121,11 @@ ListFormat formatOf(const Json& document)
 }
 
 } // namespace
+
+std::string placeIn(ListFormat format, std::int64_t number)
+{
+    return (format == ListFormat::Lines ? "line " : "entry ") + std::to_string(number);
+}
 
 RangeList parseRangeList(const std::string& text, const std::string& source, std::optional<ListFormat> format,
                          MapEntries entries)

@@ -18,9 +18,23 @@ enum class ListFormat {
 
 enum class MapEntries { Data, Zero, All };
 
+// "line 3" or "entry 3"
+std::string placeIn(ListFormat format, std::int64_t number);
+
 struct RangeList {
-    std::vector<Range> ranges; // as they were listed
-    bool isOnDevice = false;   // offsets count from the start of the device, not of the image
+    struct Entry {
+        Range range;
+        std::int64_t number; // of its line, or among all entries; counted from 1
+    };
+
+    ListFormat format;
+    std::vector<Entry> entries; // as they were listed
+
+    // Offsets count from the start of the device, not of the image.
+    bool isOnDevice() const { return format == ListFormat::Lines || format == ListFormat::Diff; }
+
+    // What sizes are rounded up to: QEMU has images of whole sectors, over NBD as well.
+    std::int64_t sizeUnit() const { return isOnDevice() ? 1 : 512; }
 };
 
 // Offsets and lengths are not negative, and their sums no overflow. Nothing for the format: as it looks like. A

@@ -1,0 +1,90 @@
+// Writes inputs for the search in messages, of every kind at least one that is understood: message_seeds DIRECTORY
+#include <fstream>
+#include <iostream>
+#include <utility>
+#include <vector>
+
+#include "Messages.h"
+#include "remote/Channel.h"
+#include "remote/Messages.h"
+
+using namespace kelvane::tool;
+using kelvane::testing::Kind;
+
+namespace {
+
+constexpr std::int64_t BLOCK = 4096;
+
+std::string partOfMessage(const auto& write)
+{
+    FieldWriter to;
+    write(to);
+    return to.done();
+}
+
+std::string frame(FrameType type, const std::string& payload)
+{
+    const auto length = static_cast<std::uint8_t>(payload.size());
+    return FieldWriter().u8(static_cast<std::uint8_t>(type)).u8(length).bytes(payload.data(), length).done();
+}
+
+std::vector<std::pair<Kind, std::string>> seeds()
+{
+    const Open open {"disk.img", "disk.hashes", true, true, Trust::Nothing, 4, 1 << 20, 3, 1 << 20};
+    const Conclusion conclusion {false, "2 blocks repaired\n", false, "it was changed since", 5, 2};
+    const Digest digest(32, 7);
+    const std::string data(BLOCK, 'x');
+    const Digest ofBlocks = digestOfBlocks(data.data(), BLOCK, BLOCK);
+    const std::string frames = frame(FrameType::Hello, Hello().encode()) + frame(FrameType::Alive, "")
+        + frame(FrameType::Open, open.encode()) + frame(FrameType::Conclude, "");
+    const std::string unfinished("\x83\x01\x09\x00\x00\x00x", 7);
+    const std::string tooLong("\x83\x01\x00\x00\x20\x00x", 7);
+    return {
+        {Kind::Hello, Hello().encode()},
+        {Kind::Open, open.encode()},
+        {Kind::Start, encode(Start {BLOCK, 9 * BLOCK, 8 * BLOCK})},
+        {Kind::Started, encode(Started {1 << 20, 5, {1, 7, 8}})},
+        {Kind::Opening, encode(Opening {9 * BLOCK, false, true, "disk.img.hashes", BLOCK})},
+        {Kind::AskNodes, AskNodes {{18, {0, 3, 5}}, true}.encode()},
+        {Kind::AskBytes, AskBytes {{BLOCK, 99}, 10}.encode()},
+        {Kind::Digests, Digests {{digest, digest}, {}}.encode()},
+        {Kind::Digests, Digests {{}, conclusion}.encode()},
+        {Kind::Read, Read {{{0, BLOCK}, {3 * BLOCK, 2 * BLOCK}}, true}.encode()},
+        {Kind::Data, encode({{BLOCK, 1 << 20}, nullptr, {}}, 0)},
+        {Kind::Data, encode({{BLOCK, 9}, data.data(), {}}, 0)},
+        {Kind::Data, encode({{BLOCK, BLOCK}, data.data(), ofBlocks}, 3)},
+        {Kind::List, "# lines\n4096 + 8192\n0\t1\nequal; 5 blocks\n"},
+        {Kind::List, R"({"differing": [{"offset": 4096, "length": 9}]})"},
+        {Kind::List, R"([{"start": 0, "length": 4096, "zero": true, "data": false}])"},
+        {Kind::Bitmap, R"([{"offset": 0, "length": 4096, "type": 1}, {"offset": 4096, "length": 9, "type": 2}])"},
+        {Kind::Written, Written {{true, false}, conclusion}.encode()},
+        {Kind::End, partOfMessage([&](FieldWriter& to) { encode(to, std::optional(conclusion)); })},
+        {Kind::Concluded, partOfMessage([&](FieldWriter& to) { conclusion.encode(to); })},
+        {Kind::Stream, kelvane::testing::streamOf(frames)},
+        {Kind::Stream, kelvane::testing::streamOf(frames + unfinished)},
+        {Kind::Frames, frames},
+        {Kind::Frames, frames + unfinished},
+        {Kind::Frames, frames + unfinished + frames},
+        {Kind::Frames, frames + tooLong},
+        {Kind::Frames, frames + frame(static_cast<FrameType>(99), "x")},
+    };
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    if (count != 2) {
+        std::cerr << "usage: message_seeds DIRECTORY\n";
+        return 2;
+    }
+    int number = 0;
+    for (const auto& [kind, content] : seeds()) {
+        std::ofstream file(std::string(arguments[1]) + "/seed-" + std::to_string(100 + number++), std::ios::binary);
+        file << static_cast<char>(kind) << content;
+        if (!file.flush()) {
+            std::cerr << arguments[1] << ": cannot write\n";
+            return 1;
+        }
+    }
+}
