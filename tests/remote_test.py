@@ -165,7 +165,7 @@ class Remote(RemoteCase):
                                    "--remote-program", PROGRAM], capture_output=True, text=True, timeout=300,
                                   env=dict(os.environ, ASAN_OPTIONS="quarantine_size_mb=16"))
             self.assertEqual(done.returncode, 0, done)
-            self.assertLess(int(done.stdout.split()[-1]), 200 << 10, command)
+            self.assertLess(int(done.stdout.split()[-1]), 128 << 10, command)
             if "near h:far" in command:
                 self.assertIn(f'"bytesCopied": {32 << 20},', done.stdout)
 
