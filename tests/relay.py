@@ -2,12 +2,14 @@
 """Stands for ssh: relay.py HOST PROGRAM serve. Frames go through it one by one; by the environment:
 RELAY_LOG: the file for a line per frame, with direction, type and size; RELAY_AT: the number of the frame to which
 RELAY_DO is done: cut (both ways), truncate (and then cut), flip (a bit), silence (nothing more gets through);
+RELAY_HOLD: a type and a count: no frame of that type goes back before so many came from the client;
 RELAY_SERVE: further arguments of serve."""
 import os, struct, subprocess, sys, threading
 
 ALIVE = 20
 AT, DO, LOG = int(os.environ.get("RELAY_AT", "0")), os.environ.get("RELAY_DO"), os.environ.get("RELAY_LOG")
-count, lock = 0, threading.Lock()
+HOLD_TYPE, HOLD_COUNT = map(int, os.environ.get("RELAY_HOLD", "0 0").split())
+count, came, lock, released = 0, 0, threading.Lock(), threading.Event()
 
 
 def exactly(source, size):
@@ -21,13 +23,19 @@ def exactly(source, size):
 
 
 def pass_on(direction, source, target, server):
-    global count
+    global count, came
     while header := exactly(source, 13):
         payload = exactly(source, struct.unpack("<I", header[:4])[0])
         if payload is None:
             break
         frame = bytearray(header + payload)
+        if direction == "<" and header[4] == HOLD_TYPE:
+            released.wait()
         with lock:
+            if direction == ">" and header[4] != ALIVE:
+                came += 1
+                if came >= HOLD_COUNT:
+                    released.set()
             if header[4] != ALIVE:
                 count += 1
                 if LOG:

@@ -1,6 +1,6 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
-import fcntl, os, shutil, struct, subprocess, sys, time
+import fcntl, json, os, shutil, struct, subprocess, sys, time
 from pathlib import Path
 from random import randbytes
 
@@ -31,13 +31,14 @@ def encoded(frames):
     return stream
 
 
-def hello(version=1):
-    return frame(HELLO, struct.pack("<IIII", 0x484B564B, version, 1, 60))
+def hello(version=1, capabilities=1, timeout=60):
+    return frame(HELLO, struct.pack("<IIII", 0x484B564B, version, capabilities, timeout))
 
 
-def opening(path, destination=False, hash_file=""):
+def opening(path, destination=False, hash_file="", trust=0, jobs=1, level=0, rate=0):
     return frame(OPEN,
-                 string(path) + string(hash_file) + bytes([destination, 0, 0]) + struct.pack("<IBqIq", 1, 0, 0, 0, 0))
+                 string(path) + string(hash_file) + bytes([destination, 0, trust])
+                 + struct.pack("<IBqIq", jobs, 0, 0, level, rate))
 
 
 def data(offset, content, of_blocks=False):
@@ -168,6 +169,69 @@ class Remote(RemoteCase):
             self.assertLess(int(done.stdout.split()[-1]), 128 << 10, command)
             if "near h:far" in command:
                 self.assertIn(f'"bytesCopied": {32 << 20},', done.stdout)
+
+    def in_one_go(self, command, prepare, answer, question, more):
+        """Runs a command, and once again on a line on which no such answer comes before the client has sent all up to the
+        first such question, and some more: with what nobody waits for, that makes no difference."""
+        hold = {"log": "log"}
+        for _ in range(2):
+            Path("log").unlink(missing_ok=True)
+            prepare()
+            line = json.loads(self.remote(command + " --json", **hold).stdout)["line"]
+            self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+            if "log" in hold:
+                asked = [kind for direction, kind, _ in map(str.split, Path("log").read_text().splitlines())
+                         if direction == ">"] + [str(question)]
+                hold = {"hold": f"{answer} {asked.index(str(question)) + more}"}
+        return line["roundTrips"]
+
+    def test_asks_in_one_go_what_needs_no_answer(self):
+        self.images()
+        self.remote(self.PUSH)
+        for blocks, trips in ((), 1), ((3, 40), 2):
+            Path("changes").write_text("".join(f"{block * BLOCK} {BLOCK}\n" for block in blocks))
+
+            def change():
+                flip("near", *(block * BLOCK for block in blocks))
+                self.call("invalidate near --from changes --format lines")
+
+            self.assertEqual(self.in_one_go(self.PUSH, change, HELLO, START_WRITING, 0), trips)
+            self.check_known("there/far")
+        striped = b"".join(bytes([i % 2]) * 64 for i in range(20000))  # 10,000 ranges, of which 4096 go into one Read
+        for name in "near", "there/far":
+            Path(name).write_bytes(bytes(len(striped)))
+            Path(name + ".hashes").unlink()
+            self.call(f"build {name} --block-size 64")
+        self.in_one_go(self.PULL, lambda: Path("near").write_bytes(striped), DATA, READ, 2)
+
+    def test_changes_nothing_before_both_sides_agree(self):
+        self.images()
+        Path("there/short").write_bytes(bytes(5 * BLOCK))
+        self.call("build there/short --block-size 8K")
+        wrong = self.remote("sync near host:there/short", 2)
+        self.assertRegex(wrong.stderr, "its blocks have 4,096 bytes|made for a block size of 8192")
+        with open("near.hashes") as used:
+            fcntl.flock(used, fcntl.LOCK_EX)
+            for name in "short", "new":
+                self.assertRegex(self.remote(f"sync near host:there/{name}", 2).stderr, "near.hashes: .*in use")
+        self.assertEqual(Path("there/short").read_bytes(), bytes(5 * BLOCK))
+        self.assertFalse(Path("there/new").exists())
+        flip("near", 0)  # what is read for long is not read in vain
+        wrong = self.remote("sync near host:there/far.hashes", 2)
+        self.assertRegex(wrong.stderr, r"\Akelvane-hash: host: .*a hash file, not an image\n\Z")
+
+    def test_options_reach_the_other_side(self):
+        self.images()
+        told = encoded(hello(timeout=9) + opening("x", True, "y", trust=1, jobs=3, level=7, rate=1 << 20))
+        Path("liar").write_text(f"#!/bin/sh\nhead -c {len(told)} >got; cat answer; exec cat >/dev/null\n")
+        os.chmod("liar", 0o755)
+        for capabilities, text in (0xFFFFFFFF, "enough"), (0xFFFFFFFE, "has no zstd"):
+            Path("answer").write_bytes(encoded(hello(capabilities=capabilities) + frame(ERROR, b"enough")))
+            done = subprocess.run([PROGRAM, "sync", "near", "h:x", "--rsh", "./liar", "--jobs", "3", "--compress=7",
+                                   "--bwlimit", "1M", "--check", "--timeout", "9", "--dest-hash-file", "y"],
+                                  capture_output=True, text=True)
+            self.assertRegex(done.stderr, rf"\Akelvane-hash: h: .*{text}.*\n\Z")
+            self.assertEqual(Path("got").read_bytes(), told)
 
     def test_whatever_happens_to_the_line_nothing_is_untrue(self):
         for command, destination in (self.PUSH, "there/far"), (self.PULL, "near"):
@@ -316,6 +380,8 @@ class Remote(RemoteCase):
                          struct.pack("<BII", 0, level, len(indexes)) + struct.pack(f"<{len(indexes)}q", *indexes))
 
         lies = [hello() + opening(""), [], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
+                hello() + opening("near", jobs=1025), hello() + opening("near", level=20),
+                hello(capabilities=2) + opening("near", level=1),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
                 hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
                 hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.new", True, "./far"),

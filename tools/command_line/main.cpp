@@ -7,7 +7,6 @@
 #include <iostream>
 #include <kelvane/Logger.h>
 #include <limits>
-#include <thread>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
@@ -85,7 +84,6 @@ private:
 
     void addWork(CLI::App* app)
     {
-        m_common.jobs = std::max(1U, std::thread::hardware_concurrency());
         app->add_option("--jobs,-j", m_common.jobs, "Threads that hash; default: as many as cores")
             ->check(CLI::Range(1U, 1024U).description(""))
             ->type_name("N");

@@ -48,6 +48,7 @@ std::unique_ptr<Side> openSide(const ImageArguments& arguments, bool isDestinati
     open.isDestination = isDestination;
     open.adopts = arguments.hashFile.adopts;
     open.trust = common.trust;
+    open.jobs = common.jobs;
     if (const auto offset = arguments.hashFile.partitionOffset) {
         open.partitionOffset = static_cast<std::int64_t>(*offset);
     }
@@ -90,7 +91,7 @@ void addLineTraffic(Outcome& outcome, const Pair& pair)
     }
 }
 
-std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options)
+std::uint32_t commonBlockSize(Side& first, Side& second, const HashFileOptions& options)
 {
     const auto own = first.opening().blockSize;
     const auto other = second.opening().blockSize;

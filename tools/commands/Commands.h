@@ -93,7 +93,7 @@ struct Pair {
 void addLineTraffic(Outcome& outcome, const Pair& pair);
 
 // The block size for both: what was asked for, or that of a hash file that is there; they must not differ.
-std::uint32_t commonBlockSize(const Side& first, const Side& second, const HashFileOptions& options);
+std::uint32_t commonBlockSize(Side& first, Side& second, const HashFileOptions& options);
 
 Outcome build(const ImageArguments& arguments, bool afterCrash, const Common& common);
 Outcome info(const std::string& path);

@@ -10,7 +10,7 @@ Outcome diffSides(Side& first, Side& second, const PairArguments& arguments)
 {
     const auto [least, most] = std::minmax(first.opening().size, second.opening().size);
     const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
-    Comparison found = compare(first, second, {blockSize, 0, least});
+    Comparison found = compare(first, second, {blockSize, 0, least}, [] {});
     append(found.differing, between(least, most));
     const Changes changes(first, second);
 

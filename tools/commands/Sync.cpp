@@ -11,7 +11,7 @@ namespace kelvane::tool {
 
 namespace {
 
-void refuseUnfitPair(const Side& source, const Side& destination)
+void refuseUnfitPair(Side& source, Side& destination)
 {
     std::error_code error;
     const bool areNear = !source.isFar() && !destination.isFar();
@@ -23,6 +23,14 @@ void refuseUnfitPair(const Side& source, const Side& destination)
         throw Failure(destination.name(), destination.opening().size,
                       "the device is too small for an image of " + counted(source.opening().size, "byte"));
     }
+}
+
+// A far destination is brought to what the source is, whatever it was. Where its hash file is not needed to tell the
+// block size, it need not be waited for.
+std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, const HashFileOptions& options)
+{
+    const auto own = source.opening().blockSize;
+    return destination.isFar() && own == options.blockSize.value_or(own.value_or(0)) ? own : std::nullopt;
 }
 
 OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, ProgressMode mode)
@@ -50,12 +58,16 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
                   const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
-    refuseUnfitPair(source, destination);
-    const std::uint32_t blockSize = commonBlockSize(source, destination, arguments.first.hashFile);
+    const auto agreedBlockSize = [&] {
+        refuseUnfitPair(source, destination);
+        return commonBlockSize(source, destination, arguments.first.hashFile);
+    };
+    const auto foregone = foregoneBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;
+    const Comparison found
+        = compare(source, destination, {foregone ? *foregone : agreedBlockSize(), size, size}, agreedBlockSize);
     const std::int64_t formerSize = destination.opening().size;
     const std::int64_t newSize = destination.opening().isBlockDevice ? formerSize : size;
-    const Comparison found = compare(source, destination, {blockSize, newSize, size});
     const std::int64_t copied = totalLength(found.differing);
     const bool isWritten = copied > 0 || !how.isSparse; // holes may have to be filled where nothing differs
     const OwnChange change

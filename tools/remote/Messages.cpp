@@ -309,7 +309,7 @@ Digests Digests::decode(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
         Digests answer;
-        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES + 1, "digests");
+        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES, "digests");
         for (std::uint32_t i = 0; i < count; ++i) {
             answer.digests.push_back(digestFrom(from));
         }

@@ -176,18 +176,33 @@ RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& o
     m_channel->setTimeout(options.timeout);
     request(FrameType::Hello, hello.encode());
     request(FrameType::Open, open.encode());
-    try {
-        Hello::decode(m_channel->receive().payload);
-    } catch (const ProtocolError& error) {
-        throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
-    }
-    m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened)); });
-    m_opening.hashFile = m_host + ":" + printable(m_opening.hashFile, LONGEST_TEXT);
 }
 
 RemoteSide::~RemoteSide()
 {
     m_channel.reset(); // before the process is waited for
+}
+
+const Opening& RemoteSide::opening()
+{
+    if (!m_opening) {
+        beGreeted();
+        m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened)); });
+        m_opening->hashFile = m_host + ":" + printable(m_opening->hashFile, LONGEST_TEXT);
+    }
+    return *m_opening;
+}
+
+void RemoteSide::beGreeted()
+{
+    try {
+        const Hello hello = Hello::decode(m_channel->receive().payload);
+        if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
+            throw Failure(m_host, "the program there has no zstd; leave --compress away");
+        }
+    } catch (const ProtocolError& error) {
+        throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
+    }
 }
 
 template <class Work>
@@ -208,9 +223,13 @@ void RemoteSide::request(FrameType type, const std::string& payload)
     sending([&] { m_channel->send(type, payload); });
 }
 
-// The error that a side told before it closed the connection; that it is closed, if it told none.
+// The error that a side told before it closed the connection; that it is closed, if it told none. What was not yet
+// greeted by it may be no such side at all.
 void RemoteSide::throwWhatItSaid()
 {
+    if (!m_opening) {
+        beGreeted();
+    }
     for (;;) {
         tell(m_channel->receive());
     }
@@ -276,6 +295,7 @@ void RemoteSide::start(const Start& start)
 const Started& RemoteSide::started()
 {
     if (!m_started) {
+        opening();
         m_started = guarded([&] { return decodeStarted(answer(FrameType::Started)); });
     }
     return *m_started;
@@ -315,39 +335,53 @@ void RemoteSide::dropCache()
 
 void RemoteSide::read(const std::vector<Range>& ranges, bool /*withDigests*/, const Sink& sink)
 {
+    if (ranges.empty()) {
+        return;
+    }
     m_conclusion.reset();
     transfer(
         *m_channel, [&](const Deliver& deliver) { receive(ranges, deliver); }, sink);
 }
 
+// The next ranges are asked for before the data of these has come, so that the line is never idle.
 void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& deliver)
 {
-    for (std::size_t first = 0; first < ranges.size(); first += RANGES_AT_ONCE) {
+    const auto readFrom = [&](std::size_t first) {
         const auto from = ranges.begin() + static_cast<std::ptrdiff_t>(first);
         const auto count = std::min(RANGES_AT_ONCE, ranges.size() - first);
-        const bool isLast = first + count == ranges.size();
-        const Read some {{from, from + static_cast<std::ptrdiff_t>(count)}, isLast};
-        request(FrameType::Read, some.encode());
-        for (Range rest : some.ranges) {
-            while (rest.length > 0) {
-                auto received = guarded([&] {
-                    return ReceivedStretch::decode(answer(FrameType::Data), rest.offset,
-                                                   {m_start.blockSize, rest.end()});
-                });
-                if (received.range.offset != rest.offset) {
-                    throw Failure(m_host, "data is missing");
-                }
-                rest = between(received.range.end(), rest.end());
-                deliver(std::move(received));
-            }
+        return Read {{from, from + static_cast<std::ptrdiff_t>(count)}, first + count == ranges.size()};
+    };
+    Read next = readFrom(0);
+    request(FrameType::Read, next.encode());
+    for (std::size_t done = RANGES_AT_ONCE; !next.ranges.empty(); done += RANGES_AT_ONCE) {
+        const Read read = std::exchange(next, readFrom(std::min(done, ranges.size())));
+        if (!next.ranges.empty()) {
+            sending([&] { m_channel->send(FrameType::Read, next.encode()); });
         }
-        guarded([&] {
-            const std::string payload = answer(FrameType::End);
-            FieldReader end(payload);
-            m_conclusion = decodeConclusion(end);
-            end.end();
-        });
+        receive(read, deliver);
     }
+}
+
+void RemoteSide::receive(const Read& read, const Deliver& deliver)
+{
+    for (Range rest : read.ranges) {
+        while (rest.length > 0) {
+            auto received = guarded([&] {
+                return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()});
+            });
+            if (received.range.offset != rest.offset) {
+                throw Failure(m_host, "data is missing");
+            }
+            rest = between(received.range.end(), rest.end());
+            deliver(std::move(received));
+        }
+    }
+    guarded([&] {
+        const std::string payload = answer(FrameType::End);
+        FieldReader end(payload);
+        m_conclusion = decodeConclusion(end);
+        end.end();
+    });
 }
 
 void RemoteSide::startWriting(bool isSparse)

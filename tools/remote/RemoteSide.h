@@ -42,7 +42,7 @@ public:
 
     const std::string& name() const override { return m_name; }
     bool isFar() const override { return true; }
-    const Opening& opening() const override { return m_opening; }
+    const Opening& opening() override;
     void openHashes(const Start& /*start*/) override { }
     void start(const Start& start) override;
     const Started& started() override;
@@ -71,12 +71,14 @@ private:
     auto guarded(Work work); // errors of the protocol name the host
     template <class Work>
     void sending(Work work); // an error that the other side told is what comes out
+    void beGreeted();
     void request(FrameType type, const std::string& payload = {});
     std::string answer(FrameType type);
     bool tell(const Frame& frame) const; // an error, or a note: true
     void show(const std::string& payload);
     void throwWhatItSaid();
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);
+    void receive(const Read& read, const Deliver& deliver);
 
     std::string m_name;
     std::string m_host;
@@ -84,7 +86,7 @@ private:
     ProgressMode m_mode;
     std::unique_ptr<Peer> m_peer;
     std::unique_ptr<Channel> m_channel;
-    Opening m_opening;
+    std::optional<Opening> m_opening;
     Start m_start;
     std::optional<Started> m_started;
     bool m_hasAsked = false; // since the last answer

@@ -2,7 +2,6 @@
 
 #include <memory>
 #include <optional>
-#include <thread>
 #include <utility>
 
 #include "base/Interrupt.h"
@@ -76,7 +75,9 @@ private:
     {
         const std::string payload = expect(FrameType::Hello);
         m_channel.send(FrameType::Hello, Hello().encode()); // so that a side of another version can tell
-        m_channel.setTimeout(std::chrono::seconds(Hello::decode(payload).timeout));
+        const Hello hello = Hello::decode(payload);
+        m_channel.setTimeout(std::chrono::seconds(hello.timeout));
+        m_takesZstd = (hello.capabilities & Hello::ZSTD) != 0;
     }
 
     void open(const Open& open)
@@ -87,9 +88,12 @@ private:
         if (m_arguments.isReadOnly && open.isDestination) {
             throw Failure(open.path, "nothing is written here: served read-only");
         }
+        if (open.compression > 0 && !m_takesZstd) {
+            throw ProtocolError("zstd for a side that has none");
+        }
         m_form.compression = open.compression;
         m_channel.limitBandwidth(open.bytesPerSecond);
-        m_common.jobs = open.jobs > 0 ? open.jobs : std::max(1U, std::thread::hardware_concurrency());
+        m_common.jobs = open.jobs;
         m_common.progress = ProgressMode::None;
         m_common.trust = open.trust;
         HashFileOptions options;
@@ -103,7 +107,6 @@ private:
         const auto access = open.isDestination ? Image::Access::WriteOrMissing : Image::Access::Read;
         m_side = std::make_unique<LocalSide>(path, access, options, m_common);
         m_isDestination = open.isDestination;
-        m_size = m_side->opening().size;
         Opening opening = m_side->opening();
         opening.hashFile = shown(opening.hashFile);
         m_channel.send(FrameType::Opened, encode(opening));
@@ -111,13 +114,12 @@ private:
 
     void start(const Start& start)
     {
-        if (start.compared > (m_isDestination ? start.targetSize : m_size)
-            || (m_isDestination && m_side->opening().isBlockDevice && start.targetSize != m_size)) {
+        m_size = m_side->sizeAfter(start);
+        if (start.compared > m_size) {
             throw ProtocolError("more than there is");
         }
         m_form.blockSize = start.blockSize;
         m_form.end = start.compared;
-        m_size = m_isDestination ? start.targetSize : m_size;
         Progress::listen([this](const std::string& phase, std::int64_t done, std::int64_t total) {
             m_channel.sendIfIdle(FrameType::Progress, FieldWriter().string(phase).i64(done).i64(total).done());
         });
@@ -246,6 +248,7 @@ private:
     std::optional<ServedPaths> m_paths;
     Common m_common;
     std::unique_ptr<LocalSide> m_side;
+    bool m_takesZstd = false;
     bool m_isDestination = false;
     DataForm m_form;
     std::int64_t m_size = 0;

@@ -158,10 +158,11 @@ std::int64_t holeSliceSize(std::int64_t blockSize)
     return std::max(sliceSize(blockSize), BLOCKS <= HOLE / blockSize ? BLOCKS * blockSize : inBlocks(HOLE, blockSize));
 }
 
-Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobs,
+Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
                   Progress& progress, const Work& work)
 {
     std::atomic<bool> stop = false;
+    const unsigned jobs = jobsWanted > 0 ? jobsWanted : std::max(1U, std::thread::hardware_concurrency());
     const std::int64_t pieceSize = inBlocks(PIECE, hashFile.store().blockSize());
     if (jobs <= 1) {
         Store& store = hashFile.store();

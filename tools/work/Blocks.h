@@ -20,7 +20,7 @@ enum class Trust {
 
 // How a command works, whatever it does.
 struct Common {
-    unsigned jobs = 1; // threads that read and hash
+    unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
     ProgressMode progress = ProgressMode::Automatic;
     Trust trust = Trust::Evidence;
 };
@@ -49,7 +49,7 @@ std::int64_t holeSliceSize(std::int64_t blockSize);
 
 // With several jobs, each has its own thread and store. They never share a block, so no store sees or overwrites what
 // another one stored. Stops with Interrupted.
-Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobs,
+Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
                   Progress& progress, const Work& work);
 
 } // namespace kelvane::tool

@@ -26,9 +26,10 @@ class TreeComparison {
     };
 
 public:
-    TreeComparison(Side& first, Side& second, const Start& start)
+    TreeComparison(Side& first, Side& second, const Start& start, const std::function<void()>& refuse)
         : m_sides {&first, &second}
         , m_start(start)
+        , m_refuse(refuse)
         , m_blocks(start.compared / start.blockSize)
         , m_root {levelFor(m_blocks), {0}}
     {
@@ -43,20 +44,11 @@ public:
         for (Side* const side : m_sides) {
             side->openHashes(m_start);
         }
-        for (Side* const side : m_sides) { // in one go, for the far one
-            if (side == m_sides[1] && side->isChangedBy(m_start)) {
-                m_sides[0]->started();
-            }
-            side->start(m_start);
-            if (tail.length
-                > 0) { // the hash of a part of a block would be that of a whole one, which can be far larger
-                side->askBytes(tail, tail.length);
-            }
-            if (m_blocks > 0) {
-                side->ask(m_root);
-            }
-        }
+        start(*m_sides[0], tail); // in one go with what it is asked
+        waitBeforeStarting(*m_sides[1]);
+        start(*m_sides[1], tail);
         guess(m_sides[1]->started().newBlocks);
+        m_refuse();
         Comparison result;
         for (Side* const side : m_sides) {
             result.bytesRead += side->started().bytesRead + tail.length;
@@ -75,6 +67,28 @@ public:
     }
 
 private:
+    void start(Side& side, Range tail)
+    {
+        side.start(m_start);
+        if (tail.length > 0) { // the hash of a part of a block would be that of a whole one, which can be far larger
+            side.askBytes(tail, tail.length);
+        }
+        if (m_blocks > 0) {
+            side.ask(m_root);
+        }
+    }
+
+    // For the other one, where it is not to be started in vain.
+    void waitBeforeStarting(Side& near)
+    {
+        if (near.takesLong() || near.isChangedBy(m_start)) {
+            m_refuse();
+        }
+        if (near.isChangedBy(m_start)) {
+            m_sides[0]->started();
+        }
+    }
+
     // Over a line, what would be asked level by level if just these blocks differed is asked at once.
     void guess(const std::vector<std::int64_t>& blocks)
     {
@@ -191,6 +205,7 @@ private:
 
     std::array<Side*, 2> m_sides; // the far one first
     Start m_start;
+    const std::function<void()>& m_refuse;
     std::int64_t m_blocks;
     Nodes m_root;
     std::vector<Nodes> m_guesses;     // which were asked, and not yet answered
@@ -201,9 +216,9 @@ private:
 
 } // namespace
 
-Comparison compare(Side& first, Side& second, const Start& start)
+Comparison compare(Side& first, Side& second, const Start& start, const std::function<void()>& refuse)
 {
-    return TreeComparison(first, second, start).run();
+    return TreeComparison(first, second, start, refuse).run();
 }
 
 std::optional<std::int64_t> firstDifference(Side& first, Side& second, Range range,

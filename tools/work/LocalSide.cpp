@@ -56,15 +56,13 @@ LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOpti
 void LocalSide::openHashes(const Start& start)
 {
     m_options.blockSize = start.blockSize;
-    m_hashed.emplace(m_image,
-                     HashFile::openOrCreate(m_image, m_options, m_isDestination ? start.targetSize : m_image.size(),
-                                            m_common.progress),
+    m_hashed.emplace(m_image, HashFile::openOrCreate(m_image, m_options, sizeAfter(start), m_common.progress),
                      m_common);
 }
 
 void LocalSide::start(const Start& start)
 {
-    m_isDestination ? prepare(start.targetSize) : m_hashed->adaptToImage();
+    m_isDestination ? prepare(sizeAfter(start)) : m_hashed->adaptToImage();
     m_hashed->complete(m_hashed->believes() ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
     const Geometry& geometry = m_hashed->hashFile().geometry();
     m_started = {geometry.partitionOffset, m_hashed->traffic().read, m_hashed->newBlocks()};

@@ -26,13 +26,14 @@ public:
 
     const std::string& name() const override { return m_image.path(); }
     bool isFar() const override { return false; }
-    const Opening& opening() const override { return m_opening; }
+    const Opening& opening() override { return m_opening; }
     void openHashes(const Start& start) override;
     void start(const Start& start) override;
     bool isChangedBy(const Start& start) const override
     {
-        return m_isDestination && (m_image.isMissing() || m_image.size() != start.targetSize);
+        return m_image.isMissing() || m_image.size() != sizeAfter(start);
     }
+    bool takesLong() const override { return !m_hashed->believes(); }
     const Started& started() override { return m_started; }
     void ask(const Nodes& nodes) override;
     void askBytes(Range range, std::int64_t unit) override;
@@ -47,6 +48,12 @@ public:
     bool conclude() override { return m_hashed->conclude(); }
     std::string remarks() const override { return m_hashed->text(); }
     nlohmann::ordered_json freshness() const override { return m_hashed->json(); }
+
+    // The image's size once the side is started.
+    std::int64_t sizeAfter(const Start& start) const
+    {
+        return m_isDestination && !m_image.isBlockDevice() ? start.targetSize : m_image.size();
+    }
 
     // The aggregate hash of whole blocks, from what is known of them.
     Digest digestOf(Range blocks);

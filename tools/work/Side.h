@@ -37,7 +37,7 @@ struct Opening {
 
 struct Start {
     std::uint32_t blockSize = 0;
-    std::int64_t targetSize = 0; // to which a destination is brought
+    std::int64_t targetSize = 0; // to which a destination is brought; a block device keeps its own
     std::int64_t compared = 0;   // how much of the image will be compared
 };
 
@@ -73,8 +73,8 @@ public:
     virtual ~Side() = default;
 
     virtual const std::string& name() const = 0;
-    virtual bool isFar() const = 0; // best asked first
-    virtual const Opening& opening() const = 0;
+    virtual bool isFar() const = 0;       // best asked first
+    virtual const Opening& opening() = 0; // a far side may have to be waited for
 
     // Opens the hash file, or makes it. To be called for both before either is started, for no image is touched
     // before. A far side does that when it is started.
@@ -85,6 +85,10 @@ public:
 
     // Whether that creates or resizes an image on this machine, which must wait until the other side has agreed.
     virtual bool isChangedBy(const Start& /*start*/) const { return false; }
+
+    // Whether that reads all of an image on this machine: what is wrong with the other side is best known before.
+    virtual bool takesLong() const { return false; }
+
     virtual const Started& started() = 0;
 
     // The hashes of nodes, at most MOST_NODES; waited for by `digests`, which has as many.
