@@ -45,23 +45,23 @@ class Direction:
             self.on_the_way.appendleft((due, data[done:]))
 
 
-def carry(directions):
-    while any(direction.is_open() for direction in directions):
+def carry(there, back):
+    """Until the far side has nothing more to say, and that has arrived."""
+    open_ones = [there, back]
+    while back.is_open():
         now = time.monotonic()
-        reads = sum((direction.reads() for direction in directions), [])
-        writes = sum((direction.writes(now) for direction in directions), [])
-        due = [direction.on_the_way[0][0] - now for direction in directions if direction.on_the_way]
-        later = [wait for wait in due if wait > 0]
-        readable, writable, _ = select.select(reads, writes, [], min(later) if later else None)
-        for direction in directions:
+        reads = sum((direction.reads() for direction in open_ones), [])
+        writes = sum((direction.writes(now) for direction in open_ones), [])
+        waits = [direction.on_the_way[0][0] - now for direction in open_ones if direction.on_the_way]
+        readable, writable, _ = select.select(reads, writes, [], min((w for w in waits if w > 0), default=None))
+        for direction in open_ones:
             if direction.source in readable:
                 direction.take()
             if direction.target in writable:
                 direction.give()
-        for direction in list(directions):
-            if not direction.is_open():
-                os.close(direction.target)
-                directions.remove(direction)
+        if there in open_ones and not there.is_open():
+            os.close(there.target)
+            open_ones.remove(there)
 
 
 def main():
@@ -77,7 +77,7 @@ def main():
     os.close(far_output)
     there, back = Direction(0, to_far), Direction(from_far, 1)
     try:
-        carry([there, back])
+        carry(there, back)
     except BrokenPipeError:
         pass
     os.closerange(3, 256)  # when one side has gone, the other learns it
