@@ -6,6 +6,9 @@ from pathlib import Path
 
 SLOW = "*FaultSweep*:CrashTest*:CorruptFile*"
 TESTS = os.path.dirname(os.path.abspath(__file__))
+# Of the program. Those of the file that has the bug come first.
+PROGRAM_TESTS = {"Sync|Copier": "sync_test.py", "tools/(base|terminal|image|hash_file|command)": "kelvane_hash_test.py",
+                 "SideFiles": "side_files_test.py", "tools/remote": "remote_test.py", "^$": "truth_test.py"}
 
 
 def bugs(options):
@@ -45,10 +48,11 @@ def failing_tests_of_library(build, everything, environment):
     return failed
 
 
-def failing_tests_of_program(build, everything, environment):
+def failing_tests_of_program(build, everything, environment, path):
     failed = []
     environment = environment if everything else dict(environment, FAIL_FAST="1")
-    for test in ("kelvane_hash_test.py", "sync_test.py", "side_files_test.py", "remote_test.py", "truth_test.py"):
+    first = [test for names, test in PROGRAM_TESTS.items() if path and re.search(names, str(path))]
+    for test in dict.fromkeys(first + list(PROGRAM_TESTS.values())):
         done = run([sys.executable, "-B", os.path.join(TESTS, test), build + "/tools/kelvane-hash",
                     build + "/tests/libcall_shim.so"], environment)
         names = re.findall(r"^(?:FAIL|ERROR): (\w+) ", done.stderr, re.MULTILINE)
@@ -77,8 +81,9 @@ def main():
             sys.exit(f"{directory}: does not compile: {line}\n{made.stderr.decode()[-2000:]}")
         with tempfile.TemporaryDirectory() as temporary:  # a crash leaves files behind
             environment = dict(os.environ, TMPDIR=temporary, GTEST_BRIEF="1")
-            failing_tests = failing_tests_of_program if directory == "tools" else failing_tests_of_library
-            tests = failing_tests(build, "--all" in options, environment)
+            everything = "--all" in options
+            tests = failing_tests_of_program(build, everything, environment, path) if directory == "tools" \
+                else failing_tests_of_library(build, everything, environment)
         if not path:
             assert not tests, f"the tests fail without any bug: {tests}"
             continue
