@@ -1,22 +1,17 @@
 """Drives kelvane-hash and the example programs from end to end: kelvane_hash_test.py PROGRAM SHIM [EXAMPLE EXAMPLE]
 Expected hashes come from the images alone, by oracle.py, which checks the hash files too."""
-import ctypes, fcntl, os, random, re, resource, shutil, signal, unittest
+import fcntl, os, random, re, resource, shutil, signal, unittest
 from pathlib import Path
 from random import randbytes
 from subprocess import PIPE, Popen, run
 
-from program import BLOCK, DEVICE, EXAMPLES, ORACLE, PROGRAM, Case, built, flip, images, main
+from program import BLOCK, DEVICE, EXAMPLES, ORACLE, PROGRAM, Case, built, drop_override, flip, images, main
 
 ENTRIES, ENTRY = 4096, 33  # in a hash file, the start of the entries and the size of one
 
 
 def limit_files(size):
     return {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))}
-
-
-def drop_override():
-    """A file that may not be written is not written by the superuser either."""
-    ctypes.CDLL(None).prctl(24, 1)
 
 
 def grown():
@@ -152,6 +147,19 @@ class Answers(Case):
         done = self.call("build a --check -j 1", 1, shim=changes)
         self.assertIn("changed: a was changed while", done.stdout)
         self.assertEqual(self.json("build a --check -j 1", 1, shim=changes)["changedMeanwhile"], ["a"])
+        self.call("build a")
+        flip("a", 5 * BLOCK)
+        self.call("build a --check")
+        Path("list").write_text("1048576 100")
+        self.call("invalidate a --from list")
+        disturbs = {"SHIM_AT": "mmap a",  # before it writes itself
+                    "SHIM_DO": "printf x | dd of=a.hashes bs=1 seek=4500 conv=notrunc status=none"}
+        self.assertIn("a.hashes: was changed or replaced", self.call("build a -j 1", 1, shim=disturbs).stdout)
+        self.assertEqual(self.json("build a")["freshness"]["doubt"], CUT_SHORT)
+        grows = {"SHIM_AT": "fsync a", "SHIM_DO": "head -c 5000 /dev/zero >>a"}  # between its opening and a first look
+        self.assertIn("changed: a was changed while", self.call("build a --check", 1, shim=grows).stdout)
+        os.truncate("a", 20 * BLOCK + 100)
+        self.call("build a")
         shutil.copyfile("a", "same")
         touched = {"SHIM_AT": "mmap a", "SHIM_DO": "touch a"}
         self.assertRegex(self.call("diff a same --check -j 1", 1, shim=touched).stdout, r"\nchanged: a .*\nundecided; ")

@@ -1,5 +1,5 @@
 """What the tests of the program share; they are called with PROGRAM SHIM [EXAMPLE EXAMPLE]."""
-import json, mmap, os, random, sys, tempfile, unittest
+import ctypes, json, mmap, os, random, sys, tempfile, unittest
 from pathlib import Path
 from random import randbytes
 from subprocess import PIPE, run
@@ -15,6 +15,11 @@ def flip(path, *offsets):
     with open(path, "r+b") as file, mmap.mmap(file.fileno(), 0) as data:
         for offset in offsets:
             data[offset] ^= 255
+
+
+def drop_override():
+    """A file that may not be written is not written by the superuser either."""
+    ctypes.CDLL(None).prctl(24, 1)
 
 
 def images():

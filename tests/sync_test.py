@@ -3,7 +3,7 @@ import os
 from pathlib import Path
 from random import randbytes
 
-from program import BLOCK, PROGRAM, RELAY, Case, built, flip, main
+from program import BLOCK, PROGRAM, RELAY, Case, built, drop_override, flip, main
 
 FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
 
@@ -63,6 +63,42 @@ class Sync(Case):
                 "SHIM_DO": f"printf xy | dd of=b bs=1 seek={20 * BLOCK + 98} conv=notrunc status=none"}
         self.assertEqual(self.json("sync a b --verify", 1, shim=tail)["firstDifference"], 20 * BLOCK + 98)
         self.call("sync a b --verify")
+
+    def test_what_others_write_at_the_same_time_is_in_no_hash(self):
+        built()
+        with open("b", "r+b"):
+            self.assertTrue(self.json("sync a b")["verified"], "who has it open can write to it unnoticed")
+        stripes = b"".join(bytes([i % 2]) * 64 for i in range(20000))  # copied in three batches
+        for at in 1 / 3, 2 / 3:
+            for end in "TERM", "KILL":
+                for name, content in ("a", stripes), ("b", bytes(len(stripes))):
+                    for path in name, name + ".hashes", name + ".hashes.state":
+                        Path(path).unlink(missing_ok=True)
+                    Path(name).write_bytes(content)
+                    self.call(f"build {name} --block-size 64")
+                if (at, end) == (1 / 3, "TERM"):
+                    writes = [i for i, call in enumerate(self.calls("sync a b"), 1) if call == "pwrite b"]
+                    Path("b").write_bytes(bytes(len(stripes)))
+                    self.call("build b")
+                foreign = f"printf x | dd of=b bs=1 conv=notrunc status=none; kill -{end} $PPID"
+                shim = {"SHIM_AT": str(writes[int(at * len(writes))]), "SHIM_DO": foreign}
+                self.call("sync a b", {"TERM": 143, "KILL": -9}[end], shim=shim)
+                self.call("sync a b")
+                self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes(), (at, end))
+
+    def test_a_hash_file_that_cannot_be_written_is_noticed_before_anything_is_changed(self):
+        for size in 5000, 900:  # of DEST
+            for unwritable, command in ("b", "sync a b"), ("b", f"sync a h:b {FAR}"), ("a", f"sync a h:b {FAR}"):
+                for name, length in ("a", 3000), ("b", size):
+                    Path(name + ".hashes").unlink(missing_ok=True)
+                    Path(name).write_bytes(randbytes(length))
+                    self.call(f"build {name} --block-size 512 --adopt")
+                if unwritable == "a":
+                    os.truncate("a", 2000)
+                before = Path("b").read_bytes()
+                os.chmod(unwritable + ".hashes", 0o444)
+                self.check_complaint(command, "cannot be written", preexec_fn=drop_override)
+                self.assertEqual(Path("b").read_bytes(), before, (size, unwritable, command))
 
     def test_sync_keeps_holes(self):
         Path("s").write_bytes(randbytes(1 << 20))

@@ -316,6 +316,15 @@ void HashFile::reopenStore()
     m_store = std::make_unique<Store>(anotherStore());
 }
 
+void HashFile::checkAdaptable(std::int64_t targetSize) const
+{
+    if (!isWritable()) {
+        throw Failure(m_path,
+                      "records a size of " + counted(m_geometry.targetSize, "byte") + ", not "
+                          + counted(targetSize, "byte") + ", and cannot be written");
+    }
+}
+
 void HashFile::forgetBehind(std::int64_t targetSize)
 {
     if (targetSize < m_geometry.targetSize) {
@@ -326,11 +335,6 @@ void HashFile::forgetBehind(std::int64_t targetSize)
 
 void HashFile::adapt(std::int64_t targetSize)
 {
-    if (!isWritable()) {
-        throw Failure(m_path,
-                      "records a size of " + counted(m_geometry.targetSize, "byte") + ", not "
-                          + counted(targetSize, "byte") + ", and cannot be written");
-    }
     const std::int64_t known = std::exchange(m_geometry.targetSize, targetSize);
     reopenStore();
     if (targetSize > known) {

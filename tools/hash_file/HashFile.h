@@ -59,6 +59,7 @@ public:
     template <class ChangeImage>
     void resize(std::int64_t targetSize, ChangeImage changeImage)
     {
+        checkAdaptable(targetSize);
         forgetBehind(targetSize);
         changeImage();
         adapt(targetSize);
@@ -92,6 +93,7 @@ private:
     static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
     void checkOptions(const HashFileOptions& options) const;
     void checkOwner(const Image& image, const HashFileOptions& options);
+    void checkAdaptable(std::int64_t targetSize) const;
     void forgetBehind(std::int64_t targetSize);
     void adapt(std::int64_t targetSize);
 

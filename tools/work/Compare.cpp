@@ -44,9 +44,7 @@ public:
         for (Side* const side : m_sides) {
             side->openHashes(m_start);
         }
-        start(*m_sides[0], tail); // in one go with what it is asked
-        waitBeforeStarting(*m_sides[1]);
-        start(*m_sides[1], tail);
+        startBoth(tail);
         guess(m_sides[1]->started().newBlocks);
         m_refuse();
         Comparison result;
@@ -67,6 +65,21 @@ public:
     }
 
 private:
+    // The far side in one go with what it is asked, and while that is on its way, the near one.
+    void startBoth(Range tail)
+    {
+        Side& near = *m_sides[1];
+        const bool isNearFirst = near.mayFailToStore() && !near.isChangedBy(m_start);
+        if (!isNearFirst) {
+            start(*m_sides[0], tail);
+        }
+        waitBeforeStarting(near);
+        start(near, tail);
+        if (isNearFirst) {
+            start(*m_sides[0], tail);
+        }
+    }
+
     void start(Side& side, Range tail)
     {
         side.start(m_start);

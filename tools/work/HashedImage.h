@@ -34,6 +34,7 @@ public:
 
     const Image& image() const { return m_image; }
     HashFile& hashFile() { return m_hashFile; }
+    const HashFile& hashFile() const { return m_hashFile; }
     Store& store() { return m_hashFile.store(); }
 
     bool believes() const { return m_believes; }

@@ -86,10 +86,7 @@ void LocalSide::prepare(std::int64_t size)
         if (m_image.size() == size) {
             return;
         }
-        const OwnChange change = m_hashed->changeImage([&] { m_image.resize(size); });
-        if (!change.wasUnchanged || !change.wasAlone) {
-            m_hashed->believe(false);
-        }
+        disbelieveUnlessAlone(m_hashed->changeImage([&] { m_image.resize(size); }));
     };
     if (fits) {
         resizeImage();
@@ -236,11 +233,16 @@ OwnChange LocalSide::finishWriting()
         m_copier->fillHoles(progress);
     }
     m_hashed->flushHashes();
-    const OwnChange& change = m_copier->ownChange();
+    disbelieveUnlessAlone(m_copier->ownChange());
+    return m_copier->ownChange();
+}
+
+// What others changed meanwhile is in no hash.
+void LocalSide::disbelieveUnlessAlone(const OwnChange& change)
+{
     if (!change.wasUnchanged || !change.wasAlone) {
         m_hashed->believe(false);
     }
-    return change;
 }
 
 void LocalSide::abandon()
@@ -250,6 +252,7 @@ void LocalSide::abandon()
         if (m_copier) {
             m_copier->dropPartOfBlock();
             m_copier->flush();
+            disbelieveUnlessAlone(m_copier->ownChange());
         }
         if (m_hashed) {
             m_hashed->flushHashes();

@@ -34,6 +34,7 @@ public:
         return m_image.isMissing() || m_image.size() != sizeAfter(start);
     }
     bool takesLong() const override { return !m_hashed->believes(); }
+    bool mayFailToStore() const override { return !m_hashed->hashFile().isWritable(); }
     const Started& started() override { return m_started; }
     void ask(const Nodes& nodes) override;
     void askBytes(Range range, std::int64_t unit) override;
@@ -65,6 +66,7 @@ private:
     };
 
     void prepare(std::int64_t size);
+    void disbelieveUnlessAlone(const OwnChange& change);
     Next nextOf(Range rest) const;
     void readPiece(Range piece, bool withDigests, const Sink& sink);
     Range rangeOf(int level, std::int64_t index) const;

@@ -89,6 +89,10 @@ public:
     // Whether that reads all of an image on this machine: what is wrong with the other side is best known before.
     virtual bool takesLong() const { return false; }
 
+    // Whether that can end because its hash file, on this machine, cannot be written: what is wrong with this side is
+    // best known before the other one is changed.
+    virtual bool mayFailToStore() const { return false; }
+
     virtual const Started& started() = 0;
 
     // The hashes of nodes, at most MOST_NODES; waited for by `digests`, which has as many.
