@@ -109,6 +109,10 @@ class Sync(Case):
             self.call(f"sync s t --verify {options}")
             self.assertIn(on_disk("t"), holds)
             self.check_hash_file("t")
+        os.truncate("s", 99 << 20)
+        Path("large").write_bytes(randbytes(99 << 20))
+        self.call("sync s large --verify --block-size 3M --source-hash-file s3")  # a long hole begins within a block
+        self.assertIn(on_disk("large"), range(1 << 20, 8 << 20))
         os.truncate("s", 15 << 40)
         self.call("sync s t --block-size 1M --source-hash-file s2 --dest-hash-file t2")
         self.assertLess(on_disk("t"), 42 << 20)
