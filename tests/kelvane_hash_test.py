@@ -387,6 +387,11 @@ class KelvaneHash(Case):
                     '{"start": 4096, "length": 8192, "zero": false, "data": true}, '
                     '{"start": 77824, "length": 4196, "zero": false, "data": true}, '
                     '{"start": 82020, "length": 412, "zero": true, "data": false}]', 3 * BLOCK)}
+        Path("a.hashes.state").unlink()  # what is told need not be all that has changed
+        Path("told").write_text(f"{DEVICE} + 1\n")
+        self.assertFalse(self.json("invalidate a --from told")["recorded"])
+        self.assertEqual(self.json("build a")["freshness"]["repairedBlocks"], 2)
+        flip("a", 3 * BLOCK, 12 * BLOCK)
         for name, (text, unknown) in lists.items():
             Path(name).write_text(text)
             self.call("build a")

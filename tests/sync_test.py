@@ -52,6 +52,16 @@ class Sync(Case):
                           f"--dest-hash-file t{block} --adopt {FAR}")
                 self.assertEqual(Path("t").read_bytes(), Path(source).read_bytes())
                 self.call(f"verify t --hash-file t{block}")
+                self.assertEqual(self.json(f"info t{block}")["unknownBlocks"], 0)
+
+    def test_every_slice_of_a_large_image_counts(self):
+        for name in "ab":  # more than two times 2^18 blocks
+            Path(name).write_bytes(bytes(40 << 20))
+        for offset in 5 << 20, 20 << 20, 39 << 20:
+            flip("b", offset)
+            self.assertIn(f"{offset} + 64\n", self.call("diff a b --block-size 64", 1).stdout)
+            self.call("sync a b")
+            self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
 
     def test_sync_verify_reads_every_byte_again(self):
         built()
