@@ -2,7 +2,7 @@
 find_package(nlohmann_json 3 REQUIRED CONFIG)
 find_package(Threads REQUIRED)
 find_library(LIBZSTD zstd REQUIRED)
-set(message_sources base/Interrupt.cpp remote/Channel.cpp remote/Messages.cpp remote/Pieces.cpp terminal/Text.cpp
+set(message_sources base/Interrupt.cpp remote/Channel.cpp remote/Messages.cpp remote/Pieces.cpp base/Text.cpp
   work/RangeList.cpp)
 list(TRANSFORM message_sources PREPEND ${PROJECT_SOURCE_DIR}/tools/)
 add_library(message_checks STATIC ${CMAKE_CURRENT_LIST_DIR}/Messages.cpp ${message_sources})

@@ -53,10 +53,10 @@ class Case(unittest.TestCase):
     def json(self, command, expect=0, **options):
         return json.loads(self.call(command + " --json", expect, **options).stdout)
 
-    def calls(self, command):
+    def calls(self, command, **shim):
         """What the program does with files, in order."""
         Path("calls").unlink(missing_ok=True)
-        self.call(command, shim={"SHIM_LOG": "calls"})
+        self.call(command, shim={"SHIM_LOG": "calls", **shim})
         return Path("calls").read_text().splitlines()
 
     def check_complaint(self, command, cause, **options):

@@ -1,30 +1,32 @@
+#include "base/Text.h"
 #include "commands/Commands.h"
-#include "terminal/Text.h"
 #include "work/Compare.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-Outcome diffSides(Side& first, Side& second, const PairArguments& arguments)
+Outcome diffSides(Side& first, Side& second, const PairArguments& arguments, const Common& common)
 {
     const auto [least, most] = std::minmax(first.opening().size, second.opening().size);
     const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
-    Comparison found = compare(first, second, {blockSize, 0, least}, [] {});
+    Comparison found = compare(first, second, {blockSize, 0, 0, least}, [] {});
     append(found.differing, between(least, most));
-    const Changes changes(first, second);
+    const Conclusions ends(first, second, common);
 
     Outcome outcome;
     const bool isEqual = found.differing.empty();
-    outcome.good = isEqual && changes.none();
+    outcome.good = isEqual && ends.areSure();
     const std::int64_t bytes = totalLength(found.differing);
-    outcome.json = {{"equal", outcome.good},
+    const char* const verdict = !ends.areSure() ? "undecided" : isEqual ? "equal" : "different";
+    outcome.json = {{"verdict", verdict},
+                    {"equal", outcome.good},
                     {"bytes", bytes},
                     {"comparisons", found.comparisons},
                     {"bytesRead", found.bytesRead},
                     {"sizes", {first.opening().size, second.opening().size}},
-                    {"freshness", {first.freshness(), second.freshness()}},
-                    {"changedMeanwhile", changes.json()},
+                    {"freshness", ends.freshness()},
+                    {"changedMeanwhile", ends.changed()},
                     {"differing", nlohmann::ordered_json::array()}};
     for (const Range& range : found.differing) {
         const std::int64_t offset = first.started().partitionOffset + range.offset;
@@ -35,12 +37,12 @@ Outcome diffSides(Side& first, Side& second, const PairArguments& arguments)
         outcome.text += "sizes: " + counted(first.opening().size, "byte") + " and "
             + counted(second.opening().size, "byte") + "\n";
     }
-    outcome.text += first.remarks() + second.remarks() + changes.text();
-    std::string verdict = changes.none() ? "equal" : "undecided";
+    outcome.text += ends.remarks() + ends.text();
+    std::string told = verdict;
     if (!isEqual) {
-        verdict = "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range");
+        told = "different: " + counted(bytes, "byte") + " in " + counted(std::ssize(found.differing), "range");
     }
-    outcome.text += verdict + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte")
+    outcome.text += told + "; " + counted(found.comparisons, "comparison") + ", " + counted(found.bytesRead, "byte")
         + " of data read\n";
     return outcome;
 }
@@ -50,7 +52,7 @@ Outcome diffSides(Side& first, Side& second, const PairArguments& arguments)
 Outcome diff(const PairArguments& arguments, const Common& common)
 {
     const Pair pair(arguments, false, common);
-    Outcome outcome = pair.run([&](Side& first, Side& second) { return diffSides(first, second, arguments); });
+    Outcome outcome = pair.run([&](Side& first, Side& second) { return diffSides(first, second, arguments, common); });
     addLineTraffic(outcome, pair);
     return outcome;
 }

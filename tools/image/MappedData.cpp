@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <new>
@@ -63,8 +64,8 @@ MappedData::MappedData(const Image& image, Range range)
 {
     [[maybe_unused]] static const bool isInstalled = installHandler();
     const auto length = static_cast<std::size_t>(m_mapped.length);
-    void* start = image.isStamped() || image.isBlockDevice()
-        ? ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.descriptor(), m_mapped.offset)
+    void* start = image.isStamped() && !image.isBlockDevice()
+        ? ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.file().get(), m_mapped.offset)
         : MAP_FAILED;
     const bool isMapped = start != MAP_FAILED; // some file systems cannot
     start = isMapped ? start : mapMemory(nullptr, length, PROT_READ | PROT_WRITE, 0);
@@ -75,7 +76,7 @@ MappedData::MappedData(const Image& image, Range range)
     window = {m_start, m_start + m_mapped.length, false};
     try {
         if (!isMapped) {
-            image.read(get(), range);
+            image.read(m_start, between(m_mapped.offset, std::min(m_mapped.end(), image.size())));
         } else if (::madvise(m_start, length, MADV_POPULATE_READ) != 0 && errno != EINVAL) { // unknown to old systems
             readPieces();
         }
@@ -94,7 +95,7 @@ MappedData::~MappedData()
 bool MappedData::isWhole() const
 {
     struct stat status;
-    const bool isCut = !m_image.isBlockDevice() && ::fstat(m_image.descriptor(), &status) == 0
+    const bool isCut = !m_image.isBlockDevice() && ::fstat(m_image.file().get(), &status) == 0
         && status.st_size < m_range.end(); // within a page, zeros stand in for what was cut off
     return !window.isLost && !isCut;
 }
