@@ -1,12 +1,12 @@
 #include "work/RangeList.h"
 
-#include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string_view>
 
 #include "base/Failure.h"
+#include "base/Number.h"
 
 namespace kelvane::tool {
 
@@ -30,14 +30,13 @@ bool isRemark(std::string_view line)
 
 std::optional<Range> rangeOf(std::string_view line)
 {
-    Range range = {};
-    const char* const end = line.data() + line.size();
-    const auto offset = std::from_chars(line.data(), end, range.offset);
-    const std::string_view rest(offset.ptr, static_cast<std::size_t>(end - offset.ptr));
+    const std::size_t digits = std::min(line.find_first_not_of("0123456789"), line.size());
+    const std::string_view rest = line.substr(digits);
     const std::size_t gap = rest.starts_with(" + ") ? 3 : rest.find_first_not_of(" \t") == 1 ? 1 : 0;
-    const auto length = std::from_chars(offset.ptr + gap, end, range.length);
-    const bool isGood = offset.ec == std::errc() && gap > 0 && length.ec == std::errc() && length.ptr == end;
-    return isGood && isPossible(range) ? std::optional(range) : std::nullopt;
+    const auto offset = parseNumber<std::int64_t>(line.substr(0, digits));
+    const auto length = parseNumber<std::int64_t>(rest.substr(gap));
+    const bool isGood = offset && gap > 0 && length && isPossible({*offset, *length});
+    return isGood ? std::optional(Range {*offset, *length}) : std::nullopt;
 }
 
 RangeList parseLines(const std::string& text, const std::string& source)

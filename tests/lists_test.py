@@ -1,0 +1,80 @@
+"""Lists of changed ranges, as `invalidate` takes them: lists_test.py PROGRAM SHIM"""
+import os, shutil, unittest
+from pathlib import Path
+from subprocess import PIPE, Popen, run
+
+from program import BLOCK, DEVICE, ORACLE, PROGRAM, Case, built, flip, main
+
+
+class Lists(Case):
+    @unittest.skipUnless(shutil.which("qemu-nbd") and shutil.which("nbdinfo"), "no qemu-utils, or no libnbd-bin")
+    def test_changes_that_qemu_tells(self):
+        script = ORACLE.parent.with_name("examples") / "told_changes.sh"
+        done = run([script, os.path.dirname(os.path.dirname(PROGRAM)), "."], capture_output=True, text=True, timeout=60)
+        self.assertEqual(done.returncode, 0, done)
+        self.assertIn('"bytesRead": 135168,', done.stdout)
+
+    def test_invalidate(self):
+        built()
+        flip("a", 3 * BLOCK, 12 * BLOCK)
+        lists = {
+            "lines": (f"{DEVICE + 3 * BLOCK} + 1\n# more\n{DEVICE + 12 * BLOCK}\t{BLOCK}\n", 2 * BLOCK),
+            "diff": ('{"differing": [{"offset": %d, "length": 9}]}' % (DEVICE + 3 * BLOCK), BLOCK),
+            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}, '
+                       '{"offset": 77824, "length": 4608, "type": 1}]', 3 * BLOCK),  # of whole sectors, as QEMU has it
+            "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
+                    '{"start": 4096, "length": 8192, "zero": false, "data": true}, '
+                    '{"start": 77824, "length": 4196, "zero": false, "data": true}, '
+                    '{"start": 82020, "length": 412, "zero": true, "data": false}]', 3 * BLOCK)}
+        Path("a.hashes.state").unlink()  # what is told need not be all that has changed
+        Path("told").write_text(f"{DEVICE} + 1\n")
+        self.assertFalse(self.json("invalidate a --from told")["recorded"])
+        self.assertEqual(self.json("build a")["freshness"]["repairedBlocks"], 2)
+        flip("a", 3 * BLOCK, 12 * BLOCK)
+        for name, (text, unknown) in lists.items():
+            Path(name).write_text(text)
+            self.call("build a")
+            flip("a", 19 * BLOCK)
+            answer = self.json(f"invalidate a --from {name}")
+            self.assertTrue(answer["recorded"])
+            answer = self.json("build a")
+            self.assertEqual((answer["bytesRead"], answer["freshness"]["doubt"]), (unknown, ""))  # it was promised
+        self.json("build a --check")
+        self.call("invalidate a --from map --what zero")
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
+        self.call("invalidate a --from map --what all --format qemu-img")
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 4)
+        for text, cause in (("12 13 x\n", "line 1"), ("0x10 1\n", "line 1"), ("1048576 + +1\n", "line 1"),
+                            ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"),
+                            ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"),
+                            ("1048575 + 1\n",
+                             rf"line 1: 1048575 \+ 1 is not in a, which reaches from {DEVICE} to {DEVICE + 82020}$"),
+                            (f"# {DEVICE}\n{DEVICE} + 82021\n", "line 2: "),
+                            ('{"differing": [{"offset": %d, "length": 82021}]}' % DEVICE, "entry 1: .* is not in a"),
+                            ('[{"start": 0, "length": 82433, "zero": false, "data": true}]', "entry 1: .* is not in a"),
+                            ('[{"offset": 0, "length": 9, "type": 0}, {"offset": 82020, "length": 413, "type": 1}]',
+                             "entry 2: .* is not in a"),
+                            ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
+                             "entry 2"),
+                            (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
+                            (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
+            Path("wrong").write_text(text)
+            before = Path("a.hashes").read_bytes()
+            self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
+            self.assertEqual(Path("a.hashes").read_bytes(), before)
+
+        os.mkdir("list")
+        os.mkfifo("pipe")
+        run(["truncate", "-s", "1G", "long"], check=True)
+        for name, cause in ("list", "Is a directory"), ("long", "longer than 256 MiB"), ("none", "No such file"):
+            self.check_complaint(f"invalidate a --from {name}", f"{name}: .*{cause}")
+        waits = Popen([PROGRAM, "invalidate", "a", "--from", "pipe"], stderr=PIPE)
+        with open("pipe", "w") as pipe:  # it has opened the other end
+            waits.terminate()
+            self.assertIn(b"interrupted", waits.communicate(timeout=60)[1])
+        Path("lines").write_text(self.call("diff a b", 1).stdout + "far: 1,234 bytes sent, 5 received, in 1 round trip\n")
+        with open("lines") as lines:
+            self.call("invalidate a --from -", stdin=lines)
+
+
+main()
