@@ -53,7 +53,7 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::Data, encode({{BLOCK, 1 << 20}, nullptr, {}}, 0)},
         {Kind::Data, encode({{BLOCK, 9}, data.data(), {}}, 0)},
         {Kind::Data, encode({{BLOCK, BLOCK}, data.data(), ofBlocks}, 3)},
-        {Kind::List, "# lines\n4096 + 8192\n0\t1\nequal; 5 blocks\n"},
+        {Kind::List, "# lines\n4096 + 8192\n0\t1\n# equal; 5 blocks\n"},
         {Kind::List, R"({"differing": [{"offset": 4096, "length": 9}]})"},
         {Kind::List, R"([{"start": 0, "length": 4096, "zero": true, "data": false}])"},
         {Kind::Bitmap, R"([{"offset": 0, "length": 4096, "type": 1}, {"offset": 4096, "length": 9, "type": 2}])"},

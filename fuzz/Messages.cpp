@@ -5,6 +5,7 @@
 #include <array>
 #include <functional>
 #include <kelvane/BlakeHash.h>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -73,9 +74,19 @@ void checkStretch(const std::string& text)
 
 void checkList(const std::string& text, std::optional<ListFormat> format)
 {
-    for (const auto& [range, number] : parseRangeList(text, "list", format, MapEntries::All).entries) {
+    const RangeList list = parseRangeList(text, "list", format, MapEntries::All);
+    for (const auto& [range, number] : list.entries) {
         require(range.offset >= 0 && range.length >= 0 && range.end() >= range.offset && number > 0,
                 "an impossible range");
+    }
+    if (list.format == ListFormat::Lines) {
+        std::istringstream lines(text);
+        std::size_t ranges = 0;
+        for (std::string line; std::getline(lines, line);) {
+            require(!lines.eof() && !line.starts_with("# undecided"), "a list of which a part may be missing");
+            ranges += line.empty() || line[0] == '#' ? 0 : 1;
+        }
+        require(list.entries.size() == ranges, "a line is lost");
     }
 }
 

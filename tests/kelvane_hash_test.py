@@ -80,13 +80,13 @@ ANSWERS = [
     (grown, "verify a", 1, dict(VERIFY, badBlocks=0, bad=[], imageSize=20 * BLOCK + 20100),
      "size: 102,020 bytes, 82,020 recorded; build adapts it\na: 20 known blocks checked, 0 wrong\n"),
     (built, "diff a b", 1, DIFF, "1060864 + 8192\n1097728 + 4096\n1130496 + 100\n"
-     "different: 12,388 bytes in 3 ranges; 22 comparisons, 200 bytes of data read\n"),
+     "# different: 12,388 bytes in 3 ranges; 22 comparisons, 200 bytes of data read\n"),
     (grown, "diff a b", 1,
      dict(DIFF, bytes=3 * BLOCK + 20100, sizes=[20 * BLOCK + 20100, 20 * BLOCK + 100], bytesRead=24 * BLOCK + 200,
           freshness=[judged("a", SINCE, 20), judged("b")],
           differing=DIFF["differing"][:2] + [dict(offset=DEVICE + 20 * BLOCK, length=20100)]),
-     "1060864 + 8192\n1097728 + 4096\n1130496 + 20100\nsizes: 102,020 bytes and 82,020 bytes\n" + CHECKED +
-     "different: 32,388 bytes in 3 ranges; 22 comparisons, 98,504 bytes of data read\n"),
+     "1060864 + 8192\n1097728 + 4096\n1130496 + 20100\n# sizes: 102,020 bytes and 82,020 bytes\n# " + CHECKED +
+     "# different: 32,388 bytes in 3 ranges; 22 comparisons, 98,504 bytes of data read\n"),
     (built, "sync a b", 0, SYNC,
      f"82,020 bytes compared by 22 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"),
     (built, "sync a b --verify", 0, dict(SYNC, verified=True),
@@ -150,7 +150,7 @@ class Answers(Case):
         self.call("build a")
         flip("a", 5 * BLOCK)
         self.call("build a --check")
-        Path("list").write_text("1048576 100")
+        Path("list").write_text("1048576 100\n")
         self.call("invalidate a --from list")
         disturbs = {"SHIM_AT": "mmap a",  # before it writes itself
                     "SHIM_DO": "printf x | dd of=a.hashes bs=1 seek=4500 conv=notrunc status=none"}
@@ -162,7 +162,8 @@ class Answers(Case):
         self.call("build a")
         shutil.copyfile("a", "same")
         touched = {"SHIM_AT": "mmap a", "SHIM_DO": "touch a"}
-        self.assertRegex(self.call("diff a same --check -j 1", 1, shim=touched).stdout, r"\nchanged: a .*\nundecided; ")
+        done = self.call("diff a same --check -j 1", 1, shim=touched)
+        self.assertRegex(done.stdout, r"\n# changed: a .*\n# undecided; ")
         self.call("verify a")
         self.assertIn("unchanged", self.call("info a.hashes").stdout)
         shutil.copyfile("a", "b")

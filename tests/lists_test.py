@@ -14,7 +14,7 @@ class Lists(Case):
         self.assertEqual(done.returncode, 0, done)
         self.assertIn('"bytesRead": 135168,', done.stdout)
 
-    def test_invalidate(self):
+    def test_what_is_listed_is_forgotten(self):
         built()
         flip("a", 3 * BLOCK, 12 * BLOCK)
         lists = {
@@ -44,25 +44,36 @@ class Lists(Case):
         self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
         self.call("invalidate a --from map --what all --format qemu-img")
         self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 4)
-        for text, cause in (("12 13 x\n", "line 1"), ("0x10 1\n", "line 1"), ("1048576 + +1\n", "line 1"),
-                            ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"),
-                            ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"),
-                            ("1048575 + 1\n",
-                             rf"line 1: 1048575 \+ 1 is not in a, which reaches from {DEVICE} to {DEVICE + 82020}$"),
-                            (f"# {DEVICE}\n{DEVICE} + 82021\n", "line 2: "),
-                            ('{"differing": [{"offset": %d, "length": 82021}]}' % DEVICE, "entry 1: .* is not in a"),
-                            ('[{"start": 0, "length": 82433, "zero": false, "data": true}]', "entry 1: .* is not in a"),
-                            ('[{"offset": 0, "length": 9, "type": 0}, {"offset": 82020, "length": 413, "type": 1}]',
-                             "entry 2: .* is not in a"),
-                            ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
-                             "entry 2"),
-                            (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
-                            (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
-            Path("wrong").write_text(text)
-            before = Path("a.hashes").read_bytes()
-            self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
-            self.assertEqual(Path("a.hashes").read_bytes(), before)
 
+    def check_refused(self, text, cause):
+        Path("wrong").write_text(text)
+        before = Path("a.hashes").read_bytes()
+        self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
+        self.assertEqual(Path("a.hashes").read_bytes(), before)
+
+    def test_what_is_no_list_changes_nothing(self):
+        built()
+        for text, cause in (
+                ("12 13 x\n", "line 1: not a range"), ("0x10 1\n", "line 1"), ("1048576 + +1\n", "line 1"),
+                ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("equal; 1 comparison\n", "line 1"),
+                ("12 13\x1b[2J\n", r"12 13\?\[2J"),
+                (f"{DEVICE} + 1\n{DEVICE} + 40", "line 2: .* cut off"), (f"{DEVICE} + 1\n# eq", "line 2: .* cut off"),
+                ("[1]", "entry 1"), ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"),
+                ("1048575 + 1\n",
+                 rf"line 1: 1048575 \+ 1 is not in a, which reaches from {DEVICE} to {DEVICE + 82020}$"),
+                (f"# {DEVICE}\n{DEVICE} + 82021\n", "line 2: "),
+                ('{"differing": [{"offset": %d, "length": 82021}]}' % DEVICE, "entry 1: .* is not in a"),
+                ('[{"start": 0, "length": 82433, "zero": false, "data": true}]', "entry 1: .* is not in a"),
+                ('[{"offset": 0, "length": 9, "type": 0}, {"offset": 82020, "length": 413, "type": 1}]',
+                 "entry 2: .* is not in a"),
+                ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]', "entry 2"),
+                (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
+                (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
+            with self.subTest(text):
+                self.check_refused(text, cause)
+
+    def test_files_that_hold_no_list(self):
+        built()
         os.mkdir("list")
         os.mkfifo("pipe")
         run(["truncate", "-s", "1G", "long"], check=True)
@@ -72,9 +83,23 @@ class Lists(Case):
         with open("pipe", "w") as pipe:  # it has opened the other end
             waits.terminate()
             self.assertIn(b"interrupted", waits.communicate(timeout=60)[1])
-        Path("lines").write_text(self.call("diff a b", 1).stdout + "far: 1,234 bytes sent, 5 received, in 1 round trip\n")
-        with open("lines") as lines:
-            self.call("invalidate a --from -", stdin=lines)
+
+    def test_lists_of_diff(self):
+        built()
+        same = "a\n1048576 + 4096"  # which would be a range, were it not for the remark's beginning
+        shutil.copyfile("a", same)
+        run([PROGRAM, "build", same, f"--partition-offset={DEVICE}"], check=True, capture_output=True)
+        Path("list").write_text(self.call("diff a b", 1).stdout)
+        with open("list") as lines:
+            self.assertEqual(self.json("invalidate a --from -", stdin=lines)["bytes"], 3 * BLOCK + 100)
+        self.call("build a")
+        for other, verdict in ("a", "undecided; "), ("b", "undecided: 12,388 bytes in 3 ranges; "):
+            os.utime(same)
+            text = self.call("diff", 1, arguments=[same, other],
+                             shim={"SHIM_AT": f"mmap {same}", "SHIM_DO": f"touch '{same}'"}).stdout
+            self.assertIn(f"\n# {verdict}", text)
+            self.assertRegex(text, r"\A(\d+ \+ \d+\n|# .*\n)*\Z")
+            self.check_refused(text, "diff was undecided")
 
 
 main()

@@ -2,11 +2,11 @@
 
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string_view>
 
 #include "base/Failure.h"
 #include "base/Number.h"
+#include "terminal/Text.h"
 
 namespace kelvane::tool {
 
@@ -14,18 +14,12 @@ namespace {
 
 using Json = nlohmann::json;
 
+constexpr const char* UNDECIDED_LIST = "diff was undecided: more may differ than it lists";
+
 bool isPossible(const Range& range)
 {
     return range.offset >= 0 && range.length >= 0
         && range.length <= std::numeric_limits<std::int64_t>::max() - range.offset;
-}
-
-// What `diff` says beside the ranges.
-bool isRemark(std::string_view line)
-{
-    return line.empty() || line.starts_with('#') || line.starts_with("sizes: ") || line.starts_with("equal; ")
-        || line.starts_with("different: ") || line.ends_with(" repaired") || line.ends_with(" round trip")
-        || line.ends_with(" round trips");
 }
 
 std::optional<Range> rangeOf(std::string_view line)
@@ -39,20 +33,27 @@ std::optional<Range> rangeOf(std::string_view line)
     return isGood ? std::optional(Range {*offset, *length}) : std::nullopt;
 }
 
-RangeList parseLines(const std::string& text, const std::string& source)
+RangeList parseLines(std::string_view text, const std::string& source)
 {
     RangeList list {ListFormat::Lines, {}};
-    std::istringstream lines(text);
-    std::int64_t number = 0;
-    for (std::string line; std::getline(lines, line);) {
-        ++number;
-        if (isRemark(line)) {
+    for (std::int64_t number = 1; !text.empty(); ++number) {
+        const auto refuse
+            = [&](const std::string& cause) { throw Failure(source, placeIn(list.format, number) + ": " + cause); };
+        const std::size_t end = text.find('\n');
+        if (end == std::string_view::npos) {
+            refuse("has no line end: the list may have been cut off");
+        }
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        if (line.starts_with(std::string(RangeList::REMARK) + RangeList::UNDECIDED)) {
+            refuse(UNDECIDED_LIST);
+        }
+        if (line.empty() || line.starts_with('#')) {
             continue;
         }
         const std::optional<Range> range = rangeOf(line);
         if (!range) {
-            throw Failure(source,
-                          placeIn(list.format, number) + ": not a range like \"4096 + 8192\": " + line.substr(0, 100));
+            refuse("not a range like \"4096 + 8192\": " + printable(std::string(line.substr(0, 101)), 100));
         }
         list.entries.push_back({*range, number});
     }
