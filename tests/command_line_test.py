@@ -1,5 +1,5 @@
 """What the program makes of its arguments: command_line_test.py PROGRAM SHIM"""
-import os, re
+import os, re, signal
 from pathlib import Path
 from random import randbytes
 
@@ -31,6 +31,14 @@ class CommandLine(Case):
                 name = option[option.index("--"):].split("=")[0].split()[0]
                 self.check_complaint(option + value, f"{name}: .*" + re.escape(value) + r" \(see --help\)")
         self.assertFalse(os.path.exists("b"))
+
+    def test_a_terminal_that_is_closed(self):
+        Path("a").write_bytes(randbytes(40 << 20))
+        hangup = {"SHIM_AT": "mmap a", "SHIM_DO": "1 1"}  # from the shell, and from the system
+        self.assertIn("goes on from here", self.call("build a -j 1", 129, shim=hangup).stderr)
+        known = self.json("info a.hashes")
+        self.assertTrue(known["record"]["clean"] and known["knownBlocks"] > 0, known)
+        self.call("build a -j 1", shim=hangup, preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
 
 
 main()
