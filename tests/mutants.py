@@ -7,7 +7,9 @@ from pathlib import Path
 SLOW = "*FaultSweep*:CrashTest*:CorruptFile*"
 TESTS = os.path.dirname(os.path.abspath(__file__))
 # Of the program. Those of the file that has the bug come first.
-PROGRAM_TESTS = {"Sync|Copier": "sync_test.py", "tools/(base|terminal|image|hash_file|command)": "kelvane_hash_test.py",
+PROGRAM_TESTS = {"Sync|Copier": "sync_test.py", "RangeList|Invalidate|Diff": "lists_test.py",
+                 "command_line|Number|Interrupt|Descriptor": "command_line_test.py",
+                 "tools/(base|terminal|image|hash_file|command)": "kelvane_hash_test.py",
                  "SideFiles": "side_files_test.py", "tools/remote": "remote_test.py", "^$": "truth_test.py"}
 
 

@@ -43,10 +43,11 @@ class Case(unittest.TestCase):
         self.addCleanup(os.chdir, HOME)
         os.chdir(self.directory.name)
 
-    def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, shim=None, **options):
+    def call(self, command, expect=0, program=PROGRAM, arguments=(), stdout=PIPE, shim=None, **options):
         if shim:
             options["env"] = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
-        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
+        command = [program, *command.split(), *arguments]
+        done = run(command, stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
         self.assertEqual(done.returncode, expect, done)
         return done
 

@@ -194,9 +194,7 @@ std::vector<std::string> loopDevicesOf(const Descriptor& file)
 std::vector<std::string> usedLoopDevicesOf(const Descriptor& file)
 {
     std::vector<std::string> found = loopDevicesOf(file);
-    std::erase_if(found, [](const std::string& path) {
-        return openFile(path, O_RDONLY | O_EXCL) || errno != EBUSY;
-    });
+    std::erase_if(found, [](const std::string& path) { return openFile(path, O_RDONLY | O_EXCL) || errno != EBUSY; });
     return found;
 }
 

@@ -112,8 +112,7 @@ void Image::refuseUse() const
     if (m_isBlockDevice && !m_isClaimed) {
         throw Failure(m_path, "the system uses this device; is it mounted?");
     }
-    const std::vector<std::string> devices
-        = m_isBlockDevice ? std::vector<std::string>() : usedLoopDevicesOf(m_file);
+    const std::vector<std::string> devices = m_isBlockDevice ? std::vector<std::string>() : usedLoopDevicesOf(m_file);
     if (!devices.empty()) {
         throw Failure(m_path, "the system uses this file, as " + devices[0] + "; is that mounted?");
     }

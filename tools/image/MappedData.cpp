@@ -36,6 +36,7 @@ void* mapMemory(void* address, std::size_t length, int protection, int flags)
 // whether all was there. Any other access that fails so ends the program when it is repeated.
 extern "C" void replaceLostPages(int signal, siginfo_t* info, void* /*context*/)
 {
+    const int error = errno;
     auto* const address = static_cast<char*>(info->si_addr);
     if (window.start <= address && address < window.end) {
         char* const page = window.start + roundDown(address - window.start, PAGE);
@@ -45,6 +46,7 @@ extern "C" void replaceLostPages(int signal, siginfo_t* info, void* /*context*/)
     if (!window.isLost) {
         std::signal(signal, SIG_DFL);
     }
+    errno = error;
 }
 
 bool installHandler()
