@@ -227,9 +227,9 @@ void HashFile::checkMemory()
         write(record);
         throw FlushFailed(m_path, "cannot flush: " + errorText(error));
     }
-    const bool isInOrder = m_record && m_record->standing != Record::Standing::Open
-        && m_record->standing != Record::Standing::FlushFailed;
-    if (!isInOrder && !dropFromMemory(m_lock->file())) {
+    const bool isLeftOpen = m_record
+        && (m_record->standing == Record::Standing::Open || m_record->standing == Record::Standing::FlushFailed);
+    if ((!m_record || isLeftOpen) && !dropFromMemory(m_lock->file()) && isLeftOpen) {
         throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
     }
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/Range.h"
+#include "image/Image.h"
 
 #ifndef SYS_cachestat
 #define SYS_cachestat 451
@@ -58,12 +59,15 @@ bool isResident(const Descriptor& file)
 
 } // namespace
 
+// Some file systems have no disk, or one that is not seen from here.
 bool dropFromMemory(const Descriptor& file)
 {
+    struct stat status;
+    const bool isDevice = ::fstat(file.get(), &status) == 0 && S_ISBLK(status.st_mode);
     constexpr int TRIES = 10; // what another program reads just now stays for a moment
     for (int i = 0; i < TRIES; ++i) {
         ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
-        if (!isResident(file)) {
+        if (!isResident(file) || !(isDevice || isStampingFileSystem(file))) {
             return true;
         }
         ::usleep(1000);

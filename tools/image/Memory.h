@@ -5,7 +5,8 @@
 
 namespace kelvane::tool {
 
-// Makes the next readings come from the disk. False when a part stays in memory, for another program has it mapped.
+// Makes the next readings come from the disk. False when a part stays in memory, for another program has it
+// mapped.
 bool dropFromMemory(const Descriptor& file);
 
 } // namespace kelvane::tool
