@@ -2,8 +2,9 @@
 import os, re, signal
 from pathlib import Path
 from random import randbytes
+from subprocess import DEVNULL
 
-from program import BLOCK, Case, main
+from program import BLOCK, Case, flip, images, main
 
 
 class CommandLine(Case):
@@ -39,6 +40,23 @@ class CommandLine(Case):
         known = self.json("info a.hashes")
         self.assertTrue(known["record"]["clean"] and known["knownBlocks"] > 0, known)
         self.call("build a -j 1", shim=hangup, preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+
+    def test_standard_descriptors_that_are_closed(self):
+        images()
+        self.call("build a")
+        Path("list").write_text("0 + 1\n")
+        for closed in (0, 1, 2), (2,), (0, 2), (1,):
+            flip("a", 5 * BLOCK)  # so that a note is made
+            expect = 2 if 1 in closed else 0
+            for command, code in (("sync a b --progress json", expect), ("build a --check", expect),
+                                  ("invalidate b --from list --json", expect),
+                                  ("invalidate b --format lines --from -", 2 if 0 in closed else expect),
+                                  ("build missing", 2)):
+                self.call(command, code, preexec_fn=lambda: [os.close(fd) for fd in closed], stdin=DEVNULL)
+            self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+            self.call("build b")
+            for name in "ab":
+                self.check_hash_file(name)
 
 
 main()

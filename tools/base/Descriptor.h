@@ -53,4 +53,17 @@ inline Descriptor openFile(const std::string& path, int flags, mode_t mode = 0)
     return Descriptor(::open(path.c_str(), flags | O_CLOEXEC | (followsLinks ? 0 : O_NOFOLLOW), mode));
 }
 
+// Standard descriptors that are closed: no file may get their numbers, for what is meant for a user would end up in it.
+// Reading input and writing output fail all the same. False, with `errno` set, when it fails.
+inline bool occupyStandardDescriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        const bool isOpen = ::fcntl(fd, F_GETFD) >= 0;
+        if (!isOpen && ::open("/dev/null", fd == STDOUT_FILENO ? O_RDONLY : O_WRONLY) != fd) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace kelvane::tool

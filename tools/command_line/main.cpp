@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "base/Descriptor.h"
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Number.h"
@@ -343,6 +344,9 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    if (!occupyStandardDescriptors()) {
+        return ERROR;
+    }
     kelvane::Logger::setSink([](auto&&...) {}); // failures are told in words of our own
     installInterruptHandler();
     try {
