@@ -4,7 +4,7 @@ from pathlib import Path
 from random import randbytes
 from subprocess import DEVNULL
 
-from program import BLOCK, Case, flip, images, main
+from program import BLOCK, PROGRAM, Case, flip, images, main
 
 
 class CommandLine(Case):
@@ -32,6 +32,23 @@ class CommandLine(Case):
                 name = option[option.index("--"):].split("=")[0].split()[0]
                 self.check_complaint(option + value, f"{name}: .*" + re.escape(value) + r" \(see --help\)")
         self.assertFalse(os.path.exists("b"))
+
+    def test_what_commands_and_options_are_there(self):
+        images()
+        for command, cause in (
+                ("bulid", r"unknown command: bulid \(see"), ("bulid a --help", "unknown command: bulid"),
+                ("build a --adopt --assume-unchanged", "excludes"), ("build a --check --assume-unchanged", "excludes"),
+                ("sync -P a b", "-P.*--progress json"), ("sync a b -zP", "-P.*--progress json"),
+                ("sync --progress a b", "--progress: not one of auto, json, none: a"), ("sync -Q a b", "-Q"),
+                ("invalidate a --from b --format nbd", "--format: not one of diff, lines, nbdinfo, qemu-img: nbd")):
+            self.check_complaint(command, cause)
+        Path("there").write_text(f'#!/bin/sh\necho "$@" >way\nshift 2\nexec {PROGRAM} "$@"\n')
+        os.chmod("there", 0o755)
+        self.assertTrue(self.json("sync a host:b -z -e ./there")["equal"])
+        self.assertEqual(Path("way").read_text(), "host kelvane-hash serve\n")
+        for command in "sync", "diff":
+            text = self.call(f"{command} --help").stdout
+            self.assertEqual((text.count("HOST:PATH"), text.count("{")), (2, 0), text)
 
     def test_a_terminal_that_is_closed(self):
         Path("a").write_bytes(randbytes(40 << 20))
