@@ -366,12 +366,13 @@ class Remote(RemoteCase):
         """What a server answers last, as a type and a text."""
         done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20,
                               env=dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0", **environment))
-        answers, rest = [], done.stdout
+        answers, rest = [(0, "")], done.stdout
         while rest:
             length, kind = struct.unpack("<IB", rest[:5])
             answers.append((kind, rest[13:13 + length].decode(errors="replace")))
             rest = rest[13 + length:]
-        return answers[-1] if answers else (0, "")
+        self.assertEqual(done.returncode, 2 if answers[-1][0] == ERROR else 0)
+        return answers[-1]
 
     def test_a_client_that_does_not_keep_to_the_protocol(self):
         self.images()
@@ -418,6 +419,15 @@ class Remote(RemoteCase):
                 self.assertTrue(kind == ERROR and text or number == 1, (kind, text))
                 self.assertEqual(Path("there/far").read_bytes(), before)
                 self.check_known("there/far")
+
+    def test_a_server_that_is_ended(self):
+        with subprocess.Popen([PROGRAM, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as server:
+            server.stdin.write(encoded(hello()))
+            server.stdin.flush()
+            server.stdout.read(13)
+            server.terminate()
+            self.assertIn(b"interrupted there", server.stdout.read())
+        self.assertEqual(server.returncode, 143)
 
     def test_serves_what_lies_in_the_root(self):
         self.images()

@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include "base/Descriptor.h"
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Number.h"
@@ -20,6 +21,8 @@ namespace {
 
 constexpr int DIFFERS = 1;
 constexpr int ERROR = 2;
+
+constexpr const char* NEAR_OR_FAR = "A regular file or a block device; HOST:PATH for one on another machine";
 
 // The functions that read a value throw a ValidationError, to which the name of the option is added.
 template <class Number>
@@ -84,11 +87,24 @@ public:
     // The command to run; nothing when help was asked for and printed.
     std::function<Outcome()> parse(int argc, char** argv)
     {
+        const std::string first = argc > 1 ? argv[1] : "-";
+        if (!first.starts_with('-')
+            && m_app.get_subcommands([&](CLI::App* command) { return command->get_name() == first; }).empty()) {
+            throw CLI::ValidationError("unknown command: " + first);
+        }
         try {
             m_app.parse(argc, argv);
         } catch (const CLI::Success& request) {
             m_app.exit(request);
             return nullptr;
+        } catch (const CLI::ExtrasError&) {
+            const std::vector<std::string> extras = m_app.remaining(true);
+            if (std::find(extras.begin(), extras.end(), "-P") == extras.end()) {
+                throw;
+            }
+            throw CLI::ValidationError(
+                "no -P as with rsync: on a terminal progress is shown anyhow, else with --progress "
+                "json, and what was interrupted goes on where it stopped");
         }
         return m_command;
     }
@@ -112,12 +128,10 @@ private:
     {
         addValue(app, "--jobs,-j", "N", "Threads that hash; default: as many as cores",
                  [this](const std::string& text) { m_common.jobs = parseWithin(text, 1U, 1024U); });
-        app->add_option("--progress", m_common.progress, "auto (on a terminal), none or json (lines on standard error)")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, ProgressMode> {{"auto", ProgressMode::Automatic},
-                                                                                     {"none", ProgressMode::None},
-                                                                                     {"json", ProgressMode::Json}})
-                            .description(""))
-            ->type_name("HOW");
+        addChoice<ProgressMode>(
+            app, "--progress", "HOW", "auto (on a terminal), none or json (lines on standard error)",
+            {{"auto", ProgressMode::Automatic}, {"none", ProgressMode::None}, {"json", ProgressMode::Json}},
+            m_common.progress);
     }
 
     void addTrust(CLI::App* app)
@@ -130,8 +144,9 @@ private:
                "Check all known hashes against the image, and repair them, whatever the evidence")
             ->excludes("--assume-unchanged");
         app->add_flag_callback(
-            "--adopt", [this] { m_pair.first.hashFile.adopts = m_pair.second.hashFile.adopts = true; },
-            "Take over a hash file that was made for another image, and check what it knows");
+               "--adopt", [this] { m_pair.first.hashFile.adopts = m_pair.second.hashFile.adopts = true; },
+               "Take over a hash file that was made for another image, and check what it knows")
+            ->excludes("--assume-unchanged");
     }
 
     static void addValue(CLI::App* app, const std::string& name, const std::string& type, const std::string& text,
@@ -140,9 +155,27 @@ private:
         app->add_option(name)->each(take)->description(text)->type_name(type);
     }
 
-    static void addImage(CLI::App* app, ImageArguments& arguments, const std::string& name, const std::string& option)
+    template <class Choice, class Target>
+    static void addChoice(CLI::App* app, const std::string& name, const std::string& type, const std::string& text,
+                          const std::map<std::string, Choice>& choices, Target& target)
     {
-        app->add_option(name, arguments.image, "A regular file or a block device")->required()->type_name("");
+        addValue(app, name, type, text, [choices, &target](const std::string& value) {
+            const auto found = choices.find(value);
+            if (found == choices.end()) {
+                std::string names;
+                for (const auto& choice : choices) {
+                    names += (names.empty() ? "" : ", ") + choice.first;
+                }
+                throw CLI::ValidationError("not one of " + names + ": " + value);
+            }
+            target = found->second;
+        });
+    }
+
+    static void addImage(CLI::App* app, ImageArguments& arguments, const std::string& name, const std::string& option,
+                         const std::string& text = "A regular file or a block device")
+    {
+        app->add_option(name, arguments.image, text)->required()->type_name("");
         app->add_option(option, arguments.hashFile.path, "Its hash file; default: " + name + ".hashes")
             ->type_name("FILE");
     }
@@ -226,8 +259,8 @@ private:
             = add("diff", "List the byte ranges in which two images differ; unknown hashes are computed and stored",
                   "diff yesterday.img today.img --json", [this] { return diff(m_pair, m_common); });
         addRemote(app);
-        addImage(app, m_pair.first, "A", "--hash-file-a");
-        addImage(app, m_pair.second, "B", "--hash-file-b");
+        addImage(app, m_pair.first, "A", "--hash-file-a", NEAR_OR_FAR);
+        addImage(app, m_pair.second, "B", "--hash-file-b", NEAR_OR_FAR);
         addGeometry(app);
         addTrust(app);
         addWork(app);
@@ -239,18 +272,19 @@ private:
             = add("sync", "Make an image equal to another one, copying only what differs",
                   "sync today.img backup.img --verify", [this] { return sync(m_pair, m_sync, m_common); });
         addRemote(app);
-        addImage(app, m_pair.first, "SOURCE", "--source-hash-file");
-        addImage(app, m_pair.second, "DEST", "--dest-hash-file");
+        addImage(app, m_pair.first, "SOURCE", "--source-hash-file", NEAR_OR_FAR);
+        addImage(app, m_pair.second, "DEST", "--dest-hash-file", NEAR_OR_FAR);
         addGeometry(app);
         app->add_flag("--verify", m_sync.reread, "Read both images again afterwards and compare every byte");
-        app->add_flag("!--no-sparse", m_sync.isSparse, "Leave no holes in DEST: write zeros there");
+        app->add_flag_callback(
+            "--no-sparse", [this] { m_sync.isSparse = false; }, "Leave no holes in DEST: write zeros there");
         addTrust(app);
         addWork(app);
     }
 
     void addRemote(CLI::App* app)
     {
-        app->add_option("--rsh", m_pair.remote.rsh, "The command that leads to the other machine; default: ssh")
+        app->add_option("--rsh,-e", m_pair.remote.rsh, "The command that leads to the other machine; default: ssh")
             ->type_name("COMMAND");
         app->add_option("--remote-program", m_pair.remote.program, "This program there; default: kelvane-hash")
             ->type_name("PATH");
@@ -258,7 +292,7 @@ private:
                  [this](const std::string& text) {
                      m_pair.remote.timeout = std::chrono::seconds(parseWithin(text, 1U, 86400U));
                  });
-        app->add_flag("--compress")
+        app->add_flag("--compress,-z")
             ->each([this](const std::string& text) {
                 m_pair.remote.compression = text == "true" ? 3 : parseWithin(text, 1U, 19U);
             })
@@ -286,20 +320,16 @@ private:
         app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
             ->required()
             ->type_name("FILE");
-        app->add_option("--format", m_invalidate.format,
-                        "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, ListFormat> {{"lines", ListFormat::Lines},
-                                                                                   {"diff", ListFormat::Diff},
-                                                                                   {"nbdinfo", ListFormat::Bitmap},
-                                                                                   {"qemu-img", ListFormat::Map}})
-                            .description(""))
-            ->type_name("HOW");
-        app->add_option("--what", m_invalidate.entries, "Of the list of qemu-img: data (default), zero or all")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, MapEntries> {{"data", MapEntries::Data},
-                                                                                   {"zero", MapEntries::Zero},
-                                                                                   {"all", MapEntries::All}})
-                            .description(""))
-            ->type_name("ENTRIES");
+        addChoice<ListFormat>(app, "--format", "HOW",
+                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
+                              {{"lines", ListFormat::Lines},
+                               {"diff", ListFormat::Diff},
+                               {"nbdinfo", ListFormat::Bitmap},
+                               {"qemu-img", ListFormat::Map}},
+                              m_invalidate.format);
+        addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
+                              {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
+                              m_invalidate.entries);
         addTrust(app);
         addWork(app);
     }
@@ -336,6 +366,9 @@ int run(int argc, char** argv)
     if (!std::cout.flush()) {
         return complain("standard output: cannot write", ERROR);
     }
+    if (!outcome.isDone) {
+        return interruptSignal() != 0 ? 128 + interruptSignal() : ERROR;
+    }
     return outcome.good ? 0 : DIFFERS;
 }
 
@@ -343,6 +376,9 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    if (!occupyStandardDescriptors()) {
+        return ERROR;
+    }
     kelvane::Logger::setSink([](auto&&...) {}); // failures are told in words of our own
     installInterruptHandler();
     try {

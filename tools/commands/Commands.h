@@ -19,7 +19,8 @@
 namespace kelvane::tool {
 
 struct Outcome {
-    bool good = true; // equal, or right
+    bool isDone = true; // false: it failed, and has told why
+    bool good = true;   // equal, or right
     std::string text;
     nlohmann::ordered_json json;
 };
