@@ -76,8 +76,8 @@ fuzz:
 	$(INSTALL) build fuzz
 	cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
 	  -DCMAKE_CXX_FLAGS='-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all' \
-	  -DKELVANE_BUILD_TESTS=OFF -DKELVANE_BUILD_TOOLS=OFF -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_FUZZERS=ON
-	cmake --build build/fuzz --parallel $(BUILD_JOBS)
+	  -DKELVANE_BUILD_TESTS=OFF -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_FUZZERS=ON
+	cmake --build build/fuzz --parallel $(BUILD_JOBS) --target fuzz_corrupt_file fuzz_messages message_seeds
 	mkdir -p build/fuzz/corpus build/fuzz/messages
 	build/fuzz/fuzz/fuzz_corrupt_file -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -timeout=10 -malloc_limit_mb=5000 \
 	  -artifact_prefix=build/fuzz/ build/fuzz/corpus fuzz/corpus
