@@ -73,4 +73,8 @@ class Case(unittest.TestCase):
 
 
 def main():
-    unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ)
+    """Of what was skipped a line is printed, which `make test` shows again at its end."""
+    done = unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ, exit=False).result
+    for test, reason in done.skipped:
+        print(f"skipped: {test.id().removeprefix('__main__.')}: {reason}")
+    sys.exit(not done.wasSuccessful())

@@ -1,6 +1,6 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
-import fcntl, json, os, shutil, struct, subprocess, sys, time
+import fcntl, json, os, shlex, shutil, struct, subprocess, sys, time
 from pathlib import Path
 from random import randbytes
 
@@ -267,12 +267,8 @@ class Remote(RemoteCase):
                         self.check_known(destination)
 
     def wait_for_server(self, name):
-        for _ in range(300):
-            with open(name + ".hashes") as file:
-                if subprocess.run(["flock", "-n", name + ".hashes", "true"]).returncode == 0:
-                    return
-            time.sleep(0.02)
-        self.fail("the server goes on for ever")
+        released = subprocess.run(["flock", "--wait", "60", name + ".hashes", "true"])
+        self.assertEqual(released.returncode, 0, "the server goes on for ever")
 
     def test_goes_on_where_it_was_interrupted(self):
         data = randbytes(100 << 20)
@@ -306,7 +302,7 @@ class Remote(RemoteCase):
             while client.poll() is None and Path("log").read_text().count(f" {DATA} ") < 2:  # of 60, a second each
                 time.sleep(0.01)
             client.kill()
-            self.assertEqual(client.wait(), -9, "it was to be slower")
+            self.assertEqual(client.wait(), -9)
             self.wait_for_server("there/far")
             for name in "near", "there/far":
                 self.check_known(name)
@@ -314,6 +310,28 @@ class Remote(RemoteCase):
             self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
             for name in "near", "there/far":
                 self.check_hash_file(name)
+
+    def test_no_more_bytes_per_second_than_are_allowed(self):
+        """By the program's own clock, which runs fast here; the limit is far below what it does without one."""
+        fast = dict(os.environ, LD_PRELOAD=SHIM, SHIM_CLOCK="20", RELAY_LOG="log",
+                    ASAN_OPTIONS="verify_asan_link_order=0")
+        for command in self.PUSH, self.PULL:
+            seconds, rate = 0, 0
+            for _ in "without", "with":
+                self.images()
+                flip("near", *range(0, 20 * BLOCK, BLOCK))
+                self.call("build near")
+                Path("log").write_text("")
+                done = subprocess.run([PROGRAM, *command.split(), "--rsh", RELAY, "--remote-program", PROGRAM, "--json",
+                                       "--timeout", "86400", f"--bwlimit={rate}"], capture_output=True, text=True, env=fast)
+                self.assertEqual(done.returncode, 0, done)
+                free, limit, seconds = seconds, rate, json.loads(done.stdout)["seconds"]
+                rate = int(20 * BLOCK / seconds / 5)
+            frames = [line.split() for line in Path("log").read_text().splitlines()]
+            sent = [int(size) - 13 for _, kind, size in frames if int(kind) == DATA]
+            least = sum(sent[:-1]) / limit
+            self.assertGreater(least, 2 * free)
+            self.assertGreaterEqual(seconds, least)
 
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
@@ -487,19 +505,12 @@ class Remote(RemoteCase):
         Path("/run/sshd").mkdir(exist_ok=True)
         public = Path("key.pub").read_text()
         Path("authorized").write_text(f'restrict,command="{PROGRAM} serve --root {here}/there" {public}')
-        port = 20000 + os.getpid() % 20000
-        Path("config").write_text(f"Port {port}\nListenAddress 127.0.0.1\nHostKey {here}/host_key\nUsePAM no\n"
-                                  f"AuthorizedKeysFile {here}/authorized\nStrictModes no\nPermitRootLogin yes\n"
-                                  "PidFile none\n")
-        daemon = subprocess.Popen([sshd, "-D", "-e", "-f", "config"], stderr=subprocess.PIPE)
-        self.addCleanup(daemon.communicate)
-        self.addCleanup(daemon.terminate)
-        ssh = (f"ssh -F none -p {port} -i {here}/key -o StrictHostKeyChecking=no -o UserKnownHostsFile={here}/known "
-               "-o BatchMode=yes -o LogLevel=ERROR -o ConnectionAttempts=20")
-        time.sleep(0.5)
-        if daemon.poll() is not None:
-            self.skipTest("sshd does not start here: " + daemon.stderr.read().decode()[-200:])
-        probe = subprocess.run([*ssh.split(), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True,
+        Path("config").write_text(f"HostKey {here}/host_key\nUsePAM no\nAuthorizedKeysFile {here}/authorized\n"
+                                  "StrictModes no\nPermitRootLogin yes\nPidFile none\n")
+        # Each connection starts its own server, at the other end of a pipe: none to wait for, and no port to be free.
+        ssh = (f"ssh -F none -i {here}/key -o StrictHostKeyChecking=no -o UserKnownHostsFile={here}/known "
+               f"-o BatchMode=yes -o LogLevel=ERROR -o 'ProxyCommand={sshd} -i -f {here}/config'")
+        probe = subprocess.run([*shlex.split(ssh), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True,
                                text=True)
         if probe.returncode == 255:
             self.skipTest("ssh does not get through here: " + probe.stderr[-200:])
