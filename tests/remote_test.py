@@ -20,13 +20,30 @@ def frame(kind, payload=b""):
     return [(kind, payload)]
 
 
+CRCS = []
+for byte in range(256):
+    for _ in range(8):
+        byte = byte >> 1 ^ (0x82F63B78 if byte & 1 else 0)
+    CRCS.append(byte)
+
+
+def check_of(data, number):
+    """Of the first frame part of a hash, of all others CRC-32C."""
+    if number == 0:
+        return blake2sp(data)[:4]
+    crc = 0xFFFFFFFF
+    for byte in data:
+        crc = crc >> 8 ^ CRCS[(crc ^ byte) & 255]
+    return struct.pack("<I", crc ^ 0xFFFFFFFF)
+
+
 def encoded(frames):
     """The bytes of frames, which are pairs of type and payload, or bytes as they are."""
     stream = b""
     for number, each in enumerate(frames):
         if not isinstance(each, bytes):
-            header = struct.pack("<IB", len(each[1]), each[0]) + blake2sp(each[1])[:4]
-            each = header + blake2sp(header + struct.pack("<q", number))[:4] + each[1]
+            header = struct.pack("<IB", len(each[1]), each[0]) + check_of(each[1], number)
+            each = header + check_of(header + struct.pack("<q", number), number) + each[1]
         stream += each
     return stream
 

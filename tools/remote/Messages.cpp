@@ -84,19 +84,9 @@ Digest digestFrom(FieldReader& from)
     return {bytes.begin(), bytes.end()};
 }
 
-Digest digestOf(const std::string& data)
+Digest digestOf(std::string_view data)
 {
     return BlakeHash().get_hash(const_cast<char*>(data.data()), std::ssize(data)); // which is only read
-}
-
-std::string decompressed(std::string_view data, std::int64_t length)
-{
-    std::string bytes(static_cast<std::size_t>(length), '\0');
-    const std::size_t size = ZSTD_decompress(bytes.data(), bytes.size(), data.data(), data.size());
-    if (size != bytes.size()) {
-        throw ProtocolError("compressed data is damaged");
-    }
-    return bytes;
 }
 
 } // namespace
@@ -380,30 +370,33 @@ Written Written::decode(std::string_view payload)
     });
 }
 
-std::string encode(const Stretch& stretch, std::uint32_t compression)
+SentStretch::SentStretch(const Stretch& stretch, std::uint32_t compression, BytesPool& pool)
 {
     const auto length = static_cast<std::size_t>(stretch.range.length);
-    FieldWriter to;
-    to.i64(stretch.range.offset).i64(stretch.range.length);
+    m_fields.i64(stretch.range.offset).i64(stretch.range.length);
     if (stretch.data == nullptr) {
-        return to.u8(static_cast<std::uint8_t>(Form::Zeros)).done();
+        m_fields.u8(static_cast<std::uint8_t>(Form::Zeros));
+        return;
     }
-    std::string compressed(compression > 0 ? ZSTD_compressBound(length) : 0, '\0');
-    const std::size_t size = compression == 0
-        ? length
-        : ZSTD_compress(compressed.data(), compressed.size(), stretch.data, length, static_cast<int>(compression));
-    const bool isSmaller = compression > 0 && ZSTD_isError(size) == 0 && size < length;
-    to.u8(static_cast<std::uint8_t>(isSmaller ? Form::Compressed : Form::Bytes));
+    m_data = {stretch.data, length};
+    Form form = Form::Bytes;
+    if (compression > 0) {
+        m_compressed = pool.take(ZSTD_compressBound(length));
+        const std::size_t size = ZSTD_compress(m_compressed.data(), m_compressed.size(), stretch.data, length,
+                                               static_cast<int>(compression));
+        if (ZSTD_isError(size) == 0 && size < length) {
+            form = Form::Compressed;
+            m_data = m_compressed.view().substr(0, size);
+        }
+    }
     const bool isOfBlocks = !stretch.digest.empty();
-    const Digest digest
-        = isOfBlocks ? stretch.digest : BlakeHash().get_hash(const_cast<char*>(stretch.data), stretch.range.length);
-    to.u8(isOfBlocks ? 1 : 0).bytes(digest.data(), digest.size());
-    return to.bytes(isSmaller ? compressed.data() : stretch.data, isSmaller ? size : length).done();
+    const Digest digest = isOfBlocks ? stretch.digest : digestOf({stretch.data, length});
+    m_fields.u8(static_cast<std::uint8_t>(form)).u8(isOfBlocks ? 1 : 0).bytes(digest.data(), digest.size());
 }
 
-ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, const DataForm& form)
+ReceivedStretch ReceivedStretch::decode(Bytes payload, std::int64_t start, const DataForm& form, BytesPool& pool)
 {
-    FieldReader from(payload);
+    FieldReader from(payload.view());
     ReceivedStretch received;
     received.range = rangeFrom(from, form.end);
     const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
@@ -418,20 +411,34 @@ ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t s
     if (!received.isZeros) {
         received.isOfBlocks = from.flag();
         received.digest = digestFrom(from);
-        received.data
-            = kind == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
-        if (std::ssize(received.data) != received.range.length
-            || (received.isOfBlocks
-                && (received.range.offset % form.blockSize != 0 || received.range.length % form.blockSize != 0))) {
-            throw ProtocolError("data of another length than told");
+        received.data = from.rest();
+        received.memory = std::move(payload);
+        if (kind == Form::Compressed) {
+            received.decompress(pool);
         }
-        const Digest found = received.isOfBlocks
-            ? digestOfBlocks(received.data.data(), received.range.length, form.blockSize)
-            : digestOf(received.data);
-        checkDigest(received.range, found, received.digest);
+        received.check(form);
     }
     from.end();
     return received;
+}
+
+void ReceivedStretch::decompress(BytesPool& pool)
+{
+    Bytes bytes = pool.take(static_cast<std::size_t>(range.length));
+    if (ZSTD_decompress(bytes.data(), bytes.size(), data.data(), data.size()) != bytes.size()) {
+        throw ProtocolError("compressed data is damaged");
+    }
+    memory = std::move(bytes);
+    data = memory.view();
+}
+
+void ReceivedStretch::check(const DataForm& form) const
+{
+    const bool isOfWholeBlocks = range.offset % form.blockSize == 0 && range.length % form.blockSize == 0;
+    if (std::ssize(data) != range.length || (isOfBlocks && !isOfWholeBlocks)) {
+        throw ProtocolError("data of another length than told");
+    }
+    checkDigest(range, isOfBlocks ? digestOfBlocks(data.data(), range.length, form.blockSize) : digestOf(data), digest);
 }
 
 } // namespace kelvane::tool

@@ -50,7 +50,8 @@ void sendStretch(Channel& channel, const Stretch& stretch, const DataForm& form)
             = stretch.data == nullptr ? nullptr : stretch.data + (piece.offset - stretch.range.offset);
         const Digest digest
             = isCut && !stretch.digest.empty() ? digestOfBlocks(data, piece.length, form.blockSize) : stretch.digest;
-        channel.send(FrameType::Data, encode({piece, data, digest}, form.compression));
+        const SentStretch sent({piece, data, digest}, form.compression, channel.pool());
+        channel.send(FrameType::Data, {sent.fields(), sent.data()});
         rest = between(piece.end(), rest.end());
     }
 }

@@ -71,9 +71,9 @@ private:
     void sending(Work work); // an error that the other side told is what comes out
     void beGreeted();
     void request(FrameType type, const std::string& payload = {});
-    std::string answer(FrameType type);
+    Bytes answer(FrameType type);
     bool tell(const Frame& frame) const; // an error, or a note: true
-    void show(const std::string& payload);
+    void show(std::string_view payload);
     void throwWhatItSaid();
     Conclusion shown(Conclusion conclusion) const;
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);

@@ -42,8 +42,8 @@ public:
     {
         greet();
         m_paths.emplace(m_arguments.root); // a failure is told to a side that was greeted
-        open(Open::decode(expect(FrameType::Open)));
-        const Start start = decodeStart(expect(FrameType::Start));
+        open(Open::decode(expect(FrameType::Open).view()));
+        const Start start = decodeStart(expect(FrameType::Start).view());
         this->start(start);
         for (;;) {
             serve(m_channel.receive());
@@ -62,7 +62,7 @@ public:
     }
 
 private:
-    std::string expect(FrameType type)
+    Bytes expect(FrameType type)
     {
         Frame frame = m_channel.receive();
         if (frame.type != type) {
@@ -73,9 +73,9 @@ private:
 
     void greet()
     {
-        const std::string payload = expect(FrameType::Hello);
+        const Bytes payload = expect(FrameType::Hello);
         m_channel.send(FrameType::Hello, Hello().encode()); // so that a side of another version can tell
-        const Hello hello = Hello::decode(payload);
+        const Hello hello = Hello::decode(payload.view());
         m_channel.setTimeout(std::chrono::seconds(hello.timeout));
         m_takesZstd = (hello.capabilities & Hello::ZSTD) != 0;
     }
@@ -134,15 +134,15 @@ private:
     {
         switch (frame.type) {
         case FrameType::AskNodes:
-            return answer(AskNodes::decode(frame.payload));
+            return answer(AskNodes::decode(frame.payload.view()));
         case FrameType::AskBytes:
-            return answer(AskBytes::decode(frame.payload));
+            return answer(AskBytes::decode(frame.payload.view()));
         case FrameType::DropCache:
             return m_side->dropCache();
         case FrameType::Read:
-            return read(Read::decode(frame.payload, m_size));
+            return read(Read::decode(frame.payload.view(), m_size));
         case FrameType::StartWriting:
-            return write(FieldReader(frame.payload).flag());
+            return write(FieldReader(frame.payload.view()).flag());
         case FrameType::Distrust:
             return m_side->distrust();
         case FrameType::Conclude: {
@@ -221,7 +221,7 @@ private:
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            auto received = ReceivedStretch::decode(frame.payload, end, m_form);
+            auto received = ReceivedStretch::decode(std::move(frame.payload), end, m_form, m_channel.pool());
             if (received.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
                 checkBoundary(received.range.offset);
