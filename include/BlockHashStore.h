@@ -96,10 +96,12 @@ public:
 
     // Checks an access to `length` bytes from the external offset `offset` on: it returns when
     // partition offset <= offset < target size, and offset + length <= target size; these are the
-    // mathematical values, none of them wraps around. Otherwise it throws `log_tag` ": offset is out of
-    // bounds: " offset ", " end, where end is the target size less the partition offset, printed as a signed
-    // 64-bit number. Ranges that start at 2^63 - 1 or end past it are refused too. A negative length passes;
-    // the operations refuse it afterwards.
+    // mathematical values, none of them wraps around. The target may have at most 2^63 - 1 bytes, which is its size
+    // less the partition offset: one of more, or one that ends before it starts, accepts no access at all.
+    // Otherwise it throws `log_tag` ": offset is out of bounds: " offset ", " end, where end is the target size less
+    // the partition offset, printed as a signed 64-bit number. A negative length passes; the operations refuse it
+    // afterwards. Where the target goes on behind the external offset 2^63 - 1, a range may lead there but not start
+    // there; offsets there, as callbacks are given them, are those less 2^64.
     void throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset, kelvane_buf_len_t length) const;
 
     // Opens the hash file at `path` for a target that ends at `targetSizeInBytes` (an external offset, as
@@ -307,6 +309,7 @@ private:
     static uint64_t fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize);
     uint64_t openAndValidate(const std::string& path, int flags);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
+    kelvane_off_t blockOffset(const Span& span, kelvane_ssize_t position) const;
     char* entryAt(kelvane_ssize_t position) const;
     kelvane_ssize_t entryOffsetInFile(kelvane_ssize_t block) const;
     void hashFullBlocks(const Span& span, char* buffer);

@@ -62,7 +62,7 @@ public:
     void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
                                 const BlockHashStore::UnknownRangeFunc& onRange);
 
-    // The same of the whole target; of one without a byte, nothing.
+    // The same of the whole target; of one that accepts no access, nothing.
     void for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange);
 
 private:

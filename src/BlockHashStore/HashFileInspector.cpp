@@ -88,10 +88,10 @@ void HashFileInspector::for_each_unknown_range(kelvane_off_t offset, kelvane_buf
 
 void HashFileInspector::for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange)
 {
-    const uint64_t start = partition_offset_in_bytes();
-    const uint64_t end = std::min(target_size_in_bytes(), MAXIMUM_SIGNED);
-    if (start < end) {
-        for_each_unknown_range(static_cast<kelvane_off_t>(start), static_cast<kelvane_buf_len_t>(end - start), onRange);
+    const auto start = static_cast<kelvane_off_t>(partition_offset_in_bytes());
+    const auto length = static_cast<kelvane_buf_len_t>(m_store->computeMaximumInternalOffset());
+    if (start >= 0 && length > 0) {
+        for_each_unknown_range(start, length, onRange);
     }
 }
 

@@ -35,13 +35,13 @@ void BlockHashStore::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_le
                 continue;
             }
             if (start < position) {
-                onRange(span.start + start * blockSize, (position - start) * blockSize);
+                onRange(blockOffset(span, start), (position - start) * blockSize);
             }
             start = position + 1;
         }
     }
     if (start < end) {
-        onRange(span.start + start * blockSize, (end - start) * blockSize);
+        onRange(blockOffset(span, start), (end - start) * blockSize);
     }
 }
 

@@ -39,7 +39,6 @@ struct BlockHashStore::Span {
     kelvane_ssize_t bufferedEntries;    // room in the hash buffer: the full blocks and two partial ones
     kelvane_off_t offset;               // external, as given
     kelvane_buf_len_t length;
-    kelvane_off_t start; // external offset of the first block
 
     bool startsPartial() const { return firstFullPosition > 0; }
     bool endsPartial() const { return firstFullPosition + numberOfFullBlocks < numberOfBlocks; }
@@ -53,13 +52,17 @@ struct BlockHashStore::Runs {
 
     void append(kelvane_off_t offset, kelvane_ssize_t length, kelvane_ssize_t index)
     {
-        if (offsets.empty() || offsets.back() + lengths.back() != offset) {
+        if (offsets.empty() || m_end != static_cast<uint64_t>(offset)) {
             offsets.push_back(offset);
             lengths.push_back(0);
             indexes.push_back(static_cast<int32_t>(index));
         }
         lengths.back() += length;
+        m_end = static_cast<uint64_t>(offset) + static_cast<uint64_t>(length);
     }
+
+private:
+    uint64_t m_end = 0; // of the last run; external offsets may wrap around
 };
 
 // Hashes whole blocks side by side, many at a time, into hash buffer entries.

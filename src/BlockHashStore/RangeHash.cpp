@@ -139,12 +139,12 @@ BlockHashStore::Runs BlockHashStore::planRuns(const Span& span) const
     const char* flags = entryAt(span.firstFullPosition);
     for (kelvane_ssize_t position = span.firstFullPosition; position < endFullPosition; ++position) {
         if ((*flags & InUse) == 0) {
-            runs.append(span.start + position * blockSize, blockSize, position);
+            runs.append(blockOffset(span, position), blockSize, position);
         }
         flags += entrySize;
     }
     if (span.endsPartial()) {
-        runs.append(span.start + endFullPosition * blockSize, blockSize - span.partialEnd, endFullPosition);
+        runs.append(blockOffset(span, endFullPosition), blockSize - span.partialEnd, endFullPosition);
     }
     return runs;
 }
