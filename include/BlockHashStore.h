@@ -14,9 +14,9 @@
 // ": " and the error number in decimal. Failed allocations and whatever a callback throws pass through
 // unchanged. After a failure the store can be used as before, unless moved from. While another exception
 // is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
-// `create`, `update_hashes`, `zero_hashes`, `invalidate_hashes` and `for_each_unknown_range` then just return, `open`
-// returns an empty pointer, the range hash an empty value, `discard_torn_entries` 0, and nothing more is read or
-// written by that call. A failed close alone changes nothing else then: the call goes on after the log line.
+// `create`, `update_hashes`, `store_hashes_of_zeros`, `invalidate_hashes` and `for_each_unknown_range` then just
+// return, `open` returns an empty pointer, the range hash an empty value, `discard_torn_entries` 0, and nothing more is
+// read or written by that call. A failed close alone changes nothing else then: the call goes on after the log line.
 //
 // Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one, and while
 // it lasts at most 56 bytes per stretch of unknown blocks and what the callback hands over. The
@@ -31,6 +31,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Export.h"
@@ -184,12 +185,12 @@ public:
     // length. Costs one write for every 31775 blocks that the range covers wholly, one for the rest of them, and one
     // for each block that it covers in part.
     // Failures:
-    //   that of throwOnAccessViolation, with the tag zero_hashes
-    //   "zero_hashes: length is negative: " and the length
+    //   that of throwOnAccessViolation, with the tag store_hashes_of_zeros
+    //   "store_hashes_of_zeros: length is negative: " and the length
     //   "failed to compute hash from data"; so far the hash file is untouched
     //   "failed to seek in hash file: " position (errno)
     //   "failed to write hash: " offset (errno). The entries of earlier writes are stored; see also get_hash
-    void zero_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
+    void store_hashes_of_zeros(kelvane_off_t offset, kelvane_buf_len_t length);
 
     // Makes every block that the range touches unknown. Costs one write. Fails as update_hashes does.
     void invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
@@ -257,13 +258,16 @@ private:
 
     enum HashFlags : uint8_t { InUse = 1 };
 
-    class DescriptorGuard;
+    class BlockHasher;
     class CallbackGuard;
+    class DescriptorGuard;
     struct FreeMemory {
         void operator()(char* array) const;
     };
-    struct Span;
     struct Runs;
+    struct Span;
+    struct TransferFailures;
+    struct Window;
 
     static constexpr kelvane_buf_len_t MAXIMUM_CREATE_FILE_BUFFER_SIZE = 1048576;
     static constexpr uint32_t DEFAULT_BLOCK_SIZE = 4096;
@@ -300,26 +304,38 @@ private:
     static void throwWithErrno(const std::string& message);
 
     // Helpers of the operations above, beyond the file format.
-    static void throwWithErrno(const char* message, const std::string& value = {});
-    static void failWithErrno(const char* message, const std::string& value = {});
-    static void failWithErrno(const char* message, kelvane_ssize_t value);
+    static void throwWithErrno(std::string_view message, std::string_view value);
+    [[noreturn]] static void failWithErrno(std::string_view message, std::string_view value = {});
+    [[noreturn]] static void failWithErrno(std::string_view message, kelvane_ssize_t value);
     static bool fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static void throwOnBlockSizeOfZero(uint32_t blockSize);
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static uint64_t fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize);
+    static void makeFile(const std::string& path, kelvane_size_t fileLength);
+    static void writeHeader(const std::string& path, kelvane_size_t targetSizeInBytes, kelvane_off_t partitionOffset,
+                            uint32_t blockSize, uint32_t hashId);
+    void openAndAdapt(const std::string& path, kelvane_size_t targetSizeInBytes);
     uint64_t openAndValidate(const std::string& path, int flags);
+    void addZeros(uint64_t offset, uint64_t length);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
     kelvane_off_t blockOffset(const Span& span, kelvane_ssize_t position) const;
-    char* entryAt(kelvane_ssize_t position) const;
+    kelvane_ssize_t entrySize() const;
     kelvane_ssize_t entryOffsetInFile(kelvane_ssize_t block) const;
-    void hashFullBlocks(const Span& span, char* buffer);
-    bool loadFullEntries(const Span& span);
-    Runs planRuns(const Span& span) const;
-    void hashRuns(const Runs& runs, const std::vector<std::unique_ptr<char[]>>& data);
-    bool storeFullEntries(const Span& span);
+    template <class Transfer>
+    void transferEntries(kelvane_ssize_t firstBlock, kelvane_ssize_t count, const TransferFailures& failures,
+                         Transfer transfer);
+    void readEntries(kelvane_ssize_t firstBlock, kelvane_ssize_t count, char* entries,
+                     const TransferFailures& failures);
+    void writeEntries(kelvane_ssize_t firstBlock, kelvane_ssize_t count, const char* entries,
+                      const TransferFailures& failures);
+    BlockHasher blockHasher(const char* failure);
+    Runs planRuns(const Span& span, const Window& window) const;
+    void hashRuns(const Runs& runs, const Window& window, const std::vector<std::unique_ptr<char[]>>& data);
     HashValue aggregate(kelvane_ssize_t numberOfHashes);
-    std::vector<char> zeroBlockEntry(bool isNeeded);
-    bool writeEntries(const Span& span, kelvane_ssize_t position, kelvane_ssize_t count, const char* entries);
+    void storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length);
+    std::vector<char> zeroBlockEntries(kelvane_ssize_t count);
+    void forEachUnknownRange(kelvane_off_t offset, kelvane_buf_len_t length, const UnknownRangeFunc& onRange);
+    uint64_t discardTornEntries();
     HashValue hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length, const DataRequiredFunc& dataRequiredFunc,
                           bool stores);
     void throwWithinDataCallback() const;

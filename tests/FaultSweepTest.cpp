@@ -149,7 +149,7 @@ constexpr Run UPDATE = [](Lab& lab, int64_t offset, int64_t length) {
 constexpr Run INVALIDATE
     = [](Lab& lab, int64_t offset, int64_t length) { lab.store->invalidate_hashes(PARTITION + offset, length); };
 constexpr Run ZERO
-    = [](Lab& lab, int64_t offset, int64_t length) { lab.store->zero_hashes(PARTITION + offset, length); };
+    = [](Lab& lab, int64_t offset, int64_t length) { lab.store->store_hashes_of_zeros(PARTITION + offset, length); };
 constexpr Run UNKNOWN = [](Lab& lab, int64_t offset, int64_t length) {
     lab.store->for_each_unknown_range(PARTITION + offset, length, [](auto, auto) {});
 };
@@ -202,7 +202,7 @@ const Operation OPERATIONS[]
        {Recalls, "get_hash of a buffer", SIZE, HASH_BUFFER, BLOCK, BLOCK, {}},
        {Updates, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 150 * BLOCK, {"failed to write hash: 1084421: E"}},
        {Changes, "invalidate_hashes", SIZE, INVALIDATE, 3, 50000, {"failed to write hash: 1048579: E"}},
-       {Updates, "zero_hashes", SIZE, ZERO, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
+       {Updates, "store_hashes_of_zeros", SIZE, ZERO, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
        {Changes, "for_each_unknown_range", SIZE, UNKNOWN, 0, SIZE, {"failed to read hash entry: 4096: E"}},
        {Changes, "sync_to_disk", SIZE, SYNC, 0, 0, {"!sync failed"}},
        {Discards, "discard_torn_entries", SIZE, DISCARD, 15 * BLOCK, 2 * BLOCK, DISCARDING},

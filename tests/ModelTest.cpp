@@ -310,7 +310,7 @@ private:
             const kelvane_off_t offset = m_model.partitionOffset + start;
             how == Change::Update
                 ? m_store->update_hashes(offset, m_model.target.data() + (accepted ? start : 0), length)
-                : how == Change::Zero ? m_store->zero_hashes(offset, length)
+                : how == Change::Zero ? m_store->store_hashes_of_zeros(offset, length)
                                       : m_store->invalidate_hashes(offset, length);
         });
         m_store->setOnWriteCallback({});

@@ -151,7 +151,7 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
     const std::function<void()> operations[] = {[&] { store->get_hash(0, 100, store.target.supplier()); },
                                                 [&] { store->update_hashes(0, store.target.bytes.data(), 100); },
                                                 [&] { store->invalidate_hashes(0, 100); },
-                                                [&] { store->zero_hashes(0, 100); },
+                                                [&] { store->store_hashes_of_zeros(0, 100); },
                                                 [&] { store->for_each_unknown_range(0, 100, nullptr); },
                                                 [&] { store->discard_torn_entries(); }};
     const Bytes before = store.file();
@@ -163,7 +163,7 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
 }
 
 // More than are written at once; the blocks around them keep their entries.
-TEST(RequestTest, ZeroHashesAreWrittenInPieces)
+TEST(RequestTest, HashesOfZerosAreWrittenInPieces)
 {
     MemoryStore store(100000, 0, 1);
     store->get_hash(0, 100000, store.target.supplier());
@@ -172,7 +172,7 @@ TEST(RequestTest, ZeroHashesAreWrittenInPieces)
         setEntry(right, block, digestOf({0}));
     }
     const CallCounter calls;
-    store->zero_hashes(10, 99980);
+    store->store_hashes_of_zeros(10, 99980);
     EXPECT_EQ(calls.counts(), (CallCounts {{Call::WriteAt, 4}}));
     EXPECT_TRUE(store.file() == right);
 }

@@ -11,9 +11,9 @@ namespace kelvane {
 HashFileInspector::HashFileInspector(const std::string& path)
     : m_store(new BlockHashStore())
 {
-    const FailureWatch watch;
-    m_fileSize = m_store->openAndValidate(path, O_RDONLY);
-    if (watch.operationGaveUp()) {
+    try {
+        m_fileSize = m_store->openAndValidate(path, O_RDONLY);
+    } catch (const GivenUp&) {
         throw std::runtime_error("cannot inspect a hash file while an exception propagates");
     }
     m_store->m_blockBuffer = BlockHashStore::makeZeroedBlock(block_size_in_bytes());
@@ -77,7 +77,7 @@ kelvane_size_t HashFileInspector::file_size_for(HashFunctionType hashType, kelva
 BlockHashStore::HashValue HashFileInspector::get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
                                                       const BlockHashStore::DataRequiredFunc& dataRequiredFunc)
 {
-    return m_store->hashOfRange(offset, length, dataRequiredFunc, false);
+    return emptyWhenGivenUp([&] { return m_store->hashOfRange(offset, length, dataRequiredFunc, false); });
 }
 
 void HashFileInspector::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,

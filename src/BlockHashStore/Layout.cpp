@@ -165,15 +165,9 @@ kelvane_off_t BlockHashStore::blockOffset(const Span& span, kelvane_ssize_t posi
     return fromInternalOffset((span.firstBlock + position) * static_cast<kelvane_ssize_t>(getBlockSize()));
 }
 
-char* BlockHashStore::entryAt(kelvane_ssize_t position) const
+kelvane_ssize_t BlockHashStore::entrySize() const
 {
-    return m_hashBuffer.get() + position * static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
-}
-
-kelvane_ssize_t BlockHashStore::entryOffsetInFile(kelvane_ssize_t block) const
-{
-    return static_cast<kelvane_ssize_t>(m_header.dataRegionOffsetInBytes
-                                        + static_cast<uint64_t>(block) * getHashEntrySize(hashSize()));
+    return static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
 }
 
 } // namespace kelvane

@@ -56,7 +56,7 @@ void Store::update(Range range, char* data)
 
 void Store::zero(Range range)
 {
-    forgetWhenFailing(range, [&] { writable().zero_hashes(onDevice(range), range.length); });
+    forgetWhenFailing(range, [&] { writable().store_hashes_of_zeros(onDevice(range), range.length); });
 }
 
 // A write that was cut short can leave a hash by half.
