@@ -7,6 +7,7 @@
 #include <new>
 
 #include "../tests/Allocations.h"
+#include "HashFileInspector.h"
 
 namespace kelvane::testing {
 
@@ -77,6 +78,7 @@ void use(BlockHashStore& store, const HashFileHeader& header, const Bytes& right
         });
         EXPECT_EQ(failure.substr(0, 33), usable ? "(none)" : "get_hash: offset is out of bounds");
     }
+    EXPECT_EQ(failureOf([] { HashFileInspector(path).for_each_unknown_range([](auto, auto) {}); }), "(none)");
     store.discard_torn_entries();
     const Bytes after = content();
     ASSERT_EQ(after.size(), right.size());

@@ -27,6 +27,10 @@ public:
     // calls get_hash for one buffer after the other, as the interface does.
     std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
                            unsigned char* const* digests) override;
+
+    // Takes 1.3 KiB, however long the message becomes; pieces of some kilobytes and more cost what one buffer costs. Of
+    // a derived class, a message is that of the interface.
+    std::unique_ptr<Message> begin_message() override;
 };
 
 } // namespace kelvane

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "Export.h"
@@ -15,6 +16,19 @@ namespace kelvane {
 class KELVANE_EXPORT IHashFunction {
 public:
     using HashValue = std::vector<unsigned char>; // one digest; an empty one means that hashing failed
+
+    // A message that is hashed piece by piece.
+    class KELVANE_EXPORT Message {
+    public:
+        virtual ~Message() = default;
+
+        // The `length` bytes at `bytes` come next; null will do for none. They are not needed afterwards.
+        virtual void add(const void* bytes, std::size_t length) = 0;
+
+        // The digest that get_hash gives for all bytes that were added; empty when hashing fails. Once, as the last
+        // call.
+        virtual HashValue finish() = 0;
+    };
 
     virtual ~IHashFunction() = default;
 
@@ -35,6 +49,10 @@ public:
     // Unless overridden it calls get_hash for one buffer after the other.
     virtual std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
                                    unsigned char* const* digests);
+
+    // Begins a message, which this object must outlive. Never null.
+    // Unless overridden, a message keeps its bytes until it is finished, and then calls get_hash.
+    virtual std::unique_ptr<Message> begin_message();
 };
 
 } // namespace kelvane
