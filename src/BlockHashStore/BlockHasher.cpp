@@ -28,6 +28,20 @@ void BlockHashStore::BlockHasher::add(const char* bytes, kelvane_ssize_t length)
     }
 }
 
+void BlockHashStore::BlockHasher::addZeros(kelvane_ssize_t length)
+{
+    while (length > 0) {
+        const kelvane_ssize_t count = std::min(m_blockSize - m_position, length);
+        length -= count;
+        m_position += count;
+        if (count == m_blockSize) {
+            addZeroBlock();
+        } else if (m_position == m_blockSize) {
+            finish();
+        }
+    }
+}
+
 // A block can be far larger than what is put into it.
 void BlockHashStore::BlockHasher::place(const char* bytes, kelvane_ssize_t length)
 {
@@ -65,6 +79,20 @@ void BlockHashStore::BlockHasher::addBlock(const char* block)
     if (++m_count == m_blocks.size()) {
         flush();
     }
+}
+
+void BlockHashStore::BlockHasher::addZeroBlock()
+{
+    m_position = 0;
+    if (m_zeroDigest.empty()) {
+        m_zeroDigest = m_hashFunction.get_hash(m_zeros, m_blockSize);
+        if (m_zeroDigest.size() + 1 != static_cast<std::size_t>(m_entrySize)) {
+            throw std::runtime_error(m_failure);
+        }
+    }
+    *m_entry = InUse;
+    std::copy(m_zeroDigest.begin(), m_zeroDigest.end(), m_entry + 1);
+    m_entry += m_entrySize;
 }
 
 void BlockHashStore::BlockHasher::flush()

@@ -31,6 +31,8 @@ public:
     // They are hashed now or by the next flush; until then they must stay there.
     void add(const char* bytes, kelvane_ssize_t length);
 
+    void addZeros(kelvane_ssize_t length);
+
     // What is missing of the last block is taken for zeros.
     void finish();
 
@@ -39,6 +41,7 @@ public:
 private:
     void place(const char* bytes, kelvane_ssize_t length);
     void addBlock(const char* block);
+    void addZeroBlock();
     void clear();
 
     IHashFunction& m_hashFunction;
@@ -49,6 +52,7 @@ private:
     char* m_entry = nullptr;
     kelvane_ssize_t m_position = 0;                     // in the block of that entry
     kelvane_ssize_t m_placedStart = 0, m_placedEnd = 0; // where the buffer holds other bytes than zeros
+    IHashFunction::HashValue m_zeroDigest;              // of a block of zeros, once there was one
     std::size_t m_count = 0;                            // of blocks that wait
     std::array<kelvane_buf_t, 128> m_blocks;
     std::array<unsigned char*, 128> m_digests;

@@ -80,13 +80,27 @@ BlockHashStore::HashValue HashFileInspector::get_hash(kelvane_off_t offset, kelv
     return emptyWhenGivenUp([&] { return m_store->hashOfRange(offset, length, dataRequiredFunc, false); });
 }
 
+BlockHashStore::HashValue HashFileInspector::hash_range(kelvane_off_t offset, kelvane_buf_len_t length,
+                                                        TargetSource& source,
+                                                        const BlockHashStore::ProgressFunc& progress)
+{
+    return emptyWhenGivenUp([&] { return m_store->hashOfRange(offset, length, source, progress, false); });
+}
+
+bool HashFileInspector::find_wrong_hashes(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                                          const BlockHashStore::RangeFunc& onWrong,
+                                          const BlockHashStore::ProgressFunc& progress)
+{
+    return m_store->find_wrong_hashes(offset, length, source, onWrong, progress);
+}
+
 void HashFileInspector::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
-                                               const BlockHashStore::UnknownRangeFunc& onRange)
+                                               const BlockHashStore::RangeFunc& onRange)
 {
     m_store->for_each_unknown_range(offset, length, onRange);
 }
 
-void HashFileInspector::for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange)
+void HashFileInspector::for_each_unknown_range(const BlockHashStore::RangeFunc& onRange)
 {
     const auto start = static_cast<kelvane_off_t>(partition_offset_in_bytes());
     const auto length = static_cast<kelvane_buf_len_t>(m_store->computeMaximumInternalOffset());

@@ -71,13 +71,17 @@ struct BlockHashStore::Window {
     kelvane_ssize_t to;
 
     char* at(kelvane_ssize_t position) const { return entries + (position - from) * entrySize; }
+    char* end() const { return at(to); }
+    bool isKnown(kelvane_ssize_t position) const { return (*at(position) & InUse) != 0; }
 };
 
 // The stretches of target data that a request needs.
 struct BlockHashStore::Runs {
     std::vector<kelvane_off_t> offsets; // external
     std::vector<kelvane_off_t> lengths;
-    std::vector<int32_t> indexes; // of each run's first block in the window
+    std::vector<int32_t> indexes;       // of each run's first block in the window
+    kelvane_ssize_t firstFullIndex = 0; // of the whole blocks among them
+    kelvane_ssize_t endFullIndex = 0;   // behind the last one; 0 without one
 
     void append(kelvane_off_t offset, kelvane_ssize_t length, kelvane_ssize_t index)
     {
@@ -90,8 +94,64 @@ struct BlockHashStore::Runs {
         m_end = static_cast<uint64_t>(offset) + static_cast<uint64_t>(length);
     }
 
+    void appendFull(kelvane_off_t offset, kelvane_ssize_t length, kelvane_ssize_t index)
+    {
+        append(offset, length, index);
+        firstFullIndex = endFullIndex == 0 ? index : firstFullIndex;
+        endFullIndex = index + 1;
+    }
+
 private:
     uint64_t m_end = 0; // of the last run; external offsets may wrap around
+};
+
+// Marks the time in which a data callback runs.
+class BlockHashStore::CallbackGuard {
+public:
+    explicit CallbackGuard(bool& isInCallback)
+        : m_isInCallback(isInCallback)
+    {
+        m_isInCallback = true;
+    }
+    ~CallbackGuard() { m_isInCallback = false; }
+    CallbackGuard(const CallbackGuard&) = delete;
+    CallbackGuard& operator=(const CallbackGuard&) = delete;
+
+private:
+    bool& m_isInCallback;
+};
+
+// Tells the stretches of neighbours among blocks that are added in their order.
+class BlockHashStore::Stretches {
+public:
+    Stretches(const BlockHashStore& store, const Span& span, const RangeFunc& onRange)
+        : m_store(store)
+        , m_span(span)
+        , m_onRange(onRange)
+    {
+    }
+
+    void add(kelvane_ssize_t position)
+    {
+        m_start = m_start == m_end ? position : m_start;
+        m_end = position + 1;
+    }
+
+    // There is none behind the last one that was added.
+    void report()
+    {
+        if (m_start != m_end) {
+            const kelvane_ssize_t count = m_end - std::exchange(m_start, m_end);
+            m_onRange(m_store.blockOffset(m_span, m_end - count),
+                      count * static_cast<kelvane_ssize_t>(m_store.getBlockSize()));
+        }
+    }
+
+private:
+    const BlockHashStore& m_store;
+    const Span& m_span;
+    const RangeFunc& m_onRange;
+    kelvane_ssize_t m_start = 0, m_end = 0; // span positions
 };
 
 } // namespace kelvane

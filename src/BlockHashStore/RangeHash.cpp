@@ -11,12 +11,13 @@ namespace {
 
 constexpr kelvane_ssize_t MAXIMUM_BLOCKS_PER_REQUEST = std::numeric_limits<int32_t>::max();
 
-// Moves a digest to a place that may overlap it.
+constexpr std::size_t USUAL_SIZE = 32; // of a digest
+
+// Moves a digest to a place that may overlap it. A size known when compiling saves the call, which shows.
 void moveDigest(char* to, const char* from, std::size_t size)
 {
-    constexpr std::size_t USUAL_SIZE = 32;
     if (size == USUAL_SIZE) {
-        std::array<char, USUAL_SIZE> digest; // a size known when compiling saves the call, which shows
+        std::array<char, USUAL_SIZE> digest;
         std::memcpy(digest.data(), from, USUAL_SIZE);
         std::memcpy(to, digest.data(), USUAL_SIZE);
     } else {
@@ -25,22 +26,6 @@ void moveDigest(char* to, const char* from, std::size_t size)
 }
 
 } // namespace
-
-// Marks the time in which a data callback runs.
-class BlockHashStore::CallbackGuard {
-public:
-    explicit CallbackGuard(bool& isInCallback)
-        : m_isInCallback(isInCallback)
-    {
-        m_isInCallback = true;
-    }
-    ~CallbackGuard() { m_isInCallback = false; }
-    CallbackGuard(const CallbackGuard&) = delete;
-    CallbackGuard& operator=(const CallbackGuard&) = delete;
-
-private:
-    bool& m_isInCallback;
-};
 
 void BlockHashStore::throwWithinDataCallback() const
 {
@@ -64,17 +49,14 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
         throw std::runtime_error("get_hash: too many blocks in one request: " + std::to_string(span.numberOfBlocks));
     }
     growHashBufferWhenNeeded(span.bufferedEntries * entrySize());
-    if (length == 0) {
-        return aggregate(0);
-    }
-    const Window window = {m_hashBuffer.get(), entrySize(), 0, span.numberOfBlocks};
+    const Window window = {m_hashBuffer.get(), entrySize(), 0, length == 0 ? 0 : span.numberOfBlocks};
     char* const fullEntries = window.at(span.firstFullPosition);
     const kelvane_ssize_t firstFullBlock = span.firstBlock + span.firstFullPosition;
     if (span.numberOfFullBlocks > 0) {
         readEntries(firstFullBlock, span.numberOfFullBlocks, fullEntries,
                     {"failed to seek in hash file: ", "failed to read hash value: ", offset});
     }
-    const Runs runs = planRuns(span, window);
+    const Runs runs = planRuns(span, window, 0);
     if (!runs.offsets.empty()) {
         const auto data = [&] {
             const CallbackGuard guard(m_isInDataCallback);
@@ -89,22 +71,22 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
                          {"failed to seek in hash file during update: ", "failed to write hash: ", offset});
         }
     }
-    return aggregate(span.numberOfBlocks);
+    return checkedAggregate(get_hash(window.entries, concatenateHashes(window)));
 }
 
-// The data that the window's entries lack.
-BlockHashStore::Runs BlockHashStore::planRuns(const Span& span, const Window& window) const
+// The data that those whole blocks need whose flag InUse is so, and partial blocks.
+BlockHashStore::Runs BlockHashStore::planRuns(const Span& span, const Window& window, uint8_t flag) const
 {
     const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
     const kelvane_ssize_t fullEnd = std::min(span.endFullPosition(), window.to);
     kelvane_ssize_t position = window.from;
     Runs runs;
-    if (position == 0 && span.startsPartial()) {
+    if (position < std::min(span.firstFullPosition, window.to)) {
         runs.append(span.offset, std::min(span.length, blockSize - span.partialStart), position++);
     }
     for (const char* flags = window.at(position); position < fullEnd; ++position, flags += window.entrySize) {
-        if ((*flags & InUse) == 0) {
-            runs.append(blockOffset(span, position), blockSize, position - window.from);
+        if ((*flags & InUse) == flag) {
+            runs.appendFull(blockOffset(span, position), blockSize, position - window.from);
         }
     }
     if (position < window.to) {
@@ -113,35 +95,40 @@ BlockHashStore::Runs BlockHashStore::planRuns(const Span& span, const Window& wi
     return runs;
 }
 
+kelvane_ssize_t BlockHashStore::positionInBlock(kelvane_off_t offset) const
+{
+    return toInternalOffset(offset) % static_cast<kelvane_ssize_t>(getBlockSize());
+}
+
 void BlockHashStore::hashRuns(const Runs& runs, const Window& window, const std::vector<std::unique_ptr<char[]>>& data)
 {
     BlockHasher hasher = blockHasher("failed to generate block hash");
     for (std::size_t run = 0; run < data.size(); ++run) {
-        hasher.begin(window.entries + runs.indexes[run] * window.entrySize,
-                     toInternalOffset(runs.offsets[run]) % static_cast<kelvane_ssize_t>(getBlockSize()));
+        hasher.begin(window.at(runs.indexes[run]), positionInBlock(runs.offsets[run]));
         hasher.add(data[run].get(), runs.lengths[run]);
         hasher.finish();
     }
     hasher.flush();
 }
 
-// The hash of the first `numberOfHashes` entries' hashes. They are concatenated where they lie: the request
-// is done with the entries, and a second buffer would cost more than the copying.
-BlockHashStore::HashValue BlockHashStore::aggregate(kelvane_ssize_t numberOfHashes)
+// Moves the hashes of the window's entries together, where they lie: the request is done with the entries, and a
+// second buffer would cost more than the copying. Returns how many bytes they are.
+std::size_t BlockHashStore::concatenateHashes(const Window& window) const
 {
     const auto digestSize = static_cast<std::size_t>(hashSize());
-    const char* from = m_hashBuffer.get() + 1;
-    char* to = m_hashBuffer.get();
-    for (kelvane_ssize_t i = 0; i < numberOfHashes; ++i) {
-        moveDigest(to, from, digestSize);
-        from += getHashEntrySize(digestSize);
-        to += digestSize;
+    char* to = window.entries;
+    for (const char* entry = window.entries; entry != window.end(); entry += digestSize + 1, to += digestSize) {
+        moveDigest(to, entry + 1, digestSize);
     }
-    HashValue aggregated_hash = get_hash(m_hashBuffer.get(), digestSize * static_cast<std::size_t>(numberOfHashes));
-    if (aggregated_hash.empty()) {
+    return static_cast<std::size_t>(to - window.entries);
+}
+
+BlockHashStore::HashValue BlockHashStore::checkedAggregate(HashValue hash)
+{
+    if (hash.empty()) {
         throw std::runtime_error("failed to hash aggregate hashes");
     }
-    return aggregated_hash;
+    return hash;
 }
 
 } // namespace kelvane

@@ -74,7 +74,10 @@ void BlockHashStore::storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t 
     const TransferFailures failures = TransferFailures::ofStoring(offset);
     const std::vector<char> unknown(static_cast<std::size_t>(entrySize()), 0);
     const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
-    const std::vector<char> entries = zeroBlockEntries(atOnce);
+    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()));
+    BlockHasher hasher = blockHasher(HASHING_FAILED);
+    hasher.begin(entries.data(), 0);
+    hasher.addZeros(atOnce * static_cast<kelvane_ssize_t>(getBlockSize()));
     if (span.startsPartial()) {
         writeEntries(span.firstBlock, 1, unknown.data(), failures);
     }
@@ -85,22 +88,6 @@ void BlockHashStore::storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t 
     if (span.endsPartial()) {
         writeEntries(span.firstBlock + end, 1, unknown.data(), failures);
     }
-}
-
-// The entries of known blocks of zeros, of which one is hashed.
-std::vector<char> BlockHashStore::zeroBlockEntries(kelvane_ssize_t count)
-{
-    std::vector<char> entries(static_cast<std::size_t>(count * entrySize()));
-    if (count > 0) {
-        BlockHasher hasher = blockHasher(HASHING_FAILED);
-        hasher.begin(entries.data(), 0);
-        hasher.add(m_blockBuffer.get(), static_cast<kelvane_ssize_t>(getBlockSize()));
-        hasher.flush();
-    }
-    for (auto entry = entries.begin(); entry != entries.end(); entry += entrySize()) {
-        std::copy_n(entries.begin(), entrySize(), entry);
-    }
-    return entries;
 }
 
 uint64_t BlockHashStore::discard_torn_entries()

@@ -78,7 +78,7 @@ void Store::forget(Range range)
         } catch (const std::runtime_error&) {
             // The failure that came first is reported.
         }
-        m_store->sync_to_disk();
+        static_cast<void>(m_store->sync_to_disk());
     }
 }
 
