@@ -56,7 +56,7 @@ void Store::update(Range range, char* data)
 
 void Store::zero(Range range)
 {
-    forgetWhenFailing(range, [&] { writable().zero_hashes(onDevice(range), range.length); });
+    forgetWhenFailing(range, [&] { writable().store_hashes_of_zeros(onDevice(range), range.length); });
 }
 
 // A write that was cut short can leave a hash by half.
@@ -78,7 +78,7 @@ void Store::forget(Range range)
         } catch (const std::runtime_error&) {
             // The failure that came first is reported.
         }
-        m_store->sync_to_disk();
+        static_cast<void>(m_store->sync_to_disk());
     }
 }
 
