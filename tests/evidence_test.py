@@ -3,12 +3,13 @@
 Every table has a row for a way in which an image, a hash file or a name can change without the stamps and counters that
 tell of it. Whatever ends with 0 must be true of what the disks hold, then and later on; and where nothing was done the
 hashes must be believed."""
-import os, time
+import fcntl, mmap, os, time
 from contextlib import closing
 from pathlib import Path
 from random import randbytes
+from subprocess import run
 
-from disks import Disks, Held, Mapped, SlowSource, Throttle
+from disks import Direct, Disks, Held, Mapped, SlowSource, Throttle, shut_down, write
 from program import BLOCK, main
 
 BLOCKS = 50
@@ -89,6 +90,100 @@ class Evidence(Disks):
                             code, answer = self.ask(command, {"SHIM_AT": "fsynced a,fsync a", "SHIM_DO": words}, [])
                         self.later()
                         self.assertEqual((code, self.writers(answer)), (1, [os.getpid()]), (command, answer))
+
+    def test_a_crash_of_the_file_system_takes_stamps_back_and_keeps_data(self):
+        for kind in "ext4", "xfs":
+            for command in "", "build m/a", "sync m/b m/a":
+                with self.row(kind, command):
+                    device = self.file_system(kind)
+                    self.images()
+                    run(["sync", "--file-system", "m"], check=True)
+                    before = os.stat("m/a")
+                    write("m/a", PLACE, OTHER, Direct)
+                    if command:
+                        self.ask(command)
+                    shut_down("m")
+                    self.remount(device)
+                    self.assertTrue(command or os.stat("m/a").st_ctime_ns == before.st_ctime_ns)
+                    self.later()
+
+    def test_another_image_under_the_same_name_or_number(self):
+        """Each step leaves the name, the number, or the size and times as they were."""
+        for name in ("inode", "number", "offset", "file", "name", "covered", "covered image"):
+            with self.row(name):
+                self.file_system("ext4")
+                Path("list").write_text("0 + 1\n")
+                old, new = (randbytes(BLOCKS * BLOCK) for _ in "ab")
+                Path("m/disk").write_bytes(old + new)
+                Path("m/other").write_bytes(new + old)
+                if name in ("inode", "covered image"):
+                    image, words = "m/disk", "m/disk --hash-file=h"
+                else:
+                    image, held = self.attach("m/disk", "--read-only")
+                    words = f"{image} --hash-file=h"
+                if name == "name":
+                    os.link("m/disk", "m/same")
+                    self.mount("m/other", "m/disk", "--bind")
+                self.ask(f"build {words}")
+                self.ask(f"build {words}")
+                if name == "inode":
+                    os.remove("m/other")
+                    number = os.stat(image).st_ino
+                    os.remove(image)
+                    Path(image).write_bytes(new + old)
+                    self.assertEqual(os.stat(image).st_ino, number)
+                elif name == "number":
+                    held.close()
+                    run(["losetup", "--read-only", image, "m/other"], check=True)
+                    self.stack.callback(run, ["losetup", "--detach", image])
+                elif name == "offset":
+                    status = bytearray(232)
+                    with open(image, "rb") as device:
+                        fcntl.ioctl(device, 0x4c05, status)  # LOOP_GET_STATUS64
+                        status[24:32] = (len(old)).to_bytes(8, "little")
+                        fcntl.ioctl(device, 0x4c04, bytes(status))
+                elif name == "file":
+                    with open(image, "rb") as device, open("m/other", "rb") as other:
+                        fcntl.ioctl(device, 0x4c06, other.fileno())  # LOOP_CHANGE_FD
+                elif name == "name":
+                    write("m/same", PLACE, OTHER, Direct)
+                elif name == "covered":
+                    other, _ = self.attach("m/other", "--read-only")
+                    self.mount(other, image, "--bind")
+                else:
+                    self.mount("m/other", image, "--bind")
+                for command in "invalidate", "hash", "build":
+                    self.ask(f"{command} {words}" + (" --from=list" if command == "invalidate" else ""))
+
+    def test_a_device_that_is_written_past_what_others_hold_in_memory(self):
+        for name in "file", "partition", "whole disk", "mounted":
+            for built in True, False:
+                with self.row(name, "" if built else "not built before"):
+                    Path("m.disk").write_bytes(bytes(8 << 20))
+                    if name == "mounted":
+                        image = self.file_system("ext4", make="-O ^has_journal -E lazy_itable_init=0")
+                    else:
+                        disk, _ = self.attach("m.disk", "--partscan", *["--read-only"] * (name == "file"))
+                        run(["addpart", disk, "1", "2048", "2048"], check=True)
+                        image, past, offset = {"file": (disk, "m.disk", 0), "partition": (disk + "p1", disk, 1 << 20),
+                                               "whole disk": (disk, disk + "p1", 0)}[name]
+                    words = f"{image} --hash-file=h"
+                    if built:
+                        self.ask(f"build {words}")
+                        self.ask(f"build {words}")
+                    with open(image, "rb") as device, \
+                            mmap.mmap(device.fileno(), 1 << 20, prot=mmap.PROT_READ) as kept:
+                        kept[:]
+                        if name == "mounted":
+                            self.put("m/file", OTHER)
+                            run(["sync", "--file-system", "m"], check=True)
+                        else:
+                            write(past, offset + PLACE, OTHER, Direct)
+                        for command in "build", "hash", "verify", "build":
+                            answer = self.ask(f"{command} {words}")[1]
+                        if name != "file":
+                            fresh = answer["freshness"]
+                            self.assertTrue(not fresh["believed"] and fresh["doubt"], answer)
 
 
 main()
