@@ -9,7 +9,7 @@ from pathlib import Path
 from random import randbytes
 from subprocess import run
 
-from disks import SIZE, Direct, Disks, Held, Mapped, SlowSource, Throttle, shut_down, write
+from disks import MAKE, SIZE, Direct, Disks, Held, Mapped, SlowSource, Throttle, shut_down, write
 from program import BLOCK, main
 
 BLOCKS = 50
@@ -221,6 +221,32 @@ class Evidence(Disks):
                     self.assertEqual(self.ask(command)[0], 0)
                     self.ask(command.replace("build", "hash").replace("sync", "diff")
                              .replace("source-hash-file", "hash-file-a").replace("dest-hash-file", "hash-file-b"))
+    def test_which_file_systems_are_believed(self):
+        for kind, make, believed in (("ext4", "", True), ("ext4", "-O ^has_journal", True), ("xfs", "", True),
+                                     ("btrfs", "", True), ("ext4", "-I 128", False), ("tmpfs", "", False),
+                                     ("bindfs", "", False), ("overlay", "", False)):
+            with self.row(kind, make):
+                if kind in MAKE:
+                    self.file_system(kind, make=make)
+                elif kind == "bindfs":
+                    os.makedirs("below")
+                    os.makedirs("m")
+                    self.tool("bindfs below m")
+                    self.stack.callback(run, ["umount", "--lazy", "m"])
+                elif kind == "overlay":
+                    self.file_system("ext4", "d")
+                    for name in "upper", "work", "lower":
+                        os.mkdir("d/" + name)
+                    self.mount("overlay", "m", "-t", "overlay", "-o", "upperdir=d/upper,workdir=d/work,lowerdir=d/lower")
+                else:
+                    self.mount("tmpfs", "m", "-t", "tmpfs")
+                self.put("m/a", randbytes(BLOCKS * BLOCK))
+                for command in "build m/a --hash-file=h", "hash m/a --hash-file=h":
+                    self.ask(command)
+                    fresh = self.ask(command)[1]["freshness"]
+                    self.assertEqual((fresh["believed"], bool(fresh["doubt"])), (believed, not believed), fresh)
+                write("m/a", PLACE, OTHER)
+                self.ask("hash m/a --hash-file=h")
 
 
 main()
