@@ -252,16 +252,8 @@ class Held(Begun):
 
 # ---------------------------------------------------------------------------------------------------
 
-class Disks(Case):
-    @classmethod
-    def setUpClass(cls):
-        if os.geteuid() != 0:
-            raise unittest.SkipTest("devices and file systems are made by the superuser alone")
-        try:
-            system_call(272, 0x20000)  # unshare, CLONE_NEWNS
-        except OSError as error:
-            raise unittest.SkipTest(f"no mounts of its own: {error}")
-        run(["mount", "--make-rprivate", "/"], check=True)
+class Rows(Case):
+    """Tables of which every row has a directory of its own."""
 
     @contextmanager
     def row(self, *name):
@@ -272,43 +264,11 @@ class Disks(Case):
             os.chdir(directory)
             yield
 
-    def tool(self, command):
-        if not shutil.which(command.split()[0]):
-            self.skipTest("not installed: " + command.split()[0])
-        return run(command.split(), check=True, stdout=PIPE, stderr=PIPE, text=True).stdout.strip()
-
-    def attach(self, file, *options):
-        """A loop device. It stays for as long as it is used, or until the row ends."""
-        made = run(["losetup", "--find", "--show", *options, file], capture_output=True, text=True)
-        if made.returncode:
-            self.skipTest("no loop device: " + made.stderr.strip())
-        device = made.stdout.strip()
-        held = os.open(device, os.O_RDONLY)
-        run(["losetup", "--detach", device], check=True)  # which is done once nobody has it open
-        return device, self.stack.enter_context(Closing(held))
-
-    def mount(self, source, where, *options):
-        if not os.path.exists(where):
-            os.mkdir(where)
-        made = run(["mount", *options, source, where], capture_output=True, text=True)
-        if made.returncode:
-            self.skipTest(f"cannot mount {source}: {made.stderr.strip()}")
-        self.stack.callback(run, ["umount", "--lazy", where], stderr=DEVNULL)
-
-    def file_system(self, kind, where="m", make="", options=()):
-        """The loop device of a new one, mounted."""
-        disk = where + ".disk"
-        if not os.path.exists(disk):
-            with open(disk, "wb") as file:
-                file.truncate(SIZE[kind])
-        self.tool(f"{MAKE[kind]} {make} {disk}")
-        device, _ = self.attach(disk)
-        self.mount(device, where, *options)
-        return device
-
-    def remount(self, device, where="m"):
-        run(["umount", where], check=True)
-        run(["mount", device, where], check=True)
+    def put(self, name, content):
+        with open(name, "wb") as file:
+            file.write(content)
+            file.flush()
+            os.fsync(file.fileno())
 
     def ask(self, command, shim=None, writes=None, **options):
         """A command's exit code and its answer, which is true where that is 0, of what the disks hold. Not so while
@@ -383,6 +343,58 @@ class Disks(Case):
             server.join()
             os.remove("poke")
             os.remove("done")
+
+
+class Disks(Rows):
+    """Those that need the superuser, or what not every system has."""
+
+    @classmethod
+    def setUpClass(cls):
+        if os.geteuid() != 0:
+            raise unittest.SkipTest("devices and file systems are made by the superuser alone")
+        try:
+            system_call(272, 0x20000)  # unshare, CLONE_NEWNS
+        except OSError as error:
+            raise unittest.SkipTest(f"no mounts of its own: {error}")
+        run(["mount", "--make-rprivate", "/"], check=True)
+
+    def tool(self, command):
+        if not shutil.which(command.split()[0]):
+            self.skipTest("not installed: " + command.split()[0])
+        return run(command.split(), check=True, stdout=PIPE, stderr=PIPE, text=True).stdout.strip()
+
+    def attach(self, file, *options):
+        """A loop device. It stays for as long as it is used, or until the row ends."""
+        made = run(["losetup", "--find", "--show", *options, file], capture_output=True, text=True)
+        if made.returncode:
+            self.skipTest("no loop device: " + made.stderr.strip())
+        device = made.stdout.strip()
+        held = os.open(device, os.O_RDONLY)
+        run(["losetup", "--detach", device], check=True)  # which is done once nobody has it open
+        return device, self.stack.enter_context(Closing(held))
+
+    def mount(self, source, where, *options):
+        if not os.path.exists(where):
+            os.mkdir(where)
+        made = run(["mount", *options, source, where], capture_output=True, text=True)
+        if made.returncode:
+            self.skipTest(f"cannot mount {source}: {made.stderr.strip()}")
+        self.stack.callback(run, ["umount", "--lazy", where], stderr=DEVNULL)
+
+    def file_system(self, kind, where="m", make="", options=()):
+        """The loop device of a new one, mounted."""
+        disk = where + ".disk"
+        if not os.path.exists(disk):
+            with open(disk, "wb") as file:
+                file.truncate(SIZE[kind])
+        self.tool(f"{MAKE[kind]} {make} {disk}")
+        device, _ = self.attach(disk)
+        self.mount(device, where, *options)
+        return device
+
+    def remount(self, device, where="m"):
+        run(["umount", where], check=True)
+        run(["mount", device, where], check=True)
 
 
 class Closing:

@@ -3,28 +3,24 @@
 Every table has a row for a way in which an image, a hash file or a name can change without the stamps and counters that
 tell of it. Whatever ends with 0 must be true of what the disks hold, then and later on; and where nothing was done the
 hashes must be believed."""
-import fcntl, mmap, os, time
+import fcntl, mmap, os, shutil, signal, time
 from contextlib import closing
+from itertools import product
 from pathlib import Path
 from random import randbytes
-from subprocess import run
+from subprocess import PIPE, STDOUT, Popen, TimeoutExpired, run
 
-from disks import MAKE, SIZE, Direct, Disks, Held, Mapped, SlowSource, Throttle, shut_down, write
-from program import BLOCK, main
+from disks import MAKE, SIZE, Direct, Disks, Held, Mapped, Rows, SlowSource, Throttle, shut_down, write
+from program import BLOCK, PROGRAM, SHIM, main
 
 BLOCKS = 50
 OTHER = b"written by somebody else".ljust(2 * BLOCK, b"!")
 PLACE = 20 * BLOCK
+PRECIOUS = randbytes(12347)
 READING = ("build m/a", "verify m/a", "hash m/a", "diff m/a m/c", "sync m/a m/b")
 
 
 class Evidence(Disks):
-    def put(self, name, content):
-        with open(name, "wb") as file:
-            file.write(content)
-            file.flush()
-            os.fsync(file.fileno())
-
     def images(self):
         """An image, an equal one, and one that is to become equal; all that is known of them is believed."""
         for path in Path("m").iterdir():
@@ -247,6 +243,68 @@ class Evidence(Disks):
                     self.assertEqual((fresh["believed"], bool(fresh["doubt"])), (believed, not believed), fresh)
                 write("m/a", PLACE, OTHER)
                 self.ask("hash m/a --hash-file=h")
+
+
+SWAPS = {"link": "ln -s ../precious", "another name": "ln ../precious", "pipe": "mkfifo"}
+
+
+class Swaps(Rows):
+    """Names that are swapped between any two of the program's calls, as who may rename in a directory can."""
+
+    def prepare(self, known):
+        self.put("precious", PRECIOUS)
+        os.chmod("precious", 0o644)
+        self.put("source", randbytes(3 * BLOCK))
+        os.mkdir("there")
+        if known:
+            self.put("there/n", randbytes(3 * BLOCK))
+            if known == "and built":
+                self.ask("build there/n")
+                write("there/n", BLOCK, OTHER)
+        Path("far").write_text(f"#!/bin/sh\nexec env LD_PRELOAD={SHIM} {PROGRAM} serve --root there\n")
+        os.chmod("far", 0o755)
+        shutil.copytree("there", "clean")
+
+    def once(self, command, environment):
+        shutil.rmtree("there")
+        shutil.copytree("clean", "there")
+        environment = dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0", **environment)
+        if "far" not in command:
+            environment["LD_PRELOAD"] = SHIM
+        with Popen([PROGRAM, *command.split(), "-j1"], stdout=PIPE, stderr=STDOUT, text=True, env=environment,
+                   start_new_session=True) as process:
+            try:
+                return process.communicate(timeout=10)[0], process.returncode
+            except TimeoutExpired:
+                os.killpg(process.pid, signal.SIGKILL)  # the server, too
+                return "", "hangs"
+
+    def test_nothing_outside_is_touched_or_told(self):
+        for command, known in (("build there/n", "at all"), ("build there/n", "and built"), ("sync source there/n", ""),
+                               ("sync source there/n", "and built"), ("sync source h:n --rsh ./far", ""),
+                               ("sync source h:n --rsh ./far", "and built"), ("diff source h:n --rsh ./far", "at all")):
+            with self.row(command, known):
+                self.prepare(known)
+                for environment in {}, {"SHIM_LOG": "calls"}:
+                    self.once(command, environment)
+                calls = Path("calls").read_text().splitlines()
+                names = {"n", "n.hashes", "n.hashes.state", "n.hashes.state.new"}
+                places = {(name, calls[0]) for name in names}
+                for i, call in enumerate(calls):
+                    kind, name = call.split()[0], call.split("/")[-1].split()[-1]
+                    if kind in ("open", "link", "rename", "unlink") and name.startswith("n"):
+                        places.add((name, f"{call}#{calls[:i + 1].count(call)}"))
+                self.assertLessEqual({"n", "n.hashes"}, {name for name, place in places if "#" in place})
+                for (name, place), how in product(sorted(places), SWAPS):
+                    if name != "n" or (how != "another name" and "far" in command):  # else it is what the user means
+                        self.swap(command, place, f"cd there && rm -f {name} && {SWAPS[how]} {name}")
+
+    def swap(self, command, place, swap):
+        output, code = self.once(command, {"SHIM_AT": place, "SHIM_DO": swap})
+        touched = Path("precious").read_bytes() != PRECIOUS or os.stat("precious").st_mode & 0o777 != 0o644
+        self.assertIn((code, touched), [(code, False) for code in (0, 1, 2)],
+                      f"{command}, before {place}: {swap}: {output}")
+        self.assertNotRegex(output, "12,?347", (command, place, swap))
 
 
 main()
