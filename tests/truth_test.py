@@ -1,16 +1,23 @@
 """Is what the program says true, whatever happens to the images? truth_test.py PROGRAM SHIM [ROUNDS [SEED]]
 
-Random rounds: images are changed behind the program's back, or in the middle of its calls: in place, by a writer that
-has them open already, by their replacement; commands are killed, the machine is started again, hash files and records
-come from backups, in the middle of a run, too. After every command that ended with 0, the answer is held against the
-images by Python's own BLAKE2s."""
+Random rounds: images are changed behind the program's back, or in the middle of its calls: in place, by their
+replacement, by writers of every kind that have them open, from one command to the next, too; commands are killed, the
+machine is started again, hash files and records come from backups, in the middle of a run, too. After every command that
+ended with 0, the answer is held against the images by Python's own BLAKE2s. What happened to an image counts once a
+later command on it ended well; every kind of it must have counted often enough."""
 import contextlib, json, mmap, os, random, shutil, signal, subprocess, sys, tempfile
+from collections import Counter
+
+from disks import WRITERS
 from oracle import aggregate, blake2sp, read_entries
 
 PROGRAM, SHIM = map(os.path.abspath, sys.argv[1:3])
 ROUNDS, SEED = (list(map(int, sys.argv[3:])) + [300, 1][len(sys.argv) - 3:])[:2]
 BLOCK, NAMES = 1024, ("a", "b")
-CALLS = {}  # how many a command makes when nothing happens to it
+CALLS = {}  # how many a command made when nothing happened to it, of the last few times
+HOLDERS = {}  # of an image: the kind of the writer that has it open, the writer, and for how many commands more
+HAPPENED = {name: set() for name in NAMES}  # to an image, since a command on it ended well
+DRAWN, COUNTED = Counter(), Counter()
 CHOICE = random.Random(SEED)
 BYTES = random.Random(SEED + 1)
 
@@ -108,6 +115,36 @@ def differences_are_true(output):
     return differing == listed
 
 
+def write_held(name):
+    """By the writer that has it open; within the image as it is."""
+    kind, writer, _ = HOLDERS[name]
+    offset = CHOICE.randrange(os.path.getsize(name) - 4096) // 4096 * 4096
+    with contextlib.suppress(OSError):  # not every file system can do everything
+        writer.write(offset, BYTES.randbytes(4096))
+        HAPPENED[name].add(kind)
+
+
+def rarest(kinds):
+    """So that none is drawn too seldom."""
+    kind = min(sorted(kinds), key=lambda kind: (DRAWN[kind], CHOICE.random()))
+    DRAWN[kind] += 1
+    return kind
+
+
+def hold_and_let_go():
+    for name, (kind, writer, commands) in list(HOLDERS.items()):
+        HOLDERS[name] = (kind, writer, commands - 1)
+        if commands == 0:
+            HOLDERS.pop(name)[1].close()
+    name = CHOICE.choice(NAMES)
+    if name not in HOLDERS and CHOICE.random() < 0.25:
+        kind = rarest(WRITERS)
+        with contextlib.suppress(OSError):
+            HOLDERS[name] = (kind, WRITERS[kind](name), CHOICE.randrange(3))
+    for name in HOLDERS:
+        write_held(name)
+
+
 def disturbance(victim):
     """A shell command that does to an image, or its hash file, in the middle of a run what others do."""
     size = os.path.getsize(victim)
@@ -116,24 +153,29 @@ def disturbance(victim):
         file.write(BYTES.randbytes(200))
     keep = f"cp {victim} {victim}.between; "
     patch = f"dd if=bytes bs=1 seek={offset} conv=notrunc status=none of="
+    asks = f"kill -USR1 {os.getpid()}; for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done"
     kinds = {
         "written": keep + patch + victim,
         "grown": keep + f"cat bytes >>{victim}",
         "replaced": keep + f"cp {victim} next; {patch}next; mv next {victim}",
-        "open": f"kill -USR1 {os.getpid()}; for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done",
+        "opened": asks,
     }
+    if victim in HOLDERS:
+        kinds["held"] = asks
     if os.path.exists(victim + ".hashes.backup"):
         kinds["old hashes"] = f"cat {victim}.hashes.backup >{victim}.hashes"
         kinds["other hash file"] = f"cp {victim}.hashes.backup next; mv next {victim}.hashes"
-    kind = CHOICE.choice(sorted(kinds))
-    if kind == "open":
-        image = os.open(victim, os.O_RDWR)
+    kind = rarest(kinds)
+    if kinds[kind] == asks:
+        image = os.open(victim, os.O_RDWR) if kind == "opened" else None
 
         def write_through(*_):
-            with open(victim + ".between", "wb") as file:
-                file.write(os.pread(image, 1 << 20, 0))
-            os.pwrite(image, b"written by somebody who has it open", offset)
-            os.close(image)
+            shutil.copyfile(victim, victim + ".between")
+            if image is None:
+                write_held(victim)
+            else:
+                os.pwrite(image, b"written by somebody who has it open", offset)
+                os.close(image)
             open("written", "wb").close()
 
         signal.signal(signal.SIGUSR1, write_through)
@@ -160,10 +202,10 @@ def run_command(figures):
         options += [f"--block-size={BLOCK}"]
     environment = dict(os.environ, LD_PRELOAD=SHIM, SHIM_BOOT="boot", SHIM_LOG="calls",
                        ASAN_OPTIONS="verify_asan_link_order=0")
-    action = CHOICE.choice(("none", "none", "kill", "change"))
+    action = CHOICE.choice(("none", "none", "kill", "change", "change"))
     what = action
     if action != "none":
-        environment["SHIM_AT"] = str(CHOICE.randrange(1, CALLS.get(kind, 40) + 1))
+        environment["SHIM_AT"] = str(CHOICE.randrange(1, CHOICE.choice(CALLS.get(kind, [40])) + 1))
         what, environment["SHIM_DO"] = (action, "9")
     if action == "change":
         victim = CHOICE.choice(names)
@@ -179,18 +221,21 @@ def run_command(figures):
     assert done.returncode in (0, 1, 2, -signal.SIGKILL), done
     calls = content("calls").decode().split("\n")
     if action == "none":
-        CALLS[kind] = len(calls)
+        CALLS[kind] = [*CALLS.get(kind, []), len(calls)][-5:]
+    elif action == "change" and (not environment["SHIM_AT"].isdigit() or len(calls) > int(environment["SHIM_AT"])):
+        HAPPENED[victim].add(what)
     if done.returncode == 1 and kind == "diff" and action == "none" and "--assume-unchanged" not in options:
         return differences_are_true(json.loads(done.stdout)), command, done
     if done.returncode != 0:
         return True, command, done
-    if action == "change" and (not environment["SHIM_AT"].isdigit() or len(calls) > int(environment["SHIM_AT"])):
-        figures[f"{what} meanwhile"] = figures.get(f"{what} meanwhile", 0) + 1
     if "--assume-unchanged" in options:  # then the answer is the user's, but it must not outlive the command
         return order_is_safe(calls), command, done
     output = json.loads(done.stdout)
     fresh = output.get("freshness", [])
     figures["believed"] += sum(side["believed"] for side in (fresh if isinstance(fresh, list) else [fresh]))
+    for name in names if kind in ("diff", "sync") else names[:1]:
+        COUNTED.update(HAPPENED[name])
+        HAPPENED[name].clear()
     return answer_is_true(command, output, before, what == "other hash file") and order_is_safe(calls), command, done
 
 
@@ -216,6 +261,7 @@ def main():
     for number in range(ROUNDS):
         for _ in range(CHOICE.choice((0, 0, 1, 2))):
             change(CHOICE.choice(NAMES))
+        hold_and_let_go()
         if CHOICE.random() < 0.05:
             with open("boot", "w") as file:
                 file.write(f"{number}\n")
@@ -228,11 +274,16 @@ def main():
             if not 20 * BLOCK < os.path.getsize(name) < 200 * BLOCK:
                 write(name, 0, BYTES.randbytes(60 * BLOCK))
                 os.truncate(name, 60 * BLOCK + 77)
+    for _, writer, _ in HOLDERS.values():
+        writer.close()
+    kinds = ("written", "grown", "replaced", "opened", "held", "old hashes", "other hash file", *WRITERS)
     listed = ", ".join(f"{value} {name}" for name, value in sorted(figures.items()))
-    print(f"truth: {ROUNDS} rounds, {listed}; {disagreements} disagreements")
+    counted = ", ".join(f"{COUNTED[kind]} {kind}" for kind in kinds)
+    print(f"truth: {ROUNDS} rounds, {listed}; noticed afterwards: {counted}; {disagreements} disagreements")
     stamps = subprocess.run(["stat", "-f", "-c", "%T", "."], capture_output=True, text=True, check=True).stdout.strip()
     vacuous = figures["believed"] == 0 and stamps in ("ext2/ext3", "xfs", "btrfs", "f2fs", "bcachefs")
-    return 1 if disagreements or vacuous or figures.get("exit 0", 0) < ROUNDS // 5 else 0
+    seldom = min(COUNTED[kind] for kind in kinds) < ROUNDS // 30
+    return 1 if disagreements or vacuous or seldom or figures.get("exit 0", 0) < ROUNDS // 5 else 0
 
 
 if __name__ == "__main__":
