@@ -10,7 +10,8 @@ from pathlib import Path
 from random import randbytes
 from subprocess import DEVNULL, PIPE, STDOUT, Popen, TimeoutExpired, run
 
-from disks import MAKE, SIZE, Direct, Disks, Held, Mapped, Rows, SlowSource, Throttle, shut_down, write
+from disks import (LIBC, MAKE, SIZE, WRITERS, Direct, Disks, Held, Mapped, Rows, SlowSource, Throttle, shut_down,
+                   write)
 from program import BLOCK, PROGRAM, RELAY, SHIM, drop_override, main
 
 BLOCKS = 50
@@ -86,6 +87,36 @@ class Evidence(Disks):
                             code, answer = self.ask(command, {"SHIM_AT": "fsynced a,fsync a", "SHIM_DO": words}, [])
                         self.later()
                         self.assertEqual((code, self.writers(answer)), (1, [os.getpid()]), (command, answer))
+
+    def test_an_image_that_others_have_open(self):
+        for kind in WRITERS:
+            with self.row(kind):
+                self.file_system("ext4")
+                for command in *READING, "sync m/b m/a":
+                    self.images()
+                    with open("m/a", "rb"):  # who reads it changes nothing
+                        self.believed("hash m/a")
+                    with closing(WRITERS[kind]("m/a")) as writer:
+                        code, answer = self.ask(command)
+                        self.assertEqual((code, self.writers(answer)), (1, [os.getpid()]), (command, answer))
+                        self.assertIn(answer["verdict"], ("done", "undecided", "different", "good", "equal"))
+                        if command != "verify m/a":  # which looks at everything
+                            self.assertEqual(self.ask(command + " --assume-unchanged")[0], 0)
+                        writer.write(PLACE, OTHER)
+                        self.later("hash m/a", "build m/a", "diff m/a m/c", "diff m/a m/b")
+                        writer.write(PLACE - BLOCK, OTHER)
+                    self.later()
+                    self.ask("build m/a")
+                    self.believed("build m/a")
+
+    def test_where_it_cannot_be_asked_who_writes(self):
+        with self.row():
+            self.put("a", randbytes(BLOCKS * BLOCK))
+            os.chown("a", 1234, -1)
+            for command in "build a", "hash a", "hash a":
+                code, answer = self.ask(command, preexec_fn=lambda: LIBC.prctl(24, 28))  # without CAP_LEASE
+                self.assertEqual(code, 0)
+            self.assertTrue(not answer["freshness"]["believed"] and answer["freshness"]["doubt"], answer)
 
     def test_a_crash_of_the_file_system_takes_stamps_back_and_keeps_data(self):
         for kind in "ext4", "xfs":
@@ -237,31 +268,31 @@ class Evidence(Disks):
                 else:
                     self.mount("tmpfs", "m", "-t", "tmpfs")
                 self.put("m/a", randbytes(BLOCKS * BLOCK))
-                for command in "build m/a --hash-file=h", "hash m/a --hash-file=h":
+                for command in "build m/a --hash-file=m/h", "hash m/a --hash-file=m/h":
                     self.ask(command)
                     fresh = self.ask(command)[1]["freshness"]
                     self.assertEqual((fresh["believed"], bool(fresh["doubt"])), (believed, not believed), fresh)
                 write("m/a", PLACE, OTHER)
-                self.ask("hash m/a --hash-file=h")
+                self.ask("hash m/a --hash-file=m/h")
 
     def test_hashes_found_wrong_in_a_hash_file_that_cannot_be_written(self):
         for name, options in ("mode", {"preexec_fn": drop_override}), ("mount", {}):
             with self.row(name):
                 self.file_system("ext4")
                 self.put("m/a", randbytes(BLOCKS * BLOCK))
-                self.ask("build m/a --hash-file=h")
-                os.chmod("h", 0o400)
-                self.ask("build m/a --hash-file=h")  # which the superuser may all the same
-                self.believed("hash m/a --hash-file=h")
+                self.ask("build m/a --hash-file=m/h")
+                os.chmod("m/h", 0o400)
+                self.ask("build m/a --hash-file=m/h")  # which the superuser may all the same
+                self.believed("hash m/a --hash-file=m/h")
                 if name == "mount":
-                    self.mount("h", "h", "--bind")
-                    run(["mount", "-o", "remount,bind,ro", "h"], check=True)
+                    self.mount("m/h", "m/h", "--bind")
+                    run(["mount", "-o", "remount,bind,ro", "m/h"], check=True)
                 with open("m/a", "rb") as image:  # a block decays on the disk
                     disk = Path("m.disk").read_bytes()
                     write("m.disk", disk.index(image.read(BLOCK)), OTHER[:BLOCK])
                     os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
-                self.assertEqual(self.ask("verify m/a --hash-file=h", **options)[0], 1)
-                self.ask("hash m/a --hash-file=h", **options)
+                self.assertEqual(self.ask("verify m/a --hash-file=m/h", **options)[0], 1)
+                self.ask("hash m/a --hash-file=m/h", **options)
 
     def test_the_file_beneath_a_mounted_disk_is_no_destination(self):
         with self.row():
