@@ -41,7 +41,7 @@ def on_disk(path):
             return file.read()
     try:
         size = os.lseek(reader, 0, os.SEEK_END)
-        memory = mmap.mmap(-1, -(-size // 4096) * 4096)
+        memory = mmap.mmap(-1, size // 4096 * 4096 + 4096)
         offset = 0
         while offset < size:
             offset += os.preadv(reader, [memoryview(memory)[offset:]], offset)
@@ -283,7 +283,7 @@ class Rows(Case):
                     begun.go()
                 output, complaint = process.communicate(timeout=60)
         self.assertIn(process.returncode, (0, 1, 2), command + complaint)
-        answer = json.loads(output) if output else {}
+        answer = json.loads(output) if output else {"complaint": complaint}
         if process.returncode == 0 and writes is None:
             self.assertTrue(self.is_true(command.split(), answer), f"not true: {command}: {answer}{complaint}")
         return process.returncode, answer

@@ -240,13 +240,14 @@ def run_command(figures):
 
 
 def order_is_safe(calls):
-    """A record is written once the hash file's changes are flushed, but for the one that says "not clean"."""
+    """A record says "not clean" before the hash file is changed; what else it says comes once the changes are flushed."""
     for name in NAMES:
-        records = [i for i, call in enumerate(calls) if call == f"rename {name}.hashes.state"]
+        records = [i for i, call in enumerate(calls)
+                   if call in (f"{kind} {name}.hashes.state" for kind in ("rename", "link", "pwrite"))]
         changes = [i for i, call in enumerate(calls) if call == f"pwrite {name}.hashes"]
         flushes = [i for i, call in enumerate(calls) if call == f"fsync {name}.hashes"]
-        if changes and not (records and records[0] < changes[0] and changes[-1] < flushes[-1]
-                            and (len(records) == 1 or flushes[-1] < records[-1])):
+        if changes and not (records and records[0] < changes[0] and flushes and changes[-1] < flushes[-1]
+                            and not any(changes[0] < record < flushes[-1] for record in records)):
             return False
     return True
 

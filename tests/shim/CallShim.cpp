@@ -105,7 +105,8 @@ bool note(const std::string& call)
 bool noteName(const std::string& call, const char* path)
 {
     const std::string name = path;
-    const bool isOfUser = !name.starts_with('/') || name.starts_with("/proc/self/fd/");
+    const std::string open = "/proc/self/fd/";
+    const bool isOfUser = !name.starts_with('/') || (name.starts_with(open) && name.rfind('/') >= open.size());
     return isOfUser && note(call + name.substr(name.rfind('/') + 1));
 }
 
