@@ -5,7 +5,7 @@ replacement, by writers of every kind that have them open, from one command to t
 machine is started again, hash files and records come from backups, in the middle of a run, too. After every command that
 ended with 0, the answer is held against the images by Python's own BLAKE2s. What happened to an image counts once a
 later command on it ended well; every kind of it must have counted often enough."""
-import contextlib, json, mmap, os, random, shutil, signal, subprocess, sys, tempfile
+import contextlib, glob, json, mmap, os, random, shutil, signal, subprocess, sys, tempfile, time
 from collections import Counter
 
 from disks import WRITERS
@@ -15,7 +15,7 @@ PROGRAM, SHIM = map(os.path.abspath, sys.argv[1:3])
 ROUNDS, SEED = (list(map(int, sys.argv[3:])) + [300, 1][len(sys.argv) - 3:])[:2]
 BLOCK, NAMES = 1024, ("a", "b")
 CALLS = {}  # how many a command made when nothing happened to it, of the last few times
-HOLDERS = {}  # of an image: the kind of the writer that has it open, the writer, and for how many commands more
+HOLDERS = {}  # of an image: who has it open for writing
 HAPPENED = {name: set() for name in NAMES}  # to an image, since a command on it ended well
 DRAWN, COUNTED = Counter(), Counter()
 CHOICE = random.Random(SEED)
@@ -89,9 +89,9 @@ def known_hashes_are_true(name, images):
 def answer_is_true(command, output, before, replaces_hash_file):
     """The answer may be about the images as they were at the start, before they were changed meanwhile, or are now."""
     names = [name for name in command[1:3] if name in NAMES]
-    states = {name: {before[name], *map(content, filter(os.path.exists, (name, name + ".between")))} for name in NAMES}
+    states = {name: {before[name], *map(content, glob.glob(name) + glob.glob(name + ".between*"))} for name in NAMES}
     if command[0] == "sync":  # what the destination was before is no answer
-        result = set(map(content, filter(os.path.exists, (names[1], names[1] + ".between"))))
+        result = set(map(content, [names[1], *glob.glob(names[1] + ".between*")]))
         if not states[names[0]] & result:
             return False
     elif command[0] == "diff":
@@ -115,13 +115,19 @@ def differences_are_true(output):
     return differing == listed
 
 
-def write_held(name):
-    """By the writer that has it open; within the image as it is."""
-    kind, writer, _ = HOLDERS[name]
-    offset = CHOICE.randrange(os.path.getsize(name) - 4096) // 4096 * 4096
-    with contextlib.suppress(OSError):  # not every file system can do everything
-        writer.write(offset, BYTES.randbytes(4096))
-        HAPPENED[name].add(kind)
+class Holder:
+    def __init__(self, name):
+        self.name, self.kind, self.offset = name, rarest(WRITERS), 0
+        self.writer = WRITERS[self.kind](name)
+        self.commands = CHOICE.randrange(3)  # for which it stays
+
+    def write(self):
+        """Often where it wrote before, and within the image as it is."""
+        pages = os.path.getsize(self.name) // 4096
+        self.offset = CHOICE.choice((min(self.offset, 4096 * (pages - 1)), 4096 * CHOICE.randrange(pages)))
+        with contextlib.suppress(OSError):  # not every file system can do everything
+            self.writer.write(self.offset, BYTES.randbytes(4096))
+            HAPPENED[self.name].add(self.kind)
 
 
 def rarest(kinds):
@@ -132,17 +138,16 @@ def rarest(kinds):
 
 
 def hold_and_let_go():
-    for name, (kind, writer, commands) in list(HOLDERS.items()):
-        HOLDERS[name] = (kind, writer, commands - 1)
-        if commands == 0:
-            HOLDERS.pop(name)[1].close()
+    for name, holder in list(HOLDERS.items()):
+        holder.commands -= 1
+        if holder.commands < 0:
+            HOLDERS.pop(name).writer.close()
     name = CHOICE.choice(NAMES)
     if name not in HOLDERS and CHOICE.random() < 0.25:
-        kind = rarest(WRITERS)
         with contextlib.suppress(OSError):
-            HOLDERS[name] = (kind, WRITERS[kind](name), CHOICE.randrange(3))
-    for name in HOLDERS:
-        write_held(name)
+            HOLDERS[name] = Holder(name)
+    for holder in HOLDERS.values():
+        holder.write()
 
 
 def disturbance(victim):
@@ -153,7 +158,7 @@ def disturbance(victim):
         file.write(BYTES.randbytes(200))
     keep = f"cp {victim} {victim}.between; "
     patch = f"dd if=bytes bs=1 seek={offset} conv=notrunc status=none of="
-    asks = f"kill -USR1 {os.getpid()}; for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done"
+    asks = f"rm -f written; kill -USR1 {os.getpid()}; for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done"
     kinds = {
         "written": keep + patch + victim,
         "grown": keep + f"cat bytes >>{victim}",
@@ -161,18 +166,19 @@ def disturbance(victim):
         "opened": asks,
     }
     if victim in HOLDERS:
-        kinds["held"] = asks
+        kinds["held"] = "each " + asks
     if os.path.exists(victim + ".hashes.backup"):
         kinds["old hashes"] = f"cat {victim}.hashes.backup >{victim}.hashes"
         kinds["other hash file"] = f"cp {victim}.hashes.backup next; mv next {victim}.hashes"
     kind = rarest(kinds)
-    if kinds[kind] == asks:
+    if asks in kinds[kind]:
         image = os.open(victim, os.O_RDWR) if kind == "opened" else None
 
         def write_through(*_):
-            shutil.copyfile(victim, victim + ".between")
+            shutil.copyfile(victim, f"{victim}.between{time.monotonic_ns()}")
             if image is None:
-                write_held(victim)
+                HOLDERS[victim].write()
+                time.sleep(0.01)  # so that its stamp is none of just now
             else:
                 os.pwrite(image, b"written by somebody who has it open", offset)
                 os.close(image)
@@ -212,17 +218,19 @@ def run_command(figures):
         what, environment["SHIM_DO"] = disturbance(victim)
         if what == "old hashes":  # while the program writes to its hash file, which it has locked, it cannot tell
             environment["SHIM_AT"] = "fsync " + victim
+        elif what == "held" and CHOICE.random() < 0.5:  # twice: into a page that was flushed, and into the same again
+            environment["SHIM_AT"] += f",fsynced {victim}#1"
     before = {name: content(name) for name in NAMES}
-    for leftover in ("calls", "a.between", "b.between", "written"):
-        if os.path.exists(leftover):
-            os.remove(leftover)
+    for leftover in [*glob.glob("?.between*"), *glob.glob("calls"), *glob.glob("written")]:
+        os.remove(leftover)
     done = subprocess.run([PROGRAM, *command, *options], capture_output=True, text=True, env=environment, timeout=120)
     figures[f"exit {done.returncode}"] = figures.get(f"exit {done.returncode}", 0) + 1
     assert done.returncode in (0, 1, 2, -signal.SIGKILL), done
     calls = content("calls").decode().split("\n")
     if action == "none":
         CALLS[kind] = [*CALLS.get(kind, []), len(calls)][-5:]
-    elif action == "change" and (not environment["SHIM_AT"].isdigit() or len(calls) > int(environment["SHIM_AT"])):
+    elif action == "change" and (what != "held" and not environment["SHIM_AT"].isdigit()
+                                 or len(calls) > int(environment["SHIM_AT"].split(",")[0])):
         HAPPENED[victim].add(what)
     if done.returncode == 1 and kind == "diff" and action == "none" and "--assume-unchanged" not in options:
         return differences_are_true(json.loads(done.stdout)), command, done
@@ -275,8 +283,8 @@ def main():
             if not 20 * BLOCK < os.path.getsize(name) < 200 * BLOCK:
                 write(name, 0, BYTES.randbytes(60 * BLOCK))
                 os.truncate(name, 60 * BLOCK + 77)
-    for _, writer, _ in HOLDERS.values():
-        writer.close()
+    for holder in HOLDERS.values():
+        holder.writer.close()
     kinds = ("written", "grown", "replaced", "opened", "held", "old hashes", "other hash file", *WRITERS)
     listed = ", ".join(f"{value} {name}" for name, value in sorted(figures.items()))
     counted = ", ".join(f"{COUNTED[kind]} {kind}" for kind in kinds)

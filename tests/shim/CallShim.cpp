@@ -1,7 +1,7 @@
 // Preloaded into the program: writes down the calls that it makes on files, does something before one of them, and
 // shows another start of the machine and another clock. By the environment:
 //     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"
-//     SHIM_AT     before which call SHIM_DO is done: its number, or names with commas between; "open a#2" is the second
+//     SHIM_AT     before which calls SHIM_DO is done: numbers and names with commas between; "open a#2" is the second
 //     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
 //                 "each" and a shell command that is done every time
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
@@ -96,8 +96,9 @@ bool note(const std::string& call)
         ::syscall(SYS_close, fd);
     }
     const char* const at = std::getenv("SHIM_AT");
+    const std::string number = std::to_string(++count);
     const std::string nth = call + "#" + std::to_string(timesCalled(call));
-    const bool isDue = at != nullptr && (++count == std::atoi(at) || isOneOf(at, call) || isOneOf(at, nth));
+    const bool isDue = at != nullptr && (isOneOf(at, number) || isOneOf(at, call) || isOneOf(at, nth));
     return isDue && act(std::getenv("SHIM_DO"));
 }
 
