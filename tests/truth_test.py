@@ -17,7 +17,7 @@ BLOCK, NAMES = 1024, ("a", "b")
 CALLS = {}  # how many a command made when nothing happened to it, of the last few times
 HOLDERS = {}  # of an image: who has it open for writing
 HAPPENED = {name: set() for name in NAMES}  # to an image, since a command on it ended well
-DRAWN, COUNTED = Counter(), Counter()
+COUNTED = Counter()  # what happened before commands that ended well
 CHOICE = random.Random(SEED)
 BYTES = random.Random(SEED + 1)
 
@@ -116,25 +116,23 @@ def differences_are_true(output):
 
 
 class Holder:
-    def __init__(self, name):
-        self.name, self.kind, self.offset = name, rarest(WRITERS), 0
-        self.writer = WRITERS[self.kind](name)
+    def __init__(self, name, kind):
+        self.name, self.kind, self.offset = name, kind, 0
+        self.writer = WRITERS[kind](name)
         self.commands = CHOICE.randrange(3)  # for which it stays
 
-    def write(self):
-        """Often where it wrote before, and within the image as it is."""
+    def write(self, again=False):
+        """Where it wrote before or anywhere, within the image as it is."""
         pages = os.path.getsize(self.name) // 4096
-        self.offset = CHOICE.choice((min(self.offset, 4096 * (pages - 1)), 4096 * CHOICE.randrange(pages)))
-        with contextlib.suppress(OSError):  # not every file system can do everything
+        self.offset = min(self.offset, 4096 * (pages - 1)) if again else 4096 * CHOICE.randrange(pages)
+        with contextlib.suppress(OSError, IndexError):  # of a file system that cannot, or behind the end of a mapping
             self.writer.write(self.offset, BYTES.randbytes(4096))
             HAPPENED[self.name].add(self.kind)
 
 
 def rarest(kinds):
-    """So that none is drawn too seldom."""
-    kind = min(sorted(kinds), key=lambda kind: (DRAWN[kind], CHOICE.random()))
-    DRAWN[kind] += 1
-    return kind
+    """What counted least so far."""
+    return min(sorted(kinds), key=lambda kind: (COUNTED[kind], CHOICE.random()))
 
 
 def hold_and_let_go():
@@ -143,9 +141,12 @@ def hold_and_let_go():
         if holder.commands < 0:
             HOLDERS.pop(name).writer.close()
     name = CHOICE.choice(NAMES)
-    if name not in HOLDERS and CHOICE.random() < 0.25:
-        with contextlib.suppress(OSError):
-            HOLDERS[name] = Holder(name)
+    if name not in HOLDERS and CHOICE.random() < 0.3:
+        kind = rarest(WRITERS)
+        try:
+            HOLDERS[name] = Holder(name, kind)
+        except OSError:  # a file system that has nothing to go past
+            COUNTED[kind] += ROUNDS
     for holder in HOLDERS.values():
         holder.write()
 
@@ -170,15 +171,17 @@ def disturbance(victim):
     if os.path.exists(victim + ".hashes.backup"):
         kinds["old hashes"] = f"cat {victim}.hashes.backup >{victim}.hashes"
         kinds["other hash file"] = f"cp {victim}.hashes.backup next; mv next {victim}.hashes"
-    kind = rarest(kinds)
+    kind = "held" if "held" in kinds and CHOICE.random() < 0.3 else rarest(kinds)
     if asks in kinds[kind]:
         image = os.open(victim, os.O_RDWR) if kind == "opened" else None
 
         def write_through(*_):
-            shutil.copyfile(victim, f"{victim}.between{time.monotonic_ns()}")
+            earlier = glob.glob(victim + ".between*")
+            shutil.copyfile(victim, f"{victim}.between{len(earlier)}")
             if image is None:
-                HOLDERS[victim].write()
-                time.sleep(0.01)  # so that its stamp is none of just now
+                HOLDERS[victim].write(again=earlier != [])
+                HOLDERS[victim].commands = 0
+                time.sleep(0.01)  # its stamp is an old one when the program looks
             else:
                 os.pwrite(image, b"written by somebody who has it open", offset)
                 os.close(image)
@@ -208,18 +211,18 @@ def run_command(figures):
         options += [f"--block-size={BLOCK}"]
     environment = dict(os.environ, LD_PRELOAD=SHIM, SHIM_BOOT="boot", SHIM_LOG="calls",
                        ASAN_OPTIONS="verify_asan_link_order=0")
-    action = CHOICE.choice(("none", "none", "kill", "change", "change"))
+    action = CHOICE.choice(("none", "kill", "change", "change", "change", "change"))
     what = action
     if action != "none":
         environment["SHIM_AT"] = str(CHOICE.randrange(1, CHOICE.choice(CALLS.get(kind, [40])) + 1))
         what, environment["SHIM_DO"] = (action, "9")
     if action == "change":
-        victim = CHOICE.choice(names)
+        victim = CHOICE.choice([*names, *(name for name in names if name in HOLDERS)])
         what, environment["SHIM_DO"] = disturbance(victim)
         if what == "old hashes":  # while the program writes to its hash file, which it has locked, it cannot tell
             environment["SHIM_AT"] = "fsync " + victim
-        elif what == "held" and CHOICE.random() < 0.5:  # twice: into a page that was flushed, and into the same again
-            environment["SHIM_AT"] += f",fsynced {victim}#1"
+        elif what == "held" and CHOICE.random() < 0.8:  # into a page that was flushed, and into the same again
+            environment["SHIM_AT"] = f"fsynced {victim}#1,fsync {victim}#2"
     before = {name: content(name) for name in NAMES}
     for leftover in [*glob.glob("?.between*"), *glob.glob("calls"), *glob.glob("written")]:
         os.remove(leftover)
@@ -229,8 +232,8 @@ def run_command(figures):
     calls = content("calls").decode().split("\n")
     if action == "none":
         CALLS[kind] = [*CALLS.get(kind, []), len(calls)][-5:]
-    elif action == "change" and (what != "held" and not environment["SHIM_AT"].isdigit()
-                                 or len(calls) > int(environment["SHIM_AT"].split(",")[0])):
+    elif action == "change" and (len(calls) > int(environment["SHIM_AT"]) if environment["SHIM_AT"].isdigit()
+                                 else f"fsync {victim}" in calls):
         HAPPENED[victim].add(what)
     if done.returncode == 1 and kind == "diff" and action == "none" and "--assume-unchanged" not in options:
         return differences_are_true(json.loads(done.stdout)), command, done
