@@ -205,8 +205,8 @@ def run_command(figures):
             command[3] = f"{offset}:{min(length, os.path.getsize(names[0]) - offset)}"
     options = [f"--jobs={CHOICE.choice('12')}", "--json"]
     if kind != "verify":
-        options += ["--adopt"] if CHOICE.random() < 0.7 else []
-        trust = CHOICE.random()
+        adopts, trust = CHOICE.random() < 0.7, CHOICE.random()
+        options += ["--adopt"] if adopts and trust <= 0.95 else []
         options += ["--check"] if trust < 0.05 else ["--assume-unchanged"] if trust > 0.95 else []
         options += [f"--block-size={BLOCK}"]
     environment = dict(os.environ, LD_PRELOAD=SHIM, SHIM_BOOT="boot", SHIM_LOG="calls",

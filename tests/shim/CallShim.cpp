@@ -5,11 +5,13 @@
 //     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
 //                 "each" and a shell command that is done every time
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
+//     SHIM_NAMED  set where the file system cannot make files without names
 //     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took
 //     SHIM_LATE   how many seconds the clock is late that files get their times from
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -35,12 +37,36 @@ Function* next(const char* name, Function* /*own*/)
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-std::string nameOf(int fd)
+std::string lastPart(const std::string& path)
+{
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string pathOf(int fd)
 {
     std::array<char, 4096> path;
     const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path.data(), path.size());
-    const std::string whole(path.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-    return whole.substr(whole.rfind('/') + 1);
+    return std::string(path.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
+}
+
+// Which file was made without a name, and the name that it got then.
+ino_t namedLater = 0;
+std::string laterName;
+
+std::string nameOf(int fd)
+{
+    struct stat status;
+    const std::string path = pathOf(fd);
+    if (path.find("/#") == std::string::npos) {
+        return lastPart(path);
+    }
+    return ::fstat(fd, &status) == 0 && status.st_ino == namedLater ? laterName : "unnamed";
+}
+
+bool isOfSystem(int fd)
+{
+    const std::string path = pathOf(fd);
+    return path.starts_with("/sys/") || path.starts_with("/proc/");
 }
 
 // Whether the call has to fail.
@@ -108,7 +134,7 @@ bool noteName(const std::string& call, const char* path)
     const std::string name = path;
     const std::string open = "/proc/self/fd/";
     const bool isOfUser = !name.starts_with('/') || (name.starts_with(open) && name.rfind('/') >= open.size());
-    return isOfUser && note(call + name.substr(name.rfind('/') + 1));
+    return isOfUser && note(call + lastPart(name));
 }
 
 bool makesFile(int flags)
@@ -122,7 +148,7 @@ extern "C" {
 
 ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 {
-    return note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
+    return !isOfSystem(fd) && note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
 }
 
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
@@ -179,6 +205,10 @@ int open64(const char* path, int flags, ...)
     va_start(arguments, flags);
     const mode_t mode = makesFile(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
+    if ((flags & O_TMPFILE) == O_TMPFILE && std::getenv("SHIM_NAMED") != nullptr) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
     const char* const boot = std::getenv("SHIM_BOOT");
     const bool asksForBoot = boot != nullptr && std::strcmp(path, "/proc/sys/kernel/random/boot_id") == 0;
     return noteName("open ", path) ? -1 : next("open64", open64)(asksForBoot ? boot : path, flags, mode);
@@ -205,7 +235,15 @@ int unlinkat(int directory, const char* path, int flags) noexcept
 
 int linkat(int fromDirectory, const char* from, int toDirectory, const char* to, int flags) noexcept
 {
-    return noteName("link ", to) ? -1 : next("linkat", linkat)(fromDirectory, from, toDirectory, to, flags);
+    struct stat status;
+    if (noteName("link ", to)) {
+        return -1;
+    }
+    if (::stat(from, &status) == 0) {
+        laterName = lastPart(to);
+        namedLater = status.st_ino;
+    }
+    return next("linkat", linkat)(fromDirectory, from, toDirectory, to, flags);
 }
 
 int renameat(int fromDirectory, const char* from, int toDirectory, const char* to) noexcept

@@ -5,7 +5,7 @@ namespace kelvane::tool {
 Outcome serve(const ServeArguments& arguments)
 {
     Outcome outcome;
-    outcome.good = serveOther(arguments);
+    outcome.isDone = serveOther(arguments);
     return outcome;
 }
 
