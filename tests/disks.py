@@ -1,22 +1,26 @@
 """Disks, file systems, and other programs that write, for tests of what the program believes.
 
-Mounts are in a namespace of this process's own, loop devices are let go when their last user is: whatever ends a test,
-nothing stays behind."""
+Mounts are in a namespace of this process's own, and loop devices are let go with their last user: whatever ends a test,
+neither stays behind."""
 import ctypes, fcntl, json, mmap, os, shutil, signal, struct, tempfile, threading, time, unittest
 from contextlib import ExitStack, contextmanager
+from pathlib import Path
 from subprocess import DEVNULL, PIPE, Popen, TimeoutExpired, run
 
 import oracle
 from program import BLOCK, PROGRAM, SHIM, Case
 
 LIBC = ctypes.CDLL(None, use_errno=True)
-LIBC.mmap.restype = ctypes.c_void_p
+CALLS = {"x86_64": {"userfaultfd": 323, "io_setup": 206, "io_destroy": 207, "io_getevents": 208, "io_submit": 209},
+         "aarch64": {"userfaultfd": 282, "io_setup": 0, "io_destroy": 1, "io_submit": 2, "io_getevents": 4}}
 MAKE = {"ext4": "mkfs.ext4 -q -F", "xfs": "mkfs.xfs -q -f", "btrfs": "mkfs.btrfs -q -f"}
 SIZE = {"ext4": 64 << 20, "xfs": 320 << 20, "btrfs": 128 << 20}  # the least that they are made of
 
 
-def system_call(number, *arguments):
-    result = LIBC.syscall(number, *arguments)
+def system_call(name, *arguments):
+    """Those that the C library has no function for, too."""
+    number = CALLS.get(os.uname().machine, {}).get(name)
+    result = getattr(LIBC, name)(*arguments) if number is None else LIBC.syscall(number, *arguments)
     if result < 0:
         raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
     return result
@@ -87,17 +91,17 @@ class Asynchronous(Direct):
     def __init__(self, path):
         super().__init__(path)
         self.context = ctypes.c_ulong(0)
-        system_call(206, 1, ctypes.byref(self.context))  # io_setup
+        system_call("io_setup", 1, ctypes.byref(self.context))
 
     def begin(self, offset, data):
         self.memory = aligned(data)
         request = ctypes.create_string_buffer(struct.pack("QIiHhIQQqQII", 0, 0, 0, 1, 0, self.image,
                                                           address_of(self.memory), len(data), offset, 0, 0, 0))
-        system_call(209, self.context, 1, ctypes.byref(ctypes.c_void_p(ctypes.addressof(request))))  # io_submit
+        system_call("io_submit", self.context, 1, ctypes.byref(ctypes.c_void_p(ctypes.addressof(request))))
 
     def finish(self):
         event = ctypes.create_string_buffer(32)
-        system_call(208, self.context, ctypes.c_long(1), ctypes.c_long(1), event, None)  # io_getevents
+        system_call("io_getevents", self.context, ctypes.c_long(1), ctypes.c_long(1), event, None)
         assert struct.unpack("QQqq", event.raw)[2] == len(self.memory), event.raw
 
     def write(self, offset, data):
@@ -105,7 +109,7 @@ class Asynchronous(Direct):
         self.finish()
 
     def close(self):
-        system_call(207, self.context)  # io_destroy
+        system_call("io_destroy", self.context)
         super().close()
 
 
@@ -154,7 +158,7 @@ class SlowSource(Begun):
 
     def __init__(self, image, offset, data):
         self.data, self.pages = data, mmap.mmap(-1, len(data), flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS)
-        self.faults = system_call(323, os.O_CLOEXEC)  # userfaultfd
+        self.faults = system_call("userfaultfd", os.O_CLOEXEC)
         fcntl.ioctl(self.faults, 0xc018aa3f, struct.pack("QQQ", 0xaa, 0, 0))  # UFFDIO_API
         fcntl.ioctl(self.faults, 0xc020aa00, struct.pack("QQQQ", address_of(self.pages), len(data), 1, 0))
         self.give(0)
@@ -180,19 +184,20 @@ class Throttle:
 
     def __init__(self, disk):
         number = os.stat(disk).st_rdev
-        self.number = f"{os.major(number)}:{os.minor(number)}"
-        with open("/proc/self/mounts") as mounts:
-            found = {line.split()[2] if "blkio" not in line else "blkio": line.split()[1]
-                     for line in mounts if " cgroup" in line}
-        if "blkio" in found:
-            parent, self.file, self.none = found["blkio"], "blkio.throttle.write_bps_device", f"{self.number} 0"
-            self.least = f"{self.number} 1"
-        else:
-            parent, self.file = found["cgroup2"], "io.max"
-            self.least, self.none = f"{self.number} wbps=1", f"{self.number} wbps=max"
-            self.put(os.path.join(parent, "cgroup.subtree_control"), "+io")
-        self.group = tempfile.mkdtemp(prefix="kelvane-", dir=parent)
-        self.put(os.path.join(self.group, self.file), self.least)
+        disk = f"{os.major(number)}:{os.minor(number)}"
+        mounts = [line.split() for line in Path("/proc/self/mounts").read_text().splitlines()]
+        parents = [mount[1] for mount in mounts if mount[2] == "cgroup" and "blkio" in mount[3].split(",")]
+        self.file, least, self.none = "blkio.throttle.write_bps_device", f"{disk} 1", f"{disk} 0"
+        if not parents:
+            parents = [mount[1] for mount in mounts if mount[2] == "cgroup2"]
+            self.file, least, self.none = "io.max", f"{disk} wbps=1", f"{disk} wbps=max"
+        try:
+            if self.file == "io.max":
+                self.put(os.path.join(parents[0], "cgroup.subtree_control"), "+io")
+            self.group = tempfile.mkdtemp(prefix="kelvane-", dir=parents[0])
+            self.put(os.path.join(self.group, self.file), least)
+        except (IndexError, OSError) as error:
+            raise unittest.SkipTest(f"no group of processes can be held back: {error}")
 
     @staticmethod
     def put(path, text):
@@ -243,7 +248,7 @@ class Held(Begun):
         os.close(begun)
         time.sleep(0.02)  # it is on its way into the system's hands
         if os.waitpid(self.process, os.WNOHANG)[0]:
-            raise OSError("this system does not hold back what a group of processes writes")
+            raise unittest.SkipTest("the system does not hold back what a group of processes writes")
 
     def end(self):
         self.throttle.go()
@@ -320,7 +325,7 @@ class Rows(Case):
         """The words that make the program ask this process, whenever the shim acts, to do the next of the actions."""
         os.mkfifo("poke")
         os.mkfifo("done")
-        rest = list(actions)
+        rest, failures = list(actions), []
 
         def serve():
             while True:
@@ -328,8 +333,10 @@ class Rows(Case):
                     word = poke.read()
                 if "end" in word:
                     return
-                if rest:
-                    rest.pop(0)()
+                try:
+                    rest and rest.pop(0)()
+                except Exception as failure:
+                    failures.append(failure)
                 with open("done", "w") as done:
                     done.write("\n")
 
@@ -343,6 +350,8 @@ class Rows(Case):
             server.join()
             os.remove("poke")
             os.remove("done")
+        for failure in failures:
+            raise failure
 
 
 class Disks(Rows):
@@ -353,7 +362,7 @@ class Disks(Rows):
         if os.geteuid() != 0:
             raise unittest.SkipTest("devices and file systems are made by the superuser alone")
         try:
-            system_call(272, 0x20000)  # unshare, CLONE_NEWNS
+            system_call("unshare", 0x20000)  # CLONE_NEWNS
         except OSError as error:
             raise unittest.SkipTest(f"no mounts of its own: {error}")
         run(["mount", "--make-rprivate", "/"], check=True)
@@ -364,14 +373,15 @@ class Disks(Rows):
         return run(command.split(), check=True, stdout=PIPE, stderr=PIPE, text=True).stdout.strip()
 
     def attach(self, file, *options):
-        """A loop device. It stays for as long as it is used, or until the row ends."""
+        """A loop device. It stays for as long as it is used: what holds it lets go when the row ends, at the latest."""
         made = run(["losetup", "--find", "--show", *options, file], capture_output=True, text=True)
         if made.returncode:
             self.skipTest("no loop device: " + made.stderr.strip())
         device = made.stdout.strip()
-        held = os.open(device, os.O_RDONLY)
+        held = self.stack.enter_context(ExitStack())
+        held.callback(os.close, os.open(device, os.O_RDONLY))
         run(["losetup", "--detach", device], check=True)  # which is done once nobody has it open
-        return device, self.stack.enter_context(Closing(held))
+        return device, held
 
     def mount(self, source, where, *options):
         if not os.path.exists(where):
@@ -395,19 +405,3 @@ class Disks(Rows):
     def remount(self, device, where="m"):
         run(["umount", where], check=True)
         run(["mount", device, where], check=True)
-
-
-class Closing:
-    def __init__(self, descriptor):
-        self.descriptor = descriptor
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-    def close(self):
-        if self.descriptor is not None:
-            os.close(self.descriptor)
-            self.descriptor = None

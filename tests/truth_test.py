@@ -2,9 +2,9 @@
 
 Random rounds: images are changed behind the program's back, or in the middle of its calls: in place, by their
 replacement, by writers of every kind that have them open, from one command to the next, too; commands are killed, the
-machine is started again, hash files and records come from backups, in the middle of a run, too. After every command that
-ended with 0, the answer is held against the images by Python's own BLAKE2s. What happened to an image counts once a
-later command on it ended well; every kind of it must have counted often enough."""
+machine is started again, hash files and records come from backups, in the middle of a run, too. After every command
+that ended with 0, the answer is held against the images by Python's own BLAKE2s. What happened to an image counts once
+a later command on it ended well; every kind of it must have counted often enough."""
 import contextlib, glob, json, mmap, os, random, shutil, signal, subprocess, sys, tempfile, time
 from collections import Counter
 
@@ -159,7 +159,8 @@ def disturbance(victim):
         file.write(BYTES.randbytes(200))
     keep = f"cp {victim} {victim}.between; "
     patch = f"dd if=bytes bs=1 seek={offset} conv=notrunc status=none of="
-    asks = f"rm -f written; kill -USR1 {os.getpid()}; for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done"
+    waits = "for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done"
+    asks = f"rm -f written; kill -USR1 {os.getpid()}; {waits}"
     kinds = {
         "written": keep + patch + victim,
         "grown": keep + f"cat bytes >>{victim}",
@@ -251,7 +252,7 @@ def run_command(figures):
 
 
 def order_is_safe(calls):
-    """A record says "not clean" before the hash file is changed; what else it says comes once the changes are flushed."""
+    """A record says "not clean" before the hash file is changed, and more only once the changes are flushed."""
     for name in NAMES:
         records = [i for i, call in enumerate(calls)
                    if call in (f"{kind} {name}.hashes.state" for kind in ("rename", "link", "pwrite"))]
