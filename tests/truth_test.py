@@ -230,6 +230,7 @@ def run_command(figures):
     done = subprocess.run([PROGRAM, *command, *options], capture_output=True, text=True, env=environment, timeout=120)
     figures[f"exit {done.returncode}"] = figures.get(f"exit {done.returncode}", 0) + 1
     assert done.returncode in (0, 1, 2, -signal.SIGKILL), done
+    done.what = f"{what} before {environment.get('SHIM_AT')}: {environment.get('SHIM_DO')}"
     calls = content("calls").decode().split("\n")
     if action == "none":
         CALLS[kind] = [*CALLS.get(kind, []), len(calls)][-5:]
@@ -281,7 +282,7 @@ def main():
         good, command, done = run_command(figures)
         if not good:
             disagreements += 1
-            print(f"round {number}, seed {SEED}: {' '.join(command)}: {done.stdout}{done.stderr}"
+            print(f"round {number}, seed {SEED}: {' '.join(command)}: {done.what}: {done.stdout}{done.stderr}"
                   + content("calls").decode())
         for name in NAMES:  # sizes stay what can be worked on in no time
             if not 20 * BLOCK < os.path.getsize(name) < 200 * BLOCK:
