@@ -47,7 +47,7 @@ Doubt doubtNow(const Record& record, const Descriptor& hashFile)
     try {
         const Image image(record.image.identity.path, Image::Access::Read);
         const ImageState state = stateOf(image);
-        return doubtAbout(record, hashFileState(hashFile, false), state, writersOf(image));
+        return doubtAbout(record, hashFileState(hashFile), state, writersOf(image));
     } catch (const Failure& failure) {
         return {Doubt::Because::NoEvidence, failure.what()};
     }

@@ -92,6 +92,23 @@ void makePrivate(const Descriptor& file)
     }
 }
 
+// Until no later change can have the same time. False when there is no such moment, for its times lie in the future, or
+// its file system is not known to record every change.
+bool waitForTheNextMoment(const Descriptor& file)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    timespec latest;
+    while (isStampingFileSystem(file) && std::chrono::steady_clock::now() < end) {
+        const timespec clock = stampingClock();
+        stampsOf(file, latest);
+        if (!isRecent(latest, clock)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
 // Without a name, where the file system can; else under its own, that nothing has. Nothing when something has it.
 Descriptor newFile(const std::string& path)
 {
@@ -207,7 +224,7 @@ HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade)
     , m_geometry(geometryOf(explaining(m_path, [&] { return HashFileInspector(m_lock->file().place()); }), m_path))
 {
     checkMemory();
-    m_state = hashFileState(m_lock->file(), true);
+    m_state = hashFileState(m_lock->file());
     reopenStore();
 }
 
@@ -402,7 +419,7 @@ void HashFile::adapt(std::int64_t targetSize)
 
 bool HashFile::isUntouched() const
 {
-    return isInPlace() && (m_state.empty() || m_state == hashFileState(m_lock->file(), false));
+    return isInPlace() && m_state == hashFileState(m_lock->file());
 }
 
 bool HashFile::isInPlace() const
@@ -413,12 +430,11 @@ bool HashFile::isInPlace() const
 void HashFile::write(Record record)
 {
     const bool claimedTruth = m_record && m_record->standing == Record::Standing::True;
-    const bool claimsTruth = record.standing == Record::Standing::True;
-    m_state = claimsTruth ? hashFileState(m_lock->file(), true) : Traits();
-    if (claimsTruth && m_state.empty()) {
+    if (record.standing == Record::Standing::True && !waitForTheNextMoment(m_lock->file())) {
         record.standing = Record::Standing::Unproven;
         record.reason = "the times of the hash file tell nothing";
     }
+    m_state = hashFileState(m_lock->file());
     record.hashFile = m_state;
     m_record = std::move(record);
     const RecordWritten written = writeRecord(m_path, *m_record);
@@ -431,25 +447,14 @@ void HashFile::write(Record record)
     }
 }
 
-Traits hashFileState(const Descriptor& file, bool waits)
+Traits hashFileState(const Descriptor& file)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (isStampingFileSystem(file)) {
-        const timespec clock = stampingClock();
-        timespec latest;
-        Traits state = stampsOf(file, latest);
-        state.merge(fileTraits(file));
-        state.merge(mountTraits(file));
-        state["size"] = std::to_string(::lseek(file.get(), 0, SEEK_END));
-        if (!waits || !isRecent(latest, clock)) {
-            return state;
-        }
-        if (std::chrono::steady_clock::now() > end) {
-            break; // they lie in the future
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return {};
+    timespec latest;
+    Traits state = stampsOf(file, latest);
+    state.merge(fileTraits(file));
+    state.merge(mountTraits(file));
+    state["size"] = std::to_string(::lseek(file.get(), 0, SEEK_END));
+    return state;
 }
 
 } // namespace kelvane::tool

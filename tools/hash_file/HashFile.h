@@ -77,7 +77,7 @@ public:
     // What is recorded beside it.
     const std::optional<Record>& record() const { return m_record; }
 
-    // Its state, for its record: empty when a later change could have the same.
+    // Its state when it was opened, or recorded.
     const Traits& state() const { return m_state; }
 
     // Whether nothing else has changed the file, since it was opened or recorded, or put another one in its place. Once
@@ -115,8 +115,7 @@ private:
     std::unique_ptr<Store> m_store;
 };
 
-// The state of a hash file that is open. `waits`: until no later change can have the same; empty when there is no such
-// moment.
-Traits hashFileState(const Descriptor& file, bool waits);
+// The state of a hash file that is open, for its record.
+Traits hashFileState(const Descriptor& file);
 
 } // namespace kelvane::tool
