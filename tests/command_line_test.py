@@ -52,7 +52,7 @@ class CommandLine(Case):
 
     def test_a_terminal_that_is_closed(self):
         Path("a").write_bytes(randbytes(40 << 20))
-        hangup = {"SHIM_AT": "mmap a", "SHIM_DO": "1 1"}  # from the shell, and from the system
+        hangup = {"SHIM_AT": "read a", "SHIM_DO": "1 1"}  # from the shell, and from the system
         self.assertIn("goes on from here", self.call("build a -j 1", 129, shim=hangup).stderr)
         known = self.json("info a.hashes")
         self.assertTrue(known["record"]["clean"] and known["knownBlocks"] > 0, known)

@@ -1,6 +1,7 @@
 // Preloaded into the program: writes down the calls that it makes on files, does something before one of them, and
 // shows another start of the machine and another clock. By the environment:
-//     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"
+//     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"; "read" is that of
+//                 more than a page, or its mapping
 //     SHIM_AT     before which calls SHIM_DO is done: numbers and names with commas between; "open a#2" is the second
 //     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
 //                 "each" and a shell command that is done every time
@@ -36,6 +37,8 @@ Function* next(const char* name, Function* /*own*/)
 {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
+
+constexpr std::size_t PAGE = 4096; // what is larger is data, however it is read: by a call, or by being mapped
 
 std::string lastPart(const std::string& path)
 {
@@ -148,7 +151,7 @@ extern "C" {
 
 ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 {
-    return !isOfSystem(fd) && note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
+    return !isOfSystem(fd) && note((length > PAGE ? "read " : "pread ") + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
 }
 
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
@@ -158,7 +161,7 @@ ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
 
 void* mmap64(void* address, size_t length, int protection, int flags, int fd, off64_t offset) noexcept
 {
-    return fd >= 0 && note("mmap " + nameOf(fd))
+    return fd >= 0 && note("read " + nameOf(fd))
         ? MAP_FAILED
         : next("mmap64", mmap64)(address, length, protection, flags, fd, offset);
 }

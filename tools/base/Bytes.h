@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -12,6 +14,19 @@
 namespace kelvane::tool {
 
 class BytesPool;
+
+// Whole pages, as what goes past the system's memory needs them.
+struct FreeMemory {
+    void operator()(char* memory) const { std::free(memory); }
+};
+using Memory = std::unique_ptr<char[], FreeMemory>;
+
+inline Memory pagesFor(std::size_t size)
+{
+    constexpr std::size_t PAGE = 4096;
+    Memory memory(static_cast<char*>(std::aligned_alloc(PAGE, (size / PAGE + 1) * PAGE)));
+    return memory ? std::move(memory) : throw std::bad_alloc();
+}
 
 // Goes back to its pool with its owner, which may be on another thread.
 class Bytes {
@@ -41,7 +56,7 @@ private:
     friend class BytesPool;
 
     std::shared_ptr<BytesPool> m_pool;
-    std::unique_ptr<char[]> m_memory;
+    Memory m_memory;
     std::size_t m_size = 0;
 };
 
@@ -58,13 +73,13 @@ public:
         Bytes bytes;
         bytes.m_size = size;
         if (size <= SMALL || size > m_most) {
-            bytes.m_memory = std::make_unique_for_overwrite<char[]>(size);
+            bytes.m_memory = pagesFor(size);
             return bytes;
         }
         bytes.m_pool = shared_from_this();
         const std::scoped_lock lock(m_mutex);
         if (m_kept.empty()) {
-            bytes.m_memory = std::make_unique_for_overwrite<char[]>(m_most);
+            bytes.m_memory = pagesFor(m_most);
         } else {
             bytes.m_memory = std::move(m_kept.back());
             m_kept.pop_back();
@@ -77,7 +92,7 @@ private:
 
     static constexpr std::size_t SMALL = 1 << 14;
 
-    void giveBack(std::unique_ptr<char[]> memory)
+    void giveBack(Memory memory)
     {
         const std::scoped_lock lock(m_mutex);
         m_kept.push_back(std::move(memory));
@@ -85,7 +100,7 @@ private:
 
     std::size_t m_most;
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<char[]>> m_kept;
+    std::vector<Memory> m_kept;
 };
 
 inline Bytes::~Bytes()

@@ -6,7 +6,6 @@
 #include "base/Text.h"
 #include "commands/Commands.h"
 #include "work/Blocks.h"
-#include "work/Check.h"
 
 namespace kelvane::tool {
 
@@ -55,14 +54,13 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
                       common.progress);
     std::mutex mutex;
     std::vector<Range> bad;
-    Check checker(image, blockSize);
-    const auto check = [&](Store& store, const Piece& piece, char* data) {
-        const std::vector<Range> found = checker.wrongBlocks(store, piece.range, data);
+    const auto check = [&](Store& store, const Piece& piece, const char* data) {
+        const std::vector<Range> found = store.wrong(piece.range, data);
         const std::scoped_lock lock(mutex);
         bad.insert(bad.end(), found.begin(), found.end());
     };
     const StartingAnew startingAnew;
-    const Traffic traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, progress, check);
+    const Traffic traffic = forBlocks(hashFile, hashed.reader(), source, Which::Known, common.jobs, progress, check);
     bad = sorted(std::move(bad));
     std::string complaint;
     if (!bad.empty()) {

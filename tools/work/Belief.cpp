@@ -38,7 +38,7 @@ Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
 void Belief::readFromDiskWhereNeeded() const
 {
     if (m_doubtOfRecord.isAboutMemory()) {
-        m_image.readFromDisk();
+        m_image.mustDropCache();
     } else if (m_doubtOfRecord.because == Doubt::Because::NoRecord) {
         static_cast<void>(m_image.dropCache());
     }

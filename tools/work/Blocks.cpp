@@ -5,12 +5,13 @@
 #include <deque>
 #include <exception>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "image/MappedData.h"
 
 namespace kelvane::tool {
 
@@ -109,24 +110,47 @@ private:
     std::int64_t m_left = 0;
 };
 
-void workOn(Store& store, const Image& image, const Piece& piece, Which which, const Work& work)
+using Jobs = std::counting_semaphore<>;
+
+class OneJob {
+public:
+    explicit OneJob(Jobs& jobs)
+        : m_jobs(jobs)
+    {
+        m_jobs.acquire();
+    }
+    ~OneJob() { m_jobs.release(); }
+    OneJob(const OneJob&) = delete;
+    OneJob& operator=(const OneJob&) = delete;
+
+private:
+    Jobs& m_jobs;
+};
+
+void workOn(Store& store, const ImageReader& reader, const Piece& piece, Which which, Jobs& jobs, const Work& work)
 {
     if (piece.isHole) {
+        const OneJob job(jobs);
         work(store, piece, nullptr);
         return;
     }
-    const MappedData data(image, piece.range);
-    work(store, piece, data.get());
-    if (!data.isWhole()) {
+    const ImageData data(reader, piece.range);
+    {
+        const OneJob job(jobs);
+        work(store, piece, data.get());
+    }
+    try {
+        data.check();
+    } catch (const Failure&) {
         if (which != Which::Known) { // with which nothing is stored
             store.forget(piece.range);
         }
-        data.fail();
+        throw;
     }
 }
 
-Traffic workThrough(Store& store, const Image& image, Planner planner, Progress& progress, const Work& work,
-                    const std::atomic<bool>& stop)
+Traffic workThrough(Store& store, const ImageReader& reader, Planner planner, Jobs& jobs, Progress& progress,
+                    const Work& work, const std::atomic<bool>& stop)
 {
     Traffic traffic;
     Piece piece;
@@ -137,7 +161,7 @@ Traffic workThrough(Store& store, const Image& image, Planner planner, Progress&
         traffic.left += left;
         progress.skip(left);
         if (more) {
-            workOn(store, image, piece, planner.which(), work);
+            workOn(store, reader, piece, planner.which(), jobs, work);
             (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
             progress.advance(piece.range.length);
         }
@@ -158,24 +182,22 @@ std::int64_t holeSliceSize(std::int64_t blockSize)
     return std::max(sliceSize(blockSize), BLOCKS <= HOLE / blockSize ? BLOCKS * blockSize : inBlocks(HOLE, blockSize));
 }
 
-Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
+Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, RangeSource& source, Which which, unsigned jobsWanted,
                   Progress& progress, const Work& work)
 {
-    std::atomic<bool> stop = false;
-    const unsigned jobs = jobsWanted > 0 ? jobsWanted : std::max(1U, std::thread::hardware_concurrency());
+    const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
+    const unsigned jobs = jobsWanted > 0 ? jobsWanted : cores;
     const std::int64_t pieceSize = inBlocks(PIECE, hashFile.store().blockSize());
-    if (jobs <= 1) {
-        Store& store = hashFile.store();
-        return workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
-    }
+    std::atomic<bool> stop = false;
     std::mutex mutex;
     std::exception_ptr failure;
     Traffic traffic;
+    Jobs free(jobs);
     const auto job = [&] {
         try {
             Store store = hashFile.anotherStore();
-            const Traffic own
-                = workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
+            const Traffic own = workThrough(store, reader, {store, reader.image(), source, which, pieceSize}, free,
+                                            progress, work, stop);
             const std::scoped_lock lock(mutex);
             traffic.read += own.read;
             traffic.holes += own.holes;
@@ -188,7 +210,7 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
     };
     {
         std::vector<std::jthread> threads;
-        for (unsigned i = 0; i < jobs; ++i) {
+        for (unsigned i = 0; i < jobs + 1; ++i) {
             threads.emplace_back(job);
         }
     }

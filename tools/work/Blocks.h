@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "hash_file/HashFile.h"
-#include "image/Image.h"
+#include "image/ImageReader.h"
 #include "image/RangeSource.h"
 #include "terminal/Progress.h"
 #include "work/Common.h"
@@ -28,15 +28,15 @@ struct Piece {
 };
 
 // What is done with one piece; `data` is null for a hole, whose bytes are zeros.
-using Work = std::function<void(Store& store, const Piece& piece, char* data)>;
+using Work = std::function<void(Store& store, const Piece& piece, const char* data)>;
 
 // How much of an image one thread takes at a time, and how much of a hole.
 std::int64_t sliceSize(std::int64_t blockSize);
 std::int64_t holeSliceSize(std::int64_t blockSize);
 
-// With several jobs, each has its own thread and store. They never share a block, so no store sees or overwrites what
-// another one stored. Stops with Interrupted.
-Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
+// So many pieces as there are jobs are worked on at once, while the next one is read. Each thread has its own store.
+// They never share a block, so no store sees or overwrites what another one stored. Stops with Interrupted.
+Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, RangeSource& source, Which which, unsigned jobsWanted,
                   Progress& progress, const Work& work);
 
 } // namespace kelvane::tool

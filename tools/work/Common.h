@@ -1,6 +1,7 @@
 // How a command works, whatever it does.
 #pragma once
 
+#include "image/ImageReader.h"
 #include "terminal/Progress.h"
 
 namespace kelvane::tool {
@@ -16,6 +17,7 @@ struct Common {
     unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
     ProgressMode progress = ProgressMode::Automatic;
     Trust trust = Trust::Evidence;
+    Cache cache = Cache::LeaveAsFound;
 };
 
 } // namespace kelvane::tool

@@ -121,7 +121,7 @@ void Copier::flush()
     const bool isWritten = std::all_of(m_batch.begin(), m_batch.end(), [this](const Part& p) { return isThere(p); });
     addChange({change.wasUnchanged && isWritten, change.wasAlone});
     for (const Part& part : m_batch) {
-        part.data == nullptr ? m_hashed.store().zero(part.range) : m_hashed.store().update(part.range, part.data);
+        m_hashed.store().update(part.range, part.data);
     }
     m_batch.clear();
     m_taken = 0;

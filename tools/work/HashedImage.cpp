@@ -14,6 +14,7 @@ HashedImage::HashedImage(const Image& image, HashFile hashFile, const Common& co
     , m_hashFile(std::move(hashFile))
     , m_common(common)
     , m_belief(image, m_hashFile, common)
+    , m_reader(image, common.cache)
 {
 }
 
@@ -26,14 +27,13 @@ void HashedImage::complete(Range range, const char* phase)
     const std::int64_t blockSize = store().blockSize();
     const Range blocks = wholeBlocks(range, blockSize);
     RangeSource source(m_image, blocks, sliceSize(blockSize), holeSliceSize(blockSize));
-    Check checker(m_image, blockSize);
-    const Work work = [&](Store& store, const Piece& piece, char* data) {
-        piece.isKnown ? check(store, checker, piece.range, data) : this->store(store, piece.range, data);
+    const Work work = [&](Store& store, const Piece& piece, const char* data) {
+        piece.isKnown ? check(store, piece.range, data) : this->store(store, piece.range, data);
     };
     const StartingAnew isCheck(!believes);
     try {
         Progress progress(phase, blocks.length, m_common.progress);
-        m_traffic = forBlocks(m_hashFile, m_image, source, believes ? Which::Unknown : Which::All, m_common.jobs,
+        m_traffic = forBlocks(m_hashFile, m_reader, source, believes ? Which::Unknown : Which::All, m_common.jobs,
                               progress, work);
     } catch (const Interrupted&) {
         m_belief.flushHashes(); // what is done is kept
@@ -46,10 +46,10 @@ void HashedImage::complete(Range range, const char* phase)
     }
 }
 
-void HashedImage::store(Store& store, Range range, char* data)
+void HashedImage::store(Store& store, Range range, const char* data)
 {
     m_belief.mark();
-    data == nullptr ? store.zero(range) : store.update(range, data);
+    store.update(range, data);
     const std::scoped_lock lock(m_mutex);
     const std::int64_t end = range.end() / store.blockSize();
     for (std::int64_t i = range.offset / store.blockSize(); i < end && m_newBlocks.size() <= MOST_NEW_BLOCKS; ++i) {
@@ -67,10 +67,10 @@ std::vector<std::int64_t> HashedImage::newBlocks() const
     return blocks;
 }
 
-void HashedImage::check(Store& store, Check& checker, Range range, char* data)
+void HashedImage::check(Store& store, Range range, const char* data)
 {
     m_checked += range.length / store.blockSize();
-    for (const Range& wrong : checker.wrongBlocks(store, range, data)) {
+    for (const Range& wrong : store.wrong(range, data)) {
         m_repaired += wrong.length / store.blockSize();
         this->store(store, wrong, data == nullptr ? nullptr : data + (wrong.offset - range.offset));
     }

@@ -9,7 +9,6 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "image/MappedData.h"
 
 namespace kelvane::tool {
 
@@ -165,11 +164,9 @@ void LocalSide::askBytes(Range range, std::int64_t unit)
     while (range.length > 0) {
         throwWhenInterrupted();
         const Range piece = {range.offset, std::min(unit, range.length)};
-        const MappedData data(m_image, piece);
-        digests.push_back(BlakeHash().get_hash(data.get(), piece.length));
-        if (!data.isWhole()) {
-            data.fail();
-        }
+        const ImageData data(m_hashed->reader(), piece);
+        digests.push_back(BlakeHash().get_hash(const_cast<char*>(data.get()), piece.length)); // which is only read
+        data.check();
         range = between(piece.end(), range.end());
     }
 }
@@ -213,7 +210,7 @@ void LocalSide::read(const std::vector<Range>& ranges, bool withDigests, const S
 void LocalSide::readPiece(Range piece, bool withDigests, const Sink& sink)
 {
     const std::int64_t unit = std::min(m_blockSize, LONGEST_PIECE);
-    const MappedData data(m_image, piece);
+    const ImageData data(m_hashed->reader(), piece);
     std::vector<Range> stretches;
     std::vector<bool> areZeros;
     for (std::int64_t at = 0; at < piece.length; at += unit) {
@@ -232,9 +229,7 @@ void LocalSide::readPiece(Range piece, bool withDigests, const Sink& sink)
         sink({range, areZeros[i] ? nullptr : data.get() + (range.offset - piece.offset),
               hasDigest ? digestOf(range) : Digest()});
     }
-    if (!data.isWhole()) {
-        data.fail();
-    }
+    data.check();
 }
 
 void LocalSide::startWriting(bool isSparse)
