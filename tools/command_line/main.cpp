@@ -13,7 +13,8 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Number.h"
-#include "commands/Commands.h"
+#include "commands/Results.h"
+#include "remote/Server.h"
 
 using namespace kelvane::tool;
 
@@ -84,8 +85,8 @@ public:
         addInvalidate();
     }
 
-    // The command to run; nothing when help was asked for and printed.
-    std::function<Outcome()> parse(int argc, char** argv)
+    // The command to run, which returns the exit code; nothing when help was asked for and printed.
+    std::function<int()> parse(int argc, char** argv)
     {
         const std::string first = argc > 1 ? argv[1] : "-";
         if (!first.starts_with('-')
@@ -109,18 +110,28 @@ public:
         return m_command;
     }
 
-    bool json() const { return m_json; }
-
 private:
     using Take = std::function<void(const std::string& value)>;
 
-    CLI::App* add(const std::string& name, const std::string& text, const std::string& example,
-                  std::function<Outcome()> command)
+    template <class Result>
+    int report(const Result& result) const
+    {
+        std::cout << (m_json ? jsonOf(result) : textOf(result));
+        return isGood(result.verdict) ? 0 : DIFFERS;
+    }
+
+    static int report(bool isDone) // what failed was told to the other side
+    {
+        return isDone ? 0 : interruptSignal() != 0 ? 128 + interruptSignal() : ERROR;
+    }
+
+    template <class Command>
+    CLI::App* add(const std::string& name, const std::string& text, const std::string& example, Command command)
     {
         CLI::App* const app = m_app.add_subcommand(name, text);
         app->footer("Example:\n  kelvane-hash " + example);
         app->add_flag("--json", m_json, "Print the result as JSON");
-        app->callback([this, command] { m_command = command; });
+        app->callback([this, command] { m_command = [this, command] { return report(command()); }; });
         return app;
     }
 
@@ -305,7 +316,7 @@ private:
     void addServe()
     {
         CLI::App* const app = add("serve", "Be the other machine's side of diff and sync, on standard input and output",
-                                  "serve --root /srv/images --read-only", [this] { return serve(m_serve); });
+                                  "serve --root /srv/images --read-only", [this] { return serveOther(m_serve); });
         app->add_option("--root", m_serve.root, "Serve no image or hash file outside of this directory")
             ->type_name("DIR");
         app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
@@ -344,7 +355,7 @@ private:
     InvalidateArguments m_invalidate;
     ServeArguments m_serve;
     bool m_json = false;
-    std::function<Outcome()> m_command;
+    std::function<int()> m_command;
 };
 
 int complain(const std::string& text, int code)
@@ -357,19 +368,8 @@ int run(int argc, char** argv)
 {
     CommandLine commandLine;
     const auto command = commandLine.parse(argc, argv);
-    Outcome outcome;
-    if (command) {
-        outcome = command();
-        const auto replacing = nlohmann::ordered_json::error_handler_t::replace; // names need not be UTF-8
-        std::cout << (commandLine.json() ? outcome.json.dump(2, ' ', false, replacing) + "\n" : outcome.text);
-    }
-    if (!std::cout.flush()) {
-        return complain("standard output: cannot write", ERROR);
-    }
-    if (!outcome.isDone) {
-        return interruptSignal() != 0 ? 128 + interruptSignal() : ERROR;
-    }
-    return outcome.good ? 0 : DIFFERS;
+    const int code = command ? command() : 0;
+    return std::cout.flush() ? code : complain("standard output: cannot write", ERROR);
 }
 
 } // namespace
