@@ -8,7 +8,7 @@ BuildResult build(const ImageArguments& arguments, bool afterCrash, const Common
 {
     const auto start = std::chrono::steady_clock::now();
     const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.progress), common);
+    HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
     BuildResult result;
     if (afterCrash) {
         hashed.belief().mark();

@@ -27,7 +27,7 @@ Range inImage(const Range& onDevice, const Image& image, const HashFile& hashFil
 HashResult hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
     const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.progress), common);
+    HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
     hashed.adaptToImage();
     const HashFile& hashFile = hashed.hashFile();
     const Range range = onDevice ? inImage(*onDevice, image, hashFile) : Range {0, image.size()};

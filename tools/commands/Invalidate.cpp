@@ -83,7 +83,7 @@ std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedIma
 InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
 {
     const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
+    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     const std::vector<Range> ranges = listedRanges(what, hashed);
     using Because = Doubt::Because;
     Belief& belief = hashed.belief();

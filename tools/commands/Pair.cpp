@@ -29,7 +29,7 @@ std::unique_ptr<RemoteSide> openFar(const RemotePath& path, const ImageArguments
     if (const auto offset = arguments.hashFile.partitionOffset) {
         open.partitionOffset = static_cast<std::int64_t>(*offset);
     }
-    return std::make_unique<RemoteSide>(path, std::move(open), remote, common.progress);
+    return std::make_unique<RemoteSide>(path, std::move(open), remote, common.reporter);
 }
 
 void keepSidesApart(const LocalSide& first, const LocalSide& second, bool writesSecond)

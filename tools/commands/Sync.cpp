@@ -3,7 +3,6 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "terminal/Progress.h"
 
 namespace kelvane::tool {
 
@@ -25,25 +24,25 @@ std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, 
     return destination.isFar() && own == options.blockSize.value_or(own.value_or(0)) ? own : std::nullopt;
 }
 
-OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, ProgressMode mode)
+OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, Reporter& reporter)
 {
-    Progress progress("copy", totalLength(ranges), mode);
+    const auto phase = reporter.begin("copy", totalLength(ranges));
     destination.startWriting(isSparse);
     source.read(ranges, destination.isFar(), [&](const Stretch& stretch) {
         destination.write(stretch);
-        progress.advance(stretch.range.length);
+        phase->advance(stretch.range.length);
     });
     return destination.finishWriting();
 }
 
-std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode mode)
+std::optional<std::int64_t> reread(Side& source, Side& destination, Reporter& reporter)
 {
     const StartingAnew startingAnew;
     source.dropCache();
     destination.dropCache();
-    Progress progress("verify", source.opening().size, mode);
+    const auto phase = reporter.begin("verify", source.opening().size);
     return firstDifference(source, destination, {0, source.opening().size},
-                           [&](std::int64_t bytes) { progress.advance(bytes); });
+                           [&](std::int64_t bytes) { phase->advance(bytes); });
 }
 
 SyncResult syncSides(Side& source, Side& destination, const PairArguments& arguments, const SyncArguments& how,
@@ -62,11 +61,11 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
     // Holes may have to be filled where nothing differs.
     const bool isWritten = !found.differing.empty() || !how.isSparse;
     const OwnChange change
-        = isWritten ? copy(source, destination, found.differing, how.isSparse, common.progress) : OwnChange();
+        = isWritten ? copy(source, destination, found.differing, how.isSparse, common.reporter) : OwnChange();
     // What others wrote at the same time shows in the data alone.
     const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);
     const std::optional<std::int64_t> difference
-        = isReread ? reread(source, destination, common.progress) : std::nullopt;
+        = isReread ? reread(source, destination, common.reporter) : std::nullopt;
     if (difference || !change.wasUnchanged) {
         destination.distrust();
     }

@@ -42,8 +42,7 @@ struct Checked {
     std::vector<Range> wrong; // ascending
 };
 
-Checked checkKnown(HashFile& hashFile, const Image& image, RangeSource& source, const Common& common,
-                   Progress& progress)
+Checked checkKnown(HashFile& hashFile, const Image& image, RangeSource& source, const Common& common, Phase& phase)
 {
     std::mutex mutex;
     Checked checked;
@@ -53,7 +52,7 @@ Checked checkKnown(HashFile& hashFile, const Image& image, RangeSource& source, 
         const std::scoped_lock lock(mutex);
         checked.wrong.insert(checked.wrong.end(), found.begin(), found.end());
     };
-    checked.traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, progress, check);
+    checked.traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, phase, check);
     checked.wrong = sorted(std::move(checked.wrong));
     return checked;
 }
@@ -84,7 +83,7 @@ std::string settle(HashedImage& hashed, const std::vector<Range>& wrong, bool ma
 VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
 {
     const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
+    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
@@ -95,10 +94,10 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     const std::int64_t unit = std::max(blockSize, roundDown(SAMPLE, blockSize));
     RangeSource source = all ? RangeSource(image, range, sliceSize(blockSize), holeSliceSize(blockSize))
                              : RangeSource(range, unit, how.share, seed);
-    Progress progress("verify", static_cast<std::int64_t>(how.share * static_cast<double>(range.length)),
-                      common.progress);
+    const auto phase
+        = common.reporter.begin("verify", static_cast<std::int64_t>(how.share * static_cast<double>(range.length)));
     const StartingAnew startingAnew;
-    Checked checked = checkKnown(hashFile, image, source, common, progress);
+    Checked checked = checkKnown(hashFile, image, source, common, *phase);
     std::string falseRecord = settle(hashed, checked.wrong, how.mark, all && recorded == image.size());
     const Conclusions found = conclude(hashed, common);
     const bool isGood = checked.wrong.empty() && recorded == image.size();

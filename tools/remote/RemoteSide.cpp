@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "base/Text.h"
-#include "terminal/Note.h"
 
 extern char** environ;
 
@@ -150,11 +149,11 @@ auto RemoteSide::guarded(Work work)
     }
 }
 
-RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, ProgressMode mode)
+RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter)
     : m_name(path.host + ":" + path.path)
     , m_host(path.host)
     , m_compression(options.compression)
-    , m_mode(mode)
+    , m_reporter(reporter)
 {
     std::vector<std::string> words = splitWords(options.rsh);
     if (words.empty()) {
@@ -242,7 +241,7 @@ bool RemoteSide::tell(const Frame& frame) const
         throw Failure(m_host, printable(frame.payload, LONGEST_TEXT));
     }
     if (frame.type == FrameType::Note) {
-        note(m_host + ": " + printable(frame.payload, LONGEST_TEXT));
+        m_reporter.note(m_host + ": " + printable(frame.payload, LONGEST_TEXT));
     }
     return frame.type == FrameType::Note;
 }
@@ -280,7 +279,7 @@ void RemoteSide::show(const std::string& payload)
     from.end();
     if (!m_progress || phase != m_phase) {
         m_progress.reset();
-        m_progress = std::make_unique<Progress>(phase, total, m_mode);
+        m_progress = m_reporter.begin(phase, total);
         m_phase = phase;
     }
     m_progress->reach(done);

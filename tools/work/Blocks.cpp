@@ -125,7 +125,7 @@ void workOn(Store& store, const Image& image, const Piece& piece, Which which, c
     }
 }
 
-Traffic workThrough(Store& store, const Image& image, Planner planner, Progress& progress, const Work& work,
+Traffic workThrough(Store& store, const Image& image, Planner planner, Phase& phase, const Work& work,
                     const std::atomic<bool>& stop)
 {
     Traffic traffic;
@@ -135,11 +135,11 @@ Traffic workThrough(Store& store, const Image& image, Planner planner, Progress&
         more = planner.next(piece);
         const std::int64_t left = planner.takeLeft();
         traffic.left += left;
-        progress.skip(left);
+        phase.skip(left);
         if (more) {
             workOn(store, image, piece, planner.which(), work);
             (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
-            progress.advance(piece.range.length);
+            phase.advance(piece.range.length);
         }
     }
     return traffic;
@@ -159,14 +159,14 @@ std::int64_t holeSliceSize(std::int64_t blockSize)
 }
 
 Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
-                  Progress& progress, const Work& work)
+                  Phase& phase, const Work& work)
 {
     std::atomic<bool> stop = false;
     const unsigned jobs = jobsWanted > 0 ? jobsWanted : std::max(1U, std::thread::hardware_concurrency());
     const std::int64_t pieceSize = inBlocks(PIECE, hashFile.store().blockSize());
     if (jobs <= 1) {
         Store& store = hashFile.store();
-        return workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
+        return workThrough(store, image, {store, image, source, which, pieceSize}, phase, work, stop);
     }
     std::mutex mutex;
     std::exception_ptr failure;
@@ -174,8 +174,7 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
     const auto job = [&] {
         try {
             Store store = hashFile.anotherStore();
-            const Traffic own
-                = workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
+            const Traffic own = workThrough(store, image, {store, image, source, which, pieceSize}, phase, work, stop);
             const std::scoped_lock lock(mutex);
             traffic.read += own.read;
             traffic.holes += own.holes;

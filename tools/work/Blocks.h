@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <functional>
 
+#include "base/Reporter.h"
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
 #include "image/RangeSource.h"
-#include "terminal/Progress.h"
 #include "work/Common.h"
 
 namespace kelvane::tool {
@@ -37,6 +37,6 @@ std::int64_t holeSliceSize(std::int64_t blockSize);
 // With several jobs, each has its own thread and store. They never share a block, so no store sees or overwrites what
 // another one stored. Stops with Interrupted.
 Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
-                  Progress& progress, const Work& work);
+                  Phase& phase, const Work& work);
 
 } // namespace kelvane::tool

@@ -1,7 +1,7 @@
 // How a command works, whatever it does.
 #pragma once
 
-#include "terminal/Progress.h"
+#include "base/Reporter.h"
 
 namespace kelvane::tool {
 
@@ -13,8 +13,8 @@ enum class Trust {
 };
 
 struct Common {
+    Reporter& reporter;
     unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
-    ProgressMode progress = ProgressMode::Automatic;
     Trust trust = Trust::Evidence;
 };
 

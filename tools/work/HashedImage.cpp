@@ -5,7 +5,6 @@
 
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "terminal/Note.h"
 
 namespace kelvane::tool {
 
@@ -21,7 +20,7 @@ void HashedImage::complete(Range range, const char* phase)
 {
     const bool believes = m_belief.holds();
     if (!believes && m_belief.doubt().isAny()) {
-        note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
+        m_common.reporter.note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
     }
     const std::int64_t blockSize = store().blockSize();
     const Range blocks = wholeBlocks(range, blockSize);
@@ -32,9 +31,9 @@ void HashedImage::complete(Range range, const char* phase)
     };
     const StartingAnew isCheck(!believes);
     try {
-        Progress progress(phase, blocks.length, m_common.progress);
+        const auto shown = m_common.reporter.begin(phase, blocks.length);
         m_traffic = forBlocks(m_hashFile, m_image, source, believes ? Which::Unknown : Which::All, m_common.jobs,
-                              progress, work);
+                              *shown, work);
     } catch (const Interrupted&) {
         m_belief.flushHashes(); // what is done is kept
         conclude();

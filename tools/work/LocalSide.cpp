@@ -47,7 +47,7 @@ LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOpti
 const Opening& LocalSide::opening()
 {
     if (!m_opening) {
-        m_hashFile = HashFile::find(m_image, m_options);
+        m_hashFile = HashFile::find(m_image, m_options, m_common.reporter);
         m_opening = {m_image.size(),          m_image.permissions(), m_image.isMissing(),
                      m_image.isBlockDevice(), hashFilePath(),        std::nullopt};
         if (m_hashFile) {
@@ -68,7 +68,7 @@ void LocalSide::openHashes(const Start& start)
     }
     m_hashed.emplace(
         m_image,
-        HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.progress),
+        HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.reporter),
         m_common);
 }
 
@@ -247,8 +247,7 @@ OwnChange LocalSide::finishWriting()
 {
     m_copier->flush();
     if (!m_copier->isSparse()) {
-        Progress progress("fill", m_image.size(), m_common.progress);
-        m_copier->fillHoles(progress);
+        m_copier->fillHoles(*m_common.reporter.begin("fill", m_image.size()));
     }
     m_hashed->belief().flushHashes();
     disbelieveUnlessAlone(m_copier->ownChange());
