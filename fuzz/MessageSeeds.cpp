@@ -6,6 +6,7 @@
 
 #include "Messages.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
 
 using namespace kelvane::tool;

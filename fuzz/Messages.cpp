@@ -11,9 +11,10 @@
 #include <vector>
 
 #include "base/Failure.h"
+#include "lists/RangeList.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
-#include "work/RangeList.h"
 
 namespace kelvane::testing {
 
@@ -62,10 +63,10 @@ std::function<void(const std::string&)> partThereAndBack(Decode decode, Encode e
     };
 }
 
-void checkStretch(const std::string& text)
+void checkPiece(const std::string& text)
 {
     const DataForm form = {BLOCK, SIZE};
-    const auto received = ReceivedStretch::decode(text, BLOCK, form);
+    const auto received = ReceivedPiece::decode(text, BLOCK, form);
     require(received.range.offset >= BLOCK && received.range.length > 0 && received.range.end() <= SIZE,
             "data outside of what was asked for");
     require(isOnePiece(received.range, form), "data of parts of several blocks");
@@ -192,7 +193,7 @@ const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
     thereAndBack([](const std::string& text) { return AskBytes::decode(text); }),
     thereAndBack([](const std::string& text) { return Digests::decode(text); }),
     thereAndBack([](const std::string& text) { return Read::decode(text, SIZE); }),
-    checkStretch,
+    checkPiece,
     [](const std::string& text) { checkList(text, std::nullopt); },
     [](const std::string& text) { checkList(text, ListFormat::Bitmap); },
     thereAndBack([](const std::string& text) { return Written::decode(text); }),

@@ -7,7 +7,7 @@
 
 #include "commands/Conclusions.h"
 #include "commands/ImageArguments.h"
-#include "work/RangeList.h"
+#include "lists/RangeList.h"
 
 namespace kelvane::tool {
 

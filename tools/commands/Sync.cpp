@@ -28,9 +28,9 @@ OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges
 {
     const auto phase = reporter.begin("copy", totalLength(ranges));
     destination.startWriting(isSparse);
-    source.read(ranges, destination.isFar(), [&](const Stretch& stretch) {
-        destination.write(stretch);
-        phase->advance(stretch.range.length);
+    source.read(ranges, destination.isFar(), [&](const Piece& piece) {
+        destination.write(piece);
+        phase->advance(piece.range.length);
     });
     return destination.finishWriting();
 }

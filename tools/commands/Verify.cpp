@@ -42,17 +42,17 @@ struct Checked {
     std::vector<Range> wrong; // ascending
 };
 
-Checked checkKnown(HashFile& hashFile, const Image& image, RangeSource& source, const Common& common, Phase& phase)
+Checked checkKnown(HashFile& hashFile, const Image& image, Slices& slices, const Common& common, Phase& phase)
 {
     std::mutex mutex;
     Checked checked;
     Check checker(image, hashFile.store().blockSize());
-    const auto check = [&](Store& store, const Piece& piece, char* data) {
-        const std::vector<Range> found = checker.wrongBlocks(store, piece.range, data);
+    const auto check = [&](Store& store, const Blocks& blocks, char* data) {
+        const std::vector<Range> found = checker.wrongBlocks(store, blocks.range, data);
         const std::scoped_lock lock(mutex);
         checked.wrong.insert(checked.wrong.end(), found.begin(), found.end());
     };
-    checked.traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, phase, check);
+    checked.traffic = forBlocks(hashFile, image, slices, Which::Known, common.jobs, phase, check);
     checked.wrong = sorted(std::move(checked.wrong));
     return checked;
 }
@@ -91,13 +91,13 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     const Range range = wholeBlocks({0, std::min(image.size(), recorded)}, blockSize);
     const bool all = how.share >= 1;
     const std::uint64_t seed = how.seed.value_or(std::random_device()());
-    const std::int64_t unit = std::max(blockSize, roundDown(SAMPLE, blockSize));
-    RangeSource source = all ? RangeSource(image, range, sliceSize(blockSize), holeSliceSize(blockSize))
-                             : RangeSource(range, unit, how.share, seed);
+    const std::int64_t sample = std::max(blockSize, roundDown(SAMPLE, blockSize));
+    Slices slices = all ? Slices(image, range, sliceSize(blockSize), holeSliceSize(blockSize))
+                        : Slices(range, sample, how.share, seed);
     const auto phase
         = common.reporter.begin("verify", static_cast<std::int64_t>(how.share * static_cast<double>(range.length)));
     const StartingAnew startingAnew;
-    Checked checked = checkKnown(hashFile, image, source, common, *phase);
+    Checked checked = checkKnown(hashFile, image, slices, common, *phase);
     std::string falseRecord = settle(hashed, checked.wrong, how.mark, all && recorded == image.size());
     const Conclusions found = conclude(hashed, common);
     const bool isGood = checked.wrong.empty() && recorded == image.size();

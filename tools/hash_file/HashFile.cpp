@@ -16,6 +16,7 @@
 #include "base/Interrupt.h"
 #include "base/Text.h"
 #include "hash_file/SideFiles.h"
+#include "image/FileSystem.h"
 #include "image/Memory.h"
 
 namespace kelvane::tool {

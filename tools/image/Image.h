@@ -58,16 +58,14 @@ public:
     // Whether its path still leads to it.
     bool isNamed() const { return leadsTo(m_path, m_file); }
 
-    // Whether every change of it leaves a stamp of this machine's clock once it is flushed, those by mappings, too, and
-    // what is mapped is what is read. Not where the file system is not known to work so: in memory, over a network, in
-    // user space, or put together from several others.
+    // Whether its bytes lie on a stamping file system.
     bool isStamped() const { return m_isStamped; }
 
     // A block device is read from the disk: what the system holds in memory of it is not always what was written to it
     // past it, to the whole disk or to the file that holds it.
     void read(char* buffer, Range range) const;
 
-    // The first stretch of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
+    // The first range of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
     // at `end`, when there is only a hole.
     Range nextData(std::int64_t offset, std::int64_t end) const;
 
@@ -112,7 +110,5 @@ private:
     bool m_isWriting = false;
     std::int64_t m_bytesWritten = 0;
 };
-
-bool isStampingFileSystem(const Descriptor& file);
 
 } // namespace kelvane::tool

@@ -1,4 +1,4 @@
-// A stretch of an image in memory.
+// A range of an image in memory.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 
 namespace kelvane::tool {
 
-// Mapped where that can be done, so that nothing is copied; a stretch at a time, because the system keeps eight bytes
+// Mapped where that can be done, so that nothing is copied; a piece at a time, because the system keeps eight bytes
 // for every page that is mapped, which are gigabytes for a terabyte. One at a time in a thread.
 class MappedData {
 public:

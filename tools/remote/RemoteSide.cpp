@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/Text.h"
+#include "remote/Data.h"
 
 extern char** environ;
 
@@ -366,7 +367,7 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
     for (Range rest : read.ranges) {
         while (rest.length > 0) {
             auto received = guarded([&] {
-                return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()});
+                return ReceivedPiece::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()});
             });
             if (received.range.offset != rest.offset) {
                 throw Failure(m_host, "data is missing");
@@ -386,12 +387,12 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
 void RemoteSide::startWriting(bool isSparse)
 {
     m_conclusion.reset();
-    request(FrameType::StartWriting, FieldWriter().u8(isSparse ? 1 : 0).done());
+    request(FrameType::StartWriting, FieldWriter().flag(isSparse).done());
 }
 
-void RemoteSide::write(const Stretch& stretch)
+void RemoteSide::write(const Piece& piece)
 {
-    sending([&] { sendStretch(*m_channel, stretch, {m_start.blockSize, m_start.compared, m_compression}); });
+    sending([&] { tool::send(*m_channel, piece, {m_start.blockSize, m_start.compared, m_compression}); });
 }
 
 OwnChange RemoteSide::finishWriting()

@@ -52,7 +52,7 @@ public:
     void dropCache() override;
     void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
     void startWriting(bool isSparse) override;
-    void write(const Stretch& stretch) override;
+    void write(const Piece& piece) override;
     OwnChange finishWriting() override;
     void abandon() override { } // the other machine sees that this one has gone
     void distrust() override;

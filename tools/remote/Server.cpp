@@ -7,6 +7,7 @@
 #include "base/Interrupt.h"
 #include "base/Text.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
 #include "remote/ServedPaths.h"
 #include "remote/Transfer.h"
@@ -231,7 +232,7 @@ private:
             checkBoundary(range.offset);
             checkBoundary(range.end());
         }
-        m_side->read(read.ranges, true, [this](const Stretch& stretch) { sendStretch(m_channel, stretch, m_form); });
+        m_side->read(read.ranges, true, [this](const Piece& piece) { send(m_channel, piece, m_form); });
         FieldWriter end;
         encode(end, read.mayBeLast ? std::optional(conclusion()) : std::nullopt);
         m_channel.send(FrameType::End, end.done());
@@ -245,7 +246,7 @@ private:
         m_side->startWriting(isSparse);
         transfer(
             m_channel, [this](const Deliver& deliver) { receive(deliver); },
-            [this](const Stretch& stretch) { m_side->write(stretch); });
+            [this](const Piece& piece) { m_side->write(piece); });
         Written written;
         written.change = m_side->finishWriting();
         written.conclusion = conclusion();
@@ -261,7 +262,7 @@ private:
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            auto received = ReceivedStretch::decode(frame.payload, end, m_form);
+            auto received = ReceivedPiece::decode(frame.payload, end, m_form);
             if (received.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
                 checkBoundary(received.range.offset);

@@ -23,16 +23,16 @@ void HashedImage::complete(Range range, const char* phase)
         m_common.reporter.note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
     }
     const std::int64_t blockSize = store().blockSize();
-    const Range blocks = wholeBlocks(range, blockSize);
-    RangeSource source(m_image, blocks, sliceSize(blockSize), holeSliceSize(blockSize));
+    const Range all = wholeBlocks(range, blockSize);
+    Slices slices(m_image, all, sliceSize(blockSize), holeSliceSize(blockSize));
     Check checker(m_image, blockSize);
-    const Work work = [&](Store& store, const Piece& piece, char* data) {
-        piece.isKnown ? check(store, checker, piece.range, data) : this->store(store, piece.range, data);
+    const Work work = [&](Store& store, const Blocks& blocks, char* data) {
+        blocks.isKnown ? check(store, checker, blocks.range, data) : this->store(store, blocks.range, data);
     };
     const StartingAnew isCheck(!believes);
     try {
-        const auto shown = m_common.reporter.begin(phase, blocks.length);
-        m_traffic = forBlocks(m_hashFile, m_image, source, believes ? Which::Unknown : Which::All, m_common.jobs,
+        const auto shown = m_common.reporter.begin(phase, all.length);
+        m_traffic = forBlocks(m_hashFile, m_image, slices, believes ? Which::Unknown : Which::All, m_common.jobs,
                               *shown, work);
     } catch (const Interrupted&) {
         m_belief.flushHashes(); // what is done is kept

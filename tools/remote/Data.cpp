@@ -1,0 +1,154 @@
+#include "remote/Data.h"
+
+#include <kelvane/BlakeHash.h>
+#include <zstd.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "remote/Wire.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+enum class Form : std::uint8_t { Zeros, Bytes, Compressed };
+
+Digest digestOf(const char* data, std::int64_t length)
+{
+    return BlakeHash().get_hash(const_cast<char*>(data), length); // which is only read
+}
+
+void checkDigest(Range range, const Digest& found, const Digest& told)
+{
+    if (found != told) {
+        throw ProtocolError(
+            "at offset " + std::to_string(range.offset)
+            + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
+    }
+}
+
+std::int64_t longestPiece(const Channel& channel, const Piece& piece)
+{
+    const bool isLimited = piece.data != nullptr && channel.bytesPerSecond() > 0;
+    return isLimited ? channel.bytesPerSecond() : std::numeric_limits<std::int64_t>::max();
+}
+
+// What of a range goes first.
+Range firstOf(Range range, const DataForm& form, std::int64_t longest)
+{
+    const std::int64_t before = range.offset % form.blockSize; // bytes of its block
+    if (before != 0 || range.length < form.blockSize) {
+        return {range.offset, std::min({range.length, form.blockSize - before, longest})};
+    }
+    const bool isLast = range.end() == form.end && range.length <= longest;
+    return {range.offset,
+            isLast ? range.length
+                   : std::max(form.blockSize, roundDown(std::min(range.length, longest), form.blockSize))};
+}
+
+std::string decompressed(std::string_view data, std::int64_t length)
+{
+    std::string bytes(static_cast<std::size_t>(length), '\0');
+    const std::size_t size = ZSTD_decompress(bytes.data(), bytes.size(), data.data(), data.size());
+    if (size != bytes.size()) {
+        throw ProtocolError("compressed data is damaged");
+    }
+    return bytes;
+}
+
+// The hash, and the data that it must be of.
+void takeData(FieldReader& from, Form kind, const DataForm& form, ReceivedPiece& received)
+{
+    const std::int64_t length = received.range.length;
+    received.isOfBlocks = from.flag();
+    received.digest = from.digest();
+    received.data = kind == Form::Compressed ? decompressed(from.rest(), length) : std::string(from.rest());
+    if (std::ssize(received.data) != length
+        || (received.isOfBlocks && (received.range.offset % form.blockSize != 0 || length % form.blockSize != 0))) {
+        throw ProtocolError("data of another length than told");
+    }
+    const char* const data = received.data.data();
+    checkDigest(received.range,
+                received.isOfBlocks ? digestOfBlocks(data, length, form.blockSize) : digestOf(data, length),
+                received.digest);
+}
+
+} // namespace
+
+bool isOnePiece(Range range, const DataForm& form)
+{
+    const bool endsWhole = range.end() % form.blockSize == 0 || range.end() == form.end;
+    return (range.offset % form.blockSize == 0 && endsWhole)
+        || range.offset / form.blockSize == (range.end() - 1) / form.blockSize;
+}
+
+Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize)
+{
+    std::string digests;
+    for (std::int64_t at = 0; at < length; at += blockSize) {
+        const Digest digest = digestOf(data + at, blockSize);
+        digests.append(digest.begin(), digest.end());
+    }
+    return digestOf(digests.data(), std::ssize(digests));
+}
+
+std::string encode(const Piece& piece, std::uint32_t compression)
+{
+    const auto length = static_cast<std::size_t>(piece.range.length);
+    FieldWriter to;
+    to.i64(piece.range.offset).i64(piece.range.length);
+    if (piece.data == nullptr) {
+        return to.u8(static_cast<std::uint8_t>(Form::Zeros)).done();
+    }
+    std::string compressed(compression > 0 ? ZSTD_compressBound(length) : 0, '\0');
+    const std::size_t size = compression == 0
+        ? length
+        : ZSTD_compress(compressed.data(), compressed.size(), piece.data, length, static_cast<int>(compression));
+    const bool isSmaller = compression > 0 && ZSTD_isError(size) == 0 && size < length;
+    to.u8(static_cast<std::uint8_t>(isSmaller ? Form::Compressed : Form::Bytes));
+    const bool isOfBlocks = !piece.digest.empty();
+    const Digest digest = isOfBlocks ? piece.digest : digestOf(piece.data, piece.range.length);
+    to.flag(isOfBlocks).bytes(digest.data(), digest.size());
+    return to.bytes(isSmaller ? compressed.data() : piece.data, isSmaller ? size : length).done();
+}
+
+void send(Channel& channel, const Piece& piece, const DataForm& form)
+{
+    const std::int64_t longest = longestPiece(channel, piece);
+    const bool isCut = firstOf(piece.range, form, longest).length < piece.range.length;
+    const bool hasDigest = !piece.digest.empty();
+    if (isCut && hasDigest) { // the shorter ones will have hashes of their own
+        checkDigest(piece.range, digestOfBlocks(piece.data, piece.range.length, form.blockSize), piece.digest);
+    }
+    for (Range rest = piece.range; rest.length > 0;) {
+        const Range next = firstOf(rest, form, longest);
+        const char* const data = piece.data == nullptr ? nullptr : piece.data + (next.offset - piece.range.offset);
+        const Digest digest = isCut && hasDigest ? digestOfBlocks(data, next.length, form.blockSize) : piece.digest;
+        channel.send(FrameType::Data, encode({next, data, digest}, form.compression));
+        rest = between(next.end(), rest.end());
+    }
+}
+
+ReceivedPiece ReceivedPiece::decode(std::string_view payload, std::int64_t start, const DataForm& form)
+{
+    FieldReader from(payload);
+    ReceivedPiece received;
+    received.range = from.range(form.end);
+    const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
+    received.isZeros = kind == Form::Zeros;
+    if (received.range.offset < start || received.range.length == 0
+        || (!received.isZeros && received.range.length > LONGEST_PIECE)) {
+        throw ProtocolError("data of a range that was not asked for");
+    }
+    if (!isOnePiece(received.range, form)) {
+        throw ProtocolError("data of parts of several blocks");
+    }
+    if (!received.isZeros) {
+        takeData(from, kind, form, received);
+    }
+    from.end();
+    return received;
+}
+
+} // namespace kelvane::tool
