@@ -6,6 +6,7 @@
 
 #include "Messages.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
 
 using namespace kelvane::tool;
@@ -28,10 +29,10 @@ std::string frame(FrameType type, const std::string& payload)
     return FieldWriter().u8(static_cast<std::uint8_t>(type)).u8(length).bytes(payload.data(), length).done();
 }
 
-std::string sent(const Stretch& stretch, std::uint32_t compression)
+std::string sent(const Piece& piece, std::uint32_t compression)
 {
     const auto pool = std::make_shared<BytesPool>(Channel::LARGEST_FRAME);
-    const SentStretch sent(stretch, compression, *pool);
+    const SentPiece sent(piece, compression, *pool);
     return std::string(sent.fields()) + std::string(sent.data());
 }
 

@@ -11,9 +11,10 @@
 #include <vector>
 
 #include "base/Failure.h"
+#include "lists/RangeList.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
-#include "work/RangeList.h"
 
 namespace kelvane::testing {
 
@@ -62,13 +63,13 @@ std::function<void(const std::string&)> partThereAndBack(Decode decode, Encode e
     };
 }
 
-void checkStretch(const std::string& text)
+void checkPiece(const std::string& text)
 {
     const DataForm form = {BLOCK, SIZE};
     const auto pool = std::make_shared<BytesPool>(Channel::LARGEST_FRAME);
     Bytes payload = pool->take(text.size());
     std::memcpy(payload.data(), text.data(), text.size());
-    const auto received = ReceivedStretch::decode(std::move(payload), BLOCK, form, *pool);
+    const auto received = ReceivedPiece::decode(std::move(payload), BLOCK, form, *pool);
     require(received.range.offset >= BLOCK && received.range.length > 0 && received.range.end() <= SIZE,
             "data outside of what was asked for");
     require(isOnePiece(received.range, form), "data of parts of several blocks");
@@ -205,7 +206,7 @@ const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
     thereAndBack([](const std::string& text) { return AskBytes::decode(text); }),
     thereAndBack([](const std::string& text) { return Digests::decode(text); }),
     thereAndBack([](const std::string& text) { return Read::decode(text, SIZE); }),
-    checkStretch,
+    checkPiece,
     [](const std::string& text) { checkList(text, std::nullopt); },
     [](const std::string& text) { checkList(text, ListFormat::Bitmap); },
     thereAndBack([](const std::string& text) { return Written::decode(text); }),

@@ -13,7 +13,9 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Number.h"
-#include "commands/Commands.h"
+#include "commands/Results.h"
+#include "remote/Server.h"
+#include "terminal/StandardError.h"
 
 using namespace kelvane::tool;
 
@@ -84,8 +86,8 @@ public:
         addInvalidate();
     }
 
-    // The command to run; nothing when help was asked for and printed.
-    std::function<Outcome()> parse(int argc, char** argv)
+    // The command to run, which returns the exit code; nothing when help was asked for and printed.
+    std::function<int()> parse(int argc, char** argv)
     {
         const std::string first = argc > 1 ? argv[1] : "-";
         if (!first.starts_with('-')
@@ -109,38 +111,53 @@ public:
         return m_command;
     }
 
-    bool json() const { return m_json; }
-
 private:
     using Take = std::function<void(const std::string& value)>;
 
-    CLI::App* add(const std::string& name, const std::string& text, const std::string& example,
-                  std::function<Outcome()> command)
+    template <class Result>
+    int report(const Result& result) const
+    {
+        std::cout << (m_json ? jsonOf(result) : textOf(result));
+        return isGood(result.verdict) ? 0 : DIFFERS;
+    }
+
+    static int report(bool isDone) // what failed was told to the other side
+    {
+        return isDone ? 0 : interruptSignal() != 0 ? 128 + interruptSignal() : ERROR;
+    }
+
+    template <class Command>
+    CLI::App* add(const std::string& name, const std::string& text, const std::string& example, Command command)
     {
         CLI::App* const app = m_app.add_subcommand(name, text);
         app->footer("Example:\n  kelvane-hash " + example);
         app->add_flag("--json", m_json, "Print the result as JSON");
-        app->callback([this, command] { m_command = command; });
+        app->callback([this, command] {
+            m_command = [this, command] {
+                const auto reporter = standardError(m_progress);
+                return report(command({*reporter, m_jobs, m_trust}));
+            };
+        });
         return app;
     }
 
     void addWork(CLI::App* app)
     {
         addValue(app, "--jobs,-j", "N", "Threads that hash; default: as many as cores",
-                 [this](const std::string& text) { m_common.jobs = parseWithin(text, 1U, 1024U); });
+                 [this](const std::string& text) { m_jobs = parseWithin(text, 1U, 1024U); });
         addChoice<ProgressMode>(
             app, "--progress", "HOW", "auto (on a terminal), none or json (lines on standard error)",
             {{"auto", ProgressMode::Automatic}, {"none", ProgressMode::None}, {"json", ProgressMode::Json}},
-            m_common.progress);
+            m_progress);
     }
 
     void addTrust(CLI::App* app)
     {
         app->add_flag_callback(
-            "--assume-unchanged", [this] { m_common.trust = Trust::Everything; },
+            "--assume-unchanged", [this] { m_trust = Trust::Everything; },
             "Believe the known hashes without evidence: the image was not changed since they were stored");
         app->add_flag_callback(
-               "--check", [this] { m_common.trust = Trust::Nothing; },
+               "--check", [this] { m_trust = Trust::Nothing; },
                "Check all known hashes against the image, and repair them, whatever the evidence")
             ->excludes("--assume-unchanged");
         app->add_flag_callback(
@@ -204,7 +221,7 @@ private:
     {
         CLI::App* const app
             = add("build", "Make or complete the hash file of an image", "build disk.img --block-size 64K --jobs 2",
-                  [this] { return build(m_pair.first, m_afterCrash, m_common); });
+                  [this](const Common& common) { return build(m_pair.first, m_afterCrash, common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addGeometry(app);
         app->add_flag("--after-crash", m_afterCrash,
@@ -216,8 +233,9 @@ private:
 
     void addInfo()
     {
-        CLI::App* const app = add("info", "Show what a hash file holds; only reads it, so that it may be in use",
-                                  "info disk.img.hashes", [this] { return info(m_pair.first.image); });
+        CLI::App* const app
+            = add("info", "Show what a hash file holds; only reads it, so that it may be in use",
+                  "info disk.img.hashes", [this](const Common& /*common*/) { return info(m_pair.first.image); });
         app->add_option("FILE", m_pair.first.image, "A hash file")->required()->type_name("");
     }
 
@@ -225,7 +243,8 @@ private:
     {
         CLI::App* const app = add(
             "hash", "Print the hash of an image or of a range of it; unknown block hashes are computed and stored",
-            "hash disk.img --range 1GiB:64K", [this] { return hash(m_pair.first, m_range, m_common); });
+            "hash disk.img --range 1GiB:64K",
+            [this](const Common& common) { return hash(m_pair.first, m_range, common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addGeometry(app);
         addValue(app, "--range", "OFFSET:LENGTH", "Only this range; default: all", [this](const std::string& text) {
@@ -242,7 +261,7 @@ private:
     void addVerify()
     {
         CLI::App* const app = add("verify", "Check the known hashes against the image", "verify disk.img --sample 0.05",
-                                  [this] { return verify(m_pair.first, m_verify, m_common); });
+                                  [this](const Common& common) { return verify(m_pair.first, m_verify, common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addValue(app, "--sample", "SHARE", "Check a random share of the image, above 0 and up to 1",
                  [this](const std::string& text) { m_verify.share = parseShare(text); });
@@ -257,7 +276,7 @@ private:
     {
         CLI::App* const app
             = add("diff", "List the byte ranges in which two images differ; unknown hashes are computed and stored",
-                  "diff yesterday.img today.img --json", [this] { return diff(m_pair, m_common); });
+                  "diff yesterday.img today.img --json", [this](const Common& common) { return diff(m_pair, common); });
         addRemote(app);
         addImage(app, m_pair.first, "A", "--hash-file-a", NEAR_OR_FAR);
         addImage(app, m_pair.second, "B", "--hash-file-b", NEAR_OR_FAR);
@@ -268,9 +287,9 @@ private:
 
     void addSync()
     {
-        CLI::App* const app
-            = add("sync", "Make an image equal to another one, copying only what differs",
-                  "sync today.img backup.img --verify", [this] { return sync(m_pair, m_sync, m_common); });
+        CLI::App* const app = add("sync", "Make an image equal to another one, copying only what differs",
+                                  "sync today.img backup.img --verify",
+                                  [this](const Common& common) { return sync(m_pair, m_sync, common); });
         addRemote(app);
         addImage(app, m_pair.first, "SOURCE", "--source-hash-file", NEAR_OR_FAR);
         addImage(app, m_pair.second, "DEST", "--dest-hash-file", NEAR_OR_FAR);
@@ -305,7 +324,8 @@ private:
     void addServe()
     {
         CLI::App* const app = add("serve", "Be the other machine's side of diff and sync, on standard input and output",
-                                  "serve --root /srv/images --read-only", [this] { return serve(m_serve); });
+                                  "serve --root /srv/images --read-only",
+                                  [this](const Common& common) { return serveOther(m_serve, common.reporter); });
         app->add_option("--root", m_serve.root, "Serve no image or hash file outside of this directory")
             ->type_name("DIR");
         app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
@@ -314,8 +334,9 @@ private:
     void addInvalidate()
     {
         CLI::App* const app = add("invalidate", "Forget the hashes of ranges that are known to have changed",
-                                  "invalidate disk.img --from changes.txt",
-                                  [this] { return invalidate(m_pair.first, m_invalidate, m_common); });
+                                  "invalidate disk.img --from changes.txt", [this](const Common& common) {
+                                      return invalidate(m_pair.first, m_invalidate, common);
+                                  });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
             ->required()
@@ -335,7 +356,9 @@ private:
     }
 
     CLI::App m_app;
-    Common m_common;
+    ProgressMode m_progress = ProgressMode::Automatic;
+    unsigned m_jobs = 0;
+    Trust m_trust = Trust::Evidence;
     PairArguments m_pair;
     VerifyArguments m_verify;
     std::optional<Range> m_range;
@@ -344,7 +367,7 @@ private:
     InvalidateArguments m_invalidate;
     ServeArguments m_serve;
     bool m_json = false;
-    std::function<Outcome()> m_command;
+    std::function<int()> m_command;
 };
 
 int complain(const std::string& text, int code)
@@ -357,19 +380,8 @@ int run(int argc, char** argv)
 {
     CommandLine commandLine;
     const auto command = commandLine.parse(argc, argv);
-    Outcome outcome;
-    if (command) {
-        outcome = command();
-        const auto replacing = nlohmann::ordered_json::error_handler_t::replace; // names need not be UTF-8
-        std::cout << (commandLine.json() ? outcome.json.dump(2, ' ', false, replacing) + "\n" : outcome.text);
-    }
-    if (!std::cout.flush()) {
-        return complain("standard output: cannot write", ERROR);
-    }
-    if (!outcome.isDone) {
-        return interruptSignal() != 0 ? 128 + interruptSignal() : ERROR;
-    }
-    return outcome.good ? 0 : DIFFERS;
+    const int code = command ? command() : 0;
+    return std::cout.flush() ? code : complain("standard output: cannot write", ERROR);
 }
 
 } // namespace

@@ -2,27 +2,20 @@
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/vfs.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <utility>
 
 #include "base/Bytes.h"
+#include "image/FileSystem.h"
 #include "image/Memory.h"
 
 namespace kelvane::tool {
 
 namespace {
-
-constexpr long STAMPING[] = {0xef53,      // ext2 to ext4
-                             0x58465342,  // XFS
-                             0x9123683e,  // Btrfs
-                             0xf2f52010,  // F2FS
-                             0xca451a4e}; // bcachefs
 
 constexpr std::int64_t ALIGNMENT = 4096;  // of what goes past the system's memory, on the disk and in memory
 constexpr std::int64_t AT_ONCE = 1 << 20; // bytes that are moved to where they are aligned
@@ -34,13 +27,6 @@ bool isAligned(const char* buffer, Range range)
 }
 
 } // namespace
-
-bool isStampingFileSystem(const Descriptor& file)
-{
-    struct statfs fileSystem;
-    return ::fstatfs(file.get(), &fileSystem) == 0
-        && std::find(std::begin(STAMPING), std::end(STAMPING), fileSystem.f_type) != std::end(STAMPING);
-}
 
 Image::Image(std::string path, Access access, AtLink atLink)
     : m_path(std::move(path))

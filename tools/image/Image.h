@@ -81,7 +81,7 @@ public:
     bool isInMemory(Range range) const;
     std::vector<Run> residency(Range range) const;
 
-    // The first stretch of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
+    // The first range of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
     // at `end`, when there is only a hole.
     Range nextData(std::int64_t offset, std::int64_t end) const;
 
@@ -135,7 +135,5 @@ private:
     bool m_isWriting = false;
     std::int64_t m_bytesWritten = 0;
 };
-
-bool isStampingFileSystem(const Descriptor& file);
 
 } // namespace kelvane::tool

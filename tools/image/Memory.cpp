@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/Range.h"
-#include "image/Image.h"
+#include "image/FileSystem.h"
 
 #ifndef SYS_cachestat
 #define SYS_cachestat 451

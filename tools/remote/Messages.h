@@ -6,10 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "base/Bytes.h"
 #include "base/Range.h"
 #include "image/Image.h"
-#include "remote/Pieces.h"
 #include "remote/Wire.h"
 #include "work/Blocks.h"
 #include "work/Side.h"
@@ -100,43 +98,6 @@ struct Written {
 
     std::string encode() const;
     static Written decode(std::string_view payload);
-};
-
-// The hash of the hashes of whole blocks.
-Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize);
-void checkDigest(Range range, const Digest& found, const Digest& told);
-
-// A stretch of data on its way, perhaps compressed, with its hash.
-class SentStretch {
-public:
-    // Data that is not compressed is lent by the stretch.
-    SentStretch(const Stretch& stretch, std::uint32_t compression, BytesPool& pool);
-
-    std::string_view fields() const { return m_fields.done(); }
-    std::string_view data() const { return m_data; }
-
-private:
-    FieldWriter m_fields;
-    Bytes m_compressed;
-    std::string_view m_data;
-};
-
-struct ReceivedStretch {
-    Range range;
-    bool isZeros = false;
-    bool isOfBlocks = false; // the hash is that of its blocks' hashes
-    Digest digest;
-    Bytes memory; // in which the data is
-    std::string_view data;
-
-    // Of one piece between `start` and the form's end. Fails when the data is not what the hash says.
-    static ReceivedStretch decode(Bytes payload, std::int64_t start, const DataForm& form, BytesPool& pool);
-
-    Stretch stretch() const { return {range, isZeros ? nullptr : data.data(), digest}; }
-
-private:
-    void decompress(BytesPool& pool);
-    void check(const DataForm& form) const;
 };
 
 } // namespace kelvane::tool

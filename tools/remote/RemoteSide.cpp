@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "base/Text.h"
-#include "terminal/Note.h"
+#include "remote/Data.h"
 
 extern char** environ;
 
@@ -150,11 +150,11 @@ auto RemoteSide::guarded(Work work)
     }
 }
 
-RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, ProgressMode mode)
+RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter)
     : m_name(path.host + ":" + path.path)
     , m_host(path.host)
     , m_compression(options.compression)
-    , m_mode(mode)
+    , m_reporter(reporter)
 {
     std::vector<std::string> words = splitWords(options.rsh);
     if (words.empty()) {
@@ -242,7 +242,7 @@ bool RemoteSide::tell(const Frame& frame) const
         throw Failure(m_host, printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     if (frame.type == FrameType::Note) {
-        note(m_host + ": " + printable(std::string(frame.payload.view()), LONGEST_TEXT));
+        m_reporter.note(m_host + ": " + printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     return frame.type == FrameType::Note;
 }
@@ -280,7 +280,7 @@ void RemoteSide::show(std::string_view payload)
     from.end();
     if (!m_progress || phase != m_phase) {
         m_progress.reset();
-        m_progress = std::make_unique<Progress>(phase, total, m_mode);
+        m_progress = m_reporter.begin(phase, total);
         m_phase = phase;
     }
     m_progress->reach(done);
@@ -367,8 +367,8 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
     for (Range rest : read.ranges) {
         while (rest.length > 0) {
             auto received = guarded([&] {
-                return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()},
-                                               m_channel->pool());
+                return ReceivedPiece::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()},
+                                             m_channel->pool());
             });
             if (received.range.offset != rest.offset) {
                 throw Failure(m_host, "data is missing");
@@ -388,12 +388,12 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
 void RemoteSide::startWriting(bool isSparse)
 {
     m_conclusion.reset();
-    request(FrameType::StartWriting, FieldWriter().u8(isSparse ? 1 : 0).done());
+    request(FrameType::StartWriting, FieldWriter().flag(isSparse).done());
 }
 
-void RemoteSide::write(const Stretch& stretch)
+void RemoteSide::write(const Piece& piece)
 {
-    sending([&] { sendStretch(*m_channel, stretch, {m_start.blockSize, m_start.compared, m_compression}); });
+    sending([&] { tool::send(*m_channel, piece, {m_start.blockSize, m_start.compared, m_compression}); });
 }
 
 OwnChange RemoteSide::finishWriting()

@@ -78,8 +78,7 @@ void Belief::lookForWriters()
 template <class Operation>
 auto Belief::flushing(Operation operation)
 {
-    Progress progress("flush", 0, m_common.progress);
-    progress.announce();
+    const auto phase = m_common.reporter.begin("flush", std::nullopt);
     try {
         return operation();
     } catch (const FlushFailed&) {

@@ -1,8 +1,8 @@
 // How a command works, whatever it does.
 #pragma once
 
+#include "base/Reporter.h"
 #include "image/ImageReader.h"
-#include "terminal/Progress.h"
 
 namespace kelvane::tool {
 
@@ -14,8 +14,8 @@ enum class Trust {
 };
 
 struct Common {
+    Reporter& reporter;
     unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
-    ProgressMode progress = ProgressMode::Automatic;
     Trust trust = Trust::Evidence;
     Cache cache = Cache::LeaveAsFound;
 };

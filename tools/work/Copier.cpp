@@ -134,7 +134,7 @@ void Copier::addChange(const OwnChange& change)
 }
 
 // No hash is forgotten: the bytes are the same before and after.
-void Copier::fillHoles(Progress& progress)
+void Copier::fillHoles(Phase& phase)
 {
     for (Range rest = {0, m_destination.size()}; rest.length > 0;) {
         throwWhenInterrupted();
@@ -146,7 +146,7 @@ void Copier::fillHoles(Progress& progress)
                 }
             }));
         }
-        progress.reach(rest.offset);
+        phase.reach(rest.offset);
     }
 }
 

@@ -5,7 +5,6 @@
 
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "terminal/Note.h"
 
 namespace kelvane::tool {
 
@@ -22,19 +21,19 @@ void HashedImage::complete(Range range, const char* phase)
 {
     const bool believes = m_belief.holds();
     if (!believes && m_belief.doubt().isAny()) {
-        note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
+        m_common.reporter.note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
     }
     const std::int64_t blockSize = store().blockSize();
-    const Range blocks = wholeBlocks(range, blockSize);
-    RangeSource source(m_image, blocks, sliceSize(blockSize), holeSliceSize(blockSize));
-    const Work work = [&](Store& store, const Piece& piece, const char* data) {
-        piece.isKnown ? check(store, piece.range, data) : this->store(store, piece.range, data);
+    const Range all = wholeBlocks(range, blockSize);
+    Slices slices(m_image, all, sliceSize(blockSize), holeSliceSize(blockSize));
+    const Work work = [&](Store& store, const Blocks& blocks, const char* data) {
+        blocks.isKnown ? check(store, blocks.range, data) : this->store(store, blocks.range, data);
     };
     const StartingAnew isCheck(!believes);
     try {
-        Progress progress(phase, blocks.length, m_common.progress);
-        m_traffic = forBlocks(m_hashFile, m_reader, source, believes ? Which::Unknown : Which::All, m_common.jobs,
-                              progress, work);
+        const auto shown = m_common.reporter.begin(phase, all.length);
+        m_traffic = forBlocks(m_hashFile, m_reader, slices, believes ? Which::Unknown : Which::All, m_common.jobs,
+                              *shown, work);
     } catch (const Interrupted&) {
         m_belief.flushHashes(); // what is done is kept
         conclude();

@@ -18,8 +18,8 @@ namespace kelvane::tool {
 // Known hashes are used only when they are believed. All others are checked against the data, and repaired.
 class HashedImage {
 public:
-    // Takes the state of the image before anything of it is read, and notes on standard error why its hashes
-    // are not believed. Both must outlive it.
+    // Takes the state of the image before anything of it is read, and notes why its hashes are not believed. Both must
+    // outlive it.
     HashedImage(const Image& image, HashFile hashFile, const Common& common);
     HashedImage(const HashedImage&) = delete;
     HashedImage& operator=(const HashedImage&) = delete;
