@@ -32,7 +32,7 @@ std::vector<Range> Store::unknown(Range range)
     });
 }
 
-Store::Hash Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
+Digest Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
 {
     const auto supply = [&](const std::vector<kelvane_off_t>& offsets, const std::vector<kelvane_off_t>& lengths) {
         std::vector<std::unique_ptr<char[]>> data;
@@ -49,9 +49,10 @@ Store::Hash Store::hash(Range range, const Image& image, std::atomic<std::int64_
     });
 }
 
-void Store::update(Range range, char* data)
+void Store::update(Range range, const char* data)
 {
-    forgetWhenFailing(range, [&] { writable().update_hashes(onDevice(range), data, range.length); });
+    auto* const bytes = const_cast<char*>(data); // which are only read
+    forgetWhenFailing(range, [&] { writable().update_hashes(onDevice(range), bytes, range.length); });
 }
 
 void Store::zero(Range range)
@@ -85,11 +86,10 @@ void Store::forget(Range range)
 void Store::invalidate(Range range)
 {
     constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 18; // bounds the memory
-    for (const std::int64_t step = BLOCKS_AT_ONCE * m_geometry.blockSize; range.length > 0;) {
-        const Range piece
-            = between(range.offset, std::min(range.end(), roundDown(range.offset, m_geometry.blockSize) + step));
-        explaining(m_path, [&] { writable().invalidate_hashes(onDevice(piece), piece.length); });
-        range = between(piece.end(), range.end());
+    const std::int64_t step = BLOCKS_AT_ONCE * m_geometry.blockSize;
+    while (range.length > 0) {
+        const Range next = takeFirst(range, step - range.offset % m_geometry.blockSize);
+        explaining(m_path, [&] { writable().invalidate_hashes(onDevice(next), next.length); });
     }
 }
 

@@ -14,10 +14,11 @@
 
 namespace kelvane::tool {
 
+using Digest = BlockHashStore::HashValue;
+
 // One store, for one thread. Failures name the hash file.
 class Store {
 public:
-    using Hash = BlockHashStore::HashValue;
     enum class Access { Write, Read };
 
     // The path names the file in failures; `place` is where it is opened.
@@ -30,10 +31,10 @@ public:
 
     // The aggregate hash of a range. Data that it still takes, of partial blocks for instance, is read from the
     // image and counted.
-    Hash hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
+    Digest hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
 
     // These fail when the hash file can only be read.
-    void update(Range range, char* data);
+    void update(Range range, const char* data);
     void zero(Range range); // reads as zeros
     void invalidate(Range range);
     void sync();

@@ -113,9 +113,7 @@ void MappedData::readPieces() const
 {
     std::vector<char> buffer(1 << 16);
     for (Range rest = m_range; rest.length > 0;) {
-        const Range piece = {rest.offset, std::min(std::ssize(buffer), rest.length)};
-        m_image.read(buffer.data(), piece);
-        rest = between(piece.end(), rest.end());
+        m_image.read(buffer.data(), takeFirst(rest, std::ssize(buffer)));
     }
 }
 

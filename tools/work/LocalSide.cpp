@@ -164,13 +164,12 @@ void LocalSide::askBytes(Range range, std::int64_t unit)
     std::vector<Digest>& digests = m_digests.emplace_back();
     while (range.length > 0) {
         throwWhenInterrupted();
-        const Range piece = {range.offset, std::min(unit, range.length)};
-        const MappedData data(m_image, piece);
-        digests.push_back(BlakeHash().get_hash(data.get(), piece.length));
+        const Range next = takeFirst(range, unit);
+        const MappedData data(m_image, next);
+        digests.push_back(BlakeHash().get_hash(data.get(), next.length));
         if (!data.isWhole()) {
             data.fail();
         }
-        range = between(piece.end(), range.end());
     }
 }
 
