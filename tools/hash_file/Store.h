@@ -15,6 +15,7 @@
 namespace kelvane::tool {
 
 using Digest = BlockHashStore::HashValue;
+using DigestBytes = std::vector<unsigned char>; // of digests, one behind the other
 
 // One store, for one thread. Failures name the hash file.
 class Store {

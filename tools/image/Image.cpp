@@ -216,10 +216,39 @@ void Image::flush() const
 {
     // What lies on a file system that cannot be written has nothing to be flushed.
     if (::fsync(m_file.get()) != 0 && errno != EINVAL && errno != EROFS) {
-        const int error = errno;
-        dropFromMemory(m_file);
-        throw FlushFailed(m_path, "cannot flush: " + errorText(error));
+        failFlush();
     }
+}
+
+void Image::failFlush() const
+{
+    const int error = errno;
+    *m_hasLostWrites = true;
+    dropFromMemory(m_file);
+    throw FlushFailed(m_path, "cannot flush: " + errorText(error));
+}
+
+// What goes to a block device goes past the system's memory.
+void Image::beginWriteBack(Range range) const
+{
+    if (!m_isBlockDevice) {
+        ::sync_file_range(m_file.get(), range.offset, range.length, SYNC_FILE_RANGE_WRITE);
+    }
+}
+
+void Image::awaitWriteBack(Range range) const
+{
+    constexpr unsigned ALL = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if (!m_isBlockDevice && ::sync_file_range(m_file.get(), range.offset, range.length, ALL) != 0
+        && (errno == EIO || errno == ENOSPC || errno == EDQUOT)) {
+        failFlush();
+    }
+}
+
+bool Image::isAnyInMemory(Range range) const
+{
+    const auto count = m_isStamped && !m_isBlockDevice ? pagesInMemory(m_file, range) : std::nullopt;
+    return count != 0;
 }
 
 bool Image::dropCache() const

@@ -3,7 +3,9 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -72,6 +74,9 @@ public:
     // cannot be done.
     void readFromDisk(char* buffer, Range range) const;
 
+    // Whether any page of a range is in memory, while the image is written, too; true where that cannot be told.
+    bool isAnyInMemory(Range range) const;
+
     // Whether all pages of a range are in memory; which of them are. All of them where that cannot be told, or where
     // nothing can be read past it.
     struct Run {
@@ -106,6 +111,14 @@ public:
     void endWriting();
     void write(const char* buffer, Range range);
     void resize(std::int64_t size); // regular files alone
+
+    // Has the system write a range to the disk at once; waits until that has happened, and fails as `flush` does. Only
+    // a flush makes it durable.
+    void beginWriteBack(Range range) const;
+    void awaitWriteBack(Range range) const;
+
+    // Whether a FlushFailed was thrown: what was written may be nowhere.
+    bool hasLostWrites() const { return *m_hasLostWrites; }
     bool punch(Range range);        // into zeros that take no room; false where that cannot be done
 
     // By this program.
@@ -117,6 +130,7 @@ private:
     void refuseUse() const;
     const Descriptor& fileForDisk() const { return m_isBlockDevice ? m_file : m_direct; }
     void openForDisk();
+    [[noreturn]] void failFlush() const;
     std::int64_t readAt(const Descriptor& file, char* buffer, Range range) const;
     void writeAt(const Descriptor& file, const char* buffer, Range range);
     void writeToDevice(const char* buffer, Range range);
@@ -134,6 +148,7 @@ private:
     bool m_isStamped = false;
     bool m_isWriting = false;
     std::int64_t m_bytesWritten = 0;
+    std::unique_ptr<std::atomic<bool>> m_hasLostWrites = std::make_unique<std::atomic<bool>>(false);
 };
 
 } // namespace kelvane::tool

@@ -82,15 +82,28 @@ auto Belief::flushing(Operation operation)
     try {
         return operation();
     } catch (const FlushFailed&) {
-        m_hasLostWrites = true;
-        m_hashFile.dropCache();
-        if (m_state.identity.traits.empty()) { // at the first look
-            m_state.identity = identityOf(m_image);
-            leaveRecordOfOther();
-        }
-        record(Record::Standing::FlushFailed);
+        recordLostWrites();
         throw;
     }
+}
+
+void Belief::recordLostWrites()
+{
+    m_hasLostWrites = true;
+    m_hashFile.dropCache();
+    if (m_state.identity.traits.empty()) { // at the first look
+        m_state.identity = identityOf(m_image);
+        leaveRecordOfOther();
+    }
+    record(Record::Standing::FlushFailed);
+}
+
+bool Belief::hasLostWrites()
+{
+    if (m_image.hasLostWrites() && !m_hasLostWrites) {
+        recordLostWrites();
+    }
+    return m_hasLostWrites;
 }
 
 ImageState Belief::currentState()
@@ -147,26 +160,6 @@ void Belief::takeState()
     m_state.marks.size = m_image.size();
 }
 
-void Belief::beginWriting(Image& image)
-{
-    flushing([&] { image.beginWriting(); });
-}
-
-// Of a device the system tells how much was written to it.
-OwnChange Belief::changeImage(const std::function<void()>& change)
-{
-    const ImageState before = currentState();
-    const bool wasUnchanged = m_state.isSame(before);
-    const std::int64_t written = m_image.bytesWritten();
-    const ExclusiveUse use(m_image);
-    change();
-    takeState(); // which flushes it
-    const bool wasAlone = m_image.isBlockDevice() ? m_state.doubt().empty()
-            && (sectorsWritten(m_state) - sectorsWritten(before)) * 512 == m_image.bytesWritten() - written
-                                                  : use.isGranted();
-    return {wasUnchanged, wasAlone};
-}
-
 void Belief::flushHashes()
 {
     if (m_isMarked) {
@@ -215,6 +208,27 @@ Conclusion Belief::conclude(bool isAnsweredFor)
     record(reason.empty() ? Record::Standing::True : Record::Standing::Unproven, reason);
     m_isMarked = false;
     return found;
+}
+
+ImageChange::ImageChange(Belief& belief)
+    : m_belief(belief)
+    , m_use(belief.m_image)
+    , m_before(belief.currentState())
+    , m_written(belief.m_image.bytesWritten())
+{
+}
+
+// Of a device the system tells how much was written to it.
+OwnChange ImageChange::end()
+{
+    const bool wasUnchanged = m_belief.m_state.isSame(m_before);
+    m_belief.takeState();
+    const ImageState& now = m_belief.m_state;
+    const Image& image = m_belief.m_image;
+    const bool wasAlone = image.isBlockDevice() ? now.doubt().empty()
+            && (sectorsWritten(now) - sectorsWritten(m_before)) * 512 == image.bytesWritten() - m_written
+                                                : m_use.isGranted();
+    return {wasUnchanged, wasAlone};
 }
 
 } // namespace kelvane::tool

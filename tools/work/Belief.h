@@ -50,11 +50,6 @@ public:
     // about.
     void look();
 
-    // Opens the image for writing, for which a device is flushed.
-    void beginWriting(Image& image);
-
-    // Changes the image, flushes it and takes its state.
-    OwnChange changeImage(const std::function<void()>& change);
 
     // Makes what was stored in the hash file durable.
     void flushHashes();
@@ -63,18 +58,22 @@ public:
     // changed up to now is known. The conclusion says nothing of what was checked.
     Conclusion conclude(bool isAnsweredFor = false);
 
-    // Whether a flush has failed: then nothing more is written.
-    bool hasLostWrites() const { return m_hasLostWrites; }
+    // To be called after a failure that may be that of a flush: true when it was, which is recorded. Nothing more may be
+    // written then.
+    bool hasLostWrites();
 
     // Whether something else has changed the hash file.
     bool isDisturbed() const { return m_isDisturbed; }
 
 private:
+    friend class ImageChange;
+
     Doubt judge();
     void readFromDiskWhereNeeded() const;
     ImageState currentState();
     void takeState();
     void lookForWriters();
+    void recordLostWrites();
     std::string reasonAgainst(bool isUnchanged, bool isAnsweredFor) const;
     void record(Record::Standing standing, const std::string& reason = {});
     template <class Operation>
@@ -95,6 +94,22 @@ private:
     bool m_isContradicted = false;
     bool m_hasLostWrites = false;
     std::mutex m_marking;
+};
+
+// This program changes the image, from the beginning of this to its end.
+class ImageChange {
+public:
+    // Looks at how others have left the image.
+    explicit ImageChange(Belief& belief);
+
+    // Flushes the image, and takes its state.
+    OwnChange end();
+
+private:
+    Belief& m_belief;
+    ExclusiveUse m_use; // before anything is looked at
+    ImageState m_before;
+    std::int64_t m_written; // before
 };
 
 } // namespace kelvane::tool

@@ -26,11 +26,12 @@ class TreeComparison {
     };
 
 public:
-    TreeComparison(Side& first, Side& second, const Start& start, const std::function<void()>& refuse)
+    TreeComparison(Side& first, Side& second, const Start& start, const Agreement& agreement)
         : m_sides {&first, &second}
         , m_start(start)
-        , m_refuse(refuse)
+        , m_agreement(agreement)
         , m_blocks(start.compared / start.blockSize)
+        , m_tail(between(m_blocks * start.blockSize, start.compared))
         , m_root {levelFor(m_blocks), {0}}
     {
         if (second.isFar()) {
@@ -38,70 +39,15 @@ public:
         }
     }
 
-    Comparison run()
+    Compared run()
     {
-        const Range tail = between(m_blocks * m_start.blockSize, m_start.compared);
-        for (Side* const side : m_sides) {
-            side->openHashes(m_start);
+        const bool isSwapped = m_sides[1]->isFar() != m_sides[0]->isFar() && m_isSwapped;
+        for (std::size_t i = 0; i < m_sides.size(); ++i) {
+            m_hashed[i] = &m_sides[i]->openHashes(m_start);
         }
-        startBoth(tail);
-        guess(m_sides[1]->started().newBlocks);
-        m_refuse();
-        Comparison result;
-        for (Side* const side : m_sides) {
-            result.bytesRead += side->started().bytesRead + tail.length;
-        }
-        const bool tailDiffers = tail.length > 0 && !answered(Nodes {0, {0}}).indexes.empty();
-        const Nodes top = m_blocks > 0 ? answered(m_root) : Nodes();
-        if (m_guesses.empty() && !top.indexes.empty()) {
-            guess(m_sides[0]->started().newBlocks);
-        }
-        takeGuesses();
-        descend(top);
-        append(m_differing, tailDiffers ? tail : Range {});
-        result.differing = std::move(m_differing);
-        result.comparisons = m_comparisons;
-        return result;
+        startBoth();
+        ...
     }
-
-private:
-    // The far side in one go with what it is asked, and while that is on its way, the near one.
-    void startBoth(Range tail)
-    {
-        Side& near = *m_sides[1];
-        const bool isNearFirst = near.mayFailToStore() && !near.isChangedBy(m_start);
-        if (!isNearFirst) {
-            start(*m_sides[0], tail);
-        }
-        waitBeforeStarting(near);
-        start(near, tail);
-        if (isNearFirst) {
-            start(*m_sides[0], tail);
-        }
-    }
-
-    void start(Side& side, Range tail)
-    {
-        side.start(m_start);
-        if (tail.length > 0) { // the hash of a part of a block would be that of a whole one, which can be far larger
-            side.askBytes(tail, tail.length);
-        }
-        if (m_blocks > 0) {
-            side.ask(m_root);
-        }
-    }
-
-    // For the other one, where it is not to be started in vain.
-    void waitBeforeStarting(Side& near)
-    {
-        if (near.takesLong() || near.isChangedBy(m_start)) {
-            m_refuse();
-        }
-        if (near.isChangedBy(m_start)) {
-            m_sides[0]->started();
-        }
-    }
-
     // Over a line, what would be asked level by level if just these blocks differed is asked at once.
     void guess(const std::vector<std::int64_t>& blocks)
     {

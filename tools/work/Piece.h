@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <vector>
 
 #include "base/Range.h"
 #include "hash_file/Store.h"
@@ -13,11 +15,15 @@ namespace kelvane::tool {
 constexpr std::int64_t LONGEST_PIECE = 1 << 20;
 
 struct Piece {
-    Range range;
-    const char* data;
-    Digest digest = {}; // the hash of the hashes of its blocks, as the giver knows them; may be empty
+    Range range = {};
+    const char* data = nullptr;
+
+    // The digests of its blocks, one behind the other, as they were computed from the data; may be empty.
+    DigestBytes digests = {};
+
+    std::shared_ptr<const void> memory = {}; // in which the data is
 };
 
-using Sink = std::function<void(const Piece& piece)>;
+using Sink = std::function<void(Piece piece)>;
 
 } // namespace kelvane::tool

@@ -38,6 +38,7 @@ struct Start {
     std::int64_t targetSize = 0;   // to which a destination is brought; a block device keeps its own
     std::uint32_t permissions = 0; // of one that is made, but for what the umask takes
     std::int64_t compared = 0;     // how much of the image will be compared
+    bool isFirst = false;          // for there is no destination yet, or an empty one: nothing need be hashed before
 };
 
 // What went over the line to a far side, and how often an answer had to be waited for.
@@ -51,37 +52,26 @@ struct Started {
     std::int64_t partitionOffset = 0;
     std::int64_t bytesRead = 0;
     std::vector<std::int64_t> newBlocks; // see HashedImage::newBlocks
+    bool isNew = false;                  // an image that was just made, or was empty: there is nothing to compare
 };
 
-// In the order of a command: `openHashes`, `start`, what is asked, `conclude`. What takes long is asked of both sides
-// before either one is waited for; answers come in the order of the questions. Every failure is a Failure that names
-// the side.
-class Side {
+// A destination that is written.
+class WritingSide {
 public:
-    virtual ~Side() = default;
+    virtual ~WritingSide() = default;
 
-    virtual const std::string& name() const = 0;
-    virtual bool isFar() const = 0;       // best asked first
-    virtual const Opening& opening() = 0; // a far side may have to be waited for
+    virtual void write(Piece piece) = 0;
 
-    // Opens the hash file, or makes it. To be called for both before either is started, for no image is touched
-    // before. A far side does that when it is started.
-    virtual void openHashes(const Start& start) = 0;
+    // All is on its disk then. How the image was found is told.
+    virtual OwnChange finish() = 0;
+};
 
-    // A destination is brought to its size; then the hashes are made known. Waited for by `started`.
-    virtual void start(const Start& start) = 0;
+// A side whose hashes are known, or will be. Answers come in the order of the questions.
+class StartedSide {
+public:
+    virtual ~StartedSide() = default;
 
-    // Whether that creates or resizes an image on this machine, which must wait until the other side has agreed.
-    virtual bool isChangedBy(const Start& /*start*/) const { return false; }
-
-    // Whether that reads all of an image on this machine: what is wrong with the other side is best known before.
-    virtual bool takesLong() const { return false; }
-
-    // Whether that can end because its hash file, on this machine, cannot be written: what is wrong with this side is
-    // best known before the other one is changed.
-    virtual bool mayFailToStore() const { return false; }
-
-    virtual const Started& started() = 0;
+    virtual const Started& started() = 0; // waited for
 
     // The hashes of nodes, at most MOST_NODES; waited for by `digests`, which has as many.
     static constexpr std::size_t MOST_NODES = 8192;
@@ -94,24 +84,51 @@ public:
     // What is read from now on comes from the disk, where the system can be made to read it.
     virtual void dropCache() = 0;
 
-    // Gives the data of ranges of whole blocks, but for the image's end. `withDigests`: where a piece is of whole
-    // blocks, with its digest.
-    virtual void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) = 0;
+    // Gives the data of ranges of whole blocks, but for the image's end, with the digests of its blocks. Blocks whose
+    // hash is not known become known by that. `isChecked`: what is known must be true.
+    virtual void read(const std::vector<Range>& ranges, bool isChecked, const Sink& sink) = 0;
 
-    // Of a destination. `isSparse`: zeros become holes; otherwise no hole is left in the end. How it was found is told
-    // then.
-    virtual void startWriting(bool isSparse) = 0;
-    virtual void write(const Piece& piece) = 0;
-    virtual OwnChange finishWriting() = 0;
-
-    // Instead of all that follows, after a failure: what was written so far is kept and recorded.
-    virtual void abandon() = 0;
+    // Of a destination: the ranges are all that will be written. `isSparse`: zeros become holes; otherwise no hole is
+    // left in the end.
+    virtual WritingSide& startWriting(const std::vector<Range>& ranges, bool isSparse) = 0;
 
     // What the hashes say of the data has turned out to be wrong.
     virtual void distrust() = 0;
 
     // The last one.
     virtual const Conclusion& conclude() = 0;
+};
+
+// A side whose hash file is open, or was made; a far one does that when it is started.
+class HashedSide {
+public:
+    virtual ~HashedSide() = default;
+
+    // What starting it does, where that matters to the other side.
+    struct Effects {
+        bool changesImage = false;   // which waits until the other side has agreed
+        bool takesLong = false;      // so that what is wrong with the other side is best known before
+        bool mayFailToStore = false; // so that this is best known before the other side is changed
+    };
+    virtual Effects effects() const { return {}; }
+
+    // A destination is brought to its size; then the hashes are made known. A far side is not waited for.
+    virtual StartedSide& start() = 0;
+};
+
+// Nothing of the image, or of the other one, has been changed so far. Every failure is a Failure that names the side.
+class Side {
+public:
+    virtual ~Side() = default;
+
+    virtual const std::string& name() const = 0;
+    virtual bool isFar() const = 0;       // best asked first
+    virtual const Opening& opening() = 0; // a far side may have to be waited for
+
+    virtual HashedSide& openHashes(const Start& start) = 0;
+
+    // Instead of all that follows, after a failure: what was written so far is kept and recorded.
+    virtual void abandon() = 0;
 
     virtual std::optional<LineTraffic> lineTraffic() const { return std::nullopt; } // of a near one none
 };

@@ -1,0 +1,106 @@
+#include "work/BlockDigests.h"
+
+#include <algorithm>
+#include <array>
+#include <kelvane/BlakeHash.h>
+#include <utility>
+#include <vector>
+
+namespace kelvane::tool {
+
+DigestBytes digestsOf(const char* data, std::int64_t length, std::int64_t blockSize)
+{
+    BlakeHash hash;
+    const auto count = static_cast<std::size_t>(length / blockSize);
+    const auto size = static_cast<std::size_t>(hash.hash_size_in_bytes());
+    DigestBytes digests(count * size);
+    std::vector<kelvane_buf_t> blocks;
+    std::vector<unsigned char*> places;
+    for (std::size_t i = 0; i < count; ++i) {
+        blocks.push_back(const_cast<char*>(data) + static_cast<std::int64_t>(i) * blockSize); // which is only read
+        places.push_back(digests.data() + i * size);
+    }
+    static_cast<void>(hash.get_hashes(blocks.data(), count, blockSize, places.data())); // which hashes all of them
+    return digests;
+}
+
+Digest digestOfDigests(const DigestBytes& digests)
+{
+    BlakeHash hash;
+    const auto message = hash.begin_message();
+    message->add(digests.data(), digests.size());
+    return message->finish();
+}
+
+class BlockDigests::Block {
+public:
+    explicit Block(std::int64_t start)
+        : m_range {start, 0}
+    {
+    }
+
+    Range range() const { return m_range; }
+
+    void add(Range range, const char* data)
+    {
+        m_range.length += range.length;
+        for (Range rest = range; rest.length > 0;) {
+            static constexpr std::array<char, 1 << 16> ZEROS = {};
+            const Range part = takeFirst(rest, data == nullptr ? std::ssize(ZEROS) : range.length);
+            m_message->add(data == nullptr ? ZEROS.data() : data, static_cast<std::size_t>(part.length));
+        }
+    }
+
+    DigestBytes finish() { return m_message->finish(); }
+
+private:
+    Range m_range;
+    BlakeHash m_hash;
+    std::unique_ptr<IHashFunction::Message> m_message = m_hash.begin_message();
+};
+
+BlockDigests::BlockDigests(std::int64_t blockSize, Told told)
+    : m_blockSize(blockSize)
+    , m_told(std::move(told))
+{
+}
+
+BlockDigests::~BlockDigests() = default;
+
+void BlockDigests::add(const Piece& piece)
+{
+    Range rest = piece.range;
+    const auto dataAt = [&](Range range) {
+        return piece.data == nullptr ? nullptr : piece.data + (range.offset - piece.range.offset);
+    };
+    if (const std::int64_t inBlock = rest.offset % m_blockSize; inBlock > 0) {
+        const Range part = takeFirst(rest, m_blockSize - inBlock);
+        addToBlock(part, dataAt(part));
+    }
+    if (const Range blocks = takeFirst(rest, roundDown(rest.length, m_blockSize)); blocks.length > 0) {
+        const bool isWhole = blocks.length == piece.range.length && !piece.digests.empty();
+        m_told(blocks,
+               piece.data == nullptr ? DigestBytes()
+                   : isWhole         ? piece.digests
+                                     : digestsOf(dataAt(blocks), blocks.length, m_blockSize));
+    }
+    if (rest.length > 0) {
+        addToBlock(rest, dataAt(rest));
+    }
+}
+
+void BlockDigests::addToBlock(Range range, const char* data)
+{
+    if (range.offset % m_blockSize == 0) {
+        m_block = std::make_unique<Block>(range.offset);
+    }
+    if (m_block && m_block->range().end() == range.offset) {
+        m_block->add(range, data);
+        if (m_block->range().length == m_blockSize) {
+            m_told(m_block->range(), m_block->finish());
+            m_block.reset();
+        }
+    }
+}
+
+} // namespace kelvane::tool

@@ -1,0 +1,184 @@
+#include "work/Writer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/Interrupt.h"
+
+namespace kelvane::tool {
+
+namespace {
+
+// How much is written between two flushes, and in how long: what a crash leaves to be read once more.
+constexpr std::int64_t MOST_BYTES = std::int64_t {4} << 30;
+constexpr std::chrono::seconds LONGEST(15);
+constexpr std::size_t MOST_DIGEST_BYTES = 16 << 20; // that are kept in memory meanwhile
+constexpr std::size_t MOST_WRITTEN = 1 << 16;       // ranges, the same
+
+constexpr std::int64_t MOST_DIRTY = 128 << 20;      // that may wait for the disk
+
+} // namespace
+
+Writer::Writer(Image& destination, HashedImage& hashed, bool isSparse, const Common& common)
+    : m_destination(destination)
+    , m_hashed(hashed)
+    , m_isSparse(isSparse)
+    , m_common(common)
+    , m_change(hashed.belief())
+    , m_digests(hashed.store().blockSize(),
+                [this](Range blocks, const DigestBytes& digests) { remember(blocks, digests); })
+{
+}
+
+// True when there was something to forget.
+bool Writer::forget(Range range)
+{
+    const std::int64_t blockSize = m_hashed.store().blockSize();
+    const Range blocks = between(roundDown(range.offset, blockSize),
+                                 std::min(roundUp(range.end(), blockSize), roundDown(m_destination.size(), blockSize)));
+    if (totalLength(m_hashed.store().unknown(blocks)) == blocks.length) {
+        return false;
+    }
+    m_hashed.belief().mark();
+    m_hashed.store().invalidate(blocks);
+    return true;
+}
+
+void Writer::announce(const std::vector<Range>& ranges)
+{
+    for (const Range& range : ranges) {
+        throwWhenInterrupted();
+        m_hasForgotten = forget(range) || m_hasForgotten;
+    }
+}
+
+void Writer::write(const Piece& piece)
+{
+    throwWhenInterrupted();
+    m_hasForgotten = forget(piece.range) || m_hasForgotten; // nobody need have announced it
+    if (std::exchange(m_hasForgotten, false)) {
+        m_hashed.belief().flushHashes();
+    }
+    put(piece);
+    m_digests.add(piece);
+    flushWhenDue();
+}
+
+void Writer::put(const Piece& piece)
+{
+    piece.data == nullptr ? putZeros(piece.range) : putData(piece.range, piece.data);
+}
+
+void Writer::putZeros(Range range)
+{
+    const bool isHole = m_destination.nextData(range.offset, range.end()).length == 0;
+    if (m_isSparse && (isHole || m_destination.punch(range))) {
+        return;
+    }
+    const Memory zeros = pagesFor(LONGEST_PIECE);
+    std::fill_n(zeros.get(), LONGEST_PIECE, '\0');
+    while (range.length > 0) {
+        throwWhenInterrupted();
+        putData(takeFirst(range, LONGEST_PIECE), zeros.get());
+    }
+}
+
+// The disk begins at once, and is waited for when too much is on its way to it.
+void Writer::putData(Range range, const char* data)
+{
+    if (m_common.cache == Cache::LeaveAsFound && !m_destination.isAnyInMemory(range)) {
+        append(m_batch.uncached, range);
+    }
+    m_destination.write(data, range);
+    m_batch.bytes += range.length;
+    m_destination.beginWriteBack(range);
+    m_dirty.push_back(range);
+    for (m_dirtyBytes += range.length; m_dirtyBytes > MOST_DIRTY; m_dirty.pop_front()) {
+        m_destination.awaitWriteBack(m_dirty.front());
+        m_dirtyBytes -= m_dirty.front().length;
+    }
+}
+
+void Writer::remember(Range blocks, const DigestBytes& digests)
+{
+    std::vector<Written>& written = m_batch.written;
+    m_batch.digestBytes += digests.size();
+    if (!written.empty() && written.back().blocks.end() == blocks.offset
+        && written.back().digests.empty() == digests.empty()) {
+        written.back().blocks.length += blocks.length;
+        written.back().digests.insert(written.back().digests.end(), digests.begin(), digests.end());
+    } else {
+        written.push_back({blocks, digests});
+    }
+}
+
+// What is written meanwhile is flushed next.
+void Writer::flushWhenDue()
+{
+    const auto isAbove = [&](int share) {
+        return m_batch.digestBytes > MOST_DIGEST_BYTES / 4 * share || m_batch.written.size() > MOST_WRITTEN / 4 * share;
+    };
+    const bool isDue = m_batch.bytes > MOST_BYTES || isAbove(1) || std::chrono::steady_clock::now() - m_batch.begin > LONGEST;
+    const bool isFree = !m_flush.valid() || m_flush.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    if (isDue && (isFree || isAbove(2))) {
+        endFlush();
+        beginFlush();
+    }
+}
+
+void Writer::beginFlush()
+{
+    m_flushed = std::exchange(m_batch, {});
+    m_flush = std::async(std::launch::async, [this] { m_destination.flush(); });
+}
+
+void Writer::endFlush()
+{
+    if (!m_flush.valid()) {
+        return;
+    }
+    m_flush.get();
+    for (const auto& [blocks, digests] : m_flushed.written) {
+        m_hashed.belief().mark();
+        digests.empty() ? m_hashed.store().update(blocks, nullptr) : m_hashed.store().store(blocks, digests.data());
+    }
+    for (const Range& range : m_flushed.uncached) {
+        m_destination.drop(range);
+    }
+    m_flushed = {};
+}
+
+// No hash is forgotten: the bytes are the same before and after.
+void Writer::fillHoles()
+{
+    const auto phase = m_common.reporter.begin("fill", m_destination.size());
+    for (Range rest = {0, m_destination.size()}; rest.length > 0;) {
+        throwWhenInterrupted();
+        const Range data = m_destination.nextData(rest.offset, rest.end());
+        putZeros(between(rest.offset, data.offset));
+        rest = between(data.end(), rest.end());
+        phase->reach(rest.offset);
+    }
+}
+
+OwnChange Writer::finish()
+{
+    if (!m_isSparse) {
+        fillHoles();
+    }
+    return stop();
+}
+
+OwnChange Writer::stop()
+{
+    {
+        const auto phase = m_common.reporter.begin("flush", std::nullopt);
+        endFlush();
+        beginFlush();
+        endFlush();
+    }
+    m_hashed.belief().flushHashes();
+    return m_change.end();
+}
+
+} // namespace kelvane::tool
