@@ -298,6 +298,13 @@ public:
     uint64_t discard_torn_entries();
 
     // Brings all entries to stable storage; true when that succeeded, with `errno` set otherwise.
+    // After false, what was written since the last success may have reached the disk in parts and be forgotten: memory
+    // goes on showing it, to every store, and the next call may succeed without it. So do not write the target, and
+    // trust no hash that was changed since then, before one of these is done:
+    //   everything that was changed since is invalidated again, which writes it anew, and this returns true; or
+    //   all stores on the file are closed, the file is dropped from the system's memory (posix_fadvise with
+    //   POSIX_FADV_DONTNEED), which shows what the disk has, it is opened and discard_torn_entries called; or
+    //   it is created anew.
     [[nodiscard]] bool sync_to_disk();
 
 private:

@@ -16,7 +16,7 @@ CHECKS = [
     ("fault sweep", TEST_LOG, r"fault sweep.*, 0 wrong", 2),
     ("corrupt files", TEST_LOG, r"(?:corrupt files|corpus replay): .* 0 wrong.*", 3),
     ("crash states", TEST_LOG,
-     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 9),
+     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 16),
     ("limits", TEST_LOG, r"(?:limits|kernel failures): .*: right", 3),
     ("truth", TEST_LOG, r"truth: .*; 0 disagreements", 1),
     ("test share", ["scripts/test_share.py"], r".*%.*", 1),
