@@ -60,6 +60,7 @@ class Install(unittest.TestCase):
 
     def test_embedded_project_builds_the_library_alone(self):
         self.check(self.path("embedded/consumer"), "shared")
+        self.check(self.path("embedded/flat_consumer"), "shared")
         built = run("cmake", "--build", self.path("embedded"), "--target", "help")
         self.assertNotRegex(built, "kelvane-hash|kelvane_tests|range_hash|man_page")
 
@@ -81,7 +82,8 @@ class Install(unittest.TestCase):
             self.check(self.path(f"by_{kind}/consumer"), kind)
             place = os.path.dirname(find(self.path(kind), "kelvane.pc")[0])
             flags = run("pkg-config", "--cflags", "--libs", "kelvane", PKG_CONFIG_PATH=place)
-            run(CXX, f"{CONSUMER}/main.cpp", "-std=c++17", "-o", self.path(kind + "_consumer"), *flags.split())
+            run(CXX, f"{CONSUMER}/main.cpp", "-std=c++17", "-o", self.path(kind + "_consumer"), *flags.split(),
+                f"-I{CONSUMER}/own")
             self.check(self.path(kind + "_consumer"), kind)
 
     def test_headers_compile_alone(self):
