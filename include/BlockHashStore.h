@@ -238,6 +238,17 @@ public:
     }
 #endif
 
+    // As update_hashes, with hashes that were computed elsewhere: `hashes` holds those of the blocks that lie wholly in
+    // the range, in order, each as long as the hash function's. It is only read, and may be null where there is no such
+    // block. Takes at most 1 MiB of memory for entries, at any length. Costs one write for every 31775 blocks that the
+    // range covers wholly, one for the rest of them, and one for each block that it covers in part.
+    // Failures:
+    //   that of throwOnAccessViolation, with the tag store_hashes
+    //   "store_hashes: length is negative: " and the length
+    //   "failed to seek in hash file: " position (errno)
+    //   "failed to write hash: " offset (errno). The entries of earlier writes are stored; see also get_hash
+    void store_hashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes);
+
     // As update_hashes with `length` zeros, for a range of the target that now reads as zeros: discarded, punched,
     // zeroed, or never written. If the hashes are to be true after a crash, the zeros must be on stable storage
     // before the call. Needs no buffer, hashes a single block and takes at most 1 MiB of memory for entries, at any
@@ -409,7 +420,10 @@ private:
     void completeWindow(const Span& span, const Window& window, BlockHasher& hasher, TargetSource& source, bool stores);
     std::size_t concatenateHashes(const Window& window) const;
     static HashValue checkedAggregate(HashValue hash);
+    void storeHashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes);
     void storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length);
+    template <class Prepare>
+    void storeEntries(const Span& span, std::vector<char>& entries, Prepare prepare);
     uint64_t discardTornEntries();
     HashValue hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length, const DataRequiredFunc& dataRequiredFunc,
                           bool stores);

@@ -61,15 +61,30 @@ void expectBatch(IHashFunction& hash, const std::vector<kelvane_buf_t>& buffers,
     EXPECT_EQ(actual, expected);
 }
 
-// Every test of this suite runs on each instruction set that the build and this machine have.
+std::vector<std::int64_t> builtInstructionSets()
+{
+    std::vector<std::int64_t> targets;
+    for (std::int64_t rest = HWY_TARGETS; rest != 0; rest &= rest - 1) {
+        targets.push_back(rest & -rest);
+    }
+    return targets;
+}
+
+// Every test of this suite runs on each instruction set that the build has, and is skipped where this machine has not.
 class Blake2spTest : public ::testing::TestWithParam<std::int64_t> {
 protected:
-    Blake2spTest() { hwy::SetSupportedTargetsForTest(GetParam()); }
     ~Blake2spTest() override { hwy::SetSupportedTargetsForTest(0); }
-    void SetUp() override { ASSERT_STREQ(blake2spInstructionSet(), hwy::TargetName(GetParam())); }
+    void SetUp() override
+    {
+        if ((hwy::SupportedTargets() & GetParam()) == 0) {
+            GTEST_SKIP() << "skipped: digests on " << hwy::TargetName(GetParam()) << ": this machine does not have it";
+        }
+        hwy::SetSupportedTargetsForTest(GetParam());
+        ASSERT_STREQ(blake2spInstructionSet(), hwy::TargetName(GetParam()));
+    }
 };
 
-INSTANTIATE_TEST_SUITE_P(Targets, Blake2spTest, ::testing::ValuesIn(hwy::SupportedAndGeneratedTargets()),
+INSTANTIATE_TEST_SUITE_P(Targets, Blake2spTest, ::testing::ValuesIn(builtInstructionSets()),
                          [](const auto& target) { return std::string(hwy::TargetName(target.param)); });
 
 TEST_P(Blake2spTest, HashesMessagesOfEveryLength)

@@ -187,6 +187,14 @@ constexpr Run FIND_WRONG = [](Lab& lab, int64_t offset, int64_t length) {
 };
 constexpr Run ZERO
     = [](Lab& lab, int64_t offset, int64_t length) { lab.store->store_hashes_of_zeros(PARTITION + offset, length); };
+constexpr Run STORE = [](Lab& lab, int64_t offset, int64_t length) {
+    const Bytes hash = digestOf(Bytes(static_cast<std::size_t>(BLOCK)));
+    Bytes hashes;
+    for (int64_t i = 0; i < length / BLOCK; ++i) {
+        hashes.insert(hashes.end(), hash.begin(), hash.end());
+    }
+    lab.store->store_hashes(PARTITION + offset, length, hashes.data());
+};
 constexpr Run UNKNOWN = [](Lab& lab, int64_t offset, int64_t length) {
     lab.store->for_each_unknown_range(PARTITION + offset, length, [](auto, auto) {});
 };
@@ -247,6 +255,7 @@ const Operation OPERATIONS[]
        {Updates, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 150 * BLOCK, {"failed to write hash: 1084421: E"}},
        {Changes, "invalidate_hashes", SIZE, INVALIDATE, 3, 50000, {"failed to write hash: 1048579: E"}},
        {Updates, "store_hashes_of_zeros", SIZE, ZERO, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
+       {Changes, "store_hashes", SIZE, STORE, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
        {Changes, "for_each_unknown_range", SIZE, UNKNOWN, 0, SIZE, {"failed to read hash entry: 4096: E"}},
        {Changes, "sync_to_disk", SIZE, SYNC, 0, 0, {"!sync failed"}},
        {Discards, "discard_torn_entries", SIZE, DISCARD, 15 * BLOCK, 2 * BLOCK, DISCARDING},

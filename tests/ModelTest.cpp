@@ -197,7 +197,10 @@ public:
         } else if (kind < 45) {
             inspect(start, length);
         } else if (kind < 83) {
-            change(start, length, kind < 65 ? Change::Update : kind < 70 ? Change::Zero : Change::Invalidate);
+            change(start, length, kind < 60   ? Change::Update
+                                  : kind < 65 ? Change::Zero
+                                  : kind < 70 ? Change::Store
+                                              : Change::Invalidate);
         } else if (kind < 88) {
             resize();
         } else if (kind < 92) {
@@ -376,7 +379,19 @@ private:
         }
     }
 
-    enum class Change { Update, Zero, Invalidate };
+    enum class Change { Update, Zero, Store, Invalidate };
+
+    Bytes wholeDigests(int64_t start, int64_t length) const
+    {
+        Bytes digests;
+        for (const int64_t block : m_model.blocks(start, length)) {
+            if (m_model.covers(start, length, block)) {
+                const Bytes digest = blockDigest(m_model.target, m_model.blockSize, block, 0, m_model.size());
+                digests.insert(digests.end(), digest.begin(), digest.end());
+            }
+        }
+        return digests;
+    }
 
     void change(int64_t start, int64_t length, Change how)
     {
@@ -384,6 +399,7 @@ private:
         if (accepted) {
             scribble(start, length, how == Change::Zero);
         }
+        const Bytes hashes = accepted && how == Change::Store ? wholeDigests(start, length) : Bytes();
         unsigned long written = 0;
         m_store->setOnWriteCallback([&](unsigned long bytes) { written += bytes; });
         const CallCounter counter;
@@ -391,13 +407,14 @@ private:
             const kelvane_off_t offset = m_model.partitionOffset + start;
             how == Change::Update
                 ? m_store->update_hashes(offset, m_model.target.data() + (accepted ? start : 0), length)
-                : how == Change::Zero ? m_store->store_hashes_of_zeros(offset, length)
-                                      : m_store->invalidate_hashes(offset, length);
+                : how == Change::Zero  ? m_store->store_hashes_of_zeros(offset, length)
+                : how == Change::Store ? m_store->store_hashes(offset, length, hashes.data())
+                                       : m_store->invalidate_hashes(offset, length);
         });
         m_store->setOnWriteCallback({});
         EXPECT_EQ(failure == "(none)", accepted) << failure;
         const std::size_t blocks = accepted ? m_model.blocks(start, length).size() : 0;
-        const bool inPieces = how == Change::Zero; // what is covered in part apart
+        const bool inPieces = how == Change::Zero || how == Change::Store; // what is covered in part apart
         EXPECT_EQ(counter[Call::WriteAt], inPieces ? counter[Call::WriteAt] : blocks == 0 ? 0U : 1U);
         EXPECT_LE(counter[Call::WriteAt], 4U);
         EXPECT_LE(counter.counts().size(), 1U);

@@ -157,6 +157,7 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
                                                 [&] { store->update_hashes(0, store.target.bytes.data(), 100); },
                                                 [&] { store->invalidate_hashes(0, 100); },
                                                 [&] { store->store_hashes_of_zeros(0, 100); },
+                                                [&] { store->store_hashes(0, 100, nullptr); },
                                                 [&] { store->for_each_unknown_range(0, 100, nullptr); },
                                                 [&] { store->discard_torn_entries(); }};
     const Bytes before = store.file();
@@ -168,7 +169,7 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
 }
 
 // More than are written at once; the blocks around them keep their entries.
-TEST(RequestTest, HashesOfZerosAreWrittenInPieces)
+TEST(RequestTest, HashesThatNeedNoDataAreWrittenInPieces)
 {
     MemoryStore store(100000, 0, 1);
     store->get_hash(0, 100000, store.target.supplier());
@@ -179,6 +180,13 @@ TEST(RequestTest, HashesOfZerosAreWrittenInPieces)
     const CallCounter calls;
     store->store_hashes_of_zeros(10, 99980);
     EXPECT_EQ(calls.counts(), (CallCounts {{Call::WriteAt, 4}}));
+    EXPECT_TRUE(store.file() == right);
+    const Bytes hashes(32 * 99980, 7);
+    store->store_hashes(10, 99980, hashes.data());
+    EXPECT_EQ(calls.counts(), (CallCounts {{Call::WriteAt, 8}}));
+    for (int64_t block = 10; block < 99990; ++block) {
+        setEntry(right, block, Bytes(32, 7));
+    }
     EXPECT_TRUE(store.file() == right);
 }
 

@@ -19,6 +19,7 @@ CHECKS = [
      r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 16),
     ("limits", TEST_LOG, r"(?:limits|kernel failures): .*: right", 3),
     ("truth", TEST_LOG, r"truth: .*; 0 disagreements", 1),
+    ("skipped", TEST_LOG, r"skipped: .*", 0),
     ("test share", ["scripts/test_share.py"], r".*%.*", 1),
     ("valgrind", ["make", "valgrind"], r"\[  PASSED  \] (\d+ tests).*|.*(ERROR SUMMARY: 0 errors).*", 2),
     ("model", [PROGRAM, "--gtest_filter=ModelTest.*"], r"model: \d+ operations.*", 1),

@@ -43,21 +43,28 @@ class Case(unittest.TestCase):
         self.addCleanup(os.chdir, HOME)
         os.chdir(self.directory.name)
 
-    def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, shim=None, **options):
+    def call(self, command, expect=0, program=PROGRAM, arguments=(), stdout=PIPE, shim=None, **options):
         if shim:
             options["env"] = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
-        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
+        command = [program, *command.split(), *arguments]
+        done = run(command, stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
         self.assertEqual(done.returncode, expect, done)
         return done
 
     def json(self, command, expect=0, **options):
         return json.loads(self.call(command + " --json", expect, **options).stdout)
 
-    def calls(self, command):
+    def calls(self, command, **shim):
         """What the program does with files, in order."""
         Path("calls").unlink(missing_ok=True)
-        self.call(command, shim={"SHIM_LOG": "calls"})
+        self.call(command, shim={"SHIM_LOG": "calls", **shim})
         return Path("calls").read_text().splitlines()
+
+    def at(self, command, call, share, **shim):
+        """One of the calls of a kind that a command makes, from the first one at 0 to the last one at 1."""
+        count = self.calls(command, **shim).count(call)
+        self.assertGreater(count, 0, call)
+        return f"{call}#{1 + round(share * (count - 1))}"
 
     def check_complaint(self, command, cause, **options):
         """It fails with one line on standard error."""
@@ -72,4 +79,8 @@ class Case(unittest.TestCase):
 
 
 def main():
-    unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ)
+    """Of what was skipped a line is printed, which `make test` shows again at its end."""
+    done = unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ, exit=False).result
+    for test, reason in done.skipped:
+        print(f"skipped: {test.id().removeprefix('__main__.')}: {reason}")
+    sys.exit(not done.wasSuccessful())

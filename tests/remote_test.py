@@ -1,6 +1,6 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
-import fcntl, json, os, shutil, struct, subprocess, sys, time
+import fcntl, json, os, shlex, shutil, struct, subprocess, sys, time
 from pathlib import Path
 from random import randbytes
 
@@ -20,18 +20,35 @@ def frame(kind, payload=b""):
     return [(kind, payload)]
 
 
+CRCS = []
+for byte in range(256):
+    for _ in range(8):
+        byte = byte >> 1 ^ (0x82F63B78 if byte & 1 else 0)
+    CRCS.append(byte)
+
+
+def check_of(data, number):
+    """Of the first frame part of a hash, of all others CRC-32C."""
+    if number == 0:
+        return blake2sp(data)[:4]
+    crc = 0xFFFFFFFF
+    for byte in data:
+        crc = crc >> 8 ^ CRCS[(crc ^ byte) & 255]
+    return struct.pack("<I", crc ^ 0xFFFFFFFF)
+
+
 def encoded(frames):
     """The bytes of frames, which are pairs of type and payload, or bytes as they are."""
     stream = b""
     for number, each in enumerate(frames):
         if not isinstance(each, bytes):
-            header = struct.pack("<IB", len(each[1]), each[0]) + blake2sp(each[1])[:4]
-            each = header + blake2sp(header + struct.pack("<q", number))[:4] + each[1]
+            header = struct.pack("<IB", len(each[1]), each[0]) + check_of(each[1], number)
+            each = header + check_of(header + struct.pack("<q", number), number) + each[1]
         stream += each
     return stream
 
 
-def hello(version=1, capabilities=1, timeout=60):
+def hello(version=2, capabilities=1, timeout=60):
     return frame(HELLO, struct.pack("<IIII", 0x484B564B, version, capabilities, timeout))
 
 
@@ -39,6 +56,10 @@ def opening(path, destination=False, hash_file="", trust=0, jobs=1, level=0, rat
     return frame(OPEN,
                  string(path) + string(hash_file) + bytes([destination, 0, trust])
                  + struct.pack("<IBqIq", jobs, 0, 0, level, rate))
+
+
+def start(target, compared, block=BLOCK, permissions=0o600):
+    return frame(START, struct.pack("<IqIq", block, target, permissions, compared))
 
 
 def data(offset, content, of_blocks=False):
@@ -106,7 +127,8 @@ class Remote(RemoteCase):
             again = self.remote(f"sync {source} {destination} --json")
             self.assertIn('"bytesCopied": 0', again.stdout)
             self.assertNotIn("note", again.stderr)
-            self.assertEqual(self.remote(f"diff {destination} {source}").stdout.split(";")[0], "equal")
+            self.assertRegex(self.remote(f"diff {destination} {source}").stdout,
+                             r"\A# .* bytes sent, .*\n# equal; .* read\n\Z")
             flip(local[0], 7)
             self.assertIn("it was changed since", self.remote(f"diff {source} {destination}", 1).stderr)
         self.images()
@@ -262,12 +284,8 @@ class Remote(RemoteCase):
                         self.check_known(destination)
 
     def wait_for_server(self, name):
-        for _ in range(300):
-            with open(name + ".hashes") as file:
-                if subprocess.run(["flock", "-n", name + ".hashes", "true"]).returncode == 0:
-                    return
-            time.sleep(0.02)
-        self.fail("the server goes on for ever")
+        released = subprocess.run(["flock", "--wait", "60", name + ".hashes", "true"])
+        self.assertEqual(released.returncode, 0, "the server goes on for ever")
 
     def test_goes_on_where_it_was_interrupted(self):
         data = randbytes(100 << 20)
@@ -301,7 +319,7 @@ class Remote(RemoteCase):
             while client.poll() is None and Path("log").read_text().count(f" {DATA} ") < 2:  # of 60, a second each
                 time.sleep(0.01)
             client.kill()
-            self.assertEqual(client.wait(), -9, "it was to be slower")
+            self.assertEqual(client.wait(), -9)
             self.wait_for_server("there/far")
             for name in "near", "there/far":
                 self.check_known(name)
@@ -310,16 +328,38 @@ class Remote(RemoteCase):
             for name in "near", "there/far":
                 self.check_hash_file(name)
 
+    def test_no_more_bytes_per_second_than_are_allowed(self):
+        """By the program's own clock, which runs fast here; the limit is far below what it does without one."""
+        fast = dict(os.environ, LD_PRELOAD=SHIM, SHIM_CLOCK="20", RELAY_LOG="log",
+                    ASAN_OPTIONS="verify_asan_link_order=0")
+        for command in self.PUSH, self.PULL:
+            seconds, rate = 0, 0
+            for _ in "without", "with":
+                self.images()
+                flip("near", *range(0, 20 * BLOCK, BLOCK))
+                self.call("build near")
+                Path("log").write_text("")
+                done = subprocess.run([PROGRAM, *command.split(), "--rsh", RELAY, "--remote-program", PROGRAM, "--json",
+                                       "--timeout", "86400", f"--bwlimit={rate}"], capture_output=True, text=True, env=fast)
+                self.assertEqual(done.returncode, 0, done)
+                free, limit, seconds = seconds, rate, json.loads(done.stdout)["seconds"]
+                rate = int(20 * BLOCK / seconds / 5)
+            frames = [line.split() for line in Path("log").read_text().splitlines()]
+            sent = [int(size) - 13 for _, kind, size in frames if int(kind) == DATA]
+            least = sum(sent[:-1]) / limit
+            self.assertGreater(least, 2 * free)
+            self.assertGreaterEqual(seconds, least)
+
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
-        opened = frame(OPENED, struct.pack("<qBB", 60 * BLOCK + 99, 0, 0) + string("h") + struct.pack("<I", BLOCK))
+        opened = frame(OPENED, struct.pack("<qIBB", 60 * BLOCK + 99, 0o600, 0, 0) + string("h") + struct.pack("<I", BLOCK))
         started = frame(STARTED, struct.pack("<qqI", 0, 0, 0))
         digests = [frame(DIGESTS, struct.pack("<I", count) + bytes(32 * count) + b"\0") for count in range(61)]
         answers = hello() + opened + started + digests[1] + digests[1]  # of the end, of all, of pairs, of blocks
         reading = answers + digests[30] + digests[60]
         lies = {
             "closed": ([], "closed"), "text": ([b"Welcome to this machine!\n" * 10], "damaged, or none"),
-            "version": (hello(2), "speaks version 2 of the protocol"),
+            "version": (hello(1), "speaks version 1 of the protocol"),
             "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"),
             "zeros": (hello() + [b"\0" * 13], "damaged"), "type": (hello() + frame(99), "of type 99 with"),
             "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"),
@@ -361,19 +401,20 @@ class Remote(RemoteCase):
         """What a server answers last, as a type and a text."""
         done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20,
                               env=dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0", **environment))
-        answers, rest = [], done.stdout
+        answers, rest = [(0, "")], done.stdout
         while rest:
             length, kind = struct.unpack("<IB", rest[:5])
             answers.append((kind, rest[13:13 + length].decode(errors="replace")))
             rest = rest[13 + length:]
-        return answers[-1] if answers else (0, "")
+        self.assertEqual(done.returncode, 2 if answers[-1][0] == ERROR else 0)
+        return answers[-1]
 
     def test_a_client_that_does_not_keep_to_the_protocol(self):
         self.images()
         size = 60 * BLOCK + 99
-        ready = hello() + opening("there/far", True) + frame(START, struct.pack("<Iqq", BLOCK, size, size))
+        ready = hello() + opening("there/far", True) + start(size, size)
         writing = ready + frame(START_WRITING, b"\0")
-        reading = hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size))
+        reading = hello() + opening("there/far") + start(0, size)
 
         def nodes(level, *indexes):
             return frame(ASK_NODES,
@@ -382,9 +423,9 @@ class Remote(RemoteCase):
         lies = [hello() + opening(""), [], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
                 hello() + opening("near", jobs=1025), hello() + opening("near", level=20),
                 hello(capabilities=2) + opening("near", level=1),
-                hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
-                hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
-                hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.new", True, "./far"),
+                hello() + opening("there/far") + start(0, 0, 0),
+                hello() + opening("there/far") + start(0, size + 1),
+                hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.state", True, "./far"),
                 reading + frame(START_WRITING, b"\0"), reading + nodes(0, 3, 3), reading + nodes(63, 0),
                 reading + nodes(0, 1 << 62, -1), reading + nodes(60, 9),
                 reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
@@ -413,6 +454,15 @@ class Remote(RemoteCase):
                 self.assertTrue(kind == ERROR and text or number == 1, (kind, text))
                 self.assertEqual(Path("there/far").read_bytes(), before)
                 self.check_known("there/far")
+
+    def test_a_server_that_is_ended(self):
+        with subprocess.Popen([PROGRAM, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as server:
+            server.stdin.write(encoded(hello()))
+            server.stdin.flush()
+            server.stdout.read(13)
+            server.terminate()
+            self.assertIn(b"interrupted there", server.stdout.read())
+        self.assertEqual(server.returncode, 143)
 
     def test_serves_what_lies_in_the_root(self):
         self.images()
@@ -451,14 +501,12 @@ class Remote(RemoteCase):
         files = {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()}
         read_only = (*root, "--read-only")
         self.assertEqual(self.serve(hello() + opening("far", True), *read_only)[0], ERROR)
-        start = frame(START, struct.pack("<Iqq", BLOCK, 0, BLOCK))
-        self.assertEqual(self.serve(hello() + opening("sub/inside") + start, *read_only)[0], ERROR)
-        self.assertEqual(self.serve(hello() + opening("far") + start, *read_only)[0], STARTED)
+        self.assertEqual(self.serve(hello() + opening("sub/inside") + start(0, BLOCK), *read_only)[0], ERROR)
+        self.assertEqual(self.serve(hello() + opening("far") + start(0, BLOCK), *read_only)[0], STARTED)
         self.assertEqual(files, {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()})
-        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "pwrite fresh.hashes.new,fsync fresh.hashes.new,ftruncate fresh",
+        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "link fresh.hashes,ftruncate fresh",
                 "SHIM_DO": "mv there/sub there/moved; ln -s ../outside2 there/sub"}
-        start = frame(START, struct.pack("<Iqq", BLOCK, BLOCK, BLOCK))
-        self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start, *root, **swap)[0], STARTED)
+        self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start(BLOCK, BLOCK), *root, **swap)[0], STARTED)
         self.assertEqual(os.listdir("outside2"), [])
         self.assertLess({"fresh", "fresh.hashes"}, set(os.listdir("there/moved")))
         self.assertIn("sub/fresh: ", self.serve(hello() + opening("moved/no/sub/fresh"), *root)[1])
@@ -474,19 +522,12 @@ class Remote(RemoteCase):
         Path("/run/sshd").mkdir(exist_ok=True)
         public = Path("key.pub").read_text()
         Path("authorized").write_text(f'restrict,command="{PROGRAM} serve --root {here}/there" {public}')
-        port = 20000 + os.getpid() % 20000
-        Path("config").write_text(f"Port {port}\nListenAddress 127.0.0.1\nHostKey {here}/host_key\nUsePAM no\n"
-                                  f"AuthorizedKeysFile {here}/authorized\nStrictModes no\nPermitRootLogin yes\n"
-                                  "PidFile none\n")
-        daemon = subprocess.Popen([sshd, "-D", "-e", "-f", "config"], stderr=subprocess.PIPE)
-        self.addCleanup(daemon.communicate)
-        self.addCleanup(daemon.terminate)
-        ssh = (f"ssh -F none -p {port} -i {here}/key -o StrictHostKeyChecking=no -o UserKnownHostsFile={here}/known "
-               "-o BatchMode=yes -o LogLevel=ERROR -o ConnectionAttempts=20")
-        time.sleep(0.5)
-        if daemon.poll() is not None:
-            self.skipTest("sshd does not start here: " + daemon.stderr.read().decode()[-200:])
-        probe = subprocess.run([*ssh.split(), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True,
+        Path("config").write_text(f"HostKey {here}/host_key\nUsePAM no\nAuthorizedKeysFile {here}/authorized\n"
+                                  "StrictModes no\nPermitRootLogin yes\nPidFile none\n")
+        # Each connection starts its own server, at the other end of a pipe: none to wait for, and no port to be free.
+        ssh = (f"ssh -F none -i {here}/key -o StrictHostKeyChecking=no -o UserKnownHostsFile={here}/known "
+               f"-o BatchMode=yes -o LogLevel=ERROR -o 'ProxyCommand={sshd} -i -f {here}/config'")
+        probe = subprocess.run([*shlex.split(ssh), "127.0.0.1", "x"], stdin=subprocess.DEVNULL, capture_output=True,
                                text=True)
         if probe.returncode == 255:
             self.skipTest("ssh does not get through here: " + probe.stderr[-200:])

@@ -11,6 +11,7 @@ namespace kelvane {
 namespace {
 
 constexpr kelvane_ssize_t MAXIMUM_WRITE = std::numeric_limits<int>::max(); // what a writer can report
+constexpr kelvane_ssize_t BYTES_AT_ONCE = 1 << 20;                         // of entries
 constexpr kelvane_ssize_t SECTOR = 512;                                    // what a disk writes wholly or not at all
 constexpr const char* HASHING_FAILED = "failed to compute hash from data";
 
@@ -66,28 +67,56 @@ void BlockHashStore::store_hashes_of_zeros(kelvane_off_t offset, kelvane_buf_len
     emptyWhenGivenUp([&] { storeHashesOfZeros(offset, length); });
 }
 
+// In pieces of as many entries as there is room for; `prepare` is told which of the full blocks come next.
+template <class Prepare>
+void BlockHashStore::storeEntries(const Span& span, std::vector<char>& entries, Prepare prepare)
+{
+    const TransferFailures failures = TransferFailures::ofStoring(span.offset);
+    const std::vector<char> unknown(static_cast<std::size_t>(entrySize()), 0);
+    const kelvane_ssize_t atOnce = static_cast<kelvane_ssize_t>(entries.size()) / entrySize();
+    if (span.startsPartial()) {
+        writeEntries(span.firstBlock, 1, unknown.data(), failures);
+    }
+    for (kelvane_ssize_t done = 0; done < span.numberOfFullBlocks; done += atOnce) {
+        const kelvane_ssize_t count = std::min(atOnce, span.numberOfFullBlocks - done);
+        prepare(done, count);
+        writeEntries(span.firstBlock + span.firstFullPosition + done, count, entries.data(), failures);
+    }
+    if (span.endsPartial()) {
+        writeEntries(span.firstBlock + span.endFullPosition(), 1, unknown.data(), failures);
+    }
+}
+
 void BlockHashStore::storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length)
 {
-    constexpr kelvane_ssize_t BYTES_AT_ONCE = 1 << 20;
     throwWithinDataCallback();
     const Span span = spanOf("store_hashes_of_zeros", offset, length);
-    const TransferFailures failures = TransferFailures::ofStoring(offset);
-    const std::vector<char> unknown(static_cast<std::size_t>(entrySize()), 0);
     const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
     std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()));
     BlockHasher hasher = blockHasher(HASHING_FAILED);
     hasher.begin(entries.data(), 0);
     hasher.addZeros(atOnce * static_cast<kelvane_ssize_t>(getBlockSize()));
-    if (span.startsPartial()) {
-        writeEntries(span.firstBlock, 1, unknown.data(), failures);
-    }
-    const kelvane_ssize_t end = span.endFullPosition();
-    for (kelvane_ssize_t position = span.firstFullPosition; position < end; position += atOnce) {
-        writeEntries(span.firstBlock + position, std::min(atOnce, end - position), entries.data(), failures);
-    }
-    if (span.endsPartial()) {
-        writeEntries(span.firstBlock + end, 1, unknown.data(), failures);
-    }
+    storeEntries(span, entries, [](kelvane_ssize_t, kelvane_ssize_t) {});
+}
+
+void BlockHashStore::store_hashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes)
+{
+    emptyWhenGivenUp([&] { storeHashes(offset, length, hashes); });
+}
+
+void BlockHashStore::storeHashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes)
+{
+    throwWithinDataCallback();
+    const Span span = spanOf("store_hashes", offset, length);
+    const auto size = static_cast<kelvane_ssize_t>(hashSize());
+    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
+    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()), static_cast<char>(InUse));
+    storeEntries(span, entries, [&](kelvane_ssize_t first, kelvane_ssize_t count) {
+        for (kelvane_ssize_t i = 0; i < count; ++i) {
+            std::memcpy(entries.data() + i * entrySize() + 1, hashes + (first + i) * size,
+                        static_cast<std::size_t>(size));
+        }
+    });
 }
 
 uint64_t BlockHashStore::discard_torn_entries()

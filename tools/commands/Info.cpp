@@ -1,10 +1,12 @@
+#include "commands/Info.h"
+
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "base/Failure.h"
-#include "commands/Commands.h"
-#include "hash_file/Evidence.h"
-#include "hash_file/Inspection.h"
-#include "terminal/Text.h"
+#include "hash_file/HashFile.h"
 
 namespace kelvane::tool {
 
@@ -12,130 +14,72 @@ namespace {
 
 constexpr std::int64_t MAP_WIDTH = 64;
 
-// One character for each equal part of the blocks: all known, some, none.
 std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std::int64_t blockSize)
 {
     const std::int64_t width = std::min(MAP_WIDTH, blocks);
+    const auto start = [&](std::int64_t index) {
+        return static_cast<std::int64_t>(static_cast<__int128>(blocks) * index / width) * blockSize;
+    };
     std::string map;
-    auto run = unknown.begin();
-    for (std::int64_t cell = 0; cell < width; ++cell) {
-        const auto share = [&](std::int64_t index) {
-            return static_cast<std::int64_t>(static_cast<__int128>(blocks) * index / width) * blockSize;
-        };
-        const Range part = between(share(cell), share(cell + 1));
+    auto next = unknown.begin();
+    for (std::int64_t index = 0; index < width; ++index) {
+        const Range shown = between(start(index), start(index + 1));
         std::int64_t missing = 0;
-        while (run != unknown.end() && run->offset < part.end()) {
-            missing += between(std::max(run->offset, part.offset), std::min(run->end(), part.end())).length;
-            if (run->end() > part.end()) {
+        while (next != unknown.end() && next->offset < shown.end()) {
+            missing += between(std::max(next->offset, shown.offset), std::min(next->end(), shown.end())).length;
+            if (next->end() > shown.end()) {
                 break;
             }
-            ++run;
+            ++next;
         }
-        map += missing == 0 ? '#' : missing == part.length ? '.' : '+';
+        map += missing == 0 ? '#' : missing == shown.length ? '.' : '+';
     }
     return map;
 }
 
-// What the record beside the hash file says, and whether that still holds.
-struct Record {
-    std::string text;
-    nlohmann::ordered_json json;
-};
-
-std::string doubtNow(const Evidence& evidence, const std::string& path, const std::string& image)
+Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
     try {
-        const Descriptor file = openFile(path, O_RDONLY);
-        return doubtAbout(evidence, hashFileState(file.get(), false), stateOf(Image(image, Image::Access::Read)));
+        const Image image(record.image.identity.path, Image::Access::Read);
+        const ImageState state = stateOf(image);
+        return doubtAbout(record, hashFileState(hashFile), state, writersOf(image));
     } catch (const Failure& failure) {
-        return failure.what();
+        return {Doubt::Because::Untold, failure.what()};
     }
 }
 
-Record recordOf(const std::string& path)
+std::optional<InfoResult::Recorded> recordedOf(const std::string& path, const Descriptor& hashFile)
 {
-    const std::optional<Evidence> evidence = Evidence::read(path);
-    if (!evidence) {
-        return {"none", nullptr};
-    }
-    const auto image = evidence->image.image["path"].get<std::string>();
-    const std::string doubt = doubtNow(*evidence, path, image);
-    std::string text = "not clean: a run on " + image + " is under way, or was cut short";
-    if (evidence->isClean) {
-        text = doubt.empty() ? "true of " + image + ", which is unchanged" : "not believed of " + image + ": " + doubt;
-    }
-    return {text,
-            {{"clean", evidence->isClean},
-             {"image", image},
-             {"content", evidence->image.content},
-             {"verdict", doubt.empty() ? "unchanged" : doubt}}};
+    const std::optional<Record> record = readRecord(path);
+    return record ? std::optional(InfoResult::Recorded {*record, doubtNow(*record, hashFile)}) : std::nullopt;
 }
 
 } // namespace
 
-Outcome info(const std::string& path)
+InfoResult info(const std::string& path)
 {
-    HashFileInspector inspector = inspect(path);
-    const Geometry geometry = geometryOf(inspector, path);
-    const std::int64_t blockSize = geometry.blockSize;
-    const std::int64_t size = geometry.targetSize;
-    const std::int64_t whole = size / blockSize;
-    const std::int64_t partial = size % blockSize;
+    const Descriptor file = openHashFile(path);
+    HashFileInspector inspector = explaining(path, [&] { return HashFileInspector(file.place()); });
+    InfoResult result;
+    result.hashFile = path;
+    result.magicNumber = inspector.magic_number();
+    result.version = inspector.version();
+    result.entriesStart = static_cast<std::int64_t>(inspector.data_region_offset_in_bytes());
+    result.geometry = geometryOf(inspector, path);
+    result.hashFunction = inspector.hash_function_type();
+    result.hashSize = static_cast<std::int64_t>(inspector.hash_size_in_bytes());
+    const std::int64_t blockSize = result.geometry.blockSize;
     const std::vector<Range> unknown = explaining(path, [&] {
-        return unknownRanges(inspector, geometry, {0, whole * blockSize});
+        return unknownRanges(inspector, result.geometry, {0, result.wholeBlocks() * blockSize});
     });
-    const std::int64_t unknownBlocks = totalLength(unknown) / blockSize;
-    const auto fileSize = static_cast<std::int64_t>(inspector.file_size_in_bytes());
-    const std::string map = drawMap(unknown, whole, blockSize);
+    result.unknownBlocks = totalLength(unknown) / blockSize;
+    result.map = drawMap(unknown, result.wholeBlocks(), blockSize);
+    result.fileSize = static_cast<std::int64_t>(inspector.file_size_in_bytes());
     struct stat status = {};
-    ::stat(path.c_str(), &status);
-    const std::int64_t onDisk = status.st_blocks * 512;
-    const Record record = recordOf(path);
-
-    Outcome outcome;
-    char magic[32];
-    std::snprintf(magic, sizeof(magic), "0x%llx", static_cast<unsigned long long>(inspector.magic_number()));
-    const auto line = [&](const char* name, const std::string& value) {
-        outcome.text += name + std::string(18 - std::char_traits<char>::length(name), ' ') + value + "\n";
-    };
-    const auto sized = [](std::int64_t bytes) {
-        return counted(bytes, "byte") + (bytes < 1024 ? "" : " (" + humanSize(static_cast<double>(bytes)) + ")");
-    };
-    line("hash file", path);
-    line("magic number", magic);
-    line("version", std::to_string(inspector.version()));
-    line("hash entries from", sized(static_cast<std::int64_t>(inspector.data_region_offset_in_bytes())));
-    line("block size", sized(blockSize));
-    line("target ends at", sized(static_cast<std::int64_t>(inspector.target_size_in_bytes())));
-    line("partition offset", sized(geometry.partitionOffset));
-    line("target size", sized(size));
-    line("hash function",
-         std::to_string(inspector.hash_function_type()) + " (BLAKE2sp, "
-             + std::to_string(inspector.hash_size_in_bytes()) + " bytes)");
-    line("whole blocks",
-         grouped(whole) + ": " + grouped(whole - unknownBlocks) + " known, " + grouped(unknownBlocks) + " unknown");
-    line("partial block", partial == 0 ? "none" : counted(partial, "byte") + ", whose hash is never stored");
-    line("file size", sized(fileSize) + ", on disk " + sized(onDisk));
-    line("known regions", "[" + map + "]  # known, + in part, . unknown");
-    line("record", record.text);
-    outcome.json = {{"hashFile", path},
-                    {"magicNumber", inspector.magic_number()},
-                    {"version", inspector.version()},
-                    {"dataRegionOffset", inspector.data_region_offset_in_bytes()},
-                    {"blockSize", blockSize},
-                    {"targetEnd", inspector.target_size_in_bytes()},
-                    {"partitionOffset", geometry.partitionOffset},
-                    {"targetSize", size},
-                    {"hashId", static_cast<int>(inspector.hash_function_type())},
-                    {"wholeBlocks", whole},
-                    {"knownBlocks", whole - unknownBlocks},
-                    {"unknownBlocks", unknownBlocks},
-                    {"partialBlockBytes", partial},
-                    {"fileSize", fileSize},
-                    {"sizeOnDisk", onDisk},
-                    {"map", map},
-                    {"record", record.json}};
-    return outcome;
+    ::fstat(file.get(), &status);
+    result.sizeOnDisk = status.st_blocks * 512;
+    result.recorded = recordedOf(path, file);
+    return result;
 }
 
 } // namespace kelvane::tool

@@ -1,3 +1,5 @@
+#include "commands/Invalidate.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -6,9 +8,8 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "commands/Commands.h"
-#include "terminal/Text.h"
-#include "work/HashedImage.h"
+#include "base/Text.h"
+#include "work/LocalSide.h"
 
 namespace kelvane::tool {
 
@@ -17,7 +18,7 @@ namespace {
 constexpr std::size_t LARGEST_LIST = 256 << 20; // bytes
 
 // A signal ends it while nothing comes, as from a pipe.
-std::string contentOf(const std::string& path, const std::string& source)
+std::string listIn(const std::string& path, const std::string& source)
 {
     const Descriptor file = path == "-" ? Descriptor(::dup(STDIN_FILENO)) : openFile(path, O_RDONLY | O_NONBLOCK);
     const auto fail = [&] { throw Failure(source, "cannot read: " + errorText(errno)); };
@@ -66,43 +67,46 @@ std::vector<Range> rangesIn(const HashedImage& hashed, const RangeList& list, co
     return ranges;
 }
 
-} // namespace
-
-Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
+std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedImage& hashed)
 {
-    const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
     const std::string source = what.list == "-" ? "standard input" : what.list;
-    const std::string list = contentOf(what.list, source);
+    const std::string list = listIn(what.list, source);
     if (!what.format && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
         throw Failure(source, "is empty; name its --format if that means that nothing has changed");
     }
-    const std::vector<Range> ranges = rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
-                                               hashed.hashFile().onDevice(0));
-    const bool isBelieved = hashed.believes() || hashed.wasOnlyChanged();
+    return rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
+                    hashed.hashFile().onDevice(0));
+}
+
+} // namespace
+
+InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
+{
+    const Image image = openImage(arguments.image, Image::Access::Read);
+    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
+    const std::vector<Range> ranges = listedRanges(what, hashed);
+    using Because = Doubt::Because;
+    Belief& belief = hashed.belief();
+    const Doubt& doubt = belief.doubtOfRecord();
+    if (common.trust != Trust::Everything
+        && (doubt.because == Because::NoRecord || doubt.because == Because::AnotherImage)) {
+        throw Failure(image.path(), "what was told may be of another image: " + doubt.text + "; build checks it");
+    }
+    const bool isBelieved = doubt.because == Because::Nothing || doubt.because == Because::Changed;
     hashed.adaptToImage();
-    hashed.markChanging();
+    belief.mark();
     for (const Range& range : ranges) {
         hashed.store().invalidate(range);
     }
-    hashed.flushHashes();
-    hashed.believe(isBelieved); // all that changed was told
-    const Changes changes(hashed);
-
-    Outcome outcome;
-    outcome.good = changes.none();
-    outcome.text = hashed.hashFile().path() + ": " + counted(totalLength(ranges), "byte") + " in "
-        + counted(std::ssize(ranges), "range") + " forgotten\n" + changes.text();
-    if (!isBelieved) {
-        outcome.text += "the next run checks all the same: " + hashed.doubt() + "\n";
-    }
-    outcome.json = {{"hashFile", hashed.hashFile().path()},
-                    {"bytes", totalLength(ranges)},
-                    {"ranges", ranges.size()},
-                    {"recorded", isBelieved && changes.none()},
-                    {"freshness", hashed.json()},
-                    {"changedMeanwhile", changes.json()}};
-    return outcome;
+    belief.flushHashes();
+    isBelieved ? belief.confirm() : belief.dismiss(); // all that changed was told
+    const Conclusions found = conclude(hashed, common, true);
+    return {areSure(found) ? Verdict::Done : Verdict::Undecided,
+            hashed.hashFile().path(),
+            totalLength(ranges),
+            std::ssize(ranges),
+            isBelieved ? "" : doubt.text,
+            found};
 }
 
 } // namespace kelvane::tool

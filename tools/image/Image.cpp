@@ -1,119 +1,300 @@
 #include "image/Image.h"
 
-#include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <sys/vfs.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
+#include <cstring>
+#include <filesystem>
 #include <utility>
 
-#include "base/Failure.h"
+#include "base/Bytes.h"
+#include "image/FileSystem.h"
+#include "image/Memory.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr long STAMPING[] = {0xef53,      // ext2 to ext4
-                             0x58465342,  // XFS
-                             0x9123683e,  // Btrfs
-                             0xf2f52010,  // F2FS
-                             0xca451a4e}; // bcachefs
+constexpr std::int64_t ALIGNMENT = 4096;  // of what goes past the system's memory, on the disk and in memory
+constexpr std::int64_t AT_ONCE = 1 << 20; // bytes that are moved to where they are aligned
 
-bool isSameFile(const struct stat& a, const struct stat& b)
+bool isAligned(const char* buffer, Range range)
 {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+    return range.offset % ALIGNMENT == 0 && range.length >= ALIGNMENT
+        && reinterpret_cast<std::uintptr_t>(buffer) % ALIGNMENT == 0;
 }
 
 } // namespace
 
-bool isStampingFileSystem(int fd)
-{
-    struct statfs fileSystem;
-    return ::fstatfs(fd, &fileSystem) == 0
-        && std::find(std::begin(STAMPING), std::end(STAMPING), fileSystem.f_type) != std::end(STAMPING);
-}
-
-Image::Image(std::string path, Access access)
+Image::Image(std::string path, Access access, AtLink atLink)
     : m_path(std::move(path))
 {
+    Descriptor found = openFile(m_path, O_PATH, atLink); // which waits for nothing, and changes nothing
     struct stat status;
-    const bool isThere = ::stat(m_path.c_str(), &status) == 0;
-    const bool isMissing = !isThere && errno == ENOENT && ::lstat(m_path.c_str(), &status) != 0; // not even a link
-    if (isMissing && access == Access::WriteOrMissing) {
-        return;
+    if (!found) {
+        const int error = errno;
+        if (error == ENOENT && access == Access::WriteOrMissing && ::lstat(m_path.c_str(), &status) != 0) {
+            return;
+        }
+        throw Failure(m_path, "cannot open: " + errorText(error));
     }
-    if (isThere && !S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) { // opening a pipe would wait
-        throw Failure(m_path, "neither a regular file nor a block device");
+    openForReading(found);
+    if (access != Access::Read) {
+        refuseUse();
+        if (::faccessat(AT_FDCWD, found.place().c_str(), W_OK, AT_EACCESS) != 0) {
+            throw Failure(m_path, "cannot write: " + errorText(errno));
+        }
     }
-    const int alone = isThere && S_ISBLK(status.st_mode) ? O_EXCL : 0;
-    take(openFile(m_path, access == Access::Read ? O_RDONLY : O_RDWR | alone));
 }
 
-void Image::take(Descriptor descriptor)
+void Image::openForReading(const Descriptor& found)
 {
-    if (!descriptor) {
-        throw Failure(m_path,
-                      errno == EBUSY ? "the system uses this device; is it mounted?"
-                                     : "cannot open: " + errorText(errno));
-    }
     struct stat status;
-    if (::fstat(descriptor.get(), &status) != 0) {
+    if (::fstat(found.get(), &status) != 0) {
         throw Failure(m_path, errorText(errno));
     }
     m_isBlockDevice = S_ISBLK(status.st_mode);
-    m_isStamped = isStampingFileSystem(descriptor.get());
-    m_fd = std::move(descriptor);
+    if (!m_isBlockDevice && !S_ISREG(status.st_mode)) {
+        throw Failure(m_path,
+                      S_ISLNK(status.st_mode) ? "a link, which is not followed here"
+                                              : "neither a regular file nor a block device");
+    }
+    Descriptor file = openAgain(found, m_isBlockDevice ? O_RDONLY | O_DIRECT | O_EXCL : O_RDONLY);
+    m_isClaimed = m_isBlockDevice && file;
+    if (m_isBlockDevice && !file && errno == EBUSY) {
+        file = openAgain(found, O_RDONLY | O_DIRECT);
+    }
+    if (!file) {
+        throw Failure(m_path, "cannot open: " + errorText(errno));
+    }
+    take(std::move(file), status);
+    if (m_isBlockDevice) {
+        m_device.emplace(status.st_rdev);
+        m_shown = openShownFile(*m_device);
+        m_isStamped = m_shown && isStampingFileSystem(m_shown);
+    }
+}
+
+void Image::take(Descriptor file, const struct stat& status)
+{
+    m_file = std::move(file);
+    m_permissions = status.st_mode & 0777;
+    m_isStamped = isStampingFileSystem(m_file);
     m_size = currentSize();
-    ::posix_fadvise(m_fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    ::posix_fadvise(m_file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    openForDisk();
+}
+
+void Image::openForDisk()
+{
+    m_direct = m_isStamped && !m_isBlockDevice ? openAgain(m_file, O_RDONLY | O_DIRECT) : Descriptor();
+}
+
+// What is written by two ways at once comes out as neither says.
+void Image::refuseUse() const
+{
+    if (m_isBlockDevice && !m_isClaimed) {
+        throw Failure(m_path, "the system uses this device; is it mounted?");
+    }
+    const std::vector<std::string> devices = m_isBlockDevice ? std::vector<std::string>() : usedLoopDevicesOf(m_file);
+    if (!devices.empty()) {
+        throw Failure(m_path, "the system uses this file, as " + devices[0] + "; is that mounted?");
+    }
 }
 
 std::int64_t Image::currentSize() const
 {
-    const off_t size = ::lseek(m_fd.get(), 0, SEEK_END);
+    const off_t size = ::lseek(m_file.get(), 0, SEEK_END);
     if (size < 0) {
         throw Failure(m_path, errorText(errno));
     }
     return size;
 }
 
-bool Image::isNamed() const
+std::int64_t Image::readAt(const Descriptor& file, char* buffer, Range range) const
 {
-    struct stat own;
-    struct stat there;
-    return ::fstat(m_fd.get(), &own) == 0 && ::stat(m_path.c_str(), &there) == 0
-        && (m_isBlockDevice ? S_ISBLK(there.st_mode) && own.st_rdev == there.st_rdev : isSameFile(own, there));
-}
-
-void Image::create()
-{
-    take(openFile(m_path, O_RDWR | O_CREAT | O_EXCL, 0666));
+    for (;;) {
+        const ssize_t count = ::pread(file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
+        if (count > 0) {
+            return count;
+        }
+        if (count == 0 || errno != EINTR) {
+            const std::string cause = count < 0 ? errorText(errno) : "the image ends here, it was longer before";
+            throw Failure(m_path, range.offset, "cannot read: " + cause);
+        }
+    }
 }
 
 void Image::read(char* buffer, Range range) const
 {
+    if (m_isBlockDevice) {
+        readFromDisk(buffer, range);
+        return;
+    }
     while (range.length > 0) {
-        const ssize_t count = ::pread(m_fd.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            const std::string cause = count < 0 ? errorText(errno) : "the image ends here, it was longer before";
-            throw Failure(m_path, range.offset, "cannot read: " + cause);
+        const std::int64_t count = readAt(m_file, buffer, range);
+        buffer += count;
+        range = between(range.offset + count, range.end());
+    }
+}
+
+// What is aligned goes to its place, the rest to a place that is.
+void Image::readFromDisk(char* buffer, Range range) const
+{
+    const Descriptor& file = fileForDisk();
+    if (!file) {
+        read(buffer, range);
+        return;
+    }
+    Memory memory;
+    while (range.length > 0) {
+        std::int64_t count = 0;
+        if (isAligned(buffer, range)) {
+            count = readAt(file, buffer, {range.offset, roundDown(range.length, ALIGNMENT)});
+        } else {
+            memory = memory ? std::move(memory) : pagesFor(AT_ONCE);
+            const std::int64_t start = roundDown(range.offset, ALIGNMENT);
+            const std::int64_t length = std::min(AT_ONCE, roundUp(range.end(), ALIGNMENT) - start);
+            const std::int64_t before = range.offset - start;
+            count = std::min(range.length, readAt(file, memory.get(), {start, length}) - before);
+            if (count <= 0) {
+                throw Failure(m_path, range.offset, "cannot read: the image ends here, it was longer before");
+            }
+            std::memcpy(buffer, memory.get() + before, static_cast<std::size_t>(count));
         }
         buffer += count;
         range = between(range.offset + count, range.end());
     }
 }
 
-void Image::write(const char* buffer, Range range)
+bool Image::isInMemory(Range range) const
+{
+    const std::vector<Run> runs = residency(range);
+    return runs.size() == 1 && runs[0].isInMemory;
+}
+
+std::vector<Image::Run> Image::residency(Range range) const
+{
+    const Range pages = between(roundDown(range.offset, ALIGNMENT), std::min(roundUp(range.end(), ALIGNMENT), m_size));
+    const auto count = m_direct ? pagesInMemory(m_file, pages) : std::nullopt;
+    const bool areAll = !m_direct || count == roundUp(pages.length, ALIGNMENT) / ALIGNMENT;
+    if (areAll || count == 0 || pages.length == 0) {
+        return {{range, areAll}};
+    }
+    std::vector<Run> runs;
+    Range rest = range;
+    for (const bool isInMemory : residentPages(m_file, pages)) {
+        const Range page = between(rest.offset, std::min(rest.end(), roundDown(rest.offset, ALIGNMENT) + ALIGNMENT));
+        if (!runs.empty() && runs.back().isInMemory == isInMemory) {
+            runs.back().range.length += page.length;
+        } else {
+            runs.push_back({page, isInMemory});
+        }
+        rest = between(page.end(), rest.end());
+    }
+    runs.back().range.length += rest.length; // behind the end
+    return runs;
+}
+
+Range Image::nextData(std::int64_t offset, std::int64_t end) const
+{
+    const off_t start = ::lseek(m_file.get(), offset, SEEK_DATA);
+    if (start < 0) {
+        // ENXIO: nothing but a hole; else holes are not told here, as with block devices
+        return errno == ENXIO ? between(end, end) : between(offset, end);
+    }
+    if (start >= end) {
+        return between(end, end);
+    }
+    const off_t hole = ::lseek(m_file.get(), start, SEEK_HOLE);
+    return between(start, hole <= start ? end : std::min<std::int64_t>(hole, end));
+}
+
+void Image::flush() const
+{
+    // What lies on a file system that cannot be written has nothing to be flushed.
+    if (::fsync(m_file.get()) != 0 && errno != EINVAL && errno != EROFS) {
+        const int error = errno;
+        dropFromMemory(m_file);
+        throw FlushFailed(m_path, "cannot flush: " + errorText(error));
+    }
+}
+
+bool Image::dropCache() const
+{
+    return dropFromMemory(m_file);
+}
+
+void Image::mustDropCache() const
+{
+    if (!dropCache()) {
+        throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
+    }
+}
+
+void Image::drop(Range range) const
+{
+    ::posix_fadvise(m_file.get(), range.offset, range.length, POSIX_FADV_DONTNEED);
+}
+
+void Image::checkSize(std::int64_t size) const
+{
+    if (m_isBlockDevice || size <= m_size) {
+        return;
+    }
+    const std::string directory = std::filesystem::path(m_path).parent_path().string();
+    const Descriptor unnamed = openFile(directory.empty() ? "." : directory, O_TMPFILE | O_RDWR, AtLink::Follow, 0600);
+    const bool tells = unnamed || errno == ENOENT || errno == EACCES || errno == EROFS || errno == ENOSPC;
+    if (isMissing() && !unnamed && tells) {
+        throw Failure(m_path, "cannot make: " + errorText(errno));
+    }
+    if (unnamed && ::ftruncate(unnamed.get(), size) != 0) {
+        throw Failure(m_path, size, "cannot change the size: " + errorText(errno));
+    }
+}
+
+void Image::create(mode_t permissions)
+{
+    Descriptor file = openFile(m_path, O_RDWR | O_CREAT | O_EXCL, AtLink::Refuse, permissions);
+    struct stat status;
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        throw Failure(m_path, "cannot make: " + errorText(errno));
+    }
+    take(std::move(file), status);
+    m_isWriting = true;
+}
+
+void Image::beginWriting()
+{
+    if (m_isWriting) {
+        return;
+    }
+    Descriptor file = openAgain(m_file, m_isBlockDevice ? O_RDWR | O_DIRECT : O_RDWR);
+    if (!file) {
+        throw Failure(m_path, "cannot open for writing: " + errorText(errno));
+    }
+    (m_isBlockDevice ? m_written : m_file) = std::move(file);
+    m_direct = {}; // another opening would count as somebody else's
+    m_isWriting = true;
+}
+
+void Image::endWriting()
+{
+    Descriptor file = m_isBlockDevice || !m_isWriting ? Descriptor() : openAgain(m_file, O_RDONLY);
+    if (file) { // which one who may write need not be allowed to do
+        m_file = std::move(file);
+        openForDisk();
+    }
+    m_written = {};
+    m_isWriting = false;
+}
+
+void Image::writeAt(const Descriptor& file, const char* buffer, Range range)
 {
     while (range.length > 0) {
-        const ssize_t count = ::pwrite(m_fd.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
+        const ssize_t count = ::pwrite(file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -126,17 +307,39 @@ void Image::write(const char* buffer, Range range)
     }
 }
 
-void Image::flush() const
+void Image::write(const char* buffer, Range range)
 {
-    // What lies on a file system that cannot be written has nothing to be flushed.
-    if (::fsync(m_fd.get()) != 0 && errno != EINVAL && errno != EROFS) {
-        throw Failure(m_path, "cannot flush: " + errorText(errno));
+    m_isBlockDevice ? writeToDevice(buffer, range) : writeAt(m_file, buffer, range);
+}
+
+// Past what the system holds of it in memory, which may be older than the disk, and would go there beside the new
+// bytes.
+void Image::writeToDevice(const char* buffer, Range range)
+{
+    Memory memory;
+    while (range.length > 0) {
+        Range part = {range.offset, roundDown(range.length, ALIGNMENT)};
+        if (isAligned(buffer, range)) {
+            writeAt(m_written, buffer, part);
+        } else {
+            memory = memory ? std::move(memory) : pagesFor(AT_ONCE);
+            const std::int64_t start = roundDown(range.offset, ALIGNMENT);
+            const Range window = between(start, std::min({roundUp(range.end(), ALIGNMENT), start + AT_ONCE, m_size}));
+            part = between(range.offset, std::min(range.end(), window.end()));
+            if (part.offset != window.offset || part.length != window.length) {
+                read(memory.get(), window);
+            }
+            std::memcpy(memory.get() + (part.offset - start), buffer, static_cast<std::size_t>(part.length));
+            writeAt(m_written, memory.get(), window);
+        }
+        buffer += part.length;
+        range = between(part.end(), range.end());
     }
 }
 
 void Image::resize(std::int64_t size)
 {
-    if (::ftruncate(m_fd.get(), size) != 0) {
+    if (::ftruncate(m_file.get(), size) != 0) {
         throw Failure(m_path, size, "cannot change the size: " + errorText(errno));
     }
     m_size = size;
@@ -146,29 +349,10 @@ bool Image::punch(Range range)
 {
     std::uint64_t extent[] = {static_cast<std::uint64_t>(range.offset), static_cast<std::uint64_t>(range.length)};
     const bool isDone = m_isBlockDevice
-        ? ::ioctl(m_fd.get(), BLKZEROOUT, extent) == 0
-        : ::fallocate(m_fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.offset, range.length) == 0;
+        ? ::ioctl(m_written.get(), BLKZEROOUT, extent) == 0
+        : ::fallocate(m_file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.offset, range.length) == 0;
     m_bytesWritten += isDone ? range.length : 0;
     return isDone;
-}
-
-Range Image::nextData(std::int64_t offset, std::int64_t end) const
-{
-    const off_t start = ::lseek(m_fd.get(), offset, SEEK_DATA);
-    if (start < 0) {
-        // ENXIO: nothing but a hole; else holes are not told here, as with block devices
-        return errno == ENXIO ? between(end, end) : between(offset, end);
-    }
-    if (start >= end) {
-        return between(end, end);
-    }
-    const off_t hole = ::lseek(m_fd.get(), start, SEEK_HOLE);
-    return between(start, hole <= start ? end : std::min<std::int64_t>(hole, end));
-}
-
-void Image::dropCache() const
-{
-    ::posix_fadvise(m_fd.get(), 0, 0, POSIX_FADV_DONTNEED);
 }
 
 } // namespace kelvane::tool

@@ -8,7 +8,6 @@
 
 #include "base/Range.h"
 #include "image/Image.h"
-#include "remote/Pieces.h"
 #include "remote/Wire.h"
 #include "work/Blocks.h"
 #include "work/Side.h"
@@ -19,7 +18,7 @@ constexpr std::size_t LONGEST_TEXT = 1000; // of what one side tells people thro
 
 struct Hello {
     static constexpr std::uint32_t MAGIC = 0x484b564b; // "KVKH"
-    static constexpr std::uint32_t VERSION = 1;
+    static constexpr std::uint32_t VERSION = 2;
     static constexpr std::uint32_t ZSTD = 1;
 
     std::uint32_t version = VERSION;
@@ -35,7 +34,7 @@ struct Open {
     std::string hashFile; // empty: the image's
     bool isDestination = false;
     bool adopts = false;
-    Trust trust = Trust::Evidence;
+    Trust trust = Trust::Record;
     std::uint32_t jobs = 0; // 0: as many as the machine has cores
     std::optional<std::int64_t> partitionOffset;
     std::uint32_t compression = 0; // level of zstd, 0: none
@@ -70,21 +69,12 @@ struct AskBytes {
     static AskBytes decode(std::string_view payload); // at most Side::MOST_NODES units
 };
 
-struct Conclusion {
-    bool isUnchanged = true;
-    std::string remarks;
-    bool isBelieved = true; // what was known of the image
-    std::string doubt;      // why not
-    std::int64_t checkedBlocks = 0;
-    std::int64_t repairedBlocks = 0;
-
-    void encode(FieldWriter& to) const;
-    static Conclusion decode(FieldReader& from);
-};
+void encode(FieldWriter& to, const Conclusion& conclusion);
+Conclusion decodeConclusion(FieldReader& from);
 
 // A flag, and what was concluded when it is set.
 void encode(FieldWriter& to, const std::optional<Conclusion>& conclusion);
-std::optional<Conclusion> decodeConclusion(FieldReader& from);
+std::optional<Conclusion> decodeOptionalConclusion(FieldReader& from);
 
 struct Digests {
     std::vector<Digest> digests;
@@ -108,26 +98,6 @@ struct Written {
 
     std::string encode() const;
     static Written decode(std::string_view payload);
-};
-
-// The hash of the hashes of whole blocks.
-Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize);
-void checkDigest(Range range, const Digest& found, const Digest& told);
-
-// A stretch of data, perhaps compressed, with its hash.
-std::string encode(const Stretch& stretch, std::uint32_t compression);
-
-struct ReceivedStretch {
-    Range range;
-    bool isZeros = false;
-    bool isOfBlocks = false; // the hash is that of its blocks' hashes
-    Digest digest;
-    std::string data;
-
-    // Of one piece between `start` and the form's end. Fails when the data is not what the hash says.
-    static ReceivedStretch decode(std::string_view payload, std::int64_t start, const DataForm& form);
-
-    Stretch stretch() const { return {range, isZeros ? nullptr : data.data(), digest}; }
 };
 
 } // namespace kelvane::tool

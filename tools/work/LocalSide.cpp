@@ -8,62 +8,74 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "image/MappedData.h"
-#include "terminal/Text.h"
+#include "base/Text.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr int SLICE = 18; // the level up to which the store hashes a node's blocks at once: bounds its memory
+constexpr int LOW = 18; // the level up to which the store hashes a node's blocks at once: bounds its memory
 
 bool isAllZeros(const char* data, std::int64_t length)
 {
     return data[0] == 0 && std::memcmp(data, data + 1, static_cast<std::size_t>(length) - 1) == 0;
 }
 
-std::optional<std::uint32_t> blockSizeAt(const std::string& hashFilePath)
-{
-    std::error_code error;
-    return std::filesystem::exists(hashFilePath, error) ? std::optional(inspect(hashFilePath).block_size_in_bytes())
-                                                        : std::nullopt;
-}
-
 } // namespace
 
-Image openImage(const std::string& path, Image::Access access)
+Image openImage(const std::string& path, Image::Access access, AtLink atLink)
 {
-    Image image(path, access);
-    if (!image.isMissing() && isHashFile(path)) {
+    Image image(path, access, atLink);
+    if (!image.isMissing() && isHashFile(image.file().place())) {
         throw Failure(path, "this is a hash file, not an image");
     }
-    if (!image.isMissing() && Evidence::isRecord(path)) {
+    if (!image.isMissing() && isRecord(image.file())) {
         throw Failure(path, "this is the record beside a hash file, not an image");
     }
     return image;
 }
 
 LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common)
-    : m_image(openImage(path, access))
+    : m_image(openImage(path, access, options.atLink))
     , m_isDestination(access != Image::Access::Read)
     , m_options(std::move(options))
     , m_common(common)
-    , m_opening {m_image.size(), m_image.isMissing(), m_image.isBlockDevice(), m_options.pathFor(m_image),
-                 blockSizeAt(m_options.pathFor(m_image))}
 {
 }
 
+const Opening& LocalSide::opening()
+{
+    if (!m_opening) {
+        m_hashFile = HashFile::find(m_image, m_options, m_common.reporter);
+        m_opening = {m_image.size(),          m_image.permissions(), m_image.isMissing(),
+                     m_image.isBlockDevice(), hashFilePath(),        std::nullopt};
+        if (m_hashFile) {
+            m_opening->blockSize = static_cast<std::uint32_t>(m_hashFile->geometry().blockSize);
+        }
+    }
+    return *m_opening;
+}
+
+// A hash file is made once the image can be what it is to describe.
 void LocalSide::openHashes(const Start& start)
 {
+    opening();
     m_options.blockSize = start.blockSize;
-    m_hashed.emplace(m_image, HashFile::openOrCreate(m_image, m_options, sizeAfter(start), m_common.progress),
-                     m_common);
+    const std::int64_t size = sizeAfter(start);
+    if (m_isDestination) {
+        m_image.checkSize(size);
+    }
+    m_hashed.emplace(
+        m_image,
+        HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.reporter),
+        m_common);
 }
 
 void LocalSide::start(const Start& start)
 {
-    m_isDestination ? prepare(sizeAfter(start)) : m_hashed->adaptToImage();
-    m_hashed->complete(m_hashed->believes() ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
+    m_isDestination ? prepare(start) : m_hashed->adaptToImage();
+    const bool believes = m_hashed->belief().holds();
+    m_hashed->complete(believes ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
     const Geometry& geometry = m_hashed->hashFile().geometry();
     m_started = {geometry.partitionOffset, m_hashed->traffic().read, m_hashed->newBlocks()};
     m_blockSize = geometry.blockSize;
@@ -71,28 +83,32 @@ void LocalSide::start(const Start& start)
 }
 
 // Makes the destination what its hash file is to describe: there, and of that size.
-void LocalSide::prepare(std::int64_t size)
+void LocalSide::prepare(const Start& start)
 {
+    const std::int64_t size = sizeAfter(start);
     const bool fits = m_hashed->hashFile().geometry().targetSize == size;
     if (!m_image.isMissing() && m_image.size() == size && fits) {
         return;
     }
-    m_hashed->markChanging();
+    Belief& belief = m_hashed->belief();
+    belief.mark();
     if (m_image.isMissing()) {
-        m_image.create();
-        m_hashed->takeState();
+        m_image.create(start.permissions);
+        belief.dismissAll();
+        belief.look();
     }
     const auto resizeImage = [&] {
-        if (m_image.size() == size) {
-            return;
+        if (m_image.size() != size) {
+            belief.beginWriting(m_image);
+            disbelieveUnlessAlone(belief.changeImage([&] { m_image.resize(size); }));
         }
-        disbelieveUnlessAlone(m_hashed->changeImage([&] { m_image.resize(size); }));
     };
     if (fits) {
         resizeImage();
     } else {
         m_hashed->resize(size, resizeImage);
     }
+    m_image.endWriting();
 }
 
 Range LocalSide::rangeOf(int level, std::int64_t index) const
@@ -110,7 +126,7 @@ Digest LocalSide::digestOf(Range blocks)
     return m_hashed->store().hash(blocks, m_image, bytesRead);
 }
 
-// That of a node above the slices is the hash of its slices' hashes.
+// That of a high node is the hash of its low nodes' hashes.
 Digest LocalSide::digestOfNode(int level, std::int64_t index)
 {
     throwWhenInterrupted();
@@ -118,16 +134,16 @@ Digest LocalSide::digestOfNode(int level, std::int64_t index)
     if (range.length == 0) {
         return BlakeHash().get_hash(nullptr, 0);
     }
-    if (level <= SLICE) {
+    if (level <= LOW) {
         return digestOf(range);
     }
-    const std::int64_t sliceSize = (std::int64_t {1} << SLICE) * m_blockSize;
-    m_slices.resize(static_cast<std::size_t>(roundUp(m_compared, sliceSize) / sliceSize));
+    const std::int64_t size = (std::int64_t {1} << LOW) * m_blockSize;
+    m_lowNodes.resize(static_cast<std::size_t>(roundUp(m_compared, size) / size));
     std::vector<unsigned char> digests;
-    for (std::int64_t slice = range.offset / sliceSize; slice * sliceSize < range.end(); ++slice) {
-        Digest& digest = m_slices[static_cast<std::size_t>(slice)];
+    for (std::int64_t node = range.offset / size; node * size < range.end(); ++node) {
+        Digest& digest = m_lowNodes[static_cast<std::size_t>(node)];
         if (digest.empty()) {
-            digest = digestOf(rangeOf(SLICE, slice));
+            digest = digestOf(rangeOf(LOW, node));
         }
         digests.insert(digests.end(), digest.begin(), digest.end());
     }
@@ -147,13 +163,10 @@ void LocalSide::askBytes(Range range, std::int64_t unit)
     std::vector<Digest>& digests = m_digests.emplace_back();
     while (range.length > 0) {
         throwWhenInterrupted();
-        const Range piece = {range.offset, std::min(unit, range.length)};
-        const MappedData data(m_image, piece);
-        digests.push_back(BlakeHash().get_hash(data.get(), piece.length));
-        if (!data.isWhole()) {
-            data.fail();
-        }
-        range = between(piece.end(), range.end());
+        const Range next = takeFirst(range, unit);
+        const ImageData data(m_hashed->reader(), next);
+        digests.push_back(BlakeHash().get_hash(const_cast<char*>(data.get()), next.length)); // which is only read
+        data.check();
     }
 }
 
@@ -186,42 +199,39 @@ void LocalSide::read(const std::vector<Range>& ranges, bool withDigests, const S
         while (rest.length > 0) {
             throwWhenInterrupted();
             const Next next = nextOf(rest);
-            next.isHole ? sink({next.range, nullptr, {}}) : readPiece(next.range, withDigests, sink);
+            next.isHole ? sink({next.range, nullptr, {}}) : readData(next.range, withDigests, sink);
             rest = between(next.range.end(), rest.end());
         }
     }
 }
 
-// Stretches of blocks with content, and of zeros.
-void LocalSide::readPiece(Range piece, bool withDigests, const Sink& sink)
+// In pieces with content, and of zeros.
+void LocalSide::readData(Range range, bool withDigests, const Sink& sink)
 {
     const std::int64_t unit = std::min(m_blockSize, LONGEST_PIECE);
-    const MappedData data(m_image, piece);
-    std::vector<Range> stretches;
-    std::vector<bool> areZeros;
-    for (std::int64_t at = 0; at < piece.length; at += unit) {
-        const std::int64_t length = std::min(unit, piece.length - at);
-        const bool isZeros = isAllZeros(data.get() + at, length);
-        if (at > 0 && areZeros.back() == isZeros) {
-            stretches.back().length += length;
+    const ImageData data(m_hashed->reader(), range);
+    std::vector<Piece> pieces;
+    for (std::int64_t at = 0; at < range.length; at += unit) {
+        const std::int64_t length = std::min(unit, range.length - at);
+        const char* const content = isAllZeros(data.get() + at, length) ? nullptr : data.get() + at;
+        if (at > 0 && (pieces.back().data == nullptr) == (content == nullptr)) {
+            pieces.back().range.length += length;
         } else {
-            stretches.push_back({piece.offset + at, length});
-            areZeros.push_back(isZeros);
+            pieces.push_back({{range.offset + at, length}, content, {}});
         }
     }
-    for (std::size_t i = 0; i < stretches.size(); ++i) {
-        const Range range = stretches[i];
-        const bool hasDigest = withDigests && !areZeros[i] && range.length % m_blockSize == 0;
-        sink({range, areZeros[i] ? nullptr : data.get() + (range.offset - piece.offset),
-              hasDigest ? digestOf(range) : Digest()});
+    for (Piece& piece : pieces) {
+        if (withDigests && piece.data != nullptr && piece.range.length % m_blockSize == 0) {
+            piece.digest = digestOf(piece.range);
+        }
+        sink(piece);
     }
-    if (!data.isWhole()) {
-        data.fail();
-    }
+    data.check();
 }
 
 void LocalSide::startWriting(bool isSparse)
 {
+    m_hashed->belief().beginWriting(m_image);
     m_copier = std::make_unique<Copier>(m_image, *m_hashed, isSparse);
 }
 
@@ -229,11 +239,11 @@ OwnChange LocalSide::finishWriting()
 {
     m_copier->flush();
     if (!m_copier->isSparse()) {
-        Progress progress("fill", m_image.size(), m_common.progress);
-        m_copier->fillHoles(progress);
+        m_copier->fillHoles(*m_common.reporter.begin("fill", m_image.size()));
     }
-    m_hashed->flushHashes();
+    m_hashed->belief().flushHashes();
     disbelieveUnlessAlone(m_copier->ownChange());
+    m_image.endWriting();
     return m_copier->ownChange();
 }
 
@@ -241,7 +251,7 @@ OwnChange LocalSide::finishWriting()
 void LocalSide::disbelieveUnlessAlone(const OwnChange& change)
 {
     if (!change.wasUnchanged || !change.wasAlone) {
-        m_hashed->believe(false);
+        m_hashed->belief().dismiss();
     }
 }
 
@@ -249,13 +259,14 @@ void LocalSide::abandon()
 {
     const LettingFinish finishing;
     try {
-        if (m_copier) {
+        if (m_copier && !m_hashed->belief().hasLostWrites()) {
             m_copier->dropPartOfBlock();
             m_copier->flush();
             disbelieveUnlessAlone(m_copier->ownChange());
         }
+        m_image.endWriting();
         if (m_hashed) {
-            m_hashed->flushHashes();
+            m_hashed->belief().flushHashes();
             m_hashed->conclude();
         }
     } catch (const std::exception&) {
@@ -265,8 +276,7 @@ void LocalSide::abandon()
 
 void LocalSide::distrust()
 {
-    m_hashed->markChanging();
-    m_hashed->believe(false);
+    m_hashed->belief().contradict();
 }
 
 } // namespace kelvane::tool

@@ -2,19 +2,16 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <kelvane/BlockHashStore.h>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Range.h"
-#include "work/HashedImage.h"
+#include "work/Belief.h"
+#include "work/Conclusion.h"
+#include "work/Piece.h"
 
 namespace kelvane::tool {
-
-using Digest = BlockHashStore::HashValue;
 
 // Blocks in a tree: node `index` of level `level` is the blocks from index << level on, 1 << level of them, as far as
 // there are so many whole ones.
@@ -29,6 +26,7 @@ struct Nodes {
 // What there is before anything was changed.
 struct Opening {
     std::int64_t size = 0; // 0 where there is no image yet
+    std::uint32_t permissions = 0;
     bool isMissing = false;
     bool isBlockDevice = false;
     std::string hashFile;
@@ -37,8 +35,9 @@ struct Opening {
 
 struct Start {
     std::uint32_t blockSize = 0;
-    std::int64_t targetSize = 0; // to which a destination is brought; a block device keeps its own
-    std::int64_t compared = 0;   // how much of the image will be compared
+    std::int64_t targetSize = 0;   // to which a destination is brought; a block device keeps its own
+    std::uint32_t permissions = 0; // of one that is made, but for what the umask takes
+    std::int64_t compared = 0;     // how much of the image will be compared
 };
 
 // What went over the line to a far side, and how often an answer had to be waited for.
@@ -53,17 +52,6 @@ struct Started {
     std::int64_t bytesRead = 0;
     std::vector<std::int64_t> newBlocks; // see HashedImage::newBlocks
 };
-
-// Stretches come in ascending order, and none is longer than this, but for zeros, whose data is null.
-constexpr std::int64_t LONGEST_PIECE = 1 << 20;
-
-struct Stretch {
-    Range range;
-    const char* data;
-    Digest digest; // the hash of the hashes of its blocks, as the giver knows them; may be empty
-};
-
-using Sink = std::function<void(const Stretch& stretch)>;
 
 // In the order of a command: `openHashes`, `start`, what is asked, `conclude`. What takes long is asked of both sides
 // before either one is waited for; answers come in the order of the questions. Every failure is a Failure that names
@@ -106,14 +94,14 @@ public:
     // What is read from now on comes from the disk, where the system can be made to read it.
     virtual void dropCache() = 0;
 
-    // Gives the data of ranges of whole blocks, but for the image's end. `withDigests`: where a stretch is of whole
+    // Gives the data of ranges of whole blocks, but for the image's end. `withDigests`: where a piece is of whole
     // blocks, with its digest.
     virtual void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) = 0;
 
     // Of a destination. `isSparse`: zeros become holes; otherwise no hole is left in the end. How it was found is told
     // then.
     virtual void startWriting(bool isSparse) = 0;
-    virtual void write(const Stretch& stretch) = 0;
+    virtual void write(const Piece& piece) = 0;
     virtual OwnChange finishWriting() = 0;
 
     // Instead of all that follows, after a failure: what was written so far is kept and recorded.
@@ -122,11 +110,9 @@ public:
     // What the hashes say of the data has turned out to be wrong.
     virtual void distrust() = 0;
 
-    // The last one. False when the image was changed while it was used.
-    virtual bool conclude() = 0;
+    // The last one.
+    virtual const Conclusion& conclude() = 0;
 
-    virtual std::string remarks() const = 0; // lines about what was checked
-    virtual nlohmann::ordered_json freshness() const = 0;
     virtual std::optional<LineTraffic> lineTraffic() const { return std::nullopt; } // of a near one none
 };
 
