@@ -31,7 +31,15 @@ std::string frame(FrameType type, const std::string& payload)
 std::vector<std::pair<Kind, std::string>> seeds()
 {
     const Open open {"disk.img", "disk.hashes", true, true, Trust::Nothing, 4, 1 << 20, 3, 1 << 20};
-    const Conclusion conclusion {false, "2 blocks repaired\n", false, "it was changed since", 5, 2};
+    const Conclusion conclusion {false,
+                                 true,
+                                 {{1234, "qemu"}, {0, "/dev/loop3"}},
+                                 false,
+                                 "it was changed since",
+                                 5,
+                                 2,
+                                 true,
+                                 "2 blocks repaired\n"};
     const Digest digest(32, 7);
     const std::string data(BLOCK, 'x');
     const Digest ofBlocks = digestOfBlocks(data.data(), BLOCK, BLOCK);
@@ -42,9 +50,9 @@ std::vector<std::pair<Kind, std::string>> seeds()
     return {
         {Kind::Hello, Hello().encode()},
         {Kind::Open, open.encode()},
-        {Kind::Start, encode(Start {BLOCK, 9 * BLOCK, 8 * BLOCK})},
+        {Kind::Start, encode(Start {BLOCK, 9 * BLOCK, 0640, 8 * BLOCK})},
         {Kind::Started, encode(Started {1 << 20, 5, {1, 7, 8}})},
-        {Kind::Opening, encode(Opening {9 * BLOCK, false, true, "disk.img.hashes", BLOCK})},
+        {Kind::Opening, encode(Opening {9 * BLOCK, 0640, false, true, "disk.img.hashes", BLOCK})},
         {Kind::AskNodes, AskNodes {{18, {0, 3, 5}}, true}.encode()},
         {Kind::AskBytes, AskBytes {{BLOCK, 99}, 10}.encode()},
         {Kind::Digests, Digests {{digest, digest}, {}}.encode()},
@@ -53,13 +61,14 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::Data, encode({{BLOCK, 1 << 20}, nullptr, {}}, 0)},
         {Kind::Data, encode({{BLOCK, 9}, data.data(), {}}, 0)},
         {Kind::Data, encode({{BLOCK, BLOCK}, data.data(), ofBlocks}, 3)},
-        {Kind::List, "# lines\n4096 + 8192\n0\t1\nequal; 5 blocks\n"},
-        {Kind::List, R"({"differing": [{"offset": 4096, "length": 9}]})"},
+        {Kind::List, "# lines\n4096 + 8192\n0\t1\n# equal; 5 blocks\n"},
+        {Kind::List,
+         R"({"verdict": "different", "sizes": [], "changedMeanwhile": [], "differing": [{"offset": 4096, "length": 9}]})"},
         {Kind::List, R"([{"start": 0, "length": 4096, "zero": true, "data": false}])"},
         {Kind::Bitmap, R"([{"offset": 0, "length": 4096, "type": 1}, {"offset": 4096, "length": 9, "type": 2}])"},
         {Kind::Written, Written {{true, false}, conclusion}.encode()},
         {Kind::End, partOfMessage([&](FieldWriter& to) { encode(to, std::optional(conclusion)); })},
-        {Kind::Concluded, partOfMessage([&](FieldWriter& to) { conclusion.encode(to); })},
+        {Kind::Concluded, partOfMessage([&](FieldWriter& to) { encode(to, conclusion); })},
         {Kind::Stream, kelvane::testing::streamOf(frames)},
         {Kind::Stream, kelvane::testing::streamOf(frames + unfinished)},
         {Kind::Frames, frames},

@@ -5,6 +5,7 @@
 #include <array>
 #include <functional>
 #include <kelvane/BlakeHash.h>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -73,9 +74,19 @@ void checkStretch(const std::string& text)
 
 void checkList(const std::string& text, std::optional<ListFormat> format)
 {
-    for (const auto& [range, number] : parseRangeList(text, "list", format, MapEntries::All).entries) {
+    const RangeList list = parseRangeList(text, "list", format, MapEntries::All);
+    for (const auto& [range, number] : list.entries) {
         require(range.offset >= 0 && range.length >= 0 && range.end() >= range.offset && number > 0,
                 "an impossible range");
+    }
+    if (list.format == ListFormat::Lines) {
+        std::istringstream lines(text);
+        std::size_t ranges = 0;
+        for (std::string line; std::getline(lines, line);) {
+            require(!lines.eof() && !line.starts_with("# undecided"), "a list of which a part may be missing");
+            ranges += line.empty() || line[0] == '#' ? 0 : 1;
+        }
+        require(list.entries.size() == ranges, "a line is lost");
     }
 }
 
@@ -185,10 +196,10 @@ const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
     [](const std::string& text) { checkList(text, std::nullopt); },
     [](const std::string& text) { checkList(text, ListFormat::Bitmap); },
     thereAndBack([](const std::string& text) { return Written::decode(text); }),
-    partThereAndBack([](FieldReader& from) { return decodeConclusion(from); },
+    partThereAndBack([](FieldReader& from) { return decodeOptionalConclusion(from); },
                      [](FieldWriter& to, const std::optional<Conclusion>& conclusion) { encode(to, conclusion); }),
-    partThereAndBack([](FieldReader& from) { return Conclusion::decode(from); },
-                     [](FieldWriter& to, const Conclusion& conclusion) { conclusion.encode(to); }),
+    partThereAndBack([](FieldReader& from) { return decodeConclusion(from); },
+                     [](FieldWriter& to, const Conclusion& conclusion) { encode(to, conclusion); }),
     checkStream,
     [](const std::string& text) { checkStream(streamOf(text)); },
 };

@@ -31,23 +31,24 @@ def torn():
         os.pwrite(file.fileno(), bytes(16), ENTRIES + 512)  # a crash lost the second half of entry 15
 
 
-def judged(image, doubt="", checked=0, repaired=0):
-    return dict(image=image, believed=not doubt, doubt=doubt, checkedBlocks=checked, repairedBlocks=repaired)
+def judged(image, doubt="", checked=0, repaired=0, recorded=True):
+    return dict(image=image, believed=not doubt, doubt=doubt, checkedBlocks=checked, repairedBlocks=repaired,
+                openForWriting=False, writers=[], recorded=recorded)
 
 
 SINCE, TORN = "it was changed since", "the hash file was changed or replaced since they were recorded as true"
-CUT_SHORT = "the last run was cut short, or it was changed while that ran"
+CUT_SHORT = "the last run was cut short"
 NO_RECORD = "no record says that they are true of it"
-BUILD = dict(hashFile="a.hashes", created=False, blockSize=BLOCK, knownBlocks=20, bytesRead=0, bytesOfHoles=0,
+BUILD = dict(verdict="done", hashFile="a.hashes", created=False, blockSize=BLOCK, knownBlocks=20, bytesRead=0, bytesOfHoles=0,
              bytesKnownBefore=20 * BLOCK, freshness=judged("a"), changedMeanwhile=[])
-VERIFY = dict(image="a", good=False, blocksChecked=20, badBlocks=3, marked=False, recordedSize=20 * BLOCK + 100,
-              imageSize=20 * BLOCK + 100, changedMeanwhile=[],
+VERIFY = dict(verdict="wrong", image="a", good=False, blocksChecked=20, badBlocks=3, marked=False, recordedSize=20 * BLOCK + 100,
+              imageSize=20 * BLOCK + 100, freshness=judged("a", SINCE, recorded=False), changedMeanwhile=[],
               bad=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK), dict(offset=DEVICE + 19 * BLOCK, length=BLOCK)])
-DIFF = dict(equal=False, bytes=3 * BLOCK + 100, comparisons=22, bytesRead=200, sizes=[20 * BLOCK + 100] * 2,
+DIFF = dict(verdict="different", equal=False, bytes=3 * BLOCK + 100, comparisons=22, bytesRead=200, sizes=[20 * BLOCK + 100] * 2,
             freshness=[judged("a"), judged("b")], changedMeanwhile=[],
             differing=[dict(offset=DEVICE + 3 * BLOCK, length=2 * BLOCK),
                        dict(offset=DEVICE + 12 * BLOCK, length=BLOCK), dict(offset=DEVICE + 20 * BLOCK, length=100)])
-SYNC = dict(equal=True, bytesCompared=20 * BLOCK + 100, bytesCopied=3 * BLOCK + 100, ranges=3, comparisons=22,
+SYNC = dict(verdict="equal", equal=True, bytesCompared=20 * BLOCK + 100, bytesCopied=3 * BLOCK + 100, ranges=3, comparisons=22,
             bytesRead=200, verified=False, freshness=[judged("a"), judged("b")], changedMeanwhile=[])
 CHECKED, COPIED = "a: 20 known blocks checked, 0 repaired\n", "3 ranges, TIME"
 
@@ -68,25 +69,25 @@ ANSWERS = [
     (torn, "build a", 0, dict(BUILD, bytesRead=20 * BLOCK, bytesKnownBefore=0, freshness=judged("a", TORN, 20, 1)),
      "a.hashes: 20 blocks known\n80.00 KiB read, 0 bytes of holes, 0 bytes known before, in TIME\n"
      "a: 20 known blocks checked, 1 repaired\n"),
-    (wrong, "build a --assume-unchanged", 0, BUILD,
+    (wrong, "build a --assume-unchanged", 0, dict(BUILD, freshness=judged("a", recorded=False)),
      "a.hashes: 20 blocks known\n0 bytes read, 0 bytes of holes, 80.00 KiB known before, in TIME\n"),
-    (built, "verify a", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]), "a: 20 known blocks checked, 0 wrong\n"),
-    (built, "verify a --mark", 0, dict(VERIFY, good=True, badBlocks=0, bad=[]),
+    (built, "verify a", 0, dict(VERIFY, verdict="good", good=True, badBlocks=0, bad=[], freshness=judged("a")), "a: 20 known blocks checked, 0 wrong\n"),
+    (built, "verify a --mark", 0, dict(VERIFY, verdict="good", good=True, badBlocks=0, bad=[], freshness=judged("a")),
      "a: 20 known blocks checked, 0 wrong\n"),
     (wrong, "verify a", 1, VERIFY,
      "wrong: 1060864 + 8192\nwrong: 1126400 + 4096\na: 20 known blocks checked, 3 wrong\n"),
-    (wrong, "verify a --mark -j 1", 1, dict(VERIFY, marked=True),
+    (wrong, "verify a --mark -j 1", 1, dict(VERIFY, marked=True, freshness=judged("a", SINCE)),
      "wrong: 1060864 + 8192\nwrong: 1126400 + 4096\na: 20 known blocks checked, 3 wrong, now unknown\n"),
     (grown, "verify a", 1, dict(VERIFY, badBlocks=0, bad=[], imageSize=20 * BLOCK + 20100),
      "size: 102,020 bytes, 82,020 recorded; build adapts it\na: 20 known blocks checked, 0 wrong\n"),
     (built, "diff a b", 1, DIFF, "1060864 + 8192\n1097728 + 4096\n1130496 + 100\n"
-     "different: 12,388 bytes in 3 ranges; 22 comparisons, 200 bytes of data read\n"),
+     "# different: 12,388 bytes in 3 ranges; 22 comparisons, 200 bytes of data read\n"),
     (grown, "diff a b", 1,
      dict(DIFF, bytes=3 * BLOCK + 20100, sizes=[20 * BLOCK + 20100, 20 * BLOCK + 100], bytesRead=24 * BLOCK + 200,
           freshness=[judged("a", SINCE, 20), judged("b")],
           differing=DIFF["differing"][:2] + [dict(offset=DEVICE + 20 * BLOCK, length=20100)]),
-     "1060864 + 8192\n1097728 + 4096\n1130496 + 20100\nsizes: 102,020 bytes and 82,020 bytes\n" + CHECKED +
-     "different: 32,388 bytes in 3 ranges; 22 comparisons, 98,504 bytes of data read\n"),
+     "1060864 + 8192\n1097728 + 4096\n1130496 + 20100\n# sizes: 102,020 bytes and 82,020 bytes\n# " + CHECKED +
+     "# different: 32,388 bytes in 3 ranges; 22 comparisons, 98,504 bytes of data read\n"),
     (built, "sync a b", 0, SYNC,
      f"82,020 bytes compared by 22 comparisons and 200 bytes of data read, 12,388 bytes copied in {COPIED}\n"),
     (built, "sync a b --verify", 0, dict(SYNC, verified=True),
@@ -150,19 +151,20 @@ class Answers(Case):
         self.call("build a")
         flip("a", 5 * BLOCK)
         self.call("build a --check")
-        Path("list").write_text("1048576 100")
+        Path("list").write_text("1048576 100\n")
         self.call("invalidate a --from list")
         disturbs = {"SHIM_AT": "mmap a",  # before it writes itself
                     "SHIM_DO": "printf x | dd of=a.hashes bs=1 seek=4500 conv=notrunc status=none"}
         self.assertIn("a.hashes: was changed or replaced", self.call("build a -j 1", 1, shim=disturbs).stdout)
-        self.assertEqual(self.json("build a")["freshness"]["doubt"], CUT_SHORT)
+        self.assertRegex(self.json("build a")["freshness"]["doubt"], "hash file was changed by something else while")
         grows = {"SHIM_AT": "fsync a", "SHIM_DO": "head -c 5000 /dev/zero >>a"}  # between its opening and a first look
         self.assertIn("changed: a was changed while", self.call("build a --check", 1, shim=grows).stdout)
         os.truncate("a", 20 * BLOCK + 100)
         self.call("build a")
         shutil.copyfile("a", "same")
         touched = {"SHIM_AT": "mmap a", "SHIM_DO": "touch a"}
-        self.assertRegex(self.call("diff a same --check -j 1", 1, shim=touched).stdout, r"\nchanged: a .*\nundecided; ")
+        done = self.call("diff a same --check -j 1", 1, shim=touched)
+        self.assertRegex(done.stdout, r"\n# changed: a .*\n# undecided; ")
         self.call("verify a")
         self.assertIn("unchanged", self.call("info a.hashes").stdout)
         shutil.copyfile("a", "b")
@@ -262,7 +264,7 @@ class KelvaneHash(Case):
             known = self.json("info s.hashes")["knownBlocks"]
             self.assertTrue(0 < known < 15000, known)
             last = {name: max((i for i, call in enumerate(calls) if call == name), default=-1)
-                    for name in ("pwrite s.hashes", "fsync s.hashes", "rename s.hashes.state")}
+                    for name in ("pwrite s.hashes", "fsync s.hashes", "pwrite s.hashes.state")}
             self.assertEqual(list(last), sorted(last, key=last.get), "what was done is on the disk, and recorded")
             self.assertEqual(self.json(f"build s -j {jobs}")["bytesKnownBefore"], known * BLOCK)
         self.call("build s")
@@ -291,7 +293,8 @@ class KelvaneHash(Case):
         for command in "sync a b --adopt -j 1", "sync a b --check -j 2", "sync a b":
             unflushed, forgotten = set(), False
             for call in self.calls(command):
-                kind, name = call.split()
+                kind, *name = call.split()
+                name = " ".join(name)
                 if kind in ("pwrite", "fallocate") and name in ("b", "b.hashes"):
                     self.assertFalse(unflushed - {name}, call)
                     forgotten = forgotten or name == "b.hashes"
@@ -368,74 +371,6 @@ class KelvaneHash(Case):
         self.assertEqual(self.call("x y", 1, EXAMPLES[1]).stdout.splitlines()[:-1], expected)
         self.call("x x.hashes", program=EXAMPLES[0])
 
-    @unittest.skipUnless(shutil.which("qemu-nbd") and shutil.which("nbdinfo"), "no qemu-utils, or no libnbd-bin")
-    def test_changes_that_qemu_tells(self):
-        script = ORACLE.parent.with_name("examples") / "told_changes.sh"
-        done = run([script, os.path.dirname(os.path.dirname(PROGRAM)), "."], capture_output=True, text=True, timeout=60)
-        self.assertEqual(done.returncode, 0, done)
-        self.assertIn('"bytesRead": 135168,', done.stdout)
-
-    def test_invalidate(self):
-        built()
-        flip("a", 3 * BLOCK, 12 * BLOCK)
-        lists = {
-            "lines": (f"{DEVICE + 3 * BLOCK} + 1\n# more\n{DEVICE + 12 * BLOCK}\t{BLOCK}\n", 2 * BLOCK),
-            "diff": ('{"differing": [{"offset": %d, "length": 9}]}' % (DEVICE + 3 * BLOCK), BLOCK),
-            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}, '
-                       '{"offset": 77824, "length": 4608, "type": 1}]', 3 * BLOCK),  # of whole sectors, as QEMU has it
-            "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
-                    '{"start": 4096, "length": 8192, "zero": false, "data": true}, '
-                    '{"start": 77824, "length": 4196, "zero": false, "data": true}, '
-                    '{"start": 82020, "length": 412, "zero": true, "data": false}]', 3 * BLOCK)}
-        Path("a.hashes.state").unlink()  # what is told need not be all that has changed
-        Path("told").write_text(f"{DEVICE} + 1\n")
-        self.assertFalse(self.json("invalidate a --from told")["recorded"])
-        self.assertEqual(self.json("build a")["freshness"]["repairedBlocks"], 2)
-        flip("a", 3 * BLOCK, 12 * BLOCK)
-        for name, (text, unknown) in lists.items():
-            Path(name).write_text(text)
-            self.call("build a")
-            flip("a", 19 * BLOCK)
-            answer = self.json(f"invalidate a --from {name}")
-            self.assertTrue(answer["recorded"])
-            answer = self.json("build a")
-            self.assertEqual((answer["bytesRead"], answer["freshness"]["doubt"]), (unknown, ""))  # it was promised
-        self.json("build a --check")
-        self.call("invalidate a --from map --what zero")
-        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
-        self.call("invalidate a --from map --what all --format qemu-img")
-        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 4)
-        for text, cause in (("12 13 x\n", "line 1"), ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("[1]", "entry 1"),
-                            ("{}", "differing"), ("[{", "parse error"), ("\n", "is empty"),
-                            ("1048575 + 1\n",
-                             rf"line 1: 1048575 \+ 1 is not in a, which reaches from {DEVICE} to {DEVICE + 82020}$"),
-                            (f"# {DEVICE}\n{DEVICE} + 82021\n", "line 2: "),
-                            ('{"differing": [{"offset": %d, "length": 82021}]}' % DEVICE, "entry 1: .* is not in a"),
-                            ('[{"start": 0, "length": 82433, "zero": false, "data": true}]', "entry 1: .* is not in a"),
-                            ('[{"offset": 0, "length": 9, "type": 0}, {"offset": 82020, "length": 413, "type": 1}]',
-                             "entry 2: .* is not in a"),
-                            ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
-                             "entry 2"),
-                            (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
-                            (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
-            Path("wrong").write_text(text)
-            before = Path("a.hashes").read_bytes()
-            self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
-            self.assertEqual(Path("a.hashes").read_bytes(), before)
-
-        os.mkdir("list")
-        os.mkfifo("pipe")
-        run(["truncate", "-s", "1G", "long"], check=True)
-        for name, cause in ("list", "Is a directory"), ("long", "longer than 256 MiB"), ("none", "No such file"):
-            self.check_complaint(f"invalidate a --from {name}", f"{name}: .*{cause}")
-        waits = Popen([PROGRAM, "invalidate", "a", "--from", "pipe"], stderr=PIPE)
-        with open("pipe", "w") as pipe:  # it has opened the other end
-            waits.terminate()
-            self.assertIn(b"interrupted", waits.communicate(timeout=60)[1])
-        Path("lines").write_text(self.call("diff a b", 1).stdout + "far: 1,234 bytes sent, 5 received, in 1 round trip\n")
-        with open("lines") as lines:
-            self.call("invalidate a --from -", stdin=lines)
-
     def test_errors_are_one_line_with_the_file_and_the_cause(self):
         Path("e").write_bytes(randbytes(1000 * BLOCK))
         Path("f").write_bytes(randbytes(1000 * BLOCK))
@@ -457,8 +392,7 @@ class KelvaneHash(Case):
                 ("diff e f", "f.hashes.* 4,096 bytes|f.hashes.* 8,192 bytes"),
                 ("build e --block-size 8K", "e.hashes: at offset 24"), ("hash e --partition-offset 1", " offset 40"),
                 (f"build e --hash-file h --partition-offset {(1 << 63) - 1}", "e: the partition offset is too large"),
-                ("build e --block-size 0", "block size"), ("build e --block-size 4X", "4X"),
-                ("build e --jobs 0", "jobs"), ("hash e --range 4092K:8192", "e: at offset 4190208: .*8,192")):
+                ("hash e --range 4092K:8192", "e: at offset 4190208: .*8,192")):
             self.check_complaint(command, cause)
         self.assertFalse(os.path.exists("new"), "the destination is made once all is in order")
         with open("/dev/full", "w") as full:
@@ -467,21 +401,26 @@ class KelvaneHash(Case):
         self.check_complaint("sync e large", "large: .*File too large", **limit_files(1 << 20))
 
     def test_block_devices(self):
-        Path("disk").write_bytes(randbytes(200 * BLOCK))
-        made = run(["losetup", "--find", "--show", "disk"], capture_output=True, text=True)
-        if made.returncode:
-            self.skipTest("no loop device: " + made.stderr.strip())
-        device = made.stdout.strip()
-        try:
-            self.check_complaint(f"build {device}", "say where its hash file is, with --hash-file")
-            build = f"build {device} --hash-file hashes"
-            self.call(build)
-            self.assertEqual(self.json(build)["bytesRead"], 0)
-            run(["dd", "if=/dev/urandom", f"of={device}", "bs=4096", "count=1", "seek=7", "status=none"], check=True)
-            self.assertEqual(self.json(build)["freshness"]["repairedBlocks"], 1)
-            self.call(f"sync disk {device} --dest-hash-file hashes --verify")
-        finally:
-            run(["losetup", "--detach", device], check=True)
+        Path("disk").write_bytes(randbytes(200 * BLOCK + 512))
+        for access, believed in ("--read-only", True), ("--partscan", False):
+            made = run(["losetup", "--find", "--show", access, "disk"], capture_output=True, text=True)
+            if made.returncode:
+                self.skipTest("no loop device: " + made.stderr.strip())
+            device = made.stdout.strip()
+            try:
+                self.check_complaint(f"build {device}", "say where its hash file is, with --hash-file")
+                build = f"build {device} --hash-file hashes --adopt"
+                self.call(build)
+                self.assertEqual(self.json(build)["bytesRead"], 0 if believed else 200 * BLOCK)
+                flip("disk", 7 * BLOCK)  # the device, and what the system holds of it, know nothing of that
+                self.assertEqual(self.json(build)["freshness"]["repairedBlocks"], 1)
+                if not believed:
+                    Path("new").write_bytes(randbytes(200 * BLOCK + 512))
+                    self.call(f"sync new {device} --dest-hash-file hashes --verify --adopt")
+                    self.assertEqual(Path("disk").read_bytes(), Path("new").read_bytes())
+                    self.assertIn(f"by {device};", self.call("build disk", 1).stdout)
+            finally:
+                run(["losetup", "--detach", device], check=True)
 
 
 main()

@@ -43,20 +43,21 @@ class Case(unittest.TestCase):
         self.addCleanup(os.chdir, HOME)
         os.chdir(self.directory.name)
 
-    def call(self, command, expect=0, program=PROGRAM, stdout=PIPE, shim=None, **options):
+    def call(self, command, expect=0, program=PROGRAM, arguments=(), stdout=PIPE, shim=None, **options):
         if shim:
             options["env"] = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
-        done = run([program, *command.split()], stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
+        command = [program, *command.split(), *arguments]
+        done = run(command, stdout=stdout, stderr=PIPE, text=True, timeout=300, **options)
         self.assertEqual(done.returncode, expect, done)
         return done
 
     def json(self, command, expect=0, **options):
         return json.loads(self.call(command + " --json", expect, **options).stdout)
 
-    def calls(self, command):
+    def calls(self, command, **shim):
         """What the program does with files, in order."""
         Path("calls").unlink(missing_ok=True)
-        self.call(command, shim={"SHIM_LOG": "calls"})
+        self.call(command, shim={"SHIM_LOG": "calls", **shim})
         return Path("calls").read_text().splitlines()
 
     def check_complaint(self, command, cause, **options):

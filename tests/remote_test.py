@@ -31,7 +31,7 @@ def encoded(frames):
     return stream
 
 
-def hello(version=1, capabilities=1, timeout=60):
+def hello(version=2, capabilities=1, timeout=60):
     return frame(HELLO, struct.pack("<IIII", 0x484B564B, version, capabilities, timeout))
 
 
@@ -39,6 +39,10 @@ def opening(path, destination=False, hash_file="", trust=0, jobs=1, level=0, rat
     return frame(OPEN,
                  string(path) + string(hash_file) + bytes([destination, 0, trust])
                  + struct.pack("<IBqIq", jobs, 0, 0, level, rate))
+
+
+def start(target, compared, block=BLOCK, permissions=0o600):
+    return frame(START, struct.pack("<IqIq", block, target, permissions, compared))
 
 
 def data(offset, content, of_blocks=False):
@@ -106,7 +110,8 @@ class Remote(RemoteCase):
             again = self.remote(f"sync {source} {destination} --json")
             self.assertIn('"bytesCopied": 0', again.stdout)
             self.assertNotIn("note", again.stderr)
-            self.assertEqual(self.remote(f"diff {destination} {source}").stdout.split(";")[0], "equal")
+            self.assertRegex(self.remote(f"diff {destination} {source}").stdout,
+                             r"\A# .* bytes sent, .*\n# equal; .* read\n\Z")
             flip(local[0], 7)
             self.assertIn("it was changed since", self.remote(f"diff {source} {destination}", 1).stderr)
         self.images()
@@ -330,14 +335,14 @@ class Remote(RemoteCase):
 
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
-        opened = frame(OPENED, struct.pack("<qBB", 60 * BLOCK + 99, 0, 0) + string("h") + struct.pack("<I", BLOCK))
+        opened = frame(OPENED, struct.pack("<qIBB", 60 * BLOCK + 99, 0o600, 0, 0) + string("h") + struct.pack("<I", BLOCK))
         started = frame(STARTED, struct.pack("<qqI", 0, 0, 0))
         digests = [frame(DIGESTS, struct.pack("<I", count) + bytes(32 * count) + b"\0") for count in range(61)]
         answers = hello() + opened + started + digests[1] + digests[1]  # of the end, of all, of pairs, of blocks
         reading = answers + digests[30] + digests[60]
         lies = {
             "closed": ([], "closed"), "text": ([b"Welcome to this machine!\n" * 10], "damaged, or none"),
-            "version": (hello(2), "speaks version 2 of the protocol"),
+            "version": (hello(1), "speaks version 1 of the protocol"),
             "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"),
             "zeros": (hello() + [b"\0" * 13], "damaged"), "type": (hello() + frame(99), "of type 99 with"),
             "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"),
@@ -389,9 +394,9 @@ class Remote(RemoteCase):
     def test_a_client_that_does_not_keep_to_the_protocol(self):
         self.images()
         size = 60 * BLOCK + 99
-        ready = hello() + opening("there/far", True) + frame(START, struct.pack("<Iqq", BLOCK, size, size))
+        ready = hello() + opening("there/far", True) + start(size, size)
         writing = ready + frame(START_WRITING, b"\0")
-        reading = hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size))
+        reading = hello() + opening("there/far") + start(0, size)
 
         def nodes(level, *indexes):
             return frame(ASK_NODES,
@@ -400,9 +405,9 @@ class Remote(RemoteCase):
         lies = [hello() + opening(""), [], [b"GET / HTTP/1.1\r\n\r\n"], hello(7), opening("near"), hello() + hello(),
                 hello() + opening("near", jobs=1025), hello() + opening("near", level=20),
                 hello(capabilities=2) + opening("near", level=1),
-                hello() + opening("there/far") + frame(START, struct.pack("<Iqq", 0, 0, 0)),
-                hello() + opening("there/far") + frame(START, struct.pack("<Iqq", BLOCK, 0, size + 1)),
-                hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.new", True, "./far"),
+                hello() + opening("there/far") + start(0, 0, 0),
+                hello() + opening("there/far") + start(0, size + 1),
+                hello() + opening("fresh", True, "there/../fresh"), hello() + opening("far.state", True, "./far"),
                 reading + frame(START_WRITING, b"\0"), reading + nodes(0, 3, 3), reading + nodes(63, 0),
                 reading + nodes(0, 1 << 62, -1), reading + nodes(60, 9),
                 reading + frame(ASK_NODES, struct.pack("<BII", 0, 0, 9999)),
@@ -469,14 +474,12 @@ class Remote(RemoteCase):
         files = {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()}
         read_only = (*root, "--read-only")
         self.assertEqual(self.serve(hello() + opening("far", True), *read_only)[0], ERROR)
-        start = frame(START, struct.pack("<Iqq", BLOCK, 0, BLOCK))
-        self.assertEqual(self.serve(hello() + opening("sub/inside") + start, *read_only)[0], ERROR)
-        self.assertEqual(self.serve(hello() + opening("far") + start, *read_only)[0], STARTED)
+        self.assertEqual(self.serve(hello() + opening("sub/inside") + start(0, BLOCK), *read_only)[0], ERROR)
+        self.assertEqual(self.serve(hello() + opening("far") + start(0, BLOCK), *read_only)[0], STARTED)
         self.assertEqual(files, {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()})
-        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "pwrite fresh.hashes.new,fsync fresh.hashes.new,ftruncate fresh",
+        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "link fresh.hashes,ftruncate fresh",
                 "SHIM_DO": "mv there/sub there/moved; ln -s ../outside2 there/sub"}
-        start = frame(START, struct.pack("<Iqq", BLOCK, BLOCK, BLOCK))
-        self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start, *root, **swap)[0], STARTED)
+        self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start(BLOCK, BLOCK), *root, **swap)[0], STARTED)
         self.assertEqual(os.listdir("outside2"), [])
         self.assertLess({"fresh", "fresh.hashes"}, set(os.listdir("there/moved")))
         self.assertIn("sub/fresh: ", self.serve(hello() + opening("moved/no/sub/fresh"), *root)[1])

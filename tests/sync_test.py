@@ -77,7 +77,8 @@ class Sync(Case):
     def test_what_others_write_at_the_same_time_is_in_no_hash(self):
         built()
         with open("b", "r+b"):
-            self.assertTrue(self.json("sync a b")["verified"], "who has it open can write to it unnoticed")
+            answer = self.json("sync a b", 1)
+            self.assertEqual((answer["verified"], answer["freshness"][1]["writers"][0]["pid"]), (True, os.getpid()))
         stripes = b"".join(bytes([i % 2]) * 64 for i in range(20000))  # copied in three batches
         for at in 1 / 3, 2 / 3:
             for end in "TERM", "KILL":

@@ -197,7 +197,7 @@ def run_command(figures):
 def order_is_safe(calls):
     """A record is written once the hash file's changes are flushed, but for the one that says "not clean"."""
     for name in NAMES:
-        records = [i for i, call in enumerate(calls) if call == f"rename {name}.hashes.state"]
+        records = [i for i, call in enumerate(calls) if call == f"pwrite {name}.hashes.state"]
         changes = [i for i, call in enumerate(calls) if call == f"pwrite {name}.hashes"]
         flushes = [i for i, call in enumerate(calls) if call == f"fsync {name}.hashes"]
         if changes and not (records and records[0] < changes[0] and changes[-1] < flushes[-1]

@@ -2,13 +2,16 @@
 // shows another start of the machine and another clock. By the environment:
 //     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"
 //     SHIM_AT     before which call SHIM_DO is done: its number, or names with commas between
-//     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command
+//     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
+//                 "each" and a shell command that is done every time
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
+//     SHIM_NAMED  set where the file system cannot make files without names
 //     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took
 //     SHIM_LATE   how many seconds the clock is late that files get their times from
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -32,12 +35,36 @@ Function* next(const char* name, Function* /*own*/)
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-std::string nameOf(int fd)
+std::string lastPart(const std::string& path)
+{
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string pathOf(int fd)
 {
     std::array<char, 4096> path;
     const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path.data(), path.size());
-    const std::string whole(path.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-    return whole.substr(whole.rfind('/') + 1);
+    return std::string(path.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
+}
+
+// Which file was made without a name, and the name that it got then.
+ino_t namedLater = 0;
+std::string laterName;
+
+std::string nameOf(int fd)
+{
+    struct stat status;
+    const std::string path = pathOf(fd);
+    if (path.find("/#") == std::string::npos) {
+        return lastPart(path);
+    }
+    return ::fstat(fd, &status) == 0 && status.st_ino == namedLater ? laterName : "unnamed";
+}
+
+bool isOfSystem(int fd)
+{
+    const std::string path = pathOf(fd);
+    return path.starts_with("/sys/") || path.starts_with("/proc/");
 }
 
 // Whether the call has to fail.
@@ -48,7 +75,8 @@ bool act(const std::string& action)
         errno = EIO;
         return true;
     }
-    if (isDone.test_and_set()) {
+    const bool isEach = action.starts_with("each ");
+    if (!isEach && isDone.test_and_set()) {
         return false;
     }
     std::istringstream words(action);
@@ -57,7 +85,7 @@ bool act(const std::string& action)
         std::raise(signal);
     }
     ::unsetenv("LD_PRELOAD");
-    if (signal == 0 && std::system(action.c_str()) != 0) {
+    if (signal == 0 && std::system(action.c_str() + (isEach ? 5 : 0)) != 0) {
         std::abort();
     }
     return false;
@@ -87,13 +115,26 @@ bool note(const std::string& call)
     return at != nullptr && (++count == std::atoi(at) || isOneOf(at, call)) && act(std::getenv("SHIM_DO"));
 }
 
+// A name of the user's, or one in a directory that was opened: not what the system itself keeps in files.
+bool noteName(const std::string& call, const char* path)
+{
+    const std::string name = path;
+    const bool isOfUser = !name.starts_with('/') || name.starts_with("/proc/self/fd/");
+    return isOfUser && note(call + lastPart(name));
+}
+
+bool makesFile(int flags)
+{
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
 } // namespace
 
 extern "C" {
 
 ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 {
-    return note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
+    return !isOfSystem(fd) && note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
 }
 
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
@@ -121,7 +162,12 @@ int madvise(void* address, size_t length, int advice) noexcept
 
 int fsync(int fd)
 {
-    return note("fsync " + nameOf(fd)) ? -1 : next("fsync", fsync)(fd);
+    const bool fails = note("fsync " + nameOf(fd));
+    const int result = fails ? -1 : next("fsync", fsync)(fd);
+    const int error = errno;
+    note("fsynced " + nameOf(fd));
+    errno = error;
+    return result;
 }
 
 int ftruncate64(int fd, off64_t length) noexcept
@@ -143,11 +189,57 @@ int open64(const char* path, int flags, ...)
 {
     std::va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = makesFile(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
+    if ((flags & O_TMPFILE) == O_TMPFILE && std::getenv("SHIM_NAMED") != nullptr) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
     const char* const boot = std::getenv("SHIM_BOOT");
     const bool asksForBoot = boot != nullptr && std::strcmp(path, "/proc/sys/kernel/random/boot_id") == 0;
-    return next("open64", open64)(asksForBoot ? boot : path, flags, mode);
+    return noteName("open ", path) ? -1 : next("open64", open64)(asksForBoot ? boot : path, flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = makesFile(flags) ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return noteName("open ", path) ? -1 : next("openat64", openat64)(directory, path, flags, mode);
+}
+
+int unlink(const char* path) noexcept
+{
+    return noteName("unlink ", path) ? -1 : next("unlink", unlink)(path);
+}
+
+int unlinkat(int directory, const char* path, int flags) noexcept
+{
+    return noteName("unlink ", path) ? -1 : next("unlinkat", unlinkat)(directory, path, flags);
+}
+
+int linkat(int fromDirectory, const char* from, int toDirectory, const char* to, int flags) noexcept
+{
+    struct stat status;
+    if (noteName("link ", to)) {
+        return -1;
+    }
+    if (::stat(from, &status) == 0) {
+        laterName = lastPart(to);
+        namedLater = status.st_ino;
+    }
+    return next("linkat", linkat)(fromDirectory, from, toDirectory, to, flags);
+}
+
+int renameat(int fromDirectory, const char* from, int toDirectory, const char* to) noexcept
+{
+    return noteName("rename ", to) ? -1 : next("renameat", renameat)(fromDirectory, from, toDirectory, to);
+}
+
+int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) noexcept
+{
+    return noteName("rename ", to) ? -1 : next("renameat2", renameat2)(fromDirectory, from, toDirectory, to, flags);
 }
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept
@@ -177,5 +269,6 @@ void* mmap(void*, size_t, int, int, int, off_t) noexcept __attribute__((alias("m
 ssize_t pwrite(int, const void*, size_t, off_t) __attribute__((alias("pwrite64")));
 int ftruncate(int, off_t) noexcept __attribute__((alias("ftruncate64")));
 int open(const char*, int, ...) __attribute__((alias("open64")));
+int openat(int, const char*, int, ...) __attribute__((alias("openat64")));
 
 } // extern "C"

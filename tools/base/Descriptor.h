@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -33,6 +34,9 @@ public:
     int get() const { return m_fd; }
     explicit operator bool() const { return m_fd >= 0; }
 
+    // A path that leads to what is open here, whatever has its name meanwhile.
+    std::string place() const { return "/proc/self/fd/" + std::to_string(m_fd); }
+
 private:
     void reset()
     {
@@ -44,13 +48,33 @@ private:
     int m_fd = -1;
 };
 
-// Whether a link at the end of a path leads on, in the whole program.
-inline bool followsLinks = true;
+// What a link at the end of a path does. Where somebody else chooses the paths, it leads nowhere.
+enum class AtLink { Follow, Refuse };
 
 // Negative, with `errno` set, when it fails.
-inline Descriptor openFile(const std::string& path, int flags, mode_t mode = 0)
+inline Descriptor openFile(const std::string& path, int flags, AtLink atLink = AtLink::Follow, mode_t mode = 0)
 {
-    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC | (followsLinks ? 0 : O_NOFOLLOW), mode));
+    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC | (atLink == AtLink::Refuse ? O_NOFOLLOW : 0), mode));
+}
+
+// Opens what is open already in another way.
+inline Descriptor openAgain(const Descriptor& file, int flags)
+{
+    return openFile(file.place(), flags);
+}
+
+inline bool isSameFile(const struct stat& a, const struct stat& b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Whether a path leads to an open file, or to the device that it is.
+inline bool leadsTo(const std::string& path, const Descriptor& file)
+{
+    struct stat own;
+    struct stat there;
+    return ::fstat(file.get(), &own) == 0 && ::stat(path.c_str(), &there) == 0
+        && (S_ISBLK(own.st_mode) ? S_ISBLK(there.st_mode) && own.st_rdev == there.st_rdev : isSameFile(own, there));
 }
 
 } // namespace kelvane::tool

@@ -26,6 +26,11 @@ void installInterruptHandler()
     action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND); // the second one ends the program at once
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    action.sa_flags = SA_RESTART; // a terminal that is closed sends it several times
+    struct sigaction former = {};
+    if (sigaction(SIGHUP, nullptr, &former) == 0 && former.sa_handler != SIG_IGN) { // as nohup leaves it
+        sigaction(SIGHUP, &action, nullptr);
+    }
     std::signal(SIGXFSZ, SIG_IGN); // a file at its largest size is an error with a cause
 }
 

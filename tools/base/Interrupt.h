@@ -1,4 +1,4 @@
-// Ctrl-C and SIGTERM: commands stop between two steps, with everything in order.
+// Ctrl-C, SIGTERM, and a terminal that is closed: commands stop between two steps, with everything in order.
 #pragma once
 
 #include <exception>

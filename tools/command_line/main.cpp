@@ -1,15 +1,17 @@
 // kelvane-hash: keeps, shows, checks and uses the hash files of disk images.
 
 #include <CLI/CLI.hpp>
-#include <csignal>
+#include <charconv>
 #include <cstdio>
 #include <functional>
 #include <iostream>
 #include <kelvane/Logger.h>
 #include <limits>
+#include <utility>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Number.h"
 #include "commands/Commands.h"
 
 using namespace kelvane::tool;
@@ -19,20 +21,44 @@ namespace {
 constexpr int DIFFERS = 1;
 constexpr int ERROR = 2;
 
-std::int64_t parseSize(const std::string& given)
+// The functions that read a value throw a ValidationError, to which the name of the option is added.
+template <class Number>
+Number parseWithin(const std::string& text, Number least, Number most)
 {
-    try {
-        std::uint64_t value = 0;
-        std::string text = given;
-        if (given.find_first_of("0123456789") == 0 && CLI::AsSizeValue(false)(text).empty()
-            && CLI::detail::lexical_cast(text, value)
-            && value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-            return static_cast<std::int64_t>(value);
-        }
-    } catch (const CLI::ValidationError&) {
-        // its text lists every unit
+    const auto number = parseNumber<Number>(text);
+    if (!number || *number < least || *number > most) {
+        throw CLI::ValidationError("not a number from " + std::to_string(least) + " to " + std::to_string(most) + ": "
+                                   + text);
     }
-    throw CLI::ValidationError("not a size like 4096, 64K or 1GiB: " + given);
+    return *number;
+}
+
+// Bytes, with a unit of powers of 1024 that is written as K, KB, Ki or KiB, large or small.
+std::int64_t parseSize(const std::string& text)
+{
+    constexpr std::string_view UNITS = "bkmgtpe";
+    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+    const auto number = parseNumber<std::int64_t>(text.substr(0, digits));
+    const std::string unit = CLI::detail::to_lower(CLI::detail::trim_copy(text.substr(digits)));
+    const std::size_t power = unit.empty() ? 0 : UNITS.find(unit[0]);
+    const std::string rest = unit.empty() ? "" : unit.substr(1);
+    const bool isUnit
+        = power < UNITS.size() && (rest.empty() || (power > 0 && (rest == "b" || rest == "i" || rest == "ib")));
+    if (!number || !isUnit || *number > std::numeric_limits<std::int64_t>::max() >> (10 * power)) {
+        throw CLI::ValidationError("not a size like 4096, 64K or 1GiB: " + text);
+    }
+    return *number << (10 * power);
+}
+
+double parseShare(const std::string& text)
+{
+    double share = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, share);
+    if (error != std::errc() || stop != end || !(share >= 1e-9 && share <= 1)) {
+        throw CLI::ValidationError("not a share like 0.05, above 0 and up to 1: " + text);
+    }
+    return share;
 }
 
 // Reads the options of a command into the arguments of its function, which runs when all are read.
@@ -70,7 +96,7 @@ public:
     bool json() const { return m_json; }
 
 private:
-    using Sized = std::function<void(std::int64_t)>;
+    using Take = std::function<void(const std::string& value)>;
 
     CLI::App* add(const std::string& name, const std::string& text, const std::string& example,
                   std::function<Outcome()> command)
@@ -84,9 +110,8 @@ private:
 
     void addWork(CLI::App* app)
     {
-        app->add_option("--jobs,-j", m_common.jobs, "Threads that hash; default: as many as cores")
-            ->check(CLI::Range(1U, 1024U).description(""))
-            ->type_name("N");
+        addValue(app, "--jobs,-j", "N", "Threads that hash; default: as many as cores",
+                 [this](const std::string& text) { m_common.jobs = parseWithin(text, 1U, 1024U); });
         app->add_option("--progress", m_common.progress, "auto (on a terminal), none or json (lines on standard error)")
             ->transform(CLI::CheckedTransformer(std::map<std::string, ProgressMode> {{"auto", ProgressMode::Automatic},
                                                                                      {"none", ProgressMode::None},
@@ -109,11 +134,10 @@ private:
             "Take over a hash file that was made for another image, and check what it knows");
     }
 
-    static void addSize(CLI::App* app, const std::string& name, const std::string& text, Sized set)
+    static void addValue(CLI::App* app, const std::string& name, const std::string& type, const std::string& text,
+                         const Take& take)
     {
-        app->add_option_function<std::string>(
-               name, [set](const std::string& value) { set(parseSize(value)); }, text)
-            ->type_name("SIZE");
+        app->add_option(name)->each(take)->description(text)->type_name(type);
     }
 
     static void addImage(CLI::App* app, ImageArguments& arguments, const std::string& name, const std::string& option)
@@ -125,21 +149,22 @@ private:
 
     void addGeometry(CLI::App* app)
     {
-        addSize(app, "--block-size", "Bytes per hash in a hash file that is made; default: 4096",
-                [this](std::int64_t size) {
-                    if (size == 0 || size > std::numeric_limits<std::uint32_t>::max()) {
-                        throw CLI::ValidationError("the block size must be from 1 to 4294967295");
-                    }
-                    m_pair.first.hashFile.blockSize = static_cast<std::uint32_t>(size);
-                    m_pair.second.hashFile.blockSize = m_pair.first.hashFile.blockSize;
-                });
-        addSize(app, "--partition-offset",
-                "Where the image starts on its device, when it is a partition; all offsets count from the start of "
-                "the device",
-                [this](std::int64_t offset) {
-                    m_pair.first.hashFile.partitionOffset = static_cast<std::uint64_t>(offset);
-                    m_pair.second.hashFile.partitionOffset = m_pair.first.hashFile.partitionOffset;
-                });
+        addValue(app, "--block-size", "SIZE", "Bytes per hash in a hash file that is made; default: 4096",
+                 [this](const std::string& text) {
+                     const std::int64_t size = parseSize(text);
+                     if (size == 0 || !std::in_range<std::uint32_t>(size)) {
+                         throw CLI::ValidationError("not from 1 to 4294967295 bytes: " + text);
+                     }
+                     m_pair.first.hashFile.blockSize = static_cast<std::uint32_t>(size);
+                     m_pair.second.hashFile.blockSize = m_pair.first.hashFile.blockSize;
+                 });
+        addValue(app, "--partition-offset", "SIZE",
+                 "Where the image starts on its device, when it is a partition; all offsets count from the start of "
+                 "the device",
+                 [this](const std::string& text) {
+                     m_pair.first.hashFile.partitionOffset = static_cast<std::uint64_t>(parseSize(text));
+                     m_pair.second.hashFile.partitionOffset = m_pair.first.hashFile.partitionOffset;
+                 });
     }
 
     void addBuild()
@@ -170,17 +195,13 @@ private:
             "hash disk.img --range 1GiB:64K", [this] { return hash(m_pair.first, m_range, m_common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addGeometry(app);
-        app->add_option_function<std::string>(
-               "--range",
-               [this](const std::string& text) {
-                   const std::size_t colon = text.find(':');
-                   if (colon == std::string::npos) {
-                       throw CLI::ValidationError("not a range like 1GiB:64K: " + text);
-                   }
-                   m_range = Range {parseSize(text.substr(0, colon)), parseSize(text.substr(colon + 1))};
-               },
-               "Only this range; default: all")
-            ->type_name("OFFSET:LENGTH");
+        addValue(app, "--range", "OFFSET:LENGTH", "Only this range; default: all", [this](const std::string& text) {
+            const std::size_t colon = text.find(':');
+            if (colon == std::string::npos) {
+                throw CLI::ValidationError("not a range like 1GiB:64K: " + text);
+            }
+            m_range = Range {parseSize(text.substr(0, colon)), parseSize(text.substr(colon + 1))};
+        });
         addTrust(app);
         addWork(app);
     }
@@ -190,10 +211,11 @@ private:
         CLI::App* const app = add("verify", "Check the known hashes against the image", "verify disk.img --sample 0.05",
                                   [this] { return verify(m_pair.first, m_verify, m_common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
-        app->add_option("--sample", m_verify.share, "Check a random share of the image, above 0 and up to 1")
-            ->check(CLI::Range(1e-9, 1.0).description(""))
-            ->type_name("SHARE");
-        app->add_option("--seed", m_verify.seed, "Check the share that this number stands for")->type_name("N");
+        addValue(app, "--sample", "SHARE", "Check a random share of the image, above 0 and up to 1",
+                 [this](const std::string& text) { m_verify.share = parseShare(text); });
+        addValue(app, "--seed", "N", "Check the share that this number stands for", [this](const std::string& text) {
+            m_verify.seed = parseWithin<std::uint64_t>(text, 0, std::numeric_limits<std::uint64_t>::max());
+        });
         app->add_flag("--mark", m_verify.mark, "Make what is wrong unknown, for build to hash it again");
         addWork(app);
     }
@@ -232,16 +254,18 @@ private:
             ->type_name("COMMAND");
         app->add_option("--remote-program", m_pair.remote.program, "This program there; default: kelvane-hash")
             ->type_name("PATH");
-        app->add_option_function<unsigned>(
-               "--timeout", [this](unsigned seconds) { m_pair.remote.timeout = std::chrono::seconds(seconds); },
-               "Seconds without a sign of life after which it is given up; default: 60")
-            ->check(CLI::Range(1U, 86400U).description(""))
-            ->type_name("N");
-        app->add_flag("--compress{3}", m_pair.remote.compression,
-                      "Compress data on its way, with =LEVEL from 1 (fast) to 19 (small)")
-            ->check(CLI::Range(1U, 19U).description(""));
-        addSize(app, "--bwlimit", "Bytes of data per second at most, on their way to the other machine or back",
-                [this](std::int64_t size) { m_pair.remote.bytesPerSecond = size; });
+        addValue(app, "--timeout", "N", "Seconds without a sign of life after which it is given up; default: 60",
+                 [this](const std::string& text) {
+                     m_pair.remote.timeout = std::chrono::seconds(parseWithin(text, 1U, 86400U));
+                 });
+        app->add_flag("--compress")
+            ->each([this](const std::string& text) {
+                m_pair.remote.compression = text == "true" ? 3 : parseWithin(text, 1U, 19U);
+            })
+            ->description("Compress data on its way, with =LEVEL from 1 (fast) to 19 (small)");
+        addValue(app, "--bwlimit", "SIZE",
+                 "Bytes of data per second at most, on their way to the other machine or back",
+                 [this](const std::string& text) { m_pair.remote.bytesPerSecond = parseSize(text); });
     }
 
     void addServe()

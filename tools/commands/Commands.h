@@ -52,20 +52,32 @@ struct SyncArguments {
     bool isSparse = true;
 };
 
-// Which images were changed while a command used them; the others are recorded as they were.
-class Changes {
+// How the images that a command used were found in the end.
+class Conclusions {
 public:
-    explicit Changes(HashedImage& image);
-    Changes(Side& first, Side& second);
+    Conclusions(HashedImage& image, const Common& common, bool isAnsweredFor = false);
+    Conclusions(Side& first, Side& second, const Common& common);
 
-    void add(const std::string& name, bool isUnchanged);
+    // Whether nobody has changed them meanwhile, nor could have without a trace, as far as the user does not answer for
+    // that.
+    bool areSure() const { return areUnchanged() && openForWriting().empty(); }
+    bool areUnchanged() const;
 
-    bool none() const { return m_names.empty(); }
-    std::string text() const;
-    nlohmann::ordered_json json() const { return m_names; }
+    std::string text() const;    // a line for each that was changed, or open for writing
+    std::string remarks() const; // lines about what was checked
+    nlohmann::ordered_json changed() const;
+    nlohmann::ordered_json freshness() const; // a list where there are two
 
 private:
-    std::vector<std::string> m_names;
+    struct Ending {
+        std::string name;
+        Conclusion conclusion;
+    };
+
+    std::vector<Ending> openForWriting() const;
+
+    std::vector<Ending> m_endings;
+    bool m_isAnsweredFor;
 };
 
 // At most one of them on another machine.

@@ -1,8 +1,8 @@
 #include <kelvane/BlakeHash.h>
 
 #include "base/Failure.h"
+#include "base/Text.h"
 #include "commands/Commands.h"
-#include "terminal/Text.h"
 #include "work/HashedImage.h"
 
 namespace kelvane::tool {
@@ -10,7 +10,7 @@ namespace kelvane::tool {
 Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
     const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openOrCreate(image, arguments.hashFile, image.size(), common.progress), common);
+    HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.progress), common);
     hashed.adaptToImage();
     const HashFile& hashFile = hashed.hashFile();
     Range range = {0, image.size()};
@@ -29,18 +29,19 @@ Outcome hash(const ImageArguments& arguments, const std::optional<Range>& onDevi
     const Store::Hash value = range.length > 0
         ? hashFile.anotherStore(Store::Access::Read).hash(range, image, bytesRead)
         : BlakeHash().get_hash(nullptr, 0);
-    const Changes changes(hashed);
+    const Conclusions found(hashed, common);
     Outcome outcome;
-    outcome.good = changes.none();
-    outcome.text = hexadecimal(value) + "  " + image.path() + "\n" + changes.text();
-    outcome.json = {{"image", image.path()},
+    outcome.good = found.areSure();
+    outcome.text = hexadecimal(value) + "  " + image.path() + "\n" + found.text();
+    outcome.json = {{"verdict", outcome.good ? "done" : "undecided"},
+                    {"image", image.path()},
                     {"hash", hexadecimal(value)},
                     {"offset", hashFile.onDevice(range.offset)},
                     {"length", range.length},
                     {"blockSize", hashed.store().blockSize()},
                     {"bytesRead", bytesRead.load()},
-                    {"freshness", hashed.json()},
-                    {"changedMeanwhile", changes.json()}};
+                    {"freshness", found.freshness()},
+                    {"changedMeanwhile", found.changed()}};
     return outcome;
 }
 

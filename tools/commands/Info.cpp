@@ -1,10 +1,10 @@
 #include <sys/stat.h>
 
 #include "base/Failure.h"
+#include "base/Text.h"
 #include "commands/Commands.h"
-#include "hash_file/Evidence.h"
 #include "hash_file/Inspection.h"
-#include "terminal/Text.h"
+#include "hash_file/Record.h"
 
 namespace kelvane::tool {
 
@@ -37,45 +37,50 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
 }
 
 // What the record beside the hash file says, and whether that still holds.
-struct Record {
+struct Standing {
     std::string text;
     nlohmann::ordered_json json;
 };
 
-std::string doubtNow(const Evidence& evidence, const std::string& path, const std::string& image)
+Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
     try {
-        const Descriptor file = openFile(path, O_RDONLY);
-        return doubtAbout(evidence, hashFileState(file.get(), false), stateOf(Image(image, Image::Access::Read)));
+        const Image image(record.image.identity.path, Image::Access::Read);
+        const ImageState state = stateOf(image);
+        return doubtAbout(record, hashFileState(hashFile, false), state, writersOf(image));
     } catch (const Failure& failure) {
-        return failure.what();
+        return {Doubt::Because::NoEvidence, failure.what()};
     }
 }
 
-Record recordOf(const std::string& path)
+Standing standingOf(const std::string& path, const Descriptor& hashFile)
 {
-    const std::optional<Evidence> evidence = Evidence::read(path);
-    if (!evidence) {
+    const std::optional<Record> record = readRecord(path);
+    if (!record) {
         return {"none", nullptr};
     }
-    const auto image = evidence->image.image["path"].get<std::string>();
-    const std::string doubt = doubtNow(*evidence, path, image);
-    std::string text = "not clean: a run on " + image + " is under way, or was cut short";
-    if (evidence->isClean) {
-        text = doubt.empty() ? "true of " + image + ", which is unchanged" : "not believed of " + image + ": " + doubt;
+    const bool isClean = record->standing == Record::Standing::True;
+    const std::string& image = record->image.identity.path;
+    const Doubt doubt = doubtNow(*record, hashFile);
+    std::string text
+        = doubt.isAny() ? "not believed of " + image + ": " + doubt.text : "true of " + image + ", which is unchanged";
+    if (record->standing == Record::Standing::Open) {
+        text = "not clean: a run on " + image + " is under way, or was cut short";
     }
     return {text,
-            {{"clean", evidence->isClean},
+            {{"clean", isClean},
              {"image", image},
-             {"content", evidence->image.content},
-             {"verdict", doubt.empty() ? "unchanged" : doubt}}};
+             {"size", record->image.marks.size},
+             {"marks", record->image.marks.traits},
+             {"verdict", doubt.isAny() ? doubt.text : "unchanged"}}};
 }
 
 } // namespace
 
 Outcome info(const std::string& path)
 {
-    HashFileInspector inspector = inspect(path);
+    const Descriptor file = openHashFile(path);
+    HashFileInspector inspector = explaining(path, [&] { return HashFileInspector(file.place()); });
     const Geometry geometry = geometryOf(inspector, path);
     const std::int64_t blockSize = geometry.blockSize;
     const std::int64_t size = geometry.targetSize;
@@ -88,9 +93,9 @@ Outcome info(const std::string& path)
     const auto fileSize = static_cast<std::int64_t>(inspector.file_size_in_bytes());
     const std::string map = drawMap(unknown, whole, blockSize);
     struct stat status = {};
-    ::stat(path.c_str(), &status);
+    ::fstat(file.get(), &status);
     const std::int64_t onDisk = status.st_blocks * 512;
-    const Record record = recordOf(path);
+    const Standing record = standingOf(path, file);
 
     Outcome outcome;
     char magic[32];
@@ -118,7 +123,8 @@ Outcome info(const std::string& path)
     line("file size", sized(fileSize) + ", on disk " + sized(onDisk));
     line("known regions", "[" + map + "]  # known, + in part, . unknown");
     line("record", record.text);
-    outcome.json = {{"hashFile", path},
+    outcome.json = {{"verdict", "done"},
+                    {"hashFile", path},
                     {"magicNumber", inspector.magic_number()},
                     {"version", inspector.version()},
                     {"dataRegionOffset", inspector.data_region_offset_in_bytes()},

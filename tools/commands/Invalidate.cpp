@@ -6,8 +6,8 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Text.h"
 #include "commands/Commands.h"
-#include "terminal/Text.h"
 #include "work/HashedImage.h"
 
 namespace kelvane::tool {
@@ -79,29 +79,36 @@ Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& w
     }
     const std::vector<Range> ranges = rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
                                                hashed.hashFile().onDevice(0));
-    const bool isBelieved = hashed.believes() || hashed.wasOnlyChanged();
+    using Because = Doubt::Because;
+    Belief& belief = hashed.belief();
+    const Because because = belief.doubtOfRecord().because;
+    if (common.trust != Trust::Everything && (because == Because::NoRecord || because == Because::AnotherImage)) {
+        throw Failure(image.path(),
+                      "what was told may be of another image: " + belief.doubtOfRecord().text + "; build checks it");
+    }
+    const bool isBelieved = because == Because::Nothing || because == Because::Changed;
     hashed.adaptToImage();
-    hashed.markChanging();
+    belief.mark();
     for (const Range& range : ranges) {
         hashed.store().invalidate(range);
     }
-    hashed.flushHashes();
-    hashed.believe(isBelieved); // all that changed was told
-    const Changes changes(hashed);
+    belief.flushHashes();
+    isBelieved ? belief.confirm() : belief.dismiss(); // all that changed was told
+    const Conclusions found(hashed, common, true);
 
     Outcome outcome;
-    outcome.good = changes.none();
+    outcome.good = found.areSure();
     outcome.text = hashed.hashFile().path() + ": " + counted(totalLength(ranges), "byte") + " in "
-        + counted(std::ssize(ranges), "range") + " forgotten\n" + changes.text();
+        + counted(std::ssize(ranges), "range") + " forgotten\n" + found.text();
     if (!isBelieved) {
-        outcome.text += "the next run checks all the same: " + hashed.doubt() + "\n";
+        outcome.text += "the next run checks all the same: " + belief.doubtOfRecord().text + "\n";
     }
-    outcome.json = {{"hashFile", hashed.hashFile().path()},
+    outcome.json = {{"verdict", outcome.good ? "done" : "undecided"},
+                    {"hashFile", hashed.hashFile().path()},
                     {"bytes", totalLength(ranges)},
                     {"ranges", ranges.size()},
-                    {"recorded", isBelieved && changes.none()},
-                    {"freshness", hashed.json()},
-                    {"changedMeanwhile", changes.json()}};
+                    {"freshness", found.freshness()},
+                    {"changedMeanwhile", found.changed()}};
     return outcome;
 }
 

@@ -1,10 +1,9 @@
 #include <chrono>
-#include <filesystem>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Text.h"
 #include "commands/Commands.h"
-#include "terminal/Text.h"
 #include "work/Compare.h"
 
 namespace kelvane::tool {
@@ -13,12 +12,6 @@ namespace {
 
 void refuseUnfitPair(Side& source, Side& destination)
 {
-    std::error_code error;
-    const bool areNear = !source.isFar() && !destination.isFar();
-    if (areNear && !destination.opening().isMissing
-        && std::filesystem::equivalent(source.name(), destination.name(), error)) {
-        throw Failure(destination.name(), "this is the source itself");
-    }
     if (destination.opening().isBlockDevice && destination.opening().size < source.opening().size) {
         throw Failure(destination.name(), destination.opening().size,
                       "the device is too small for an image of " + counted(source.opening().size, "byte"));
@@ -64,8 +57,9 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
     };
     const auto foregone = foregoneBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;
-    const Comparison found
-        = compare(source, destination, {foregone ? *foregone : agreedBlockSize(), size, size}, agreedBlockSize);
+    const Comparison found = compare(
+        source, destination, {foregone ? *foregone : agreedBlockSize(), size, source.opening().permissions, size},
+        agreedBlockSize);
     const std::int64_t formerSize = destination.opening().size;
     const std::int64_t newSize = destination.opening().isBlockDevice ? formerSize : size;
     const std::int64_t copied = totalLength(found.differing);
@@ -82,12 +76,12 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
     if (difference || foundForeignChange) {
         destination.distrust();
     }
-    Changes changes(source, destination);
+    const Conclusions ends(source, destination, common);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
     Outcome outcome;
-    outcome.good = !difference && !foundForeignChange && changes.none();
-    outcome.text = source.remarks() + destination.remarks() + changes.text();
+    outcome.good = !difference && !foundForeignChange && ends.areSure();
+    outcome.text = ends.remarks() + ends.text();
     if (foundForeignChange) {
         outcome.text
             += "changed: " + destination.name() + " was changed by something else while this ran; run it again\n";
@@ -95,7 +89,9 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
     outcome.text += counted(size, "byte") + " compared by " + counted(found.comparisons, "comparison") + " and "
         + counted(found.bytesRead, "byte") + " of data read, " + counted(copied, "byte") + " copied in "
         + counted(std::ssize(found.differing), "range") + ", " + humanTime(seconds) + "\n";
-    outcome.json = {{"equal", outcome.good},
+    const char* const verdict = difference ? "different" : outcome.good ? "equal" : "undecided";
+    outcome.json = {{"verdict", verdict},
+                    {"equal", outcome.good},
                     {"bytesCompared", size},
                     {"bytesCopied", copied},
                     {"ranges", found.differing.size()},
@@ -103,12 +99,15 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
                     {"bytesRead", found.bytesRead},
                     {"seconds", seconds},
                     {"verified", isReread},
-                    {"freshness", {source.freshness(), destination.freshness()}},
-                    {"changedMeanwhile", changes.json()}};
-    if (foundForeignChange && changes.none()) {
+                    {"freshness", ends.freshness()},
+                    {"changedMeanwhile", ends.changed()}};
+    if (foundForeignChange && ends.areUnchanged()) {
         outcome.json["changedMeanwhile"].push_back(destination.name());
     }
-    if (formerSize != newSize) {
+    if (destination.opening().isMissing) {
+        outcome.text += destination.name() + ": made\n";
+        outcome.json["formerSize"] = nullptr;
+    } else if (formerSize != newSize) {
         outcome.text += destination.name() + ": " + counted(formerSize, "byte") + " before\n";
         outcome.json["formerSize"] = formerSize;
     }

@@ -1,9 +1,10 @@
 #include <mutex>
 #include <random>
 
+#include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Text.h"
 #include "commands/Commands.h"
-#include "terminal/Text.h"
 #include "work/Blocks.h"
 #include "work/Check.h"
 
@@ -23,6 +24,17 @@ std::vector<Range> sorted(std::vector<Range> ranges)
     return merged;
 }
 
+// No record may say that all is true. What stands in the way of that; empty when nothing does.
+std::string contradict(Belief& belief)
+{
+    try {
+        belief.contradict();
+        return "";
+    } catch (const Failure& failure) {
+        return failure.what() + std::string("; remove it\n");
+    }
+}
+
 } // namespace
 
 Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
@@ -30,9 +42,7 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
     const Image image = openImage(arguments.image, Image::Access::Read);
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
     HashFile& hashFile = hashed.hashFile();
-    if (!hashed.isOwner()) {
-        hashed.leaveRecord(); // it is that of another image
-    }
+    hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
     const std::int64_t recorded = hashFile.geometry().targetSize;
     const Range range = wholeBlocks({0, std::min(image.size(), recorded)}, blockSize);
@@ -54,29 +64,37 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
     const StartingAnew startingAnew;
     const Traffic traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, progress, check);
     bad = sorted(std::move(bad));
+    std::string complaint;
     if (!bad.empty()) {
-        hashed.markChanging(); // whatever a record says
+        complaint = contradict(hashed.belief());
     }
     if (how.mark && !bad.empty()) {
         for (const Range& wrong : bad) {
             hashFile.store().invalidate(wrong);
         }
-        hashFile.store().sync();
+        hashed.belief().flushHashes();
     }
-    hashed.believe(all && recorded == image.size() && (bad.empty() || how.mark)); // then all that it knows is true
-    const Changes changes(hashed);
+    if (all && recorded == image.size() && (bad.empty() || how.mark)) { // then all that it knows is true
+        hashed.belief().confirm();
+    } else {
+        hashed.belief().dismiss();
+    }
+    const Conclusions found(hashed, common);
 
     const std::int64_t checked = (traffic.read + traffic.holes) / blockSize;
     Outcome outcome;
-    outcome.good = bad.empty() && recorded == image.size() && changes.none();
-    outcome.json = {{"image", image.path()},
+    outcome.good = bad.empty() && recorded == image.size() && found.areSure();
+    const char* const verdict = !found.areSure() ? "undecided" : outcome.good ? "good" : "wrong";
+    outcome.json = {{"verdict", verdict},
+                    {"image", image.path()},
                     {"good", outcome.good},
                     {"blocksChecked", checked},
                     {"badBlocks", totalLength(bad) / blockSize},
                     {"marked", how.mark && !bad.empty()},
                     {"recordedSize", recorded},
                     {"imageSize", image.size()},
-                    {"changedMeanwhile", changes.json()},
+                    {"freshness", found.freshness()},
+                    {"changedMeanwhile", found.changed()},
                     {"bad", nlohmann::ordered_json::array()}};
     if (!all) {
         outcome.json["seed"] = seed;
@@ -90,7 +108,7 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
         outcome.text
             += "size: " + grouped(image.size()) + " bytes, " + grouped(recorded) + " recorded; build adapts it\n";
     }
-    outcome.text += changes.text() + (checked == 0 ? "no block is known, so nothing was checked\n" : "");
+    outcome.text += complaint + found.text() + (checked == 0 ? "no block is known, so nothing was checked\n" : "");
     outcome.text += image.path() + ": " + counted(checked, "known block") + " checked, "
         + grouped(totalLength(bad) / blockSize) + " wrong" + (how.mark && !bad.empty() ? ", now unknown" : "") + "\n";
     return outcome;

@@ -6,27 +6,22 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <limits>
+#include <thread>
 #include <utility>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Text.h"
+#include "hash_file/SideFiles.h"
+#include "image/Memory.h"
 #include "terminal/Note.h"
-#include "terminal/Text.h"
 
 namespace kelvane::tool {
 
 namespace {
-
-// Whether a file is the one at a path, and not one that stood there before.
-bool standsAt(int fd, const std::string& path)
-{
-    struct stat own;
-    struct stat there;
-    return ::fstat(fd, &own) == 0 && ::stat(path.c_str(), &there) == 0 && own.st_dev == there.st_dev
-        && own.st_ino == there.st_ino;
-}
 
 constexpr std::int64_t MADE_AT_ONCE = 1 << 20; // bytes
 
@@ -36,28 +31,16 @@ std::int64_t fileSizeFor(const Geometry& geometry)
                                                                       static_cast<std::uint32_t>(geometry.blockSize)));
 }
 
-// Whether a file is what a run left that was ended while it made a hash file: nothing but zeros, no more than are made
-// at once; or a hash file. One with a record is somebody's.
-bool isLeftOver(int fd, const std::string& path)
+std::string directoryOf(const std::string& path)
 {
-    struct stat status;
-    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        return false;
-    }
-    if (isHashFile(path)) {
-        return !Evidence::read(path);
-    }
-    std::vector<char> bytes(static_cast<std::size_t>(std::min<std::int64_t>(status.st_size, MADE_AT_ONCE)));
-    const bool isWhole = ::pread(fd, bytes.data(), bytes.size(), 0) == status.st_size;
-    return isWhole && std::count(bytes.begin(), bytes.end(), 0) == std::ssize(bytes);
+    const std::string directory = std::filesystem::path(path).parent_path().string();
+    return directory.empty() ? "." : directory;
 }
 
 void checkRoom(const std::string& path, std::int64_t needed)
 {
     struct statvfs room;
-    std::string directory = std::filesystem::path(path).parent_path().string();
-    directory = directory.empty() ? "." : directory;
-    if (::statvfs(directory.c_str(), &room) == 0
+    if (::statvfs(directoryOf(path).c_str(), &room) == 0
         && room.f_bavail < static_cast<std::uint64_t>(needed) / room.f_frsize) {
         throw Failure(path,
                       "cannot make the hash file: " + errorText(ENOSPC) + "; it takes " + counted(needed, "byte"));
@@ -100,6 +83,41 @@ void createInSteps(const std::string& path, const Geometry& geometry, ProgressMo
     }
 }
 
+// Hashes tell what an image holds. The times stay as they are where there is nothing to do.
+void makePrivate(const Descriptor& file)
+{
+    struct stat status;
+    if (::fstat(file.get(), &status) == 0 && (status.st_mode & 0777) != 0600) {
+        ::fchmod(file.get(), 0600);
+    }
+}
+
+// Without a name, where the file system can; else under its own, that nothing has. Nothing when something has it.
+Descriptor newFile(const std::string& path)
+{
+    Descriptor file = openFile(directoryOf(path), O_TMPFILE | O_RDWR, AtLink::Follow, 0600);
+    if (!file && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
+        file = openFile(path, O_RDWR | O_CREAT | O_EXCL, AtLink::Refuse, 0600);
+    }
+    if (!file && errno != EEXIST) {
+        throw Failure(path, "cannot make the hash file: " + errorText(errno));
+    }
+    return file;
+}
+
+// False when something has the name.
+bool giveName(const Descriptor& file, const std::string& path)
+{
+    if (leadsTo(path, file)
+        || ::linkat(AT_FDCWD, file.place().c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+        return true;
+    }
+    if (errno != EEXIST) {
+        throw Failure(path, "cannot make the hash file: " + errorText(errno));
+    }
+    return false;
+}
+
 } // namespace
 
 std::string HashFileOptions::pathFor(const Image& image) const
@@ -119,138 +137,161 @@ std::string HashFileOptions::pathFor(const Image& image) const
 class HashFile::Lock {
 public:
     // Nothing when there is no such file.
-    static std::shared_ptr<Lock> take(const std::string& path, bool isReadOnly)
+    static std::shared_ptr<Lock> take(const std::string& path, const HashFileOptions& options)
     {
         for (;;) {
-            auto lock = std::make_shared<Lock>();
-            if (!isReadOnly) {
-                lock->m_fd = openFile(path, O_RDWR | O_NONBLOCK);
-            }
-            if (!lock->m_fd && (isReadOnly || errno == EACCES || errno == EPERM || errno == EROFS)) {
-                lock->m_isWritable = false;
-                lock->m_fd = openFile(path, O_RDONLY | O_NONBLOCK);
-            }
-            if (!lock->m_fd && errno == ENOENT) {
+            Descriptor found = openFile(path, O_PATH, options.atLink);
+            struct stat status;
+            if (!found && errno == ENOENT) {
                 return nullptr;
             }
-            if (!lock->m_fd) {
+            if (!found || ::fstat(found.get(), &status) != 0) {
                 throw Failure(path, "cannot open the hash file: " + errorText(errno));
             }
-            lock->acquire(path, lock->m_isWritable ? LOCK_EX : LOCK_SH);
-            if (standsAt(lock->fd(), path)) {
+            if (!S_ISREG(status.st_mode)) { // opening a pipe would wait
+                throw Failure(path, 0, "not a hash file");
+            }
+            auto lock = std::make_shared<Lock>(path, found, options.isReadOnly);
+            if (leadsTo(path, lock->m_file)) {
                 return lock;
             }
         }
     }
 
-    // Of a file that is made when it is not there yet.
-    static std::shared_ptr<Lock> takeNew(const std::string& path, const std::string& temporary)
+    Lock(const std::string& path, const Descriptor& found, bool isReadOnly)
+        : m_isServedReadOnly(isReadOnly)
     {
-        auto lock = std::make_shared<Lock>();
-        lock->m_fd = openFile(temporary, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
-        if (!lock->m_fd) {
-            throw Failure(path, "cannot make the hash file, as " + temporary + ": " + errorText(errno));
+        m_file = isReadOnly ? Descriptor() : openAgain(found, O_RDWR);
+        m_isWritable = static_cast<bool>(m_file);
+        if (isReadOnly || (!m_file && (errno == EACCES || errno == EPERM || errno == EROFS))) {
+            m_file = openAgain(found, O_RDONLY);
         }
-        lock->acquire(path, LOCK_EX);
-        return lock;
+        if (!m_file) {
+            throw Failure(path, "cannot open the hash file: " + errorText(errno));
+        }
+        acquire(path, m_isWritable ? LOCK_EX : LOCK_SH);
     }
 
-    int fd() const { return m_fd.get(); }
+    // Of a file that is being made.
+    Lock(const std::string& path, Descriptor file)
+        : m_file(std::move(file))
+        , m_isWritable(true)
+    {
+        acquire(path, LOCK_EX);
+    }
+
+    const Descriptor& file() const { return m_file; }
     bool isWritable() const { return m_isWritable; }
+    bool isServedReadOnly() const { return m_isServedReadOnly; }
 
 private:
     void acquire(const std::string& path, int kind) const
     {
-        if (::flock(m_fd.get(), kind | LOCK_NB) != 0) {
+        if (::flock(m_file.get(), kind | LOCK_NB) != 0) {
             throw Failure(path,
                           errno == EWOULDBLOCK ? "the hash file is in use, or was given twice"
                                                : "cannot lock: " + errorText(errno));
         }
     }
 
-    Descriptor m_fd;
-    bool m_isWritable = true;
+    Descriptor m_file;
+    bool m_isWritable;
+    bool m_isServedReadOnly = false;
 };
 
-HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock)
+HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade)
     : m_path(std::move(path))
     , m_lock(std::move(lock))
-    , m_geometry(geometryOf(explaining(m_path, [&] { return HashFileInspector(place()); }), m_path))
-    , m_evidence(Evidence::read(m_path))
-    , m_state(hashFileState(m_lock->fd(), true))
+    , m_wasMade(wasMade)
+    , m_record(wasMade ? std::nullopt : readRecord(m_path))
+    , m_geometry(geometryOf(explaining(m_path, [&] { return HashFileInspector(m_lock->file().place()); }), m_path))
 {
+    checkMemory();
+    m_state = hashFileState(m_lock->file(), true);
     reopenStore();
 }
 
-// The file that is locked, whatever has its name meanwhile.
-std::string HashFile::place() const
+// A flush of the file that failed is told to whoever flushes it next. What was not flushed in order may be in memory
+// alone. Who cannot write the file is told nothing, and records nothing.
+void HashFile::checkMemory()
 {
-    const std::string open = "/proc/self/fd/" + std::to_string(m_lock->fd());
-    return standsAt(m_lock->fd(), open) ? open : m_path;
+    if (m_wasMade || !isWritable()) {
+        return;
+    }
+    makePrivate(m_lock->file());
+    if (::fsync(m_lock->file().get()) != 0 && errno != EINVAL) {
+        const int error = errno;
+        dropFromMemory(m_lock->file());
+        Record record = m_record.value_or(Record());
+        record.standing = Record::Standing::FlushFailed;
+        write(record);
+        throw FlushFailed(m_path, "cannot flush: " + errorText(error));
+    }
+    const bool isInOrder = m_record && m_record->standing != Record::Standing::Open
+        && m_record->standing != Record::Standing::FlushFailed;
+    if (!isInOrder && !dropFromMemory(m_lock->file())) {
+        throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
+    }
 }
 
 std::optional<HashFile> HashFile::open(const std::string& path, const HashFileOptions& options)
 {
-    std::shared_ptr<Lock> lock = Lock::take(path, options.isReadOnly);
-    return lock ? std::optional(HashFile(path, std::move(lock))) : std::nullopt;
+    std::shared_ptr<Lock> lock = Lock::take(path, options);
+    return lock ? std::optional(HashFile(path, std::move(lock), false)) : std::nullopt;
 }
 
-// Under another name, which it keeps until it is whole. Nothing when another run was faster.
+// Nothing when another run was faster.
 std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& geometry, ProgressMode mode)
 {
-    const std::string temporary = inTheMaking(path);
-    std::shared_ptr<Lock> lock = Lock::takeNew(path, temporary);
-    if (!standsAt(lock->fd(), temporary)) {
+    struct stat status;
+    if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+        throw Failure(path, "cannot make the hash file: its name is a link that leads nowhere");
+    }
+    checkRoom(path, fileSizeFor(geometry));
+    Descriptor file = newFile(path);
+    if (!file) {
         return std::nullopt;
     }
-    if (!isLeftOver(lock->fd(), temporary)) {
-        throw Failure(temporary, "the hash file " + path + " would be made under this name; move the file away");
-    }
-    if (std::filesystem::exists(path)) {
-        ::unlink(temporary.c_str());
-        return std::nullopt;
-    }
+    const auto lock = std::make_shared<Lock>(path, std::move(file));
     try {
-        if (::ftruncate(lock->fd(), 0) != 0) { // what an earlier run left takes room
-            throw Failure(temporary, "cannot make the hash file: " + errorText(errno));
+        explaining(path, [&] { createInSteps(lock->file().place(), geometry, mode); });
+        if (!giveName(lock->file(), path)) {
+            return std::nullopt;
         }
-        explaining(path, [&] {
-            checkRoom(path, fileSizeFor(geometry));
-            createInSteps(temporary, geometry, mode);
-        });
     } catch (...) {
-        ::unlink(temporary.c_str());
+        if (leadsTo(path, lock->file())) {
+            ::unlink(path.c_str());
+        }
         throw;
     }
-    Evidence::remove(path);
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-        throw Failure(path, "cannot make the hash file: " + errorText(errno));
-    }
-    HashFile file(path, std::move(lock));
-    file.m_created = true;
-    return file;
+    removeRecord(path);
+    return HashFile(path, lock, true);
+}
+
+std::optional<HashFile> HashFile::find(const Image& image, const HashFileOptions& options)
+{
+    return open(options.pathFor(image), options);
 }
 
 HashFile HashFile::openExisting(const Image& image, const HashFileOptions& options)
 {
-    const std::string path = options.pathFor(image);
-    std::optional<HashFile> file = open(path, options);
+    std::optional<HashFile> file = find(image, options);
     if (!file) {
-        throw Failure(path, "cannot open the hash file: " + errorText(ENOENT));
+        throw Failure(options.pathFor(image), "cannot open the hash file: " + errorText(ENOENT));
     }
     file->checkOptions(options);
     return std::move(*file);
 }
 
-HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& options, std::int64_t targetSize,
-                                ProgressMode mode)
+HashFile HashFile::foundOrMade(std::optional<HashFile> found, const Image& image, const HashFileOptions& options,
+                               std::int64_t targetSize, ProgressMode mode)
 {
     const std::string path = options.pathFor(image);
-    for (;;) {
-        if (std::optional<HashFile> file = open(path, options)) {
-            file->checkOptions(options);
-            file->checkOwner(image, options);
-            return std::move(*file);
+    for (;; found = open(path, options)) {
+        if (found) {
+            found->checkOptions(options);
+            found->checkOwner(image, options);
+            return std::move(*found);
         }
         if (options.isReadOnly) {
             throw Failure(path, "there is no hash file, and none may be made");
@@ -259,6 +300,11 @@ HashFile HashFile::openOrCreate(const Image& image, const HashFileOptions& optio
             return std::move(*file);
         }
     }
+}
+
+HashFile HashFile::openOrMake(const Image& image, const HashFileOptions& options, ProgressMode mode)
+{
+    return foundOrMade(find(image, options), image, options, image.size(), mode);
 }
 
 void HashFile::checkOptions(const HashFileOptions& options) const
@@ -282,22 +328,23 @@ void HashFile::checkOwner(const Image& image, const HashFileOptions& options)
 {
     const bool fits = m_geometry.targetSize == image.size();
     std::string owner = "an image of " + counted(m_geometry.targetSize, "byte");
-    if (m_evidence && !image.isMissing()) {
-        const Owner relation = ownerOf(*m_evidence, stateAtOnce(image));
+    if (m_record && !image.isMissing()) {
+        const Owner relation = ownerOf(*m_record, identityOf(image));
         if (relation == Owner::Same || (fits && relation == Owner::Successor)) {
             return;
         }
-        owner = m_evidence->image.image["path"].get<std::string>() + ", " + owner;
+        owner = m_record->image.identity.path + ", " + owner;
     } else if (fits) {
         return;
     }
     const Range blocks = wholeBlocks({0, m_geometry.targetSize}, m_geometry.blockSize);
     if (options.adopts || totalLength(m_store->unknown(blocks)) == blocks.length) {
-        m_evidence.reset();
+        m_record.reset();
         return;
     }
     throw Failure(m_path,
-                  "made for " + owner + ", not for " + image.path() + " of " + counted(image.size(), "byte")
+                  "made for " + owner + ", not for " + image.path()
+                      + (image.isMissing() ? ", which is missing" : " of " + counted(image.size(), "byte"))
                       + "; with --adopt it is taken over, and what it knows is checked");
 }
 
@@ -306,9 +353,19 @@ bool HashFile::isWritable() const
     return m_lock->isWritable();
 }
 
+bool HashFile::isServedReadOnly() const
+{
+    return m_lock->isServedReadOnly();
+}
+
+void HashFile::dropCache() const
+{
+    dropFromMemory(m_lock->file());
+}
+
 Store HashFile::anotherStore(Store::Access access) const
 {
-    return {m_path, place(), m_geometry, access};
+    return {m_path, m_lock->file().place(), m_geometry, access};
 }
 
 void HashFile::reopenStore()
@@ -343,35 +400,56 @@ void HashFile::adapt(std::int64_t targetSize)
     }
 }
 
-std::string HashFile::doubtAbout(const ImageState& image) const
-{
-    return tool::doubtAbout(m_evidence, hashFileState(m_lock->fd(), false), image);
-}
-
-// Where its times tell nothing, no record will vouch for it.
 bool HashFile::isUntouched() const
 {
-    return isInPlace() && (m_state.is_null() || m_state == hashFileState(m_lock->fd(), false));
+    return isInPlace() && (m_state.empty() || m_state == hashFileState(m_lock->file(), false));
 }
 
 bool HashFile::isInPlace() const
 {
-    return standsAt(m_lock->fd(), m_path);
+    return leadsTo(m_path, m_lock->file());
 }
 
-bool HashFile::isOf(const ImageState& image) const
+void HashFile::write(Record record)
 {
-    return !m_evidence || ownerOf(*m_evidence, image) == Owner::Same;
-}
-
-void HashFile::record(const ImageState& image, bool isClean)
-{
-    m_state = isClean ? hashFileState(m_lock->fd(), true) : nullptr;
-    m_evidence = {isClean, image, m_state};
-    if (!m_evidence->write(m_path)) {
-        note(Evidence::pathFor(m_path) + ": cannot write: " + errorText(errno)
-             + "; the next run will check all hashes");
+    const bool claimedTruth = m_record && m_record->standing == Record::Standing::True;
+    const bool claimsTruth = record.standing == Record::Standing::True;
+    m_state = claimsTruth ? hashFileState(m_lock->file(), true) : Traits();
+    if (claimsTruth && m_state.empty()) {
+        record.standing = Record::Standing::Unproven;
+        record.reason = "the times of the hash file tell nothing";
     }
+    record.hashFile = m_state;
+    m_record = std::move(record);
+    const RecordWritten written = writeRecord(m_path, *m_record);
+    const std::string cause = errorText(errno);
+    if (written == RecordWritten::No && claimedTruth) {
+        throw Failure(recordPath(m_path), "it says that all hashes are true, and cannot be changed: " + cause);
+    }
+    if (written != RecordWritten::Yes) {
+        note(recordPath(m_path) + ": cannot write: " + cause + "; the next run will check all hashes");
+    }
+}
+
+Traits hashFileState(const Descriptor& file, bool waits)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (isStampingFileSystem(file)) {
+        const timespec clock = stampingClock();
+        timespec latest;
+        Traits state = stampsOf(file, latest);
+        state.merge(fileTraits(file));
+        state.merge(mountTraits(file));
+        state["size"] = std::to_string(::lseek(file.get(), 0, SEEK_END));
+        if (!waits || !isRecent(latest, clock)) {
+            return state;
+        }
+        if (std::chrono::steady_clock::now() > end) {
+            break; // they lie in the future
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return {};
 }
 
 } // namespace kelvane::tool

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "base/Range.h"
-#include "hash_file/Evidence.h"
 #include "hash_file/Inspection.h"
+#include "hash_file/Record.h"
 #include "hash_file/Store.h"
 #include "image/Image.h"
 #include "terminal/Progress.h"
@@ -22,6 +22,7 @@ struct HashFileOptions {
     std::optional<std::uint64_t> partitionOffset;
     bool adopts = false;     // takes over one that was made for another image
     bool isReadOnly = false; // is neither made nor written
+    AtLink atLink = AtLink::Follow;
 
     std::string pathFor(const Image& image) const;
 };
@@ -31,18 +32,26 @@ class HashFile {
 public:
     static constexpr std::uint32_t DEFAULT_BLOCK_SIZE = 4096;
 
-    // For an image: made when it is missing, for a size. Whole before it has its name, whatever ends the program
-    // meanwhile. Fails when it belongs to another image; it may still record another size of this one.
-    static HashFile openOrCreate(const Image& image, const HashFileOptions& options, std::int64_t targetSize,
-                                 ProgressMode mode);
+    // Nothing when there is none. It may be another image's.
+    static std::optional<HashFile> find(const Image& image, const HashFileOptions& options);
 
-    // For an image, as it stands; fails when it is missing or was made with other options than given.
+    // What was found, or one that is made for a size. It is whole before it has its name, whatever ends the program
+    // meanwhile. Fails when it was made with other options than given, or belongs to another image; it may still record
+    // another size of this one.
+    static HashFile foundOrMade(std::optional<HashFile> found, const Image& image, const HashFileOptions& options,
+                                std::int64_t targetSize, ProgressMode mode);
+
+    // The same for an image as it stands.
+    static HashFile openOrMake(const Image& image, const HashFileOptions& options, ProgressMode mode);
+
+    // Fails when there is none, or when it was made with other options than given.
     static HashFile openExisting(const Image& image, const HashFileOptions& options);
 
     const std::string& path() const { return m_path; }
     const Geometry& geometry() const { return m_geometry; }
-    bool wasCreated() const { return m_created; }
+    bool wasMade() const { return m_wasMade; }
     bool isWritable() const;
+    bool isServedReadOnly() const; // so that no record is written either
 
     Store& store() { return *m_store; }
     Store anotherStore() const { return anotherStore(isWritable() ? Store::Access::Write : Store::Access::Read); }
@@ -65,45 +74,49 @@ public:
         adapt(targetSize);
     }
 
-    // What was recorded when the file was opened.
-    const std::optional<Evidence>& evidence() const { return m_evidence; }
+    // What is recorded beside it.
+    const std::optional<Record>& record() const { return m_record; }
 
-    // Why the hashes may not be true of an image in this state; empty when the record says that they are.
-    std::string doubtAbout(const ImageState& image) const;
+    // Its state, for its record: empty when a later change could have the same.
+    const Traits& state() const { return m_state; }
 
     // Whether nothing else has changed the file, since it was opened or recorded, or put another one in its place. Once
     // this program has changed it, only the latter can be told, by `isInPlace`.
     bool isUntouched() const;
     bool isInPlace() const;
 
-    // Records that the hashes are true of an image in this state, or that they may be true of none. Only notes on
-    // standard error when that cannot be written: without it the next run checks the hashes.
-    void record(const ImageState& image, bool isClean);
+    // Replaces the record by one of an image. Only notes on standard error when that cannot be done: without a record
+    // the next run checks the hashes. Fails when the old one stands all the same, and says that they are true.
+    void write(Record record);
 
-    // Whether the record is of this image, or there is none.
-    bool isOf(const ImageState& image) const;
+    // Forgets what the system holds of it in memory, as far as that can be done.
+    void dropCache() const;
 
 private:
     class Lock;
 
-    HashFile(std::string path, std::shared_ptr<Lock> lock);
+    HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade);
 
     static std::optional<HashFile> open(const std::string& path, const HashFileOptions& options);
-    std::string place() const;
     static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
     void checkOptions(const HashFileOptions& options) const;
     void checkOwner(const Image& image, const HashFileOptions& options);
+    void checkMemory();
     void checkAdaptable(std::int64_t targetSize) const;
     void forgetBehind(std::int64_t targetSize);
     void adapt(std::int64_t targetSize);
 
     std::string m_path;
     std::shared_ptr<Lock> m_lock;
+    bool m_wasMade;
+    std::optional<Record> m_record;
     Geometry m_geometry;
-    std::optional<Evidence> m_evidence;
-    nlohmann::ordered_json m_state; // of the file, when it was opened or recorded
+    Traits m_state;
     std::unique_ptr<Store> m_store;
-    bool m_created = false;
 };
+
+// The state of a hash file that is open. `waits`: until no later change can have the same; empty when there is no such
+// moment.
+Traits hashFileState(const Descriptor& file, bool waits);
 
 } // namespace kelvane::tool

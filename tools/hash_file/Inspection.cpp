@@ -68,9 +68,15 @@ Failure explained(const std::string& path, const std::runtime_error& error)
     return {path, cause.empty() ? text : text.substr(0, text.find_last_of(' ') + 1) + cause};
 }
 
-HashFileInspector inspect(const std::string& path)
+Descriptor openHashFile(const std::string& path)
 {
-    return explaining(path, [&] { return HashFileInspector(path); });
+    const Descriptor found = openFile(path, O_PATH); // a pipe would be waited for
+    struct stat status;
+    if (found && ::fstat(found.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw Failure(path, 0, NO_HASH_FILE);
+    }
+    Descriptor file = found ? openAgain(found, O_RDONLY) : Descriptor();
+    return file ? std::move(file) : throw Failure(path, "cannot open the hash file: " + errorText(errno));
 }
 
 bool isHashFile(const std::string& path)

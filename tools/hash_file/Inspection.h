@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Descriptor.h"
 #include "base/Failure.h"
 #include "base/Range.h"
 
@@ -24,8 +25,8 @@ struct Geometry {
 // The geometry, which fits signed numbers and is of a target that does not end before it starts.
 Geometry geometryOf(const HashFileInspector& inspector, const std::string& path);
 
-// Opens a hash file for reading alone.
-HashFileInspector inspect(const std::string& path);
+// Opens a hash file to be read alone. A Failure for what can be none, before it is opened.
+Descriptor openHashFile(const std::string& path);
 
 // Whether a file is a hash file, perhaps a damaged one.
 bool isHashFile(const std::string& path);

@@ -31,15 +31,9 @@ std::string recordPath(const std::string& hashFile)
     return hashFile + ".state";
 }
 
-std::string inTheMaking(const std::string& path)
-{
-    return path + ".new";
-}
-
 std::vector<std::string> filesOf(const std::string& hashFile)
 {
-    const std::string record = recordPath(hashFile);
-    return {hashFile, inTheMaking(hashFile), record, inTheMaking(record)};
+    return {hashFile, recordPath(hashFile)};
 }
 
 void keepApart(const std::string& image, const std::string& hashFile)

@@ -1,4 +1,4 @@
-// The files that a hash file takes up: itself, the record beside it, and both under the names by which they are made.
+// The files that a hash file takes up: itself, and the record beside it.
 #pragma once
 
 #include <string>
@@ -7,7 +7,6 @@
 namespace kelvane::tool {
 
 std::string recordPath(const std::string& hashFile);
-std::string inTheMaking(const std::string& path);
 std::vector<std::string> filesOf(const std::string& hashFile);
 
 // Fail, by the path that is given for two things, where making or writing the one would destroy the other. Paths may

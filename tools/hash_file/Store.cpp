@@ -96,7 +96,7 @@ void Store::invalidate(Range range)
 void Store::sync()
 {
     if (m_store && !m_store->sync_to_disk()) {
-        throw Failure(m_path, "cannot flush: " + errorText(errno));
+        throw FlushFailed(m_path, "cannot flush: " + errorText(errno));
     }
 }
 

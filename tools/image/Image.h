@@ -1,71 +1,118 @@
 // The disk images that the program works on: regular files and block devices.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "base/Descriptor.h"
+#include "base/Failure.h"
 #include "base/Range.h"
+#include "image/BlockDevice.h"
 
 namespace kelvane::tool {
 
-// May be read by several threads at once. Every failure is a Failure that names the image and the offset.
+// The system could not write to the disk what it had taken. What it holds in memory may never reach the disk, though
+// the next flush succeeds.
+class FlushFailed : public Failure {
+public:
+    using Failure::Failure;
+};
+
+// Is read alone until `beginWriting`. May be read by several threads at once. Every failure is a Failure that names the
+// image and the offset.
 class Image {
 public:
     enum class Access { Read, Write, WriteOrMissing };
 
-    // With WriteOrMissing, one that is not there counts as empty until `create` is called. A block device that is to be
-    // written must not be in use by the system, by being mounted for instance.
-    Image(std::string path, Access access);
+    // With WriteOrMissing, one that is not there counts as empty until `create` is called. What is to be written must
+    // not be in use by the system, by being mounted for instance.
+    Image(std::string path, Access access, AtLink atLink = AtLink::Follow);
 
     const std::string& path() const { return m_path; }
     std::int64_t size() const { return m_size; }
     bool isBlockDevice() const { return m_isBlockDevice; }
-    bool isMissing() const { return !m_fd; }
-    int descriptor() const { return m_fd.get(); }
+    bool isMissing() const { return !m_file; }
+    mode_t permissions() const { return m_permissions; }
+    const Descriptor& file() const { return m_file; }
+
+    // Of a block device: whether nobody else uses it as a whole, as the system does with one that is mounted.
+    bool isClaimed() const { return m_isClaimed; }
+    const BlockDevice& device() const { return *m_device; }
+
+    // The file that holds its bytes: itself; of a loop device that can only be read, the one that it shows. None where
+    // that file can be written through the device, or is not to be seen.
+    const Descriptor& fileWithBytes() const { return m_isBlockDevice ? m_shown : m_file; }
 
     // `size` is that of the time of opening, or of the last resizing by this program.
     std::int64_t currentSize() const;
 
+    // Whether another one is the same file or device, by whatever path.
+    bool isSame(const Image& other) const
+    {
+        return !isMissing() && !other.isMissing() && leadsTo(other.m_file.place(), m_file);
+    }
+
     // Whether its path still leads to it.
-    bool isNamed() const;
+    bool isNamed() const { return leadsTo(m_path, m_file); }
 
     // Whether every change of it leaves a stamp of this machine's clock once it is flushed, those by mappings, too, and
     // what is mapped is what is read. Not where the file system is not known to work so: in memory, over a network, in
     // user space, or put together from several others.
     bool isStamped() const { return m_isStamped; }
 
-    // By this program.
-    std::int64_t bytesWritten() const { return m_bytesWritten; }
-
+    // A block device is read from the disk: what the system holds in memory of it is not always what was written to it
+    // past it, to the whole disk or to the file that holds it.
     void read(char* buffer, Range range) const;
-
-    void create();
-    void write(const char* buffer, Range range);
-    void flush() const;
-    void resize(std::int64_t size); // regular files alone
-
-    // Turns a range into zeros that take no room; false where that cannot be done.
-    bool punch(Range range);
 
     // The first stretch of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
     // at `end`, when there is only a hole.
     Range nextData(std::int64_t offset, std::int64_t end) const;
 
-    // Forgets what the system holds in memory of the image, so that the next reads come from the disk.
-    void dropCache() const;
+    // Brings what the system holds in memory to the disk. After a FlushFailed that is dropped from memory, as far as
+    // possible.
+    void flush() const;
+
+    // What is read from now on comes from the disk. False when a part of it stays in memory; `readFromDisk` then fails.
+    bool dropCache() const;
+    void readFromDisk() const;
+
+    // Fails when the image, or one that is made, could not have a size.
+    void checkSize(std::int64_t size) const;
+
+    void create(mode_t permissions); // which begins writing
+    void beginWriting();
+    bool isWriting() const { return m_isWriting; }
+    void endWriting();
+    void write(const char* buffer, Range range);
+    void resize(std::int64_t size); // regular files alone
+    bool punch(Range range);        // into zeros that take no room; false where that cannot be done
+
+    // By this program.
+    std::int64_t bytesWritten() const { return m_bytesWritten; }
 
 private:
-    void take(Descriptor descriptor);
+    void openForReading(const Descriptor& found);
+    void take(Descriptor file, const struct stat& status);
+    void refuseUse() const;
+    void readUnaligned(char* buffer, Range range) const;
 
     std::string m_path;
-    Descriptor m_fd;
+    Descriptor m_file;
+    std::optional<BlockDevice> m_device;
+    Descriptor m_shown;   // by a loop device
+    Descriptor m_written; // a device, beside m_file, which claims it
     std::int64_t m_size = 0;
+    mode_t m_permissions = 0;
     bool m_isBlockDevice = false;
+    bool m_isClaimed = false;
     bool m_isStamped = false;
+    bool m_isWriting = false;
     std::int64_t m_bytesWritten = 0;
 };
 
-bool isStampingFileSystem(int fd);
+bool isStampingFileSystem(const Descriptor& file);
 
 } // namespace kelvane::tool

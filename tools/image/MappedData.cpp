@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <new>
@@ -35,6 +36,7 @@ void* mapMemory(void* address, std::size_t length, int protection, int flags)
 // whether all was there. Any other access that fails so ends the program when it is repeated.
 extern "C" void replaceLostPages(int signal, siginfo_t* info, void* /*context*/)
 {
+    const int error = errno;
     auto* const address = static_cast<char*>(info->si_addr);
     if (window.start <= address && address < window.end) {
         char* const page = window.start + roundDown(address - window.start, PAGE);
@@ -44,6 +46,7 @@ extern "C" void replaceLostPages(int signal, siginfo_t* info, void* /*context*/)
     if (!window.isLost) {
         std::signal(signal, SIG_DFL);
     }
+    errno = error;
 }
 
 bool installHandler()
@@ -63,8 +66,8 @@ MappedData::MappedData(const Image& image, Range range)
 {
     [[maybe_unused]] static const bool isInstalled = installHandler();
     const auto length = static_cast<std::size_t>(m_mapped.length);
-    void* start = image.isStamped() || image.isBlockDevice()
-        ? ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.descriptor(), m_mapped.offset)
+    void* start = image.isStamped() && !image.isBlockDevice()
+        ? ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.file().get(), m_mapped.offset)
         : MAP_FAILED;
     const bool isMapped = start != MAP_FAILED; // some file systems cannot
     start = isMapped ? start : mapMemory(nullptr, length, PROT_READ | PROT_WRITE, 0);
@@ -75,7 +78,7 @@ MappedData::MappedData(const Image& image, Range range)
     window = {m_start, m_start + m_mapped.length, false};
     try {
         if (!isMapped) {
-            image.read(get(), range);
+            image.read(m_start, between(m_mapped.offset, std::min(m_mapped.end(), image.size())));
         } else if (::madvise(m_start, length, MADV_POPULATE_READ) != 0 && errno != EINVAL) { // unknown to old systems
             readPieces();
         }
@@ -94,7 +97,7 @@ MappedData::~MappedData()
 bool MappedData::isWhole() const
 {
     struct stat status;
-    const bool isCut = !m_image.isBlockDevice() && ::fstat(m_image.descriptor(), &status) == 0
+    const bool isCut = !m_image.isBlockDevice() && ::fstat(m_image.file().get(), &status) == 0
         && status.st_size < m_range.end(); // within a page, zeros stand in for what was cut off
     return !window.isLost && !isCut;
 }

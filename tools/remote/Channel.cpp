@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "base/Interrupt.h"
+#include "base/Text.h"
 #include "remote/Wire.h"
-#include "terminal/Text.h"
 
 namespace kelvane::tool {
 

@@ -13,6 +13,7 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::size_t DIGEST_SIZE = 32;
+constexpr std::uint32_t MOST_PERMISSIONS = 0777;
 constexpr std::int64_t GREATEST = std::numeric_limits<std::int64_t>::max();
 
 enum class Form : std::uint8_t { Zeros, Bytes, Compressed };
@@ -172,7 +173,8 @@ Open Open::decode(std::string_view payload)
 std::string encode(const Opening& opening)
 {
     FieldWriter to;
-    to.i64(opening.size).u8(opening.isMissing ? 1 : 0).u8(opening.isBlockDevice ? 1 : 0).string(opening.hashFile);
+    to.i64(opening.size).u32(opening.permissions).u8(opening.isMissing ? 1 : 0).u8(opening.isBlockDevice ? 1 : 0);
+    to.string(opening.hashFile);
     return to.u32(opening.blockSize.value_or(0)).done();
 }
 
@@ -181,6 +183,7 @@ Opening decodeOpening(std::string_view payload)
     return decodeAll(payload, [](FieldReader& from) {
         Opening opening;
         opening.size = from.i64(GREATEST / 2);
+        opening.permissions = atMost(from.u32(), MOST_PERMISSIONS, "permissions");
         opening.isMissing = from.flag();
         opening.isBlockDevice = from.flag();
         opening.hashFile = from.string();
@@ -192,7 +195,7 @@ Opening decodeOpening(std::string_view payload)
 
 std::string encode(const Start& start)
 {
-    return FieldWriter().u32(start.blockSize).i64(start.targetSize).i64(start.compared).done();
+    return FieldWriter().u32(start.blockSize).i64(start.targetSize).u32(start.permissions).i64(start.compared).done();
 }
 
 Start decodeStart(std::string_view payload)
@@ -204,6 +207,7 @@ Start decodeStart(std::string_view payload)
             throw ProtocolError("blocks of 0 bytes");
         }
         start.targetSize = from.i64();
+        start.permissions = atMost(from.u32(), MOST_PERMISSIONS, "permissions");
         start.compared = from.i64();
         return start;
     });
@@ -263,21 +267,34 @@ AskBytes AskBytes::decode(std::string_view payload)
     });
 }
 
-void Conclusion::encode(FieldWriter& to) const
+void encode(FieldWriter& to, const Conclusion& conclusion)
 {
-    to.u8(isUnchanged ? 1 : 0).string(remarks).u8(isBelieved ? 1 : 0).string(doubt).i64(checkedBlocks);
-    to.i64(repairedBlocks);
+    to.u8(conclusion.isUnchanged ? 1 : 0).u8(conclusion.isOpenForWriting ? 1 : 0);
+    to.u32(static_cast<std::uint32_t>(conclusion.writers.size()));
+    for (const Program& program : conclusion.writers) {
+        to.i64(program.process).string(program.command);
+    }
+    to.u8(conclusion.isBelieved ? 1 : 0).string(conclusion.doubt).i64(conclusion.checkedBlocks);
+    to.i64(conclusion.repairedBlocks).u8(conclusion.isRecorded ? 1 : 0).string(conclusion.remarks);
 }
 
-Conclusion Conclusion::decode(FieldReader& from)
+Conclusion decodeConclusion(FieldReader& from)
 {
+    constexpr std::uint32_t MOST_PROGRAMS = 256;
     Conclusion conclusion;
     conclusion.isUnchanged = from.flag();
-    conclusion.remarks = from.string();
+    conclusion.isOpenForWriting = from.flag();
+    const std::uint32_t count = atMost(from.u32(), MOST_PROGRAMS, "programs");
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const std::int64_t process = from.i64();
+        conclusion.writers.push_back({process, from.string()});
+    }
     conclusion.isBelieved = from.flag();
     conclusion.doubt = from.string();
     conclusion.checkedBlocks = from.i64();
     conclusion.repairedBlocks = from.i64();
+    conclusion.isRecorded = from.flag();
+    conclusion.remarks = from.string();
     return conclusion;
 }
 
@@ -285,13 +302,13 @@ void encode(FieldWriter& to, const std::optional<Conclusion>& conclusion)
 {
     to.u8(conclusion ? 1 : 0);
     if (conclusion) {
-        conclusion->encode(to);
+        encode(to, *conclusion);
     }
 }
 
-std::optional<Conclusion> decodeConclusion(FieldReader& from)
+std::optional<Conclusion> decodeOptionalConclusion(FieldReader& from)
 {
-    return from.flag() ? std::optional(Conclusion::decode(from)) : std::nullopt;
+    return from.flag() ? std::optional(decodeConclusion(from)) : std::nullopt;
 }
 
 std::string Digests::encode() const
@@ -313,7 +330,7 @@ Digests Digests::decode(std::string_view payload)
         for (std::uint32_t i = 0; i < count; ++i) {
             answer.digests.push_back(digestFrom(from));
         }
-        answer.conclusion = decodeConclusion(from);
+        answer.conclusion = decodeOptionalConclusion(from);
         return answer;
     });
 }
@@ -358,7 +375,7 @@ Written Written::decode(std::string_view payload)
         Written written;
         written.change.wasUnchanged = from.flag();
         written.change.wasAlone = from.flag();
-        written.conclusion = decodeConclusion(from);
+        written.conclusion = decodeOptionalConclusion(from);
         return written;
     });
 }

@@ -19,7 +19,7 @@ constexpr std::size_t LONGEST_TEXT = 1000; // of what one side tells people thro
 
 struct Hello {
     static constexpr std::uint32_t MAGIC = 0x484b564b; // "KVKH"
-    static constexpr std::uint32_t VERSION = 1;
+    static constexpr std::uint32_t VERSION = 2;
     static constexpr std::uint32_t ZSTD = 1;
 
     std::uint32_t version = VERSION;
@@ -70,21 +70,12 @@ struct AskBytes {
     static AskBytes decode(std::string_view payload); // at most Side::MOST_NODES units
 };
 
-struct Conclusion {
-    bool isUnchanged = true;
-    std::string remarks;
-    bool isBelieved = true; // what was known of the image
-    std::string doubt;      // why not
-    std::int64_t checkedBlocks = 0;
-    std::int64_t repairedBlocks = 0;
-
-    void encode(FieldWriter& to) const;
-    static Conclusion decode(FieldReader& from);
-};
+void encode(FieldWriter& to, const Conclusion& conclusion);
+Conclusion decodeConclusion(FieldReader& from);
 
 // A flag, and what was concluded when it is set.
 void encode(FieldWriter& to, const std::optional<Conclusion>& conclusion);
-std::optional<Conclusion> decodeConclusion(FieldReader& from);
+std::optional<Conclusion> decodeOptionalConclusion(FieldReader& from);
 
 struct Digests {
     std::vector<Digest> digests;

@@ -12,8 +12,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/Text.h"
 #include "terminal/Note.h"
-#include "terminal/Text.h"
 
 extern char** environ;
 
@@ -379,7 +379,7 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
     guarded([&] {
         const std::string payload = answer(FrameType::End);
         FieldReader end(payload);
-        m_conclusion = decodeConclusion(end);
+        m_conclusion = decodeOptionalConclusion(end);
         end.end();
     });
 }
@@ -409,39 +409,34 @@ void RemoteSide::distrust()
     request(FrameType::Distrust);
 }
 
-bool RemoteSide::conclude()
+const Conclusion& RemoteSide::conclude()
 {
     if (!m_conclusion) {
         request(FrameType::Conclude);
         guarded([&] {
             const std::string payload = answer(FrameType::Concluded);
             FieldReader from(payload);
-            m_conclusion = Conclusion::decode(from);
+            m_conclusion = decodeConclusion(from);
             from.end();
         });
     }
-    return m_conclusion->isUnchanged;
+    m_shown = shown(*m_conclusion);
+    return m_shown;
 }
 
-std::string RemoteSide::remarks() const
+// What the other machine says, as people may see it.
+Conclusion RemoteSide::shown(Conclusion conclusion) const
 {
-    std::istringstream lines(m_conclusion ? m_conclusion->remarks : "");
-    std::string text;
+    std::istringstream lines(std::exchange(conclusion.remarks, ""));
     int count = 0;
     for (std::string line; count < MOST_REMARKS && std::getline(lines, line); ++count) {
-        text += m_host + ": " + printable(line, LONGEST_TEXT) + "\n";
+        conclusion.remarks += m_host + ": " + printable(line, LONGEST_TEXT) + "\n";
     }
-    return text;
-}
-
-nlohmann::ordered_json RemoteSide::freshness() const
-{
-    const Conclusion found = m_conclusion.value_or(Conclusion());
-    return {{"image", m_name},
-            {"believed", found.isBelieved},
-            {"doubt", printable(found.doubt, LONGEST_TEXT)},
-            {"checkedBlocks", found.checkedBlocks},
-            {"repairedBlocks", found.repairedBlocks}};
+    conclusion.doubt = printable(conclusion.doubt, LONGEST_TEXT);
+    for (Program& program : conclusion.writers) {
+        program.command = printable(program.command, LONGEST_PHASE);
+    }
+    return conclusion;
 }
 
 } // namespace kelvane::tool

@@ -56,9 +56,7 @@ public:
     OwnChange finishWriting() override;
     void abandon() override { } // the other machine sees that this one has gone
     void distrust() override;
-    bool conclude() override;
-    std::string remarks() const override;
-    nlohmann::ordered_json freshness() const override;
+    const Conclusion& conclude() override;
     std::optional<LineTraffic> lineTraffic() const override
     {
         return LineTraffic {m_channel->bytesSent(), m_channel->bytesReceived(), m_roundTrips};
@@ -77,6 +75,7 @@ private:
     bool tell(const Frame& frame) const; // an error, or a note: true
     void show(const std::string& payload);
     void throwWhatItSaid();
+    Conclusion shown(Conclusion conclusion) const;
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);
     void receive(const Read& read, const Deliver& deliver);
 
@@ -91,8 +90,9 @@ private:
     std::optional<Started> m_started;
     bool m_hasAsked = false; // since the last answer
     std::int64_t m_roundTrips = 0;
-    std::deque<std::size_t> m_asked; // how many digests each question will have
-    std::optional<Conclusion> m_conclusion;
+    std::deque<std::size_t> m_asked;        // how many digests each question will have
+    std::optional<Conclusion> m_conclusion; // the last one, as it was told
+    Conclusion m_shown;
     std::string m_phase;
     std::unique_ptr<Progress> m_progress;
 };

@@ -20,15 +20,10 @@ namespace {
     throw Failure(path, "outside of what is served");
 }
 
-std::string placeOf(const Descriptor& file)
-{
-    return "/proc/self/fd/" + std::to_string(file.get());
-}
-
 std::filesystem::path pathOf(const Descriptor& file)
 {
     std::error_code error;
-    return std::filesystem::read_symlink(placeOf(file), error);
+    return std::filesystem::read_symlink(file.place(), error);
 }
 
 bool isOutside(const std::filesystem::path& relative)
@@ -59,7 +54,6 @@ ServedPaths::ServedPaths(const std::string& root)
     if (!m_descriptor || m_root.empty()) {
         throw Failure(root, "the root is no directory");
     }
-    followsLinks = false;
 }
 
 // The root as it was given counts, too: links may lead to it.
@@ -125,7 +119,7 @@ std::string ServedPaths::resolve(const std::string& path)
 std::string ServedPaths::placeIn(Descriptor directory, const std::filesystem::path& path, bool isAbsolute)
 {
     const std::filesystem::path shown = isAbsolute ? m_root / path.parent_path() : path.parent_path();
-    const std::string place = placeOf(directory) + "/" + path.filename().string();
+    const std::string place = directory.place() + "/" + path.filename().string();
     m_directories.push_back({std::move(directory), shown.empty() ? "" : (shown / "").string()});
     return place;
 }
@@ -149,7 +143,7 @@ std::string ServedPaths::resolveHashFile(const std::string& path, const std::str
 std::string ServedPaths::shown(std::string text) const
 {
     for (const Directory& directory : m_directories) {
-        const std::string place = placeOf(directory.descriptor) + "/";
+        const std::string place = directory.descriptor.place() + "/";
         for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place, at)) {
             text.replace(at, place.size(), directory.shown);
             at += directory.shown.size();

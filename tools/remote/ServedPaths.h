@@ -11,8 +11,11 @@ namespace kelvane::tool {
 
 class ServedPaths {
 public:
-    // Empty: all paths. With a root, no link is followed any more at the end of a path: `resolve` has done that.
+    // Empty: all paths.
     explicit ServedPaths(const std::string& root);
+
+    // With a root, no link may be followed at the end of a path: `resolve` has done that.
+    AtLink atLink() const { return m_descriptor ? AtLink::Refuse : AtLink::Follow; }
 
     // The path of a file, itself there or not, that lies in the root, whatever links and ".." say. It leads through
     // the descriptor of the directory, so that nobody can put another one in its place. Relative paths count from the

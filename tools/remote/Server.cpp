@@ -5,13 +5,13 @@
 #include <utility>
 
 #include "base/Interrupt.h"
+#include "base/Text.h"
 #include "remote/Channel.h"
 #include "remote/Messages.h"
 #include "remote/ServedPaths.h"
 #include "remote/Transfer.h"
 #include "terminal/Note.h"
 #include "terminal/Progress.h"
-#include "terminal/Text.h"
 #include "work/LocalSide.h"
 
 namespace kelvane::tool {
@@ -99,6 +99,7 @@ private:
         HashFileOptions options;
         options.adopts = open.adopts;
         options.isReadOnly = m_arguments.isReadOnly;
+        options.atLink = m_paths->atLink();
         if (open.partitionOffset) {
             options.partitionOffset = static_cast<std::uint64_t>(*open.partitionOffset);
         }
@@ -146,7 +147,7 @@ private:
             return m_side->distrust();
         case FrameType::Conclude: {
             FieldWriter to;
-            conclusion().encode(to);
+            encode(to, conclusion());
             return m_channel.send(FrameType::Concluded, to.done());
         }
         default:
@@ -156,14 +157,9 @@ private:
 
     Conclusion conclusion()
     {
-        Conclusion conclusion;
-        conclusion.isUnchanged = m_side->conclude();
-        conclusion.remarks = shown(m_side->remarks());
-        const nlohmann::ordered_json freshness = m_side->freshness();
-        conclusion.isBelieved = freshness.at("believed").get<bool>();
-        conclusion.doubt = shown(freshness.at("doubt").get<std::string>());
-        conclusion.checkedBlocks = freshness.at("checkedBlocks").get<std::int64_t>();
-        conclusion.repairedBlocks = freshness.at("repairedBlocks").get<std::int64_t>();
+        Conclusion conclusion = m_side->conclude();
+        conclusion.remarks = shown(conclusion.remarks);
+        conclusion.doubt = shown(conclusion.doubt);
         return conclusion;
     }
 

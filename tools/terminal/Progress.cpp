@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "terminal/Text.h"
+#include "base/Text.h"
 
 namespace kelvane::tool {
 

@@ -8,22 +8,9 @@
 #include "image/Image.h"
 #include "image/RangeSource.h"
 #include "terminal/Progress.h"
+#include "work/Common.h"
 
 namespace kelvane::tool {
-
-// What is believed of the hashes that are known already.
-enum class Trust {
-    Evidence, // that they are true, when the record beside the hash file says so
-    Nothing,
-    Everything
-};
-
-// How a command works, whatever it does.
-struct Common {
-    unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
-    ProgressMode progress = ProgressMode::Automatic;
-    Trust trust = Trust::Evidence;
-};
 
 struct Traffic {
     std::int64_t read = 0;  // bytes that came from the image

@@ -108,12 +108,12 @@ void Copier::flush()
     if (m_batch.empty()) {
         return;
     }
-    m_hashed.markChanging();
+    m_hashed.belief().mark();
     for (const Part& part : m_batch) {
         m_hashed.store().invalidate(part.range);
     }
-    m_hashed.store().sync();
-    const OwnChange change = m_hashed.changeImage([&] {
+    m_hashed.belief().flushHashes();
+    const OwnChange change = m_hashed.belief().changeImage([&] {
         for (const Part& part : m_batch) {
             put(part);
         }
@@ -139,8 +139,8 @@ void Copier::fillHoles(Progress& progress)
     for (Range rest = {0, m_destination.size()}; rest.length > 0;) {
         throwWhenInterrupted();
         if (const std::vector<Range> holes = takeHoles(rest); !holes.empty()) {
-            m_hashed.markChanging();
-            addChange(m_hashed.changeImage([&] {
+            m_hashed.belief().mark();
+            addChange(m_hashed.belief().changeImage([&] {
                 for (const Range& hole : holes) {
                     putZeros(hole);
                 }

@@ -8,8 +8,8 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Text.h"
 #include "image/MappedData.h"
-#include "terminal/Text.h"
 
 namespace kelvane::tool {
 
@@ -22,48 +22,61 @@ bool isAllZeros(const char* data, std::int64_t length)
     return data[0] == 0 && std::memcmp(data, data + 1, static_cast<std::size_t>(length) - 1) == 0;
 }
 
-std::optional<std::uint32_t> blockSizeAt(const std::string& hashFilePath)
-{
-    std::error_code error;
-    return std::filesystem::exists(hashFilePath, error) ? std::optional(inspect(hashFilePath).block_size_in_bytes())
-                                                        : std::nullopt;
-}
-
 } // namespace
 
-Image openImage(const std::string& path, Image::Access access)
+Image openImage(const std::string& path, Image::Access access, AtLink atLink)
 {
-    Image image(path, access);
-    if (!image.isMissing() && isHashFile(path)) {
+    Image image(path, access, atLink);
+    if (!image.isMissing() && isHashFile(image.file().place())) {
         throw Failure(path, "this is a hash file, not an image");
     }
-    if (!image.isMissing() && Evidence::isRecord(path)) {
+    if (!image.isMissing() && isRecord(image.file())) {
         throw Failure(path, "this is the record beside a hash file, not an image");
     }
     return image;
 }
 
 LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common)
-    : m_image(openImage(path, access))
+    : m_image(openImage(path, access, options.atLink))
     , m_isDestination(access != Image::Access::Read)
     , m_options(std::move(options))
     , m_common(common)
-    , m_opening {m_image.size(), m_image.isMissing(), m_image.isBlockDevice(), m_options.pathFor(m_image),
-                 blockSizeAt(m_options.pathFor(m_image))}
 {
 }
 
+const Opening& LocalSide::opening()
+{
+    if (!m_opening) {
+        m_hashFile = HashFile::find(m_image, m_options);
+        m_opening = {m_image.size(),          m_image.permissions(), m_image.isMissing(),
+                     m_image.isBlockDevice(), hashFilePath(),        std::nullopt};
+        if (m_hashFile) {
+            m_opening->blockSize = static_cast<std::uint32_t>(m_hashFile->geometry().blockSize);
+        }
+    }
+    return *m_opening;
+}
+
+// A hash file is made once the image can be what it is to describe.
 void LocalSide::openHashes(const Start& start)
 {
+    opening();
     m_options.blockSize = start.blockSize;
-    m_hashed.emplace(m_image, HashFile::openOrCreate(m_image, m_options, sizeAfter(start), m_common.progress),
-                     m_common);
+    const std::int64_t size = sizeAfter(start);
+    if (m_isDestination) {
+        m_image.checkSize(size);
+    }
+    m_hashed.emplace(
+        m_image,
+        HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.progress),
+        m_common);
 }
 
 void LocalSide::start(const Start& start)
 {
-    m_isDestination ? prepare(sizeAfter(start)) : m_hashed->adaptToImage();
-    m_hashed->complete(m_hashed->believes() ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
+    m_isDestination ? prepare(start) : m_hashed->adaptToImage();
+    const bool believes = m_hashed->belief().holds();
+    m_hashed->complete(believes ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
     const Geometry& geometry = m_hashed->hashFile().geometry();
     m_started = {geometry.partitionOffset, m_hashed->traffic().read, m_hashed->newBlocks()};
     m_blockSize = geometry.blockSize;
@@ -71,28 +84,32 @@ void LocalSide::start(const Start& start)
 }
 
 // Makes the destination what its hash file is to describe: there, and of that size.
-void LocalSide::prepare(std::int64_t size)
+void LocalSide::prepare(const Start& start)
 {
+    const std::int64_t size = sizeAfter(start);
     const bool fits = m_hashed->hashFile().geometry().targetSize == size;
     if (!m_image.isMissing() && m_image.size() == size && fits) {
         return;
     }
-    m_hashed->markChanging();
+    Belief& belief = m_hashed->belief();
+    belief.mark();
     if (m_image.isMissing()) {
-        m_image.create();
-        m_hashed->takeState();
+        m_image.create(start.permissions);
+        belief.dismissAll();
+        belief.look();
     }
     const auto resizeImage = [&] {
-        if (m_image.size() == size) {
-            return;
+        if (m_image.size() != size) {
+            belief.beginWriting(m_image);
+            disbelieveUnlessAlone(belief.changeImage([&] { m_image.resize(size); }));
         }
-        disbelieveUnlessAlone(m_hashed->changeImage([&] { m_image.resize(size); }));
     };
     if (fits) {
         resizeImage();
     } else {
         m_hashed->resize(size, resizeImage);
     }
+    m_image.endWriting();
 }
 
 Range LocalSide::rangeOf(int level, std::int64_t index) const
@@ -222,6 +239,7 @@ void LocalSide::readPiece(Range piece, bool withDigests, const Sink& sink)
 
 void LocalSide::startWriting(bool isSparse)
 {
+    m_hashed->belief().beginWriting(m_image);
     m_copier = std::make_unique<Copier>(m_image, *m_hashed, isSparse);
 }
 
@@ -232,8 +250,9 @@ OwnChange LocalSide::finishWriting()
         Progress progress("fill", m_image.size(), m_common.progress);
         m_copier->fillHoles(progress);
     }
-    m_hashed->flushHashes();
+    m_hashed->belief().flushHashes();
     disbelieveUnlessAlone(m_copier->ownChange());
+    m_image.endWriting();
     return m_copier->ownChange();
 }
 
@@ -241,7 +260,7 @@ OwnChange LocalSide::finishWriting()
 void LocalSide::disbelieveUnlessAlone(const OwnChange& change)
 {
     if (!change.wasUnchanged || !change.wasAlone) {
-        m_hashed->believe(false);
+        m_hashed->belief().dismiss();
     }
 }
 
@@ -249,13 +268,14 @@ void LocalSide::abandon()
 {
     const LettingFinish finishing;
     try {
-        if (m_copier) {
+        if (m_copier && !m_hashed->belief().hasLostWrites()) {
             m_copier->dropPartOfBlock();
             m_copier->flush();
             disbelieveUnlessAlone(m_copier->ownChange());
         }
+        m_image.endWriting();
         if (m_hashed) {
-            m_hashed->flushHashes();
+            m_hashed->belief().flushHashes();
             m_hashed->conclude();
         }
     } catch (const std::exception&) {
@@ -265,8 +285,7 @@ void LocalSide::abandon()
 
 void LocalSide::distrust()
 {
-    m_hashed->markChanging();
-    m_hashed->believe(false);
+    m_hashed->belief().contradict();
 }
 
 } // namespace kelvane::tool

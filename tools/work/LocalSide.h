@@ -15,40 +15,40 @@
 
 namespace kelvane::tool {
 
-// Refuses an image that is a hash file.
-Image openImage(const std::string& path, Image::Access access);
+// Refuses an image that is a hash file, or the record beside one.
+Image openImage(const std::string& path, Image::Access access, AtLink atLink = AtLink::Follow);
 
 class LocalSide : public Side {
 public:
+    // Opens the image alone.
     LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common);
 
     const Image& image() const { return m_image; }
+    std::string hashFilePath() const { return m_options.pathFor(m_image); }
 
     const std::string& name() const override { return m_image.path(); }
     bool isFar() const override { return false; }
-    const Opening& opening() override { return m_opening; }
+    const Opening& opening() override;
     void openHashes(const Start& start) override;
     void start(const Start& start) override;
     bool isChangedBy(const Start& start) const override
     {
         return m_image.isMissing() || m_image.size() != sizeAfter(start);
     }
-    bool takesLong() const override { return !m_hashed->believes(); }
+    bool takesLong() const override { return !m_hashed->belief().holds(); }
     bool mayFailToStore() const override { return !m_hashed->hashFile().isWritable(); }
     const Started& started() override { return m_started; }
     void ask(const Nodes& nodes) override;
     void askBytes(Range range, std::int64_t unit) override;
     std::vector<Digest> digests() override;
-    void dropCache() override { m_image.dropCache(); }
+    void dropCache() override { static_cast<void>(m_image.dropCache()); }
     void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
     void startWriting(bool isSparse) override;
     void write(const Stretch& stretch) override { m_copier->write(stretch.range, stretch.data); }
     OwnChange finishWriting() override;
     void abandon() override;
     void distrust() override;
-    bool conclude() override { return m_hashed->conclude(); }
-    std::string remarks() const override { return m_hashed->text(); }
-    nlohmann::ordered_json freshness() const override { return m_hashed->json(); }
+    const Conclusion& conclude() override { return m_conclusion = m_hashed->conclude(); }
 
     // The image's size once the side is started.
     std::int64_t sizeAfter(const Start& start) const
@@ -65,7 +65,7 @@ private:
         bool isHole;
     };
 
-    void prepare(std::int64_t size);
+    void prepare(const Start& start);
     void disbelieveUnlessAlone(const OwnChange& change);
     Next nextOf(Range rest) const;
     void readPiece(Range piece, bool withDigests, const Sink& sink);
@@ -76,8 +76,10 @@ private:
     bool m_isDestination;
     HashFileOptions m_options;
     const Common& m_common;
-    Opening m_opening;
+    std::optional<Opening> m_opening;
+    std::optional<HashFile> m_hashFile; // as it was found
     std::optional<HashedImage> m_hashed;
+    Conclusion m_conclusion;
     Started m_started;
     std::int64_t m_blockSize = 0;
     std::int64_t m_compared = 0;  // whole blocks

@@ -1,18 +1,22 @@
 #include "work/RangeList.h"
 
-#include <charconv>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <set>
 #include <string_view>
+#include <utility>
+#include <variant>
 
 #include "base/Failure.h"
+#include "base/Number.h"
+#include "base/Text.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-using Json = nlohmann::json;
+constexpr const char* UNDECIDED_LIST = "diff was undecided: more may differ than it lists";
 
 bool isPossible(const Range& range)
 {
@@ -20,104 +24,259 @@ bool isPossible(const Range& range)
         && range.length <= std::numeric_limits<std::int64_t>::max() - range.offset;
 }
 
-// What `diff` says beside the ranges.
-bool isRemark(std::string_view line)
-{
-    return line.empty() || line.starts_with('#') || line.starts_with("sizes: ") || line.starts_with("equal; ")
-        || line.starts_with("different: ") || line.ends_with(" repaired") || line.ends_with(" round trip")
-        || line.ends_with(" round trips");
-}
-
 std::optional<Range> rangeOf(std::string_view line)
 {
-    Range range = {};
-    const char* const end = line.data() + line.size();
-    const auto offset = std::from_chars(line.data(), end, range.offset);
-    const std::string_view rest(offset.ptr, static_cast<std::size_t>(end - offset.ptr));
+    const std::size_t digits = std::min(line.find_first_not_of("0123456789"), line.size());
+    const std::string_view rest = line.substr(digits);
     const std::size_t gap = rest.starts_with(" + ") ? 3 : rest.find_first_not_of(" \t") == 1 ? 1 : 0;
-    const auto length = std::from_chars(offset.ptr + gap, end, range.length);
-    const bool isGood = offset.ec == std::errc() && gap > 0 && length.ec == std::errc() && length.ptr == end;
-    return isGood && isPossible(range) ? std::optional(range) : std::nullopt;
+    const auto offset = parseNumber<std::int64_t>(line.substr(0, digits));
+    const auto length = parseNumber<std::int64_t>(rest.substr(gap));
+    const bool isGood = offset && gap > 0 && length && isPossible({*offset, *length});
+    return isGood ? std::optional(Range {*offset, *length}) : std::nullopt;
 }
 
-RangeList parseLines(const std::string& text, const std::string& source)
+RangeList parseLines(std::string_view text, const std::string& source)
 {
     RangeList list {ListFormat::Lines, {}};
-    std::istringstream lines(text);
-    std::int64_t number = 0;
-    for (std::string line; std::getline(lines, line);) {
-        ++number;
-        if (isRemark(line)) {
+    for (std::int64_t number = 1; !text.empty(); ++number) {
+        const auto refuse
+            = [&](const std::string& cause) { throw Failure(source, placeIn(list.format, number) + ": " + cause); };
+        const std::size_t end = text.find('\n');
+        if (end == std::string_view::npos) {
+            refuse("has no line end: the list may have been cut off");
+        }
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        if (line.starts_with(std::string(RangeList::REMARK) + RangeList::UNDECIDED)) {
+            refuse(UNDECIDED_LIST);
+        }
+        if (line.empty() || line.starts_with('#')) {
             continue;
         }
         const std::optional<Range> range = rangeOf(line);
         if (!range) {
-            throw Failure(source,
-                          placeIn(list.format, number) + ": not a range like \"4096 + 8192\": " + line.substr(0, 100));
+            refuse("not a range like \"4096 + 8192\": " + printable(std::string(line.substr(0, 101)), 100));
         }
         list.entries.push_back({*range, number});
     }
     return list;
 }
 
-const Json& arrayOf(const Json& document, ListFormat format)
+const std::set<std::string>& keysOf(ListFormat format)
 {
-    return format == ListFormat::Diff ? document.at("differing") : document;
+    static const std::map<ListFormat, std::set<std::string>> KEYS = {
+        {ListFormat::Diff, {"offset", "length"}},
+        {ListFormat::Bitmap, {"offset", "length", "type", "description"}},
+        {ListFormat::Map, {"start", "length", "depth", "present", "zero", "data", "compressed", "offset", "filename"}}};
+    return KEYS.at(format);
 }
 
-bool isListed(const Json& entry, ListFormat format, MapEntries entries)
-{
-    if (format == ListFormat::Bitmap) {
-        return entry.at("type").get<std::uint64_t>() % 2 == 1;
+// Takes in JSON piece by piece, for a tree of it takes many times the memory of its text. What stands around the list
+// of `diff` is skipped, but for what says whether all is listed.
+class JsonReader final : public nlohmann::json_sax<nlohmann::json> {
+public:
+    JsonReader(const std::string& source, ListFormat format, MapEntries entries)
+        : m_source(source)
+        , m_entries(entries)
+        , m_keys(keysOf(format))
+        , m_listName(format == ListFormat::Diff ? "differing" : "")
+        , m_listDepth(format == ListFormat::Diff ? 2 : 1)
+        , m_list {format, {}}
+    {
     }
-    if (format == ListFormat::Map) {
-        const bool isData = entry.at("data").get<bool>();
-        const bool isZero = entry.at("zero").get<bool>();
-        return entries == MapEntries::All || (entries == MapEntries::Data ? isData : isZero);
-    }
-    return true;
-}
 
-std::int64_t numberAt(const Json& entry, const char* name)
-{
-    const Json& value = entry.at(name);
-    if (!value.is_number_integer()
-        || (value.is_number_unsigned()
-            && value.get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))) {
-        throw std::invalid_argument(std::string(name) + " is no number of bytes");
+    RangeList read(const std::string& text) &&
+    {
+        nlohmann::json::sax_parse(text, this);
+        if (m_list.format == ListFormat::Diff && !m_members.contains(m_listName)) {
+            refuse("no \"differing\"");
+        }
+        return std::move(m_list);
     }
-    return value.get<std::int64_t>();
-}
 
-RangeList parseEntries(const Json& document, const std::string& source, ListFormat format, MapEntries entries)
-{
-    RangeList list {format, {}};
-    std::int64_t number = 0;
-    for (const Json& entry : arrayOf(document, format)) {
-        ++number;
-        try {
-            const Range range
-                = {numberAt(entry, format == ListFormat::Map ? "start" : "offset"), numberAt(entry, "length")};
-            if (!isPossible(range)) {
-                throw std::invalid_argument("impossible range");
+    bool null() override { return take({}); }
+    bool boolean(bool flag) override { return take(flag); }
+    bool number_integer(std::int64_t /*negative*/) override { return take({}); }
+    bool number_unsigned(std::uint64_t number) override { return take(number); }
+    bool number_float(double /*too large a number, too*/, const std::string& /*text*/) override { return take({}); }
+    bool string(std::string& text) override { return take(std::move(text)); }
+    bool binary(nlohmann::json::binary_t& /*bytes*/) override { return take({}); }
+    bool start_array(std::size_t /*size*/) override { return enter(Array()); }
+    bool start_object(std::size_t /*size*/) override { return enter(Object()); }
+
+    bool key(std::string& name) override
+    {
+        if (m_depth == m_listDepth + 1 && m_isInList) {
+            if (!m_keys.contains(name)) {
+                refuse("\"" + printable(name, 100) + "\" is unknown");
             }
-            if (isListed(entry, format, entries)) {
-                list.entries.push_back({range, number});
+            if (!m_values.try_emplace(name).second) {
+                refuse("\"" + name + "\" stands there twice");
             }
-        } catch (const std::exception& error) {
-            throw Failure(source, placeIn(format, number) + ": " + error.what());
+            m_key = std::move(name);
+        } else if (m_depth == 1) {
+            m_member = std::move(name);
+            const bool counts = m_member == m_listName || m_member == VERDICT || m_member == CHANGED;
+            if (counts && !m_members.insert(m_member).second) {
+                refuse("\"" + m_member + "\" stands there twice");
+            }
+        }
+        return true;
+    }
+
+    bool end_array() override { return leave(); }
+
+    bool end_object() override
+    {
+        leave();
+        if (m_isInList && m_depth == m_listDepth) {
+            takeEntry();
+        }
+        return true;
+    }
+
+    bool parse_error(std::size_t position, const std::string& /*token*/,
+                     const nlohmann::json::exception& /*error*/) override
+    {
+        refuse("no JSON from byte " + std::to_string(position) + " on");
+    }
+
+private:
+    struct Array { };
+    struct Object { };
+    using Value = std::variant<std::monostate, bool, std::uint64_t, std::string, Array, Object>; // nothing: any other
+
+    static constexpr int DEEPEST = 16;
+    static constexpr const char* VERDICT = "verdict";
+    static constexpr const char* CHANGED = "changedMeanwhile";
+
+    [[noreturn]] void refuse(const std::string& cause) const
+    {
+        throw Failure(m_source, (m_isInList && m_number > 0 ? placeIn(m_list.format, m_number) + ": " : "") + cause);
+    }
+
+    template <class Kind>
+    const Kind& require(const Value& value, const std::string& otherwise) const
+    {
+        const Kind* const found = std::get_if<Kind>(&value);
+        if (found == nullptr) {
+            refuse(otherwise);
+        }
+        return *found;
+    }
+
+    bool enter(const Value& value)
+    {
+        take(value);
+        if (++m_depth > DEEPEST) {
+            refuse("nested too deep for a list of ranges");
+        }
+        return true;
+    }
+
+    bool leave()
+    {
+        --m_depth;
+        m_isInList = m_isInList && m_depth >= m_listDepth;
+        return true;
+    }
+
+    bool take(const Value& value)
+    {
+        if (m_isInList && m_depth == m_listDepth) {
+            ++m_number;
+            m_values.clear();
+            require<Object>(value, "is no range");
+        } else if (m_isInList && m_depth == m_listDepth + 1) {
+            m_values[m_key] = value;
+        } else if (m_depth + 1 == m_listDepth && m_member == m_listName) {
+            require<Array>(value, "no list of ranges");
+            m_isInList = true;
+        } else {
+            takeAround(value);
+        }
+        return true;
+    }
+
+    void takeAround(const Value& value) const
+    {
+        if (m_depth == 0) {
+            require<Object>(value, "no JSON of diff");
+        } else if (m_depth == 1 && m_member == VERDICT) {
+            const auto& verdict = require<std::string>(value, "\"verdict\" is no text");
+            if (verdict != "equal" && verdict != "different") {
+                refuse(verdict == RangeList::UNDECIDED ? UNDECIDED_LIST : "\"verdict\" is not one of diff");
+            }
+        } else if (m_depth == 1 && m_member == CHANGED) {
+            require<Array>(value, "\"changedMeanwhile\" is no list");
+        } else if (m_depth == 2 && m_member == CHANGED) {
+            refuse(UNDECIDED_LIST);
         }
     }
-    return list;
-}
 
-ListFormat formatOf(const Json& document)
-{
-    if (document.is_object()) {
-        return ListFormat::Diff;
+    template <class Kind>
+    const Kind& at(const std::string& name, const std::string& otherwise) const
+    {
+        const auto found = m_values.find(name);
+        if (found == m_values.end()) {
+            refuse("no \"" + name + "\"");
+        }
+        return require<Kind>(found->second, "\"" + name + "\" is " + otherwise);
     }
-    return !document.empty() && document[0].is_object() && document[0].contains("start") ? ListFormat::Map
-                                                                                         : ListFormat::Bitmap;
+
+    std::int64_t bytesAt(const std::string& name) const
+    {
+        const auto bytes = at<std::uint64_t>(name, "no number of bytes");
+        if (!std::in_range<std::int64_t>(bytes)) {
+            refuse("\"" + name + "\" is too large");
+        }
+        return static_cast<std::int64_t>(bytes);
+    }
+
+    bool isListed() const
+    {
+        if (m_list.format == ListFormat::Bitmap) {
+            return at<std::uint64_t>("type", "no whole number") % 2 == 1;
+        }
+        if (m_list.format == ListFormat::Map) {
+            const bool isData = at<bool>("data", "neither true nor false");
+            const bool isZero = at<bool>("zero", "neither true nor false");
+            return m_entries == MapEntries::All || (m_entries == MapEntries::Data ? isData : isZero);
+        }
+        return true;
+    }
+
+    void takeEntry()
+    {
+        const Range range = {bytesAt(m_list.format == ListFormat::Map ? "start" : "offset"), bytesAt("length")};
+        if (!isPossible(range)) {
+            refuse("impossible range");
+        }
+        if (isListed()) {
+            m_list.entries.push_back({range, m_number});
+        }
+    }
+
+    const std::string& m_source;
+    const MapEntries m_entries;
+    const std::set<std::string>& m_keys;
+    const std::string m_listName; // among the members of the document; empty for the document itself
+    const int m_listDepth;
+    RangeList m_list;
+    int m_depth = 0; // arrays and objects around what comes next
+    std::string m_member;
+    std::set<std::string> m_members; // that may stand there once
+    bool m_isInList = false;
+    std::int64_t m_number = 0;
+    std::string m_key;
+    std::map<std::string, Value> m_values; // of an entry
+};
+
+// By the first entry, as these programs print it.
+ListFormat jsonFormatOf(std::string_view text)
+{
+    const bool isMap = text.substr(0, text.find('}')).find("\"start\"") != std::string_view::npos;
+    return text[0] == '{' ? ListFormat::Diff : isMap ? ListFormat::Map : ListFormat::Bitmap;
 }
 
 } // namespace
@@ -130,23 +289,13 @@ std::string placeIn(ListFormat format, std::int64_t number)
 RangeList parseRangeList(const std::string& text, const std::string& source, std::optional<ListFormat> format,
                          MapEntries entries)
 {
-    const std::size_t start = text.find_first_not_of(" \t\r\n");
-    const bool looksLikeJson = start != std::string::npos && (text[start] == '{' || text[start] == '[');
+    const std::size_t start = std::min(text.find_first_not_of(" \t\r\n"), text.size());
+    const std::string_view content = std::string_view(text).substr(start);
+    const bool looksLikeJson = content.starts_with('{') || content.starts_with('[');
     if (format ? *format == ListFormat::Lines : !looksLikeJson) {
         return parseLines(text, source);
     }
-    try {
-        const Json document = Json::parse(text);
-        const ListFormat used = format.value_or(formatOf(document));
-        if (!(used == ListFormat::Diff ? document.at("differing") : document).is_array()) {
-            throw std::invalid_argument("no list of ranges");
-        }
-        return parseEntries(document, source, used, entries);
-    } catch (const Failure&) {
-        throw;
-    } catch (const std::exception& error) {
-        throw Failure(source, error.what());
-    }
+    return JsonReader(source, format ? *format : jsonFormatOf(content), entries).read(text);
 }
 
 } // namespace kelvane::tool

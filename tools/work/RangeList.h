@@ -10,7 +10,7 @@
 namespace kelvane::tool {
 
 enum class ListFormat {
-    Lines,  // "OFFSET + LENGTH" or "OFFSET LENGTH", and what else `diff` prints; offsets count from the device's start
+    Lines,  // as `diff` prints them: "OFFSET + LENGTH", or "OFFSET LENGTH"; offsets count from the device's start
     Diff,   // the JSON of `diff`; the same
     Bitmap, // the JSON of `nbdinfo --map=qemu:dirty-bitmap:NAME`: entries whose type has bit 0; from the image's start
     Map     // the JSON of `qemu-img map`; from the image's start
@@ -22,6 +22,10 @@ enum class MapEntries { Data, Zero, All };
 std::string placeIn(ListFormat format, std::int64_t number);
 
 struct RangeList {
+    // Lines that begin so are none of its ranges; the verdict with which `diff` ends is one of them.
+    static constexpr const char* REMARK = "# ";
+    static constexpr const char* UNDECIDED = "undecided"; // of images that were changed meanwhile
+
     struct Entry {
         Range range;
         std::int64_t number; // of its line, or among all entries; counted from 1
@@ -38,7 +42,8 @@ struct RangeList {
 };
 
 // Offsets and lengths are not negative, and their sums no overflow. Nothing for the format: as it looks like. A
-// Failure names the source, and the line or the entry, counted from 1.
+// Failure names the source, and the line or the entry, counted from 1; also for a list of a `diff` that was undecided,
+// and for lines of which the last has no end.
 RangeList parseRangeList(const std::string& text, const std::string& source, std::optional<ListFormat> format,
                          MapEntries entries);
 

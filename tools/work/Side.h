@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <functional>
 #include <kelvane/BlockHashStore.h>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Range.h"
-#include "work/HashedImage.h"
+#include "work/Belief.h"
+#include "work/Conclusion.h"
 
 namespace kelvane::tool {
 
@@ -29,6 +29,7 @@ struct Nodes {
 // What there is before anything was changed.
 struct Opening {
     std::int64_t size = 0; // 0 where there is no image yet
+    std::uint32_t permissions = 0;
     bool isMissing = false;
     bool isBlockDevice = false;
     std::string hashFile;
@@ -37,8 +38,9 @@ struct Opening {
 
 struct Start {
     std::uint32_t blockSize = 0;
-    std::int64_t targetSize = 0; // to which a destination is brought; a block device keeps its own
-    std::int64_t compared = 0;   // how much of the image will be compared
+    std::int64_t targetSize = 0;   // to which a destination is brought; a block device keeps its own
+    std::uint32_t permissions = 0; // of one that is made, but for what the umask takes
+    std::int64_t compared = 0;     // how much of the image will be compared
 };
 
 // What went over the line to a far side, and how often an answer had to be waited for.
@@ -122,11 +124,9 @@ public:
     // What the hashes say of the data has turned out to be wrong.
     virtual void distrust() = 0;
 
-    // The last one. False when the image was changed while it was used.
-    virtual bool conclude() = 0;
+    // The last one.
+    virtual const Conclusion& conclude() = 0;
 
-    virtual std::string remarks() const = 0; // lines about what was checked
-    virtual nlohmann::ordered_json freshness() const = 0;
     virtual std::optional<LineTraffic> lineTraffic() const { return std::nullopt; } // of a near one none
 };
 

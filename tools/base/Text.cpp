@@ -1,4 +1,4 @@
-#include "terminal/Text.h"
+#include "base/Text.h"
 
 #include <array>
 #include <cmath>

@@ -1,0 +1,138 @@
+"""Lists of changed ranges, as `invalidate` takes them: lists_test.py PROGRAM SHIM"""
+import os, shutil, unittest
+from pathlib import Path
+from subprocess import PIPE, Popen, run
+
+from program import BLOCK, DEVICE, ORACLE, PROGRAM, Case, built, flip, main
+
+
+class Lists(Case):
+    @unittest.skipUnless(shutil.which("qemu-nbd") and shutil.which("nbdinfo"), "no qemu-utils, or no libnbd-bin")
+    def test_changes_that_qemu_tells(self):
+        script = ORACLE.parent.with_name("examples") / "told_changes.sh"
+        done = run([script, os.path.dirname(os.path.dirname(PROGRAM)), "."], capture_output=True, text=True, timeout=60)
+        self.assertEqual(done.returncode, 0, done)
+        self.assertIn('"bytesRead": 135168,', done.stdout)
+
+    def test_what_is_listed_is_forgotten(self):
+        built()
+        flip("a", 3 * BLOCK, 12 * BLOCK)
+        lists = {
+            "lines": (f"{DEVICE + 3 * BLOCK} + 1\n# more\n{DEVICE + 12 * BLOCK}\t{BLOCK}\n", 2 * BLOCK),
+            "diff": ('{"verdict": "different", "freshness": [{"differing": [{}]}], "changedMeanwhile": [], '
+                     '"differing": [{"offset": %d, "length": 9}], "line": {}}' % (DEVICE + 3 * BLOCK), BLOCK),
+            "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}, '
+                       '{"offset": 77824, "length": 4608, "type": 1}]', 3 * BLOCK),  # of whole sectors, as QEMU has it
+            "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
+                    '{"start": 4096, "length": 8192, "zero": false, "data": true}, '
+                    '{"start": 77824, "length": 4196, "zero": false, "data": true}, '
+                    '{"start": 82020, "length": 412, "zero": true, "data": false}]', 3 * BLOCK)}
+        Path("a.hashes.state").unlink()  # what is told need not be all that has changed
+        Path("told").write_text(f"{DEVICE} + 1\n")
+        self.check_complaint("invalidate a --from told", "a: .*may be of another image: no record says")
+        self.assertEqual(self.json("build a")["freshness"]["repairedBlocks"], 2)
+        flip("a", 3 * BLOCK, 12 * BLOCK)
+        for name, (text, unknown) in lists.items():
+            Path(name).write_text(text)
+            self.call("build a")
+            flip("a", 19 * BLOCK)
+            answer = self.json(f"invalidate a --from {name}")
+            self.assertTrue(answer["freshness"]["recorded"])
+            answer = self.json("build a")
+            self.assertEqual((answer["bytesRead"], answer["freshness"]["doubt"]), (unknown, ""))  # it was promised
+        self.json("build a --check")
+        self.call("invalidate a --from map --what zero")
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 1)
+        self.call("invalidate a --from map --what all --format qemu-img")
+        self.assertEqual(self.json("info a.hashes")["unknownBlocks"], 4)
+
+    def check_refused(self, text, cause):
+        Path("wrong").write_text(text)
+        before = Path("a.hashes").read_bytes()
+        self.check_complaint("invalidate a --from wrong", f"wrong: .*{cause}")
+        self.assertEqual(Path("a.hashes").read_bytes(), before)
+
+    def test_what_is_no_list_changes_nothing(self):
+        built()
+        for text, cause in (
+                ("12 13 x\n", "line 1: not a range"), ("0x10 1\n", "line 1"), ("1048576 + +1\n", "line 1"),
+                ("\n1048576 + 1\n-5 + 6\n", "line 3"), ("equal; 1 comparison\n", "line 1"),
+                ("12 13\x1b[2J\n", r"12 13\?\[2J"),
+                (f"{DEVICE} + 1\n{DEVICE} + 40", "line 2: .* cut off"), (f"{DEVICE} + 1\n# eq", "line 2: .* cut off"),
+                ("\n", "is empty"), ("[1]", "entry 1: is no range"), ("{}", 'no "differing"'),
+                ("[{", "entry 1: no JSON from byte 3 on"), ("[]]", "no JSON from byte 3 on"),
+                ("1048575 + 1\n",
+                 rf"line 1: 1048575 \+ 1 is not in a, which reaches from {DEVICE} to {DEVICE + 82020}$"),
+                (f"# {DEVICE}\n{DEVICE} + 82021\n", "line 2: "),
+                ('{"differing": [{"offset": %d, "length": 82021}]}' % DEVICE, "entry 1: .* is not in a"),
+                ('[{"start": 0, "length": 82433, "zero": false, "data": true}]', "entry 1: .* is not in a"),
+                ('[{"offset": 0, "length": 9, "type": 0}, {"offset": 82020, "length": 413, "type": 1}]',
+                 "entry 2: .* is not in a"),
+                ('[{"offset": 0, "length": 1, "type": 1}, {"offset": -1, "length": 1, "type": 1}]',
+                 'entry 2: "offset" is no number'),
+                ('{"differing": [{"offset": 0, "offset": 0, "length": 1}]}', 'entry 1: "offset" stands there twice'),
+                ('{"differing": [{"offset": 0, "length": 1, "type": 1}]}', 'entry 1: "type" is unknown'),
+                ('[{"offset": 0, "length": 1, "start\\u001b": 1}]', r'entry 1: "start\?" is unknown'),
+                ('{"differing": [], "differing": []}', '"differing" stands there twice'),
+                ('{"differing": 5}', "no list of ranges"), ("5", "line 1"), ('{"a": ' + "[" * 50, "nested too deep"),
+                ('{"differing": [[]]}', "entry 1: is no range"), ('{"differing": [{}]}', 'entry 1: no "offset"'),
+                ('[{"start": 0, "length": 1, "zero": 0, "data": true}]', 'entry 1: "zero" is neither'),
+                ('[{"start": 0, "length": 1, "data": true}]', 'entry 1: no "zero"'),
+                ('[{"offset": 0, "length": 1, "type": true}]', 'entry 1: "type" is no whole number'),
+                ('[{"offset": 0, "length": 1.0, "type": 1}]', 'entry 1: "length" is no number of bytes'),
+                ('[{"offset": %d, "length": 0, "type": 1}]' % (1 << 63), 'entry 1: "offset" is too large'),
+                ('[{"offset": %d, "length": 0, "type": 1}]' % (1 << 64), 'entry 1: "offset" is no number of bytes'),
+                ('[{"offset": %d, "length": 1, "type": 1}]' % ((1 << 63) - 1), "entry 1: impossible range"),
+                ('{"verdict": "undecided", "differing": []}', "diff was undecided"),
+                ('{"verdict": "done", "differing": []}', '"verdict" is not one of diff'),
+                ('{"differing": [], "changedMeanwhile": ["a"]}', "diff was undecided"),
+                ('{"differing": [], "changedMeanwhile": "a"}', '"changedMeanwhile" is no list'),
+                (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
+                (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
+            with self.subTest(text):
+                self.check_refused(text, cause)
+
+    def test_files_that_hold_no_list(self):
+        built()
+        os.mkdir("list")
+        os.mkfifo("pipe")
+        run(["truncate", "-s", "1G", "long"], check=True)
+        for name, cause in ("list", "Is a directory"), ("long", "longer than 256 MiB"), ("none", "No such file"):
+            self.check_complaint(f"invalidate a --from {name}", f"{name}: .*{cause}")
+        waits = Popen([PROGRAM, "invalidate", "a", "--from", "pipe"], stderr=PIPE)
+        with open("pipe", "w") as pipe:  # it has opened the other end
+            waits.terminate()
+            self.assertIn(b"interrupted", waits.communicate(timeout=60)[1])
+
+    def test_memory_is_that_of_the_text(self):
+        built()
+        for name, text in ("wide", '{"freshness": [' + "0," * (25 << 20)), ("deep", "[" * (50 << 20)):
+            Path(name).write_text(text)
+            with Popen([PROGRAM, "invalidate", "a", "--from", name], stderr=PIPE) as process:
+                complaint = process.stderr.read().decode()
+                _, process.returncode, usage = os.wait4(process.pid, 0)
+            self.assertRegex(complaint, f"{name}: .*(no JSON from byte|is no range|nested too deep).*\n")
+            self.assertLess(usage.ru_maxrss, 500 << 10, name)  # KiB
+
+    def test_lists_of_diff(self):
+        built()
+        same = "a\n1048576 + 4096"  # which would be a range, were it not for the remark's beginning
+        shutil.copyfile("a", same)
+        run([PROGRAM, "build", same, f"--partition-offset={DEVICE}"], check=True, capture_output=True)
+        Path("list").write_text(self.call("diff a b", 1).stdout)
+        with open("list") as lines:
+            self.assertEqual(self.json("invalidate a --from -", stdin=lines)["bytes"], 3 * BLOCK + 100)
+        self.call("build a")
+        for other, verdict in ("a", "undecided; "), ("b", "undecided: 12,388 bytes in 3 ranges; "):
+            os.utime(same)
+            touches = {"SHIM_AT": f"mmap {same}", "SHIM_DO": f"touch '{same}'"}
+            text = self.call("diff", 1, arguments=[same, other], shim=touches).stdout
+            self.assertIn(f"\n# {verdict}", text)
+            self.assertRegex(text, r"\A(\d+ \+ \d+\n|# .*\n)*\Z")
+            self.check_refused(text, "diff was undecided")
+            os.utime(same)
+            text = self.call("diff --json", 1, arguments=[same, other], shim=touches).stdout
+            self.check_refused(text, "diff was undecided")
+
+
+main()

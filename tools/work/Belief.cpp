@@ -1,0 +1,207 @@
+#include "work/Belief.h"
+
+#include <string>
+
+namespace kelvane::tool {
+
+namespace {
+
+constexpr const char* WRONG = "some of them were found to be wrong";
+
+std::int64_t sectorsWritten(const ImageState& state)
+{
+    const auto found = state.marks.traits.find("written");
+    return found == state.marks.traits.end() ? 0 : std::stoll(found->second);
+}
+
+} // namespace
+
+Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
+    : m_image(image)
+    , m_hashFile(hashFile)
+    , m_common(common)
+{
+    if (!image.isMissing()) {
+        look();
+    }
+    m_doubtOfRecord = doubtAbout(hashFile.record(), hashFile.state(), m_state, {});
+    m_doubt = judge();
+    m_holds = !m_doubt.isAny();
+    m_isAssumed = common.trust == Trust::Everything && !hashFile.wasMade()
+        && doubtAbout(hashFile.record(), hashFile.state(), m_state, m_writers).isAny();
+    if (m_doubtOfRecord.isAboutMemory() && !hashFile.wasMade() && !image.isMissing()) {
+        image.readFromDisk();
+    }
+}
+
+Doubt Belief::judge()
+{
+    if (m_hashFile.wasMade() || m_common.trust == Trust::Everything) {
+        return {};
+    }
+    if (m_common.trust == Trust::Nothing) {
+        return {Doubt::Because::AskedFor, "that was asked for"};
+    }
+    return m_image.isMissing() ? m_doubtOfRecord
+                               : doubtAbout(m_hashFile.record(), m_hashFile.state(), m_state, m_writers);
+}
+
+// What has begun before its state was taken is over when nobody is found then; what begins later changes its state.
+void Belief::look()
+{
+    takeState();
+    lookForWriters();
+}
+
+void Belief::lookForWriters()
+{
+    if (m_image.isWriting()) { // by this program
+        return;
+    }
+    const Writers now = writersOf(m_image);
+    m_writers.areSome = m_writers.areSome || now.areSome;
+    m_writers.programs = now.programs.empty() ? m_writers.programs : now.programs;
+    m_writers.doubt = now.doubt;
+}
+
+// After a flush that failed the next run reads everything from the disk.
+template <class Operation>
+auto Belief::flushing(Operation operation)
+{
+    Progress progress("flush", 0, m_common.progress);
+    progress.announce();
+    try {
+        return operation();
+    } catch (const FlushFailed&) {
+        m_hasLostWrites = true;
+        m_hashFile.dropCache();
+        record(Record::Standing::FlushFailed);
+        throw;
+    }
+}
+
+ImageState Belief::currentState()
+{
+    return flushing([&] { return stateOf(m_image); });
+}
+
+void Belief::record(Record::Standing standing, const std::string& reason)
+{
+    if (!m_leavesRecord && !m_hashFile.isServedReadOnly()) {
+        m_hashFile.write({standing, reason, m_state, {}});
+    }
+}
+
+void Belief::leaveRecordOfOther()
+{
+    const std::optional<Record>& record = m_hashFile.record();
+    m_leavesRecord = record && ownerOf(*record, m_state.identity) != Owner::Same;
+}
+
+void Belief::dismissAll()
+{
+    m_holds = false;
+    if (!m_hashFile.wasMade()) {
+        m_doubt = {Doubt::Because::JustMade, "it was just made"};
+    }
+}
+
+void Belief::contradict()
+{
+    m_holds = false;
+    m_isContradicted = true;
+    if (m_hashFile.isWritable()) {
+        mark();
+    } else {
+        record(Record::Standing::Unproven, WRONG);
+    }
+}
+
+void Belief::mark()
+{
+    const std::scoped_lock lock(m_marking);
+    if (!m_isMarked && m_hashFile.isWritable()) {
+        m_isDisturbed = m_isDisturbed || !m_hashFile.isUntouched();
+        record(Record::Standing::Open);
+        m_isMarked = true;
+    }
+}
+
+// With the size that this run works with: if the image has another one already, it will never be found unchanged.
+void Belief::takeState()
+{
+    m_state = currentState();
+    m_state.marks.size = m_image.size();
+}
+
+void Belief::beginWriting(Image& image)
+{
+    flushing([&] { image.beginWriting(); });
+}
+
+// Of a device the system tells how much was written to it.
+OwnChange Belief::changeImage(const std::function<void()>& change)
+{
+    const ImageState before = currentState();
+    const bool wasUnchanged = m_state.isSame(before);
+    const std::int64_t written = m_image.bytesWritten();
+    const ExclusiveUse use(m_image);
+    change();
+    takeState(); // which flushes it
+    const bool wasAlone = m_image.isBlockDevice() ? m_state.doubt().empty()
+            && (sectorsWritten(m_state) - sectorsWritten(before)) * 512 == m_image.bytesWritten() - written
+                                                  : use.isGranted();
+    return {wasUnchanged, wasAlone};
+}
+
+void Belief::flushHashes()
+{
+    if (m_isMarked) {
+        flushing([&] { m_hashFile.store().sync(); });
+    }
+}
+
+// Why the hashes cannot be recorded as true; empty when they can.
+std::string Belief::reasonAgainst(bool isUnchanged, bool isAnsweredFor) const
+{
+    if (m_isDisturbed) {
+        return "the hash file was changed by something else while the last run used it";
+    }
+    if (!isUnchanged) {
+        return "it was changed while the last run used it";
+    }
+    if (!m_state.doubt().empty() || !m_writers.doubt.empty()) {
+        return m_state.doubt().empty() ? m_writers.doubt : m_state.doubt();
+    }
+    if (m_writers.areSome && !isAnsweredFor) {
+        return "others had it open for writing while the last run used it";
+    }
+    if (m_isAssumed) {
+        return "the last run was to assume that they are true";
+    }
+    return m_holds ? "" : m_isContradicted ? WRONG : "the last run did not check them all";
+}
+
+Conclusion Belief::conclude(bool isAnsweredFor)
+{
+    const ImageState now = currentState();
+    m_isDisturbed = m_isDisturbed || !(m_isMarked ? m_hashFile.isInPlace() : m_hashFile.isUntouched());
+    lookForWriters();
+    Conclusion found;
+    found.isUnchanged = m_state.isSame(now) && !m_isDisturbed;
+    found.isOpenForWriting = m_writers.areSome;
+    found.writers = m_writers.programs;
+    m_state.marks.doubt = now.marks.doubt; // whether a device counts is seen once it was read
+    const std::string reason = reasonAgainst(found.isUnchanged, isAnsweredFor);
+    const Doubt doubt = doubtAbout(m_hashFile.record(), m_hashFile.state(), m_state, {});
+    found.isRecorded = reason.empty() && (m_hashFile.isWritable() || !doubt.isAny());
+    const bool saysMore = m_isMarked || (reason.empty() && doubt.isAny());
+    if (m_hasLostWrites || !m_hashFile.isWritable() || !saysMore) {
+        return found;
+    }
+    record(reason.empty() ? Record::Standing::True : Record::Standing::Unproven, reason);
+    m_isMarked = false;
+    return found;
+}
+
+} // namespace kelvane::tool
