@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -88,7 +89,7 @@ bool run(const char* imagePath, const std::string& hashPath)
     if (::pwrite(image, written.data(), written.size(), BLOCK) < 0 || ::fsync(image) != 0) {
         throw std::runtime_error("cannot write the image");
     }
-    guard.commit(const_cast<char*>(written.data()));
+    guard.commit(std::as_bytes(std::span(written)));
 
     const auto changed = ask("image, after a write", *store, 0, size);
     const auto changedPart = ask("the range, after it", *store, 1234, 2 * BLOCK);

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "../tests/Allocations.h"
+#include "HashFileInspector.h"
 
 namespace kelvane::testing {
 
@@ -61,9 +62,10 @@ std::string open(std::unique_ptr<BlockHashStore>& store, uint64_t target)
 // Every operation on the target's first and last bytes, taken as zeros; the header and the file's size stay.
 void use(BlockHashStore& store, const HashFileHeader& header, const Bytes& right)
 {
-    const bool usable = header.partition < header.target;
-    const uint64_t length = usable ? std::min<uint64_t>(header.target - header.partition, 8192) : 1;
+    const bool hasBytes = header.partition < header.target && header.target - header.partition <= INT64_MAX;
+    const uint64_t length = hasBytes ? std::min<uint64_t>(header.target - header.partition, 8192) : 1;
     for (const uint64_t start : {header.partition, header.target - length}) {
+        const bool usable = hasBytes && start <= INT64_MAX;
         MemoryTarget target {Bytes(length), static_cast<kelvane_off_t>(start)};
         const auto count = static_cast<kelvane_buf_len_t>(length);
         const auto hash = [&] { return store.get_hash(target.partitionOffset, count, target.supplier()); };
@@ -76,6 +78,7 @@ void use(BlockHashStore& store, const HashFileHeader& header, const Bytes& right
         });
         EXPECT_EQ(failure.substr(0, 33), usable ? "(none)" : "get_hash: offset is out of bounds");
     }
+    EXPECT_EQ(failureOf([] { HashFileInspector(path).for_each_unknown_range([](auto, auto) {}); }), "(none)");
     store.discard_torn_entries();
     const Bytes after = content();
     ASSERT_EQ(after.size(), right.size());

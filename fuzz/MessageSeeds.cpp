@@ -6,6 +6,7 @@
 
 #include "Messages.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
 
 using namespace kelvane::tool;
@@ -26,6 +27,13 @@ std::string frame(FrameType type, const std::string& payload)
 {
     const auto length = static_cast<std::uint8_t>(payload.size());
     return FieldWriter().u8(static_cast<std::uint8_t>(type)).u8(length).bytes(payload.data(), length).done();
+}
+
+std::string sent(const Piece& piece, std::uint32_t compression)
+{
+    const auto pool = std::make_shared<BytesPool>(Channel::LARGEST_FRAME);
+    const SentPiece sent(piece, compression, *pool);
+    return std::string(sent.fields()) + std::string(sent.data());
 }
 
 std::vector<std::pair<Kind, std::string>> seeds()
@@ -58,9 +66,9 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::Digests, Digests {{digest, digest}, {}}.encode()},
         {Kind::Digests, Digests {{}, conclusion}.encode()},
         {Kind::Read, Read {{{0, BLOCK}, {3 * BLOCK, 2 * BLOCK}}, true}.encode()},
-        {Kind::Data, encode({{BLOCK, 1 << 20}, nullptr, {}}, 0)},
-        {Kind::Data, encode({{BLOCK, 9}, data.data(), {}}, 0)},
-        {Kind::Data, encode({{BLOCK, BLOCK}, data.data(), ofBlocks}, 3)},
+        {Kind::Data, sent({{BLOCK, 1 << 20}, nullptr, {}}, 0)},
+        {Kind::Data, sent({{BLOCK, 9}, data.data(), {}}, 0)},
+        {Kind::Data, sent({{BLOCK, BLOCK}, data.data(), ofBlocks}, 3)},
         {Kind::List, "# lines\n4096 + 8192\n0\t1\n# equal; 5 blocks\n"},
         {Kind::List,
          R"({"verdict": "different", "sizes": [], "changedMeanwhile": [], "differing": [{"offset": 4096, "length": 9}]})"},

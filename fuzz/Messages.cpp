@@ -11,9 +11,10 @@
 #include <vector>
 
 #include "base/Failure.h"
+#include "lists/RangeList.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
-#include "work/RangeList.h"
 
 namespace kelvane::testing {
 
@@ -62,10 +63,13 @@ std::function<void(const std::string&)> partThereAndBack(Decode decode, Encode e
     };
 }
 
-void checkStretch(const std::string& text)
+void checkPiece(const std::string& text)
 {
     const DataForm form = {BLOCK, SIZE};
-    const auto received = ReceivedStretch::decode(text, BLOCK, form);
+    const auto pool = std::make_shared<BytesPool>(Channel::LARGEST_FRAME);
+    Bytes payload = pool->take(text.size());
+    std::memcpy(payload.data(), text.data(), text.size());
+    const auto received = ReceivedPiece::decode(std::move(payload), BLOCK, form, *pool);
     require(received.range.offset >= BLOCK && received.range.length > 0 && received.range.end() <= SIZE,
             "data outside of what was asked for");
     require(isOnePiece(received.range, form), "data of parts of several blocks");
@@ -90,18 +94,28 @@ void checkList(const std::string& text, std::optional<ListFormat> format)
     }
 }
 
-std::uint32_t checkOf(const std::string& bytes)
+// The first frame's is part of a hash, the others' is CRC-32C, bit by bit.
+std::uint32_t checkOf(std::string bytes, std::int64_t number)
 {
-    std::string copy = bytes;
-    const Digest digest = BlakeHash().get_hash(copy.data(), std::ssize(copy));
-    return FieldReader({reinterpret_cast<const char*>(digest.data()), digest.size()}).u32();
+    if (number == 0) {
+        const Digest digest = BlakeHash().get_hash(bytes.data(), std::ssize(bytes));
+        return FieldReader({reinterpret_cast<const char*>(digest.data()), digest.size()}).u32();
+    }
+    std::uint32_t crc = ~0U;
+    for (const char byte : bytes) {
+        crc ^= static_cast<unsigned char>(byte);
+        for (int i = 0; i < 8; ++i) {
+            crc = crc >> 1 ^ (crc % 2 == 1 ? 0x82f63b78U : 0U);
+        }
+    }
+    return ~crc;
 }
 
 std::string headerOf(std::uint32_t length, std::uint8_t type, std::uint32_t check, std::int64_t number)
 {
     FieldWriter header;
     header.u32(length).u8(type).u32(check);
-    return header.u32(checkOf(FieldWriter(header).i64(number).done())).done();
+    return header.u32(checkOf(FieldWriter(header).i64(number).done(), number)).done();
 }
 
 // The frames that a side takes from the line until that is closed, but for the signs of life, and whether they end
@@ -130,7 +144,7 @@ Heard expectedOf(const std::string& stream)
             break;
         }
         const std::string payload = stream.substr(at + HEADER, length);
-        heard.isBroken = checkOf(payload) != check;
+        heard.isBroken = checkOf(payload, number) != check;
         if (heard.isBroken) {
             break;
         }
@@ -160,7 +174,7 @@ Heard heardOf(const std::string& stream, std::size_t pieces)
     try {
         for (;;) {
             Frame frame = channel.receive();
-            heard.frames.emplace_back(static_cast<int>(frame.type), std::move(frame.payload));
+            heard.frames.emplace_back(static_cast<int>(frame.type), frame.payload.view());
         }
     } catch (const ChannelClosed&) {
         return heard;
@@ -192,7 +206,7 @@ const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
     thereAndBack([](const std::string& text) { return AskBytes::decode(text); }),
     thereAndBack([](const std::string& text) { return Digests::decode(text); }),
     thereAndBack([](const std::string& text) { return Read::decode(text, SIZE); }),
-    checkStretch,
+    checkPiece,
     [](const std::string& text) { checkList(text, std::nullopt); },
     [](const std::string& text) { checkList(text, ListFormat::Bitmap); },
     thereAndBack([](const std::string& text) { return Written::decode(text); }),
@@ -216,7 +230,7 @@ std::string streamOf(const std::string& frames)
             const std::uint8_t length = from.u8();
             const std::uint32_t excess = type >= 128 ? from.u32() : 0;
             const std::string payload(from.bytes(length));
-            stream += headerOf(length + excess, type % 128, checkOf(payload), number) + payload;
+            stream += headerOf(length + excess, type % 128, checkOf(payload, number), number) + payload;
         }
     } catch (const ProtocolError&) {
         return stream; // what is left is no whole frame

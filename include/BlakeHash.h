@@ -15,7 +15,7 @@ public:
     // The digest of `length` bytes at `buffer`, which needs no alignment. Length 0 gives the digest of
     // the empty message, whatever `buffer` is. A null buffer with a length above 0, or a negative
     // length, gives an empty value.
-    HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override;
+    [[nodiscard]] HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override;
 
     kelvane_size_t hash_size_in_bytes() const override; // 32
 
@@ -25,8 +25,12 @@ public:
     // nothing but zeros cost no more than a look at them. Stops at the first null buffer, unless
     // `length` is 0; a negative length writes nothing. Allocates nothing. Of a class that is derived from this one it
     // calls get_hash for one buffer after the other, as the interface does.
-    std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
-                           unsigned char* const* digests) override;
+    [[nodiscard]] std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
+                                         unsigned char* const* digests) override;
+
+    // Takes 1.3 KiB, however long the message becomes; pieces of some kilobytes and more cost what one buffer costs. Of
+    // a derived class, a message is that of the interface.
+    [[nodiscard]] std::unique_ptr<Message> begin_message() override;
 };
 
 } // namespace kelvane

@@ -6,31 +6,38 @@
 // for S bytes that start at partition offset P, pass P + S.
 //
 // Threads. A store belongs to one thread at a time, and so does a hash file while it is created or its
-// size is adapted. Stores on different files share nothing. A data callback runs on the calling thread
-// and must not use the store that called it: operations on entries then end with "the store is in use by its own
+// size is adapted. Stores on different files share nothing. A data callback or a source runs on the calling
+// thread and must not use the store that called it: operations on entries then end with "the store is in use by its own
 // data callback". Metric callbacks must not use it either.
 //
 // Failures. Every failure is a thrown std::runtime_error with the text given below; "(errno)" stands for
 // ": " and the error number in decimal. Failed allocations and whatever a callback throws pass through
 // unchanged. After a failure the store can be used as before, unless moved from. While another exception
 // is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
-// `create`, `update_hashes`, `zero_hashes`, `invalidate_hashes` and `for_each_unknown_range` then just return, `open`
-// returns an empty pointer, the range hash an empty value, `discard_torn_entries` 0, and nothing more is read or
-// written by that call. A failed close alone changes nothing else then: the call goes on after the log line.
+// `create`, `update_hashes`, `store_hashes_of_zeros`, `invalidate_hashes` and `for_each_unknown_range` then just
+// return, `open` returns an empty pointer, `get_hash` and `hash_range` an empty value, `learn_hashes` and
+// `find_wrong_hashes` false, `discard_torn_entries` 0, and nothing more is read or written by that call. A failed close
+// alone changes nothing else then: the call goes on after the log line.
 //
-// Memory. A request takes one hash entry (33 bytes) per block of its range, kept for the next one, and while
-// it lasts at most 56 bytes per stretch of unknown blocks and what the callback hands over. The
-// target's size plays no part. Hand huge ranges over in slices.
+// Memory. get_hash, update_hashes and invalidate_hashes take one hash entry (33 bytes) per block of the range, kept for
+// the next one, and while get_hash lasts at most 56 bytes per stretch of unknown blocks and what the callback hands
+// over. Hand huge ranges over in slices, or use the operations that take a source: they go through ranges of any length
+// in pieces. The target's size plays no part.
 //
 // Durability. Nothing but `create`, the adapting part of `open` and `sync_to_disk` waits for the disk.
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#if __cplusplus >= 202002L
+#include <span>
+#endif
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Export.h"
@@ -41,6 +48,8 @@
 #include "Types.h"
 
 namespace kelvane {
+
+class TargetSource;
 
 // An open hash file. What holds for all operations is said at the top of BlockHashStore.h.
 class KELVANE_EXPORT BlockHashStore {
@@ -57,7 +66,11 @@ public:
     using DataTransferMetricFunc = SimpleCachedReader::DataTransferMetricFunc;
 
     // Receives a stretch of consecutive whole blocks: the external offset of the first one, and their length.
-    using UnknownRangeFunc = std::function<void(kelvane_off_t offset, kelvane_buf_len_t length)>;
+    using RangeFunc = std::function<void(kelvane_off_t offset, kelvane_buf_len_t length)>;
+
+    // Is told now and then how many bytes of a range are done, from its start on, and at the end that all are; returns
+    // whether to go on, for which nobody asks at the end. May use the store. An empty one is not called.
+    using ProgressFunc = std::function<bool(kelvane_buf_len_t done)>;
 
     // Closes the hash file; flushes nothing.
     ~BlockHashStore();
@@ -96,10 +109,12 @@ public:
 
     // Checks an access to `length` bytes from the external offset `offset` on: it returns when
     // partition offset <= offset < target size, and offset + length <= target size; these are the
-    // mathematical values, none of them wraps around. Otherwise it throws `log_tag` ": offset is out of
-    // bounds: " offset ", " end, where end is the target size less the partition offset, printed as a signed
-    // 64-bit number. Ranges that start at 2^63 - 1 or end past it are refused too. A negative length passes;
-    // the operations refuse it afterwards.
+    // mathematical values, none of them wraps around. The target may have at most 2^63 - 1 bytes, which is its size
+    // less the partition offset: one of more, or one that ends before it starts, accepts no access at all.
+    // Otherwise it throws `log_tag` ": offset is out of bounds: " offset ", " end, where end is the target size less
+    // the partition offset, printed as a signed 64-bit number. A negative length passes; the operations refuse it
+    // afterwards. Where the target goes on behind the external offset 2^63 - 1, a range may lead there but not start
+    // there; offsets there, as callbacks are given them, are those less 2^64.
     void throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset, kelvane_buf_len_t length) const;
 
     // Opens the hash file at `path` for a target that ends at `targetSizeInBytes` (an external offset, as
@@ -159,9 +174,48 @@ public:
     //   "failed to hash aggregate hashes"
     HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length, DataRequiredFunc dataRequiredFunc);
 
+    // The same hash as get_hash gives, of a range of any length, with data from a source, which is asked for what the
+    // hash file lacks and for partial blocks, in order. New hashes of whole blocks are stored. Takes at most 256 KiB of
+    // memory besides one block (more with a hash function that does not hash messages in pieces itself). Goes through
+    // the range in pieces of at most 4096 blocks, each of which costs one read and, where hashes are new, one write
+    // from the first new entry to the last. Empty when `progress` stopped it; what was stored stays. Failures, after
+    // which the pieces before are stored:
+    //   that of throwOnAccessViolation, with the tag hash_range
+    //   "hash_range: length is negative: " and the length
+    //   "failed to read hash entry: " position in the hash file (errno)
+    //   "the source lent something else than was wanted at " offset ": " N " bytes of " M, when it lends null, less
+    //   than one byte or too many "failed to generate block hash" "failed to seek in hash file: " position (errno)
+    //   "failed to write hash: " offset (errno), with `offset` as given. See get_hash for what the file may then hold
+    //   "failed to hash aggregate hashes"
+    [[nodiscard]] HashValue hash_range(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                                       const ProgressFunc& progress = {});
+
+    // Makes all blocks known that lie wholly in the range, with data from a source, which is asked for those that are
+    // unknown, in order. What the range covers in part, at its ends, is not looked at. Memory, pieces, transfers and
+    // failures are those of hash_range, with the tag learn_hashes. False when `progress` stopped it; the pieces
+    // before are stored.
+    bool learn_hashes(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                      const ProgressFunc& progress = {});
+
+    // Calls `onWrong` for every stretch of blocks whose hash is known but not that of the data that a source lends,
+    // among those that lie wholly in the range. The source is asked for the known blocks, in order. The stretches
+    // ascend and do not touch; each is told once the piece is compared in which it ends, and `onWrong` may use the
+    // store. Changes nothing. Memory, pieces and failures are those of hash_range, with the tag find_wrong_hashes and
+    // twice the memory; std::bad_function_call when there is a wrong one and `onWrong` is empty. False when `progress`
+    // stopped it; what was found before is told.
+    bool find_wrong_hashes(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                           const RangeFunc& onWrong, const ProgressFunc& progress = {});
+
     // The hash of `blockSize` bytes at `buffer`, of any number; nothing is stored. Empty when the hash
     // function fails, as it does for a null buffer with a size above 0.
-    HashValue get_hash(kelvane_buf_t buffer, kelvane_size_t blockSize) const;
+    [[nodiscard]] HashValue get_hash(kelvane_buf_t buffer, kelvane_size_t blockSize) const;
+
+#if __cplusplus >= 202002L
+    [[nodiscard]] HashValue get_hash(std::span<const std::byte> data) const
+    {
+        return get_hash(const_cast<std::byte*>(data.data()), data.size()); // which only reads it
+    }
+#endif
 
     // Tells the store that the `length` bytes at `buffer` now stand in the target from the external offset
     // `offset` on. Blocks that the range covers wholly get new hashes; those that it covers in
@@ -176,18 +230,36 @@ public:
     //   "failed to write hash: " offset (errno). See get_hash for what the file may then hold
     void update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length);
 
+#if __cplusplus >= 202002L
+    void update_hashes(kelvane_off_t offset, std::span<const std::byte> data)
+    {
+        update_hashes(offset, const_cast<std::byte*>(data.data()), static_cast<kelvane_buf_len_t>(data.size()));
+    }
+#endif
+
+    // As update_hashes, with hashes that were computed elsewhere: `hashes` holds those of the blocks that lie wholly in
+    // the range, in order, each as long as the hash function's. It is only read, and may be null where there is no such
+    // block. Takes at most 1 MiB of memory for entries, at any length. Costs one write for every 31775 blocks that the
+    // range covers wholly, one for the rest of them, and one for each block that it covers in part.
+    // Failures:
+    //   that of throwOnAccessViolation, with the tag store_hashes
+    //   "store_hashes: length is negative: " and the length
+    //   "failed to seek in hash file: " position (errno)
+    //   "failed to write hash: " offset (errno). The entries of earlier writes are stored; see also get_hash
+    void store_hashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes);
+
     // As update_hashes with `length` zeros, for a range of the target that now reads as zeros: discarded, punched,
     // zeroed, or never written. If the hashes are to be true after a crash, the zeros must be on stable storage
     // before the call. Needs no buffer, hashes a single block and takes at most 1 MiB of memory for entries, at any
     // length. Costs one write for every 31775 blocks that the range covers wholly, one for the rest of them, and one
     // for each block that it covers in part.
     // Failures:
-    //   that of throwOnAccessViolation, with the tag zero_hashes
-    //   "zero_hashes: length is negative: " and the length
+    //   that of throwOnAccessViolation, with the tag store_hashes_of_zeros
+    //   "store_hashes_of_zeros: length is negative: " and the length
     //   "failed to compute hash from data"; so far the hash file is untouched
     //   "failed to seek in hash file: " position (errno)
     //   "failed to write hash: " offset (errno). The entries of earlier writes are stored; see also get_hash
-    void zero_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
+    void store_hashes_of_zeros(kelvane_off_t offset, kelvane_buf_len_t length);
 
     // Makes every block that the range touches unknown. Costs one write. Fails as update_hashes does.
     void invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length);
@@ -202,7 +274,7 @@ public:
     //   "for_each_unknown_range: length is negative: " and the length
     //   std::bad_function_call, when there is an unknown block and `onRange` is empty
     //   "failed to read hash entry: " position in the hash file (errno)
-    void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length, const UnknownRangeFunc& onRange);
+    void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length, const RangeFunc& onRange);
 
     // The target's end, an external offset in bytes, as given to `open`.
     kelvane_size_t target_size_in_bytes() const;
@@ -237,7 +309,7 @@ public:
     uint64_t discard_torn_entries();
 
     // Brings all entries to stable storage; true when that succeeded, with `errno` set otherwise.
-    bool sync_to_disk();
+    [[nodiscard]] bool sync_to_disk();
 
 private:
     friend class HashFileInspector;
@@ -255,13 +327,17 @@ private:
 
     enum HashFlags : uint8_t { InUse = 1 };
 
-    class DescriptorGuard;
+    class BlockHasher;
     class CallbackGuard;
+    class DescriptorGuard;
     struct FreeMemory {
         void operator()(char* array) const;
     };
-    struct Span;
     struct Runs;
+    struct Span;
+    class Stretches;
+    struct TransferFailures;
+    struct Window;
 
     static constexpr kelvane_buf_len_t MAXIMUM_CREATE_FILE_BUFFER_SIZE = 1048576;
     static constexpr uint32_t DEFAULT_BLOCK_SIZE = 4096;
@@ -298,27 +374,50 @@ private:
     static void throwWithErrno(const std::string& message);
 
     // Helpers of the operations above, beyond the file format.
-    static void throwWithErrno(const char* message, const std::string& value = {});
-    static void failWithErrno(const char* message, const std::string& value = {});
-    static void failWithErrno(const char* message, kelvane_ssize_t value);
+    static void throwWithErrno(std::string_view message, std::string_view value);
+    [[noreturn]] static void failWithErrno(std::string_view message, std::string_view value = {});
+    [[noreturn]] static void failWithErrno(std::string_view message, kelvane_ssize_t value);
     static bool fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static void throwOnBlockSizeOfZero(uint32_t blockSize);
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static uint64_t fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize);
+    static void makeFile(const std::string& path, kelvane_size_t fileLength);
+    static void writeHeader(const std::string& path, kelvane_size_t targetSizeInBytes, kelvane_off_t partitionOffset,
+                            uint32_t blockSize, uint32_t hashId);
+    void openAndAdapt(const std::string& path, kelvane_size_t targetSizeInBytes);
     uint64_t openAndValidate(const std::string& path, int flags);
+    void addZeros(uint64_t offset, uint64_t length);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
-    char* entryAt(kelvane_ssize_t position) const;
+    kelvane_off_t blockOffset(const Span& span, kelvane_ssize_t position) const;
+    kelvane_ssize_t entrySize() const;
     kelvane_ssize_t entryOffsetInFile(kelvane_ssize_t block) const;
-    void hashFullBlocks(const Span& span, char* buffer);
-    bool loadFullEntries(const Span& span);
-    Runs planRuns(const Span& span) const;
-    void hashRuns(const Runs& runs, const std::vector<std::unique_ptr<char[]>>& data);
-    bool storeFullEntries(const Span& span);
-    HashValue aggregate(kelvane_ssize_t numberOfHashes);
-    std::vector<char> zeroBlockEntry(bool isNeeded);
-    bool writeEntries(const Span& span, kelvane_ssize_t position, kelvane_ssize_t count, const char* entries);
+    template <class Transfer>
+    void transferEntries(kelvane_ssize_t firstBlock, kelvane_ssize_t count, const TransferFailures& failures,
+                         Transfer transfer);
+    void readEntries(kelvane_ssize_t firstBlock, kelvane_ssize_t count, char* entries,
+                     const TransferFailures& failures);
+    void writeEntries(kelvane_ssize_t firstBlock, kelvane_ssize_t count, const char* entries,
+                      const TransferFailures& failures);
+    BlockHasher blockHasher(const char* failure);
+    bool throughWindows(const Span& span, kelvane_ssize_t from, kelvane_ssize_t end, const ProgressFunc& progress,
+                        const std::function<void(const Window&)>& take);
+    Runs planRuns(const Span& span, const Window& window, uint8_t flag) const;
+    kelvane_ssize_t positionInBlock(kelvane_off_t offset) const;
+    void hashRuns(const Runs& runs, const Window& window, const std::vector<std::unique_ptr<char[]>>& data);
+    void hashRuns(const Runs& runs, const Window& window, BlockHasher& hasher, TargetSource& source);
+    kelvane_ssize_t hashLent(kelvane_off_t offset, kelvane_ssize_t length, BlockHasher& hasher, TargetSource& source);
+    void completeWindow(const Span& span, const Window& window, BlockHasher& hasher, TargetSource& source, bool stores);
+    std::size_t concatenateHashes(const Window& window) const;
+    static HashValue checkedAggregate(HashValue hash);
+    void storeHashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes);
+    void storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length);
+    template <class Prepare>
+    void storeEntries(const Span& span, std::vector<char>& entries, Prepare prepare);
+    uint64_t discardTornEntries();
     HashValue hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length, const DataRequiredFunc& dataRequiredFunc,
                           bool stores);
+    HashValue hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                          const ProgressFunc& progress, bool stores);
     void throwWithinDataCallback() const;
     static std::unique_ptr<char[], FreeMemory> makeZeroedBlock(uint32_t blockSize);
 

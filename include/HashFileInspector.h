@@ -51,19 +51,28 @@ public:
     kelvane_size_t file_size_in_bytes() const; // when it was opened
 
     // The size in bytes of the hash file that BlockHashStore::create makes, whose first three failures it shares.
-    static kelvane_size_t file_size_for(HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
-                                        uint32_t blockSize);
+    [[nodiscard]] static kelvane_size_t file_size_for(HashFunctionType hashType, kelvane_size_t targetSizeInBytes,
+                                                      uint32_t blockSize);
 
     // As BlockHashStore::get_hash, but nothing is stored.
-    BlockHashStore::HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
-                                       const BlockHashStore::DataRequiredFunc& dataRequiredFunc);
+    [[nodiscard]] BlockHashStore::HashValue get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
+                                                     const BlockHashStore::DataRequiredFunc& dataRequiredFunc);
+
+    // As BlockHashStore::hash_range, but nothing is stored.
+    [[nodiscard]] BlockHashStore::HashValue hash_range(kelvane_off_t offset, kelvane_buf_len_t length,
+                                                       TargetSource& source,
+                                                       const BlockHashStore::ProgressFunc& progress = {});
+
+    // As BlockHashStore::find_wrong_hashes. `onWrong` and `progress` may use the inspector.
+    bool find_wrong_hashes(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                           const BlockHashStore::RangeFunc& onWrong, const BlockHashStore::ProgressFunc& progress = {});
 
     // As BlockHashStore::for_each_unknown_range. `onRange` may use the inspector.
     void for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
-                                const BlockHashStore::UnknownRangeFunc& onRange);
+                                const BlockHashStore::RangeFunc& onRange);
 
-    // The same of the whole target; of one without a byte, nothing.
-    void for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange);
+    // The same of the whole target; of one that accepts no access, nothing.
+    void for_each_unknown_range(const BlockHashStore::RangeFunc& onRange);
 
 private:
     std::unique_ptr<BlockHashStore> m_store; // opened for reading alone

@@ -13,7 +13,7 @@ namespace kelvane {
 class HashFunctionFactory {
 public:
     // A new object owned by the caller, or an empty pointer for Invalid and every unknown number.
-    static std::unique_ptr<IHashFunction> createHashFunction(HashFunctionType hash_id)
+    [[nodiscard]] static std::unique_ptr<IHashFunction> createHashFunction(HashFunctionType hash_id)
     {
         if (hash_id == Blake2dHashFunctionType) {
             return std::make_unique<BlakeHash>();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "Export.h"
@@ -16,11 +17,24 @@ class KELVANE_EXPORT IHashFunction {
 public:
     using HashValue = std::vector<unsigned char>; // one digest; an empty one means that hashing failed
 
+    // A message that is hashed piece by piece.
+    class KELVANE_EXPORT Message {
+    public:
+        virtual ~Message() = default;
+
+        // The `length` bytes at `bytes` come next; null will do for none. They are not needed afterwards.
+        virtual void add(const void* bytes, std::size_t length) = 0;
+
+        // The digest that get_hash gives for all bytes that were added; empty when hashing fails. Once, as the last
+        // call.
+        [[nodiscard]] virtual HashValue finish() = 0;
+    };
+
     virtual ~IHashFunction() = default;
 
     // The digest of the `length` bytes at `buffer`: exactly hash_size_in_bytes() bytes, or an empty
     // value when hashing fails. The buffer is only read.
-    virtual HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length);
+    [[nodiscard]] virtual HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length);
 
     // The size of every digest in bytes. It is the same for all objects of one type, for ever.
     virtual kelvane_size_t hash_size_in_bytes() const;
@@ -33,8 +47,12 @@ public:
     // hashing buffers[k] failed, by an empty digest or one of another size; then the digests before the
     // k-th are written. An exception that hashing throws passes through.
     // Unless overridden it calls get_hash for one buffer after the other.
-    virtual std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count, kelvane_buf_len_t length,
-                                   unsigned char* const* digests);
+    [[nodiscard]] virtual std::size_t get_hashes(const kelvane_buf_t* buffers, std::size_t count,
+                                                 kelvane_buf_len_t length, unsigned char* const* digests);
+
+    // Begins a message, which this object must outlive. Never null.
+    // Unless overridden, a message keeps its bytes until it is finished, and then calls get_hash.
+    [[nodiscard]] virtual std::unique_ptr<Message> begin_message();
 };
 
 } // namespace kelvane

@@ -50,7 +50,7 @@ public:
     // Opens `path` with the flags of the POSIX call of that name, O_CLOEXEC added, at position 0. Returns
     // a non-negative value, or a negative one on failure, which leaves the reader as it was. A file that
     // was open before is closed.
-    int open(const std::string& path, int flags);
+    [[nodiscard]] int open(const std::string& path, int flags);
 
     // Sets the position: from the start (SEEK_SET), the position (SEEK_CUR) or the file's end (SEEK_END).
     // Returns the new position; negative on failure, the position unchanged: EINVAL for another `whence`
@@ -60,18 +60,18 @@ public:
     // Copies up to `length` bytes from the position to `buffer` and advances by the count returned, which
     // is short only at the file's end. Negative on failure, the position unchanged; EINVAL for a negative
     // length.
-    kelvane_buf_len_t read(kelvane_buf_t buffer, kelvane_buf_len_t length);
+    [[nodiscard]] kelvane_buf_len_t read(kelvane_buf_t buffer, kelvane_buf_len_t length);
 
     // Hands `length` bytes to the system at the position and advances by the count returned. Negative on
     // failure, the position unchanged; EFBIG, with nothing written, for more than INT_MAX bytes.
-    int write(const void* buffer, std::size_t length);
+    [[nodiscard]] int write(const void* buffer, std::size_t length);
 
     // Brings everything written to stable storage, the file's size included. 0 on success.
-    int fsync() const;
+    [[nodiscard]] int fsync() const;
 
     // Brings the written bytes of a range to stable storage, waiting for them; the file's size and other
     // metadata are not part of that. Length 0 means everything from `offset` on. 0 on success.
-    int sync_file_range(kelvane_ssize_t offset, kelvane_buf_len_t length);
+    [[nodiscard]] int sync_file_range(kelvane_ssize_t offset, kelvane_buf_len_t length);
 
     // An empty callable is never invoked. A callable must not use this reader.
     void setOnWriteCallback(DataTransferMetricFunc on_write);

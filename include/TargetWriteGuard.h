@@ -70,6 +70,19 @@ public:
         }
     }
 
+#if __cplusplus >= 202002L
+    // The same; fails before anything is changed with "the buffer of a target write has N bytes, not M" when it is not
+    // as long as the range.
+    void commit(std::span<const std::byte> buffer)
+    {
+        if (static_cast<kelvane_buf_len_t>(buffer.size()) != m_length) {
+            throw std::runtime_error("the buffer of a target write has " + std::to_string(buffer.size())
+                                     + " bytes, not " + std::to_string(m_length));
+        }
+        commit(buffer.data());
+    }
+#endif
+
 private:
     void makeUnknownAgain()
     {
@@ -78,7 +91,7 @@ private:
         } catch (...) {
             // The caller learns of the failure that came first.
         }
-        m_store.sync_to_disk(); // also of an invalidation that got only so far
+        static_cast<void>(m_store.sync_to_disk()); // also of an invalidation that got only so far
     }
 
     BlockHashStore& m_store;

@@ -15,7 +15,13 @@
 #define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
 #include <hwy/targets.h>
 
-namespace kelvane::testing {
+namespace kelvane {
+
+struct Blake2spMessageTestPeer {
+    static void setAbsorbed(Blake2spMessage& message, uint64_t bytes) { message.m_leaves.absorbed = bytes; }
+};
+
+namespace testing {
 namespace {
 
 constexpr std::size_t DIGEST = BLAKE2SP_DIGEST_SIZE_IN_BYTES;
@@ -122,6 +128,57 @@ TEST_P(Blake2spTest, HashesBatchesOfEveryCount)
     }
 }
 
+// Cut at every place where something could go wrong, and into pieces of any length.
+TEST_P(Blake2spTest, HashesMessagesInPieces)
+{
+    constexpr std::size_t LONGEST = 6000;
+    const auto end = endOfGuardedBytes(LONGEST, 5);
+    const unsigned char* const start = end.get() - LONGEST;
+    const auto check = [&](std::size_t length, const std::function<std::size_t()>& piece) {
+        Blake2spMessage message;
+        for (std::size_t done = 0, count = 0; done < length; done += count) {
+            count = std::min(piece(), length - done);
+            message.add(start + LONGEST - length + done, count);
+        }
+        Bytes digest(DIGEST);
+        message.add(nullptr, 0);
+        message.finish(digest.data());
+        ASSERT_EQ(digest, referenceDigest(start + LONGEST - length, length)) << length;
+    };
+    for (const std::size_t length : {0, 1, 511, 512, 513, 1023, 1024, 1025, 1535, 1536, 2047, 2048, 2049, 4608}) {
+        for (std::size_t cut = 0; cut <= length; cut += cut % 512 > 1 && cut % 512 < 510 ? 127 : 1) {
+            check(length, [&, first = true]() mutable { return std::exchange(first, false) ? cut : length; });
+        }
+    }
+    std::mt19937 generator(6);
+    for (int i = 0; i < 300; ++i) {
+        const std::size_t longest = i % 3 == 0 ? 100 : 2500;
+        check(generator() % LONGEST, [&] { return generator() % longest; });
+    }
+}
+
+// Where a leaf's counter passes 2^32.
+TEST_P(Blake2spTest, CountsTheBytesOfMessagesOfAnyLength)
+{
+    const Bytes bytes = randomBytes(5000, 8);
+    for (const uint64_t absorbed : {(uint64_t {1} << 35) - 2048, (uint64_t {1} << 35) - 512, uint64_t {5} << 36}) {
+        ::blake2sp_state reference;
+        ::blake2sp_init(&reference, DIGEST);
+        for (auto& leaf : reference.S) {
+            leaf->t[0] = static_cast<uint32_t>(absorbed / 8);
+            leaf->t[1] = static_cast<uint32_t>(absorbed / 8 >> 32);
+        }
+        ::blake2sp_update(&reference, bytes.data(), bytes.size());
+        Bytes expected(DIGEST), digest(DIGEST);
+        ::blake2sp_final(&reference, expected.data(), DIGEST);
+        Blake2spMessage message;
+        Blake2spMessageTestPeer::setAbsorbed(message, absorbed);
+        message.add(bytes.data(), bytes.size());
+        message.finish(digest.data());
+        EXPECT_EQ(digest, expected) << absorbed;
+    }
+}
+
 TEST(BlakeHashTest, RunsOnTheWidestInstructionSet)
 {
     EXPECT_STREQ(blake2spInstructionSet(), hwy::TargetName(hwy::SupportedAndGeneratedTargets().front()));
@@ -192,6 +249,22 @@ TEST(BlakeHashTest, StopsABatchAtTheFirstFailure)
     }
 }
 
+// Whether it can hash in pieces or not.
+TEST(BlakeHashTest, HashesMessagesInPiecesWithEveryHashFunction)
+{
+    BlakeHash blake;
+    FailingHash others(1, 0);
+    Bytes bytes = randomBytes(5000, 7);
+    for (IHashFunction* const function : {static_cast<IHashFunction*>(&blake), static_cast<IHashFunction*>(&others)}) {
+        const auto message = function->begin_message();
+        for (const std::size_t length : {0, 1000, 4000}) {
+            message->add(length == 0 ? nullptr : &bytes[length == 4000 ? 1000 : 0], length);
+        }
+        EXPECT_EQ(message->finish(), digestOf(bytes));
+    }
+    EXPECT_TRUE(others.begin_message()->finish().empty());
+}
+
 // A hash function derived from it is asked for every block, and noticed when it fails.
 TEST(BlakeHashTest, LeavesBatchesToDerivedHashFunctions)
 {
@@ -208,7 +281,9 @@ TEST(BlakeHashTest, LeavesBatchesToDerivedHashFunctions)
     Peer::hashFunction(*store.store) = std::move(function);
     store->update_hashes(0, store.target.bytes.data(), 1000);
     EXPECT_EQ(derived.calls, 10);
-    derived.failing = 14;
+    EXPECT_EQ(derived.begin_message()->finish(), referenceDigest("", 0));
+    EXPECT_EQ(derived.calls, 11);
+    derived.failing = 15;
     EXPECT_EQ(failureOf([&] { store->update_hashes(0, store.target.bytes.data(), 1000); }),
               "failed to compute hash from data");
 }
@@ -229,4 +304,5 @@ TEST(HashFunctionFactoryTest, KnowsTheOneFunction)
 }
 
 } // namespace
-} // namespace kelvane::testing
+} // namespace testing
+} // namespace kelvane

@@ -7,214 +7,12 @@
 #include <regex>
 
 #include "Allocations.h"
-#include "Support.h"
+#include "FaultSweepLab.h"
 #include "SystemCalls.h"
-#include "TargetWriteGuard.h"
 
 namespace kelvane::testing {
 
 namespace {
-
-using Lines = std::vector<std::string>;
-using Arrays = std::vector<std::unique_ptr<char[]>>;
-
-constexpr int64_t BLOCK = 512;
-constexpr kelvane_off_t PARTITION = 1048576;
-constexpr int64_t SIZE = 500 * BLOCK + 100; // entries on some pages, and a block that is not whole
-constexpr int64_t KNOWN = 300 * BLOCK;      // from where on 42 blocks are known; of others, each third is
-constexpr int64_t AHEAD = 124 * BLOCK;      // the block whose entry crosses the end of the first page
-constexpr int64_t ZEROS = 400 * BLOCK;      // from where on the target has 40 blocks of zeros
-constexpr std::size_t TORN = DATA + 512;    // where an entry crosses a sector's end
-
-struct Lab;
-using Run = void (*)(Lab&, int64_t offset, int64_t length);
-
-enum Kind { Creates, Opens, Recalls, Hashes, Updates, Changes, Discards, Guards };
-
-// An operation under test. Its texts are those of its system calls in their order, when they fail: E stands for
-// the error number, PATH for the file, "!" for one that is thrown always, and a text that is empty for no failure.
-struct Operation {
-    Kind kind;
-    const char* name;
-    int64_t targetSize; // which is what the target changes to before
-    Run run;
-    int64_t offset, length; // in the target; where empty, the header may change, else these entries
-    Lines texts;
-
-    bool isHashing() const { return kind == Recalls || kind == Hashes; }
-    bool isStoring() const { return kind == Hashes || kind == Updates || kind == Changes; }
-    bool usesHash() const { return isHashing() || kind == Updates || kind == Guards; }
-};
-
-struct Lab : MemoryStore {
-    Lab()
-        : MemoryStore(SIZE, PARTITION, BLOCK)
-    {
-        target.bytes = content(SIZE);
-        for (int64_t block = 0; block < 500; block += 300 <= block && block < 342 ? 1 : 3) {
-            store->update_hashes(PARTITION + block * BLOCK, at(block * BLOCK), BLOCK);
-        }
-        image = file();
-    }
-
-    static Bytes content(int64_t size) // equal as far as it goes
-    {
-        Bytes bytes = randomBytes(static_cast<std::size_t>(size), 1);
-        const auto start = bytes.begin() + std::min(size, ZEROS);
-        std::fill(start, start + std::min(size - (start - bytes.begin()), 40 * BLOCK), static_cast<unsigned char>(0));
-        return bytes;
-    }
-
-    unsigned char* at(int64_t offset) { return target.bytes.data() + offset; }
-
-    // The hash file as at the start, but for an entry torn where the operation wants it, opened where it wants that.
-    void restart(const Operation& operation)
-    {
-        store.reset();
-        std::filesystem::remove(path);
-        Bytes bytes = image;
-        std::fill_n(&bytes[TORN], operation.kind == Discards ? ENTRY : 0, static_cast<unsigned char>(0));
-        writeFile(path, bytes);
-        target.bytes = content(operation.targetSize);
-        target.calls = 0;
-        result.clear();
-        if (operation.kind != Creates && operation.kind != Opens) {
-            reopen();
-        }
-    }
-
-    void create(bool deleteFileOnError) const
-    {
-        BlockHashStore::create(path, Blake2dHashFunctionType, target.endOffset(), PARTITION, BLOCK, deleteFileOnError);
-    }
-
-    void hash(int64_t offset, int64_t length)
-    {
-        const auto supplier = [this](const auto& offsets, const auto& lengths) {
-            auto arrays = target.supplier()(offsets, lengths);
-            spoil != nullptr ? spoil(arrays) : void();
-            errno = E2BIG;
-            return arrays;
-        };
-        result = store->get_hash(PARTITION + offset, length, supplier);
-    }
-
-    // Whether what was hashed last is what it must be. The hash of one block is hashed once more to be that of a range.
-    bool isRight(int64_t offset, int64_t length) const
-    {
-        const Bytes right = aggregateDigest(target.bytes, BLOCK, offset, length);
-        return result == right || digestOf(result) == right;
-    }
-
-    bool answersRight()
-    {
-        const auto size = static_cast<int64_t>(target.bytes.size());
-        hash(0, size);
-        return isRight(0, size);
-    }
-
-    // Whether all that the file had is there still, outside what the operation changes, and known entries are true.
-    bool isTrue(const Operation& operation) const
-    {
-        const Bytes bytes = file();
-        const auto entryWith = [](int64_t offset) { return entryAt(static_cast<std::size_t>(offset / BLOCK)); };
-        const std::size_t first = operation.length == 0 ? 0 : entryWith(operation.offset);
-        const std::size_t end
-            = operation.length == 0 ? DATA : entryWith(operation.offset + operation.length - 1) + ENTRY;
-        for (std::size_t i = 0; i < std::min(bytes.size(), image.size()); ++i) {
-            if (bytes[i] != image[i] && (i < first || i >= end) && operation.kind != Creates) {
-                return false;
-            }
-        }
-        return !hasWrongEntry(bytes, target.bytes, BLOCK);
-    }
-
-    Bytes image, done, result;        // the hash file before and after an operation, and what it hashed
-    void (*spoil)(Arrays&) = nullptr; // what the data callback does to its result
-};
-
-constexpr Run CREATE = [](Lab& lab, int64_t, int64_t) { lab.create(false); };
-constexpr Run CREATE_OR_DELETE = [](Lab& lab, int64_t, int64_t) { lab.create(true); };
-constexpr Run OPEN = [](Lab& lab, int64_t, int64_t) { lab.reopen(); };
-constexpr Run HASH = [](Lab& lab, int64_t offset, int64_t length) { lab.hash(offset, length); };
-constexpr Run HASH_AFTER_KNOWN = [](Lab& lab, int64_t offset, int64_t length) {
-    lab.hash(offset - length, length);
-    std::exchange(lab.result, {}).empty() ? void() : lab.hash(offset, length);
-};
-constexpr Run HASH_BUFFER
-    = [](Lab& lab, int64_t offset, int64_t length) { lab.result = lab.store->get_hash(lab.at(offset), length); };
-constexpr Run UPDATE = [](Lab& lab, int64_t offset, int64_t length) {
-    lab.store->update_hashes(PARTITION + offset, lab.at(offset), length);
-};
-constexpr Run INVALIDATE
-    = [](Lab& lab, int64_t offset, int64_t length) { lab.store->invalidate_hashes(PARTITION + offset, length); };
-constexpr Run ZERO
-    = [](Lab& lab, int64_t offset, int64_t length) { lab.store->zero_hashes(PARTITION + offset, length); };
-constexpr Run UNKNOWN = [](Lab& lab, int64_t offset, int64_t length) {
-    lab.store->for_each_unknown_range(PARTITION + offset, length, [](auto, auto) {});
-};
-constexpr Run SYNC
-    = [](Lab& lab, int64_t, int64_t) { lab.store->sync_to_disk() ? void() : throw std::runtime_error("sync failed"); };
-constexpr Run DISCARD = [](Lab& lab, int64_t, int64_t) { lab.store->discard_torn_entries(); };
-constexpr Run GUARD = [](Lab& lab, int64_t offset, int64_t length) {
-    TargetWriteGuard(*lab.store, PARTITION + offset, length).commit(lab.at(offset));
-};
-
-const Lines CREATING
-    = {"error opening file for writing: E",   "!error in seek while trying to grow the file to 90112, errno = E",
-       "!failed to write to block hash file", "failed to close fd while creating the block hash store: E",
-       "!error opening file for writing",     "failed to seek to beginning of file to write header.: E",
-       "failed to initialize header data: E", "failed to close fd while creating the block hash store: E"};
-const Lines EDGES = {CREATING[0], CREATING[3], CREATING[4]}; // where a descriptor's time begins or ends
-const Lines OPENING = {"failed to stat hash file: E", "failed to open file: PATH: E", "failed to read header: E"};
-
-Lines resizing(const Lines& lines)
-{
-    Lines texts = OPENING;
-    texts.insert(texts.end(), lines.begin(), lines.end());
-    texts.insert(texts.end(), CREATING.begin() + 4, CREATING.end());
-    texts.insert(texts.end(), {OPENING[0], "", OPENING[1], OPENING[2]}); // the descriptor is closed in between
-    return texts;
-}
-
-const Lines GROWING
-    = resizing({"!error in write while initting file region: E", "initFileRegion failed to sync hash file: E"});
-const Lines SHRINKING = resizing({"!failed to truncate file: E"});
-const Lines DISCARDING = {"failed to read hash entry: 4591: E", "failed to clear hash entry: 4591: E",
-                          "failed to read hash entry: 8188: E", "failed to read hash entry: 57325: E", ""};
-
-const Lines HASHING = {"failed to read hash value: 1048576: E", "failed to write hash: 1048576: E"};
-const Lines READING_AHEAD = {"failed to read hash value: 1111552: E", "failed to read hash value: 1112064: E",
-                             "failed to write hash: 1112064: E"};
-const std::string ZEROING = "failed to write hash: 1254405: E";
-const Lines GUARDING = {HASHING[1], "!failed to sync hash file: E", HASHING[1]};
-
-const Operation OPERATIONS[]
-    = {{Creates, "create", SIZE, CREATE, 0, SIZE, CREATING},
-       {Creates, "create or delete", SIZE, CREATE_OR_DELETE, 0, SIZE, CREATING},
-       {Opens, "open", SIZE, OPEN, 0, 0, OPENING},
-       {Opens, "open and grow", 2 * SIZE, OPEN, 0, 0, GROWING},
-       {Opens, "open and shrink", SIZE / 3, OPEN, 0, 0, SHRINKING},
-       {Hashes, "get_hash", SIZE, HASH, 0, SIZE, HASHING},
-       {Hashes, "get_hash of a part of a block", SIZE, HASH, BLOCK + 5, 100, {}},
-       {Hashes, "get_hash that reads ahead", SIZE, HASH_AFTER_KNOWN, AHEAD, BLOCK, READING_AHEAD},
-       {Recalls, "get_hash of known blocks", SIZE, HASH, KNOWN, 40 * BLOCK, {"failed to read hash value: 1202176: E"}},
-       {Recalls, "get_hash of a buffer", SIZE, HASH_BUFFER, BLOCK, BLOCK, {}},
-       {Updates, "update_hashes", SIZE, UPDATE, 70 * BLOCK + 5, 150 * BLOCK, {"failed to write hash: 1084421: E"}},
-       {Changes, "invalidate_hashes", SIZE, INVALIDATE, 3, 50000, {"failed to write hash: 1048579: E"}},
-       {Updates, "zero_hashes", SIZE, ZERO, ZEROS + 2 * BLOCK + 5, 20 * BLOCK, {ZEROING, ZEROING, ZEROING}},
-       {Changes, "for_each_unknown_range", SIZE, UNKNOWN, 0, SIZE, {"failed to read hash entry: 4096: E"}},
-       {Changes, "sync_to_disk", SIZE, SYNC, 0, 0, {"!sync failed"}},
-       {Discards, "discard_torn_entries", SIZE, DISCARD, 15 * BLOCK, 2 * BLOCK, DISCARDING},
-       {Guards, "TargetWriteGuard", SIZE, GUARD, 0, 9 * BLOCK, GUARDING}};
-
-// Everything that the data callback can do wrong, and the text for it.
-const std::string MISSING = "expected more image data than was returned while hashing: E";
-const std::pair<void (*)(Arrays&), std::string> SPOILS[]
-    = {{[](Arrays&) { throw std::logic_error("the disk is gone"); }, "!the disk is gone"},
-       {[](Arrays& arrays) { arrays.clear(); }, MISSING},
-       {[](Arrays& arrays) { arrays.push_back(std::make_unique<char[]>(BLOCK)); }, MISSING},
-       {[](Arrays& arrays) { arrays.back().reset(); }, MISSING}};
 
 // One fault: the k-th call of a kind, allocation or hash that the operation makes, or the k-th one of the callback.
 struct Injection {
@@ -289,7 +87,7 @@ Lines rendered(const Operation& operation, std::string text, const std::string& 
         return {"thrown: " + text.substr(direct)};
     }
     Lines lines = {"3 throwWithErrno: " + text};
-    if (operation.kind == Opens || operation.isHashing()) {
+    if (operation.hasResult()) {
         lines.push_back("thrown: empty");
     }
     return lines;
@@ -297,10 +95,10 @@ Lines rendered(const Operation& operation, std::string text, const std::string& 
 
 std::string textOfHash(const Operation& operation, const Injection& injection)
 {
-    return operation.run == HASH_BUFFER ? "empty"
-        : injection.isHashOfHashes()    ? "failed to hash aggregate hashes"
-        : operation.isHashing()         ? "failed to generate block hash"
-                                        : "failed to compute hash from data";
+    return operation.run == HASH_BUFFER                 ? "empty"
+        : injection.isHashOfHashes()                    ? "failed to hash aggregate hashes"
+        : operation.isHashing() || operation.usesSource ? "failed to generate block hash"
+                                                        : "failed to compute hash from data";
 }
 
 // A failed closing that may only be logged changes nothing else.
@@ -343,6 +141,10 @@ bool linesAreRight(const Operation& operation, const Injection& injection, Lines
     }
     if (injection.kind == Injection::Allocation) { // none or the log line was lost, or it passes through
         return lines.empty() || lines == Lines {"thrown: std::bad_alloc"};
+    }
+    if (injection.kind == Injection::Callback && operation.usesSource) {
+        const Lines expected = rendered(operation, LENT_SPOILS[injection.k].second, "", unwinding);
+        return lines.size() == 1 && lines[0].starts_with(expected[0]);
     }
     if (injection.kind == Injection::Callback) {
         return lines == rendered(operation, SPOILS[injection.k].second, std::to_string(E2BIG), unwinding);
@@ -398,9 +200,15 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
             }
         });
     };
-    const bool spoils
-        = injection.kind == Injection::Callback && static_cast<std::size_t>(injection.k) < std::size(SPOILS);
-    lab.spoil = spoils ? SPOILS[injection.k].first : nullptr;
+    const auto k = static_cast<std::size_t>(injection.k);
+    const bool spoils = injection.kind == Injection::Callback
+        && k < (operation.usesSource ? std::size(LENT_SPOILS) : std::size(SPOILS));
+    if (spoils && operation.usesSource) {
+        lab.spoilLent = LENT_SPOILS[k].first;
+        lab.losesData = lab.spoilLent == nullptr;
+    } else if (spoils) {
+        lab.spoil = SPOILS[k].first;
+    }
     std::unique_ptr<IHashFunction> hash;
     if (injection.kind == Injection::Hash && lab.store) {
         hash = std::exchange(Peer::hashFunction(*lab.store), std::make_unique<FailingHash>(injection.k, 0));
@@ -416,6 +224,8 @@ Lines linesOf(Lab& lab, const Operation& operation, bool unwinding, Injection& i
         injection.fired += injection.hashed != 0 ? 1 : 0;
     }
     lab.spoil = nullptr;
+    lab.spoilLent = nullptr;
+    lab.losesData = false;
     for (std::string& line : lines) {
         line = std::regex_replace(line, std::regex(lab.path), "PATH");
     }

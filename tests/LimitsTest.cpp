@@ -66,6 +66,41 @@ TEST(LimitsTest, TargetsOf8TiB)
     }
 }
 
+// Zeros that a source knows of cost their entries, and no more than a few hundred KiB of memory at a time; more blocks
+// than get_hash takes are no obstacle.
+TEST(LimitsTest, AHoleOf15TiB)
+{
+    struct Hole : TargetSource {
+        LentData lend(kelvane_off_t, kelvane_buf_len_t length) override { return ++calls, LentData::zeros(length); }
+        int calls = 0;
+    } hole;
+    constexpr int64_t LARGE = 16 << 20, SIZE = 15L << 40;
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("hashes");
+    const auto openFor = [&](int64_t size, int64_t blockSize) {
+        const auto target = static_cast<kelvane_size_t>(size);
+        writeFile(path, {});
+        std::filesystem::resize_file(path, Peer::computeFileSize(target, static_cast<uint32_t>(blockSize), 32));
+        Peer::initHeader(path, target, 0, static_cast<uint32_t>(blockSize), 1);
+        return BlockHashStore::open(path, target);
+    };
+    const auto store = openFor(SIZE, LARGE);
+    Bytes hash;
+    EXPECT_LE(peakOf(SIZE_MAX, [&] { hash = store->hash_range(0, SIZE, hole); }), 300U << 10);
+    EXPECT_EQ(hole.calls, SIZE / LARGE / 4096);
+    Bytes digests;
+    const Bytes digest = digestOf(Bytes(LARGE));
+    for (int64_t i = 0; i < SIZE / LARGE; ++i) {
+        digests.insert(digests.end(), digest.begin(), digest.end());
+    }
+    EXPECT_EQ(hash, digestOf(std::move(digests)));
+    EXPECT_EQ(store->hash_range(0, SIZE, hole), hash);
+    EXPECT_EQ(hole.calls, SIZE / LARGE / 4096);
+    const auto more = openFor(2 * LONGEST, BLOCK);
+    EXPECT_FALSE(more->learn_hashes(0, 2 * LONGEST, hole, [](auto) { return false; }));
+    EXPECT_TRUE(more->hash_range(0, 2 * LONGEST, hole, [](auto) { return false; }).empty());
+}
+
 // Files may end at a limit, where the kernel first writes short and then fails.
 std::string failuresWhereFilesEnd()
 {

@@ -90,13 +90,14 @@ struct Model {
         return runs;
     }
 
-    // The stretches of blocks that lie in a range and are unknown, in external offsets.
-    std::vector<std::pair<int64_t, int64_t>> unknown(int64_t start, int64_t length) const
+    // The stretches of blocks that lie in a range and are such, in external offsets.
+    std::vector<std::pair<int64_t, int64_t>> stretches(int64_t start, int64_t length,
+                                                       const std::function<bool(int64_t)>& isSuch) const
     {
         std::vector<std::pair<int64_t, int64_t>> stretches;
         for (const int64_t block : blocks(start, length)) {
             const int64_t offset = partitionOffset + block * blockSize;
-            if (!covers(start, length, block) || isKnown(block)) {
+            if (!covers(start, length, block) || !isSuch(block)) {
                 continue;
             }
             if (stretches.empty() || stretches.back().first + stretches.back().second != offset) {
@@ -105,6 +106,33 @@ struct Model {
             stretches.back().second += blockSize;
         }
         return stretches;
+    }
+
+    std::vector<std::pair<int64_t, int64_t>> known(int64_t start, int64_t length) const
+    {
+        return stretches(start, length, [&](int64_t block) { return isKnown(block); });
+    }
+
+    std::vector<std::pair<int64_t, int64_t>> unknown(int64_t start, int64_t length) const
+    {
+        return stretches(start, length, [&](int64_t block) { return !isKnown(block); });
+    }
+
+    std::vector<std::pair<int64_t, int64_t>> wrong(int64_t start, int64_t length) const
+    {
+        return stretches(start, length, [&](int64_t block) {
+            const Bytes digest = blockDigest(target, blockSize, block, 0, size());
+            return isKnown(block) && !std::equal(digest.begin(), digest.end(), entry(block) + 1);
+        });
+    }
+
+    void learn(int64_t start, int64_t length)
+    {
+        for (const int64_t block : blocks(start, length)) {
+            if (covers(start, length, block) && !isKnown(block)) {
+                setEntry(file, block, blockDigest(target, blockSize, block, 0, size()));
+            }
+        }
     }
 
     Bytes query(int64_t start, int64_t length)
@@ -162,12 +190,17 @@ public:
         SCOPED_TRACE("operation " + std::to_string(kind) + ", range " + std::to_string(start) + ", "
                      + std::to_string(length) + ", target " + std::to_string(m_model.size()) + ", block "
                      + std::to_string(m_model.blockSize));
-        if (kind < 40) {
+        if (kind < 25) {
             query(start, length);
+        } else if (kind < 40) {
+            useSource(start, length, kind < 32 ? SourceUse::Hash : kind < 36 ? SourceUse::Learn : SourceUse::FindWrong);
         } else if (kind < 45) {
             inspect(start, length);
         } else if (kind < 83) {
-            change(start, length, kind < 65 ? Change::Update : kind < 70 ? Change::Zero : Change::Invalidate);
+            change(start, length, kind < 60   ? Change::Update
+                                  : kind < 65 ? Change::Zero
+                                  : kind < 70 ? Change::Store
+                                              : Change::Invalidate);
         } else if (kind < 88) {
             resize();
         } else if (kind < 92) {
@@ -266,6 +299,51 @@ private:
         }
     }
 
+    enum class SourceUse { Hash, Learn, FindWrong };
+
+    // With data from a source that lends it in whole ranges, in blocks, or in any pieces.
+    void useSource(int64_t start, int64_t length, SourceUse use)
+    {
+        const int64_t most = m_random.oneOf({1 << 30, 2 * m_model.blockSize, m_model.blockSize + 1, 5000});
+        LendingTarget source(m_model.target, m_model.partitionOffset,
+                             [&](int64_t) { return 1 + (most > 5000 ? most : m_random.below(most)); });
+        source.knowsHoles = m_random.chance(50);
+        const kelvane_off_t offset = m_model.partitionOffset + start;
+        std::vector<std::pair<int64_t, int64_t>> wrong;
+        Bytes aggregate;
+        kelvane_buf_len_t done = -1;
+        const auto progress = [&](kelvane_buf_len_t bytes) { return (done = bytes) >= 0; };
+        const auto onWrong = [&](auto at, auto size) { wrong.emplace_back(at, size); };
+        const CallCounter counter;
+        const std::string failure = failureOf([&] {
+            if (use == SourceUse::Hash) {
+                aggregate = m_store->hash_range(offset, length, source, progress);
+            } else if (use == SourceUse::Learn) {
+                EXPECT_TRUE(m_store->learn_hashes(offset, length, source, progress));
+            } else {
+                EXPECT_TRUE(m_store->find_wrong_hashes(offset, length, source, onWrong, progress));
+            }
+        });
+        if (!m_model.accepts(start, length)) {
+            EXPECT_NE(failure, "(none)");
+            return;
+        }
+        EXPECT_EQ(failure, "(none)");
+        EXPECT_EQ(source.asked,
+                  use == SourceUse::Hash        ? m_model.missing(start, length)
+                      : use == SourceUse::Learn ? m_model.unknown(start, length)
+                                                : m_model.known(start, length));
+        EXPECT_TRUE(done == length || done == -1);
+        const std::size_t unknown = m_model.unknown(start, length).size();
+        EXPECT_EQ(counter[Call::WriteAt] > 0, use != SourceUse::FindWrong && unknown > 0);
+        EXPECT_LE(counter[Call::WriteAt], at(length / m_model.blockSize / 4096) + 1);
+        EXPECT_EQ(wrong, use == SourceUse::FindWrong ? m_model.wrong(start, length) : wrong);
+        use == SourceUse::Learn ? m_model.learn(start, length) : void();
+        if (use == SourceUse::Hash) {
+            EXPECT_EQ(aggregate, m_model.query(start, length));
+        }
+    }
+
     // Without the store: an inspector sees what the file holds, and answers without changing it.
     void inspect(int64_t start, int64_t length)
     {
@@ -291,11 +369,29 @@ private:
             EXPECT_EQ(found, m_model.unknown(start, length));
             EXPECT_EQ(foundByStore, found);
             MemoryTarget target {m_model.target, m_model.partitionOffset};
-            EXPECT_EQ(inspector.get_hash(offset, length, target.supplier()), Model(m_model).query(start, length));
+            const Bytes right = Model(m_model).query(start, length);
+            EXPECT_EQ(inspector.get_hash(offset, length, target.supplier()), right);
+            MemorySource source(m_model.partitionOffset, m_model.target.data(), m_model.size());
+            EXPECT_EQ(inspector.hash_range(offset, length, source), right);
+            std::vector<std::pair<int64_t, int64_t>> wrong;
+            EXPECT_TRUE(inspector.find_wrong_hashes(offset, length, source, into(wrong)));
+            EXPECT_EQ(wrong, m_model.wrong(start, length));
         }
     }
 
-    enum class Change { Update, Zero, Invalidate };
+    enum class Change { Update, Zero, Store, Invalidate };
+
+    Bytes wholeDigests(int64_t start, int64_t length) const
+    {
+        Bytes digests;
+        for (const int64_t block : m_model.blocks(start, length)) {
+            if (m_model.covers(start, length, block)) {
+                const Bytes digest = blockDigest(m_model.target, m_model.blockSize, block, 0, m_model.size());
+                digests.insert(digests.end(), digest.begin(), digest.end());
+            }
+        }
+        return digests;
+    }
 
     void change(int64_t start, int64_t length, Change how)
     {
@@ -303,6 +399,7 @@ private:
         if (accepted) {
             scribble(start, length, how == Change::Zero);
         }
+        const Bytes hashes = accepted && how == Change::Store ? wholeDigests(start, length) : Bytes();
         unsigned long written = 0;
         m_store->setOnWriteCallback([&](unsigned long bytes) { written += bytes; });
         const CallCounter counter;
@@ -310,13 +407,14 @@ private:
             const kelvane_off_t offset = m_model.partitionOffset + start;
             how == Change::Update
                 ? m_store->update_hashes(offset, m_model.target.data() + (accepted ? start : 0), length)
-                : how == Change::Zero ? m_store->zero_hashes(offset, length)
-                                      : m_store->invalidate_hashes(offset, length);
+                : how == Change::Zero  ? m_store->store_hashes_of_zeros(offset, length)
+                : how == Change::Store ? m_store->store_hashes(offset, length, hashes.data())
+                                       : m_store->invalidate_hashes(offset, length);
         });
         m_store->setOnWriteCallback({});
         EXPECT_EQ(failure == "(none)", accepted) << failure;
         const std::size_t blocks = accepted ? m_model.blocks(start, length).size() : 0;
-        const bool inPieces = how == Change::Zero; // what is covered in part apart
+        const bool inPieces = how == Change::Zero || how == Change::Store; // what is covered in part apart
         EXPECT_EQ(counter[Call::WriteAt], inPieces ? counter[Call::WriteAt] : blocks == 0 ? 0U : 1U);
         EXPECT_LE(counter[Call::WriteAt], 4U);
         EXPECT_LE(counter.counts().size(), 1U);

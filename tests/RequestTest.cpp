@@ -1,4 +1,5 @@
 // Requests to an open store that the model and the fault sweep do not make.
+#include <cerrno>
 #include <limits>
 
 #include "Support.h"
@@ -9,18 +10,18 @@ namespace {
 
 constexpr int64_t LOWEST = std::numeric_limits<int64_t>::min();
 constexpr int64_t HIGHEST = std::numeric_limits<int64_t>::max();
-constexpr int64_t INTERESTING[]
-    = {LOWEST, LOWEST + 1, -4096, -1, 0, 1, 999, 1000, 1001, 7192, 7193, 8191, 8192, 8193, HIGHEST - 1, HIGHEST};
+constexpr int64_t INTERESTING[] // as unsigned numbers, those near 2^63 and near 2^64 too
+    = {LOWEST, LOWEST + 1, LOWEST + 1000, -4096, -1,   0,    1,           999,    1000,
+       1001,   7192,       7193,          8191,  8192, 8193, HIGHEST - 1, HIGHEST};
 
-// What an access ends with, by numbers that cannot wrap around.
+// What an access ends with: its numbers cannot wrap around, but for the target's length, which has a sign.
 std::string violation(uint64_t target, uint64_t partition, int64_t offset, int64_t length)
 {
-    const __int128 end = std::min<__int128>(target, HIGHEST); // offsets beyond do not exist
-    const bool accepted
-        = offset >= static_cast<__int128>(partition) && offset < end && static_cast<__int128>(offset) + length <= end;
-    return accepted ? "(none)"
-                    : "tag: offset is out of bounds: " + std::to_string(offset) + ", "
-            + std::to_string(static_cast<int64_t>(target - partition));
+    const auto end = static_cast<int64_t>(target - partition);
+    const __int128 start = static_cast<__int128>(offset) - partition;
+    return start >= 0 && start < end && start + length <= end
+        ? "(none)"
+        : "tag: offset is out of bounds: " + std::to_string(offset) + ", " + std::to_string(end);
 }
 
 TEST(RequestTest, IsAcceptedInsideTheTargetOnly)
@@ -41,6 +42,64 @@ TEST(RequestTest, IsAcceptedInsideTheTargetOnly)
                     check(target, partition, offset, length);
                 }
             }
+        }
+    }
+}
+
+// The last blocks of the largest targets, in whose arithmetic nothing overflows. Offsets past 2^63 - 1 cannot be
+// requested but reached; the callback is then given them less 2^64.
+TEST(RequestTest, ReachesTheEndOfTheLargestTargets)
+{
+    const auto check = [](uint64_t partition, uint32_t blockSize, int64_t offset, int64_t length) {
+        SCOPED_TRACE(::testing::Message() << partition << ", " << blockSize << ", " << offset << ", " << length);
+        MemoryStore store(blockSize, 0, blockSize);
+        Peer::header(*store.store).partitionOffset = partition;
+        Peer::header(*store.store).targetSizeInBytes = partition + HIGHEST; // HIGHEST bytes
+        const __int128 start = static_cast<__int128>(offset) - partition, end = start + length;
+        const auto first = static_cast<int64_t>(start / blockSize), last = static_cast<int64_t>((end - 1) / blockSize);
+        const int64_t fullBlocks
+            = static_cast<int64_t>(end / blockSize) - static_cast<int64_t>((start + blockSize - 1) / blockSize);
+        std::vector<CallRecord> calls;
+        const CallHook hook([&](const CallRecord& call) {
+            calls.push_back(call);
+            return Outcome {EIO};
+        });
+        const std::string place = std::to_string(offset) + ": 5";
+        EXPECT_EQ(failureOf([&] { store->invalidate_hashes(offset, length); }), "failed to write hash: " + place);
+        ASSERT_EQ(calls.size(), 1U);
+        EXPECT_EQ(calls[0].offset, static_cast<off_t>(DATA + static_cast<uint64_t>(first) * ENTRY));
+        EXPECT_EQ(calls[0].length, static_cast<std::size_t>(last - first + 1) * ENTRY);
+        std::vector<std::pair<int64_t, int64_t>> asked;
+        const auto hash = [&] {
+            return store->get_hash(offset, length, [&](const auto& offsets, const auto& lengths) {
+                for (std::size_t i = 0; i < offsets.size(); ++i) {
+                    asked.emplace_back(offsets[i], lengths[i]);
+                }
+                std::vector<std::unique_ptr<char[]>> zeros;
+                zeros.push_back(std::make_unique<char[]>(static_cast<std::size_t>(length)));
+                return zeros;
+            });
+        };
+        if (fullBlocks > 0) {
+            EXPECT_EQ(failureOf(hash), "failed to read hash value: " + place);
+            EXPECT_EQ(failureOf([&] { store->for_each_unknown_range(offset, length, {}); }).substr(0, 27),
+                      "failed to read hash entry: ");
+        } else {
+            struct : TargetSource {
+                LentData lend(kelvane_off_t, kelvane_buf_len_t count) override { return LentData::zeros(count); }
+            } hole;
+            const Bytes right = aggregateDigest(Bytes(2 * blockSize), blockSize, 0, (last - first + 1) * blockSize);
+            EXPECT_EQ(hash(), right);
+            EXPECT_EQ(store->hash_range(offset, length, hole), right);
+            EXPECT_EQ(asked, (std::vector<std::pair<int64_t, int64_t>> {{offset, length}}));
+        }
+    };
+    for (const uint32_t blockSize :
+         {34U, 4096U, 4097U, 1U << 20}) { // with smaller ones the hash file would be too large
+        for (const uint64_t partition : {0, 1, 4096, 5000}) {
+            check(partition, blockSize, HIGHEST - 1, 1 + static_cast<int64_t>(partition)); // up to the target's end
+            check(partition, blockSize, HIGHEST - 3 * blockSize, 3 * blockSize + static_cast<int64_t>(partition));
+            check(partition, blockSize, HIGHEST - 1, 1);
         }
     }
 }
@@ -97,7 +156,8 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
     const std::function<void()> operations[] = {[&] { store->get_hash(0, 100, store.target.supplier()); },
                                                 [&] { store->update_hashes(0, store.target.bytes.data(), 100); },
                                                 [&] { store->invalidate_hashes(0, 100); },
-                                                [&] { store->zero_hashes(0, 100); },
+                                                [&] { store->store_hashes_of_zeros(0, 100); },
+                                                [&] { store->store_hashes(0, 100, nullptr); },
                                                 [&] { store->for_each_unknown_range(0, 100, nullptr); },
                                                 [&] { store->discard_torn_entries(); }};
     const Bytes before = store.file();
@@ -109,7 +169,7 @@ TEST(RequestTest, FailsWithinTheDataCallbackOfItsStore)
 }
 
 // More than are written at once; the blocks around them keep their entries.
-TEST(RequestTest, ZeroHashesAreWrittenInPieces)
+TEST(RequestTest, HashesThatNeedNoDataAreWrittenInPieces)
 {
     MemoryStore store(100000, 0, 1);
     store->get_hash(0, 100000, store.target.supplier());
@@ -118,8 +178,15 @@ TEST(RequestTest, ZeroHashesAreWrittenInPieces)
         setEntry(right, block, digestOf({0}));
     }
     const CallCounter calls;
-    store->zero_hashes(10, 99980);
+    store->store_hashes_of_zeros(10, 99980);
     EXPECT_EQ(calls.counts(), (CallCounts {{Call::WriteAt, 4}}));
+    EXPECT_TRUE(store.file() == right);
+    const Bytes hashes(32 * 99980, 7);
+    store->store_hashes(10, 99980, hashes.data());
+    EXPECT_EQ(calls.counts(), (CallCounts {{Call::WriteAt, 8}}));
+    for (int64_t block = 10; block < 99990; ++block) {
+        setEntry(right, block, Bytes(32, 7));
+    }
     EXPECT_TRUE(store.file() == right);
 }
 

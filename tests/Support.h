@@ -20,6 +20,7 @@
 #include "BlakeHash.h"
 #include "BlockHashStore.h"
 #include "Logger.h"
+#include "TargetSource.h"
 
 namespace kelvane {
 
@@ -143,6 +144,42 @@ struct MemoryTarget {
             return data;
         };
     }
+};
+
+// Lends of a target in memory as much as `next` says, in views that are gone when they must not be used any more.
+struct LendingTarget : TargetSource {
+    LendingTarget(const Bytes& allBytes, kelvane_off_t start, std::function<int64_t(int64_t)> nextLength)
+        : bytes(allBytes)
+        , partitionOffset(start)
+        , next(std::move(nextLength))
+    {
+    }
+
+    LentData lend(kelvane_off_t offset, kelvane_buf_len_t length) override
+    {
+        EXPECT_EQ(lent, nullptr);
+        EXPECT_GE(offset, asked.empty() ? partitionOffset : asked.back().first + asked.back().second);
+        if (asked.empty() || asked.back().first + asked.back().second != offset) {
+            asked.emplace_back(offset, 0);
+        }
+        const auto from = bytes.begin() + (offset - partitionOffset);
+        const int64_t zeros = std::find_if(from, from + length, [](auto byte) { return byte != 0; }) - from;
+        const int64_t count = std::clamp<int64_t>(next(length), 1, length);
+        asked.back().second += std::min(count, zeros > 0 && knowsHoles ? zeros : count);
+        if (zeros > 0 && knowsHoles) {
+            return LentData::zeros(std::min(count, zeros));
+        }
+        lent = std::make_unique<Bytes>(from, from + count);
+        return {lent->data(), count};
+    }
+    void returned() override { lent.reset(); }
+
+    const Bytes& bytes;
+    kelvane_off_t partitionOffset;
+    std::function<int64_t(int64_t)> next;
+    bool knowsHoles = true;
+    std::unique_ptr<Bytes> lent;
+    std::vector<std::pair<kelvane_off_t, kelvane_off_t>> asked = {}; // stretches that do not touch
 };
 
 // A new store, with its hash file, on a target of `size` bytes in memory.

@@ -2,8 +2,9 @@
 import os, re, signal
 from pathlib import Path
 from random import randbytes
+from subprocess import DEVNULL
 
-from program import BLOCK, Case, main
+from program import BLOCK, PROGRAM, Case, flip, images, main
 
 
 class CommandLine(Case):
@@ -32,13 +33,47 @@ class CommandLine(Case):
                 self.check_complaint(option + value, f"{name}: .*" + re.escape(value) + r" \(see --help\)")
         self.assertFalse(os.path.exists("b"))
 
+    def test_what_commands_and_options_are_there(self):
+        images()
+        for command, cause in (
+                ("bulid", r"unknown command: bulid \(see"), ("bulid a --help", "unknown command: bulid"),
+                ("build a --adopt --assume-unchanged", "excludes"), ("build a --check --assume-unchanged", "excludes"),
+                ("sync -P a b", "-P.*--progress json"), ("sync a b -zP", "-P.*--progress json"),
+                ("sync --progress a b", "--progress: not one of auto, json, none: a"), ("sync -Q a b", "-Q"),
+                ("invalidate a --from b --format nbd", "--format: not one of diff, lines, nbdinfo, qemu-img: nbd")):
+            self.check_complaint(command, cause)
+        Path("there").write_text(f'#!/bin/sh\necho "$@" >way\nshift 2\nexec {PROGRAM} "$@"\n')
+        os.chmod("there", 0o755)
+        self.assertTrue(self.json("sync a host:b -z -e ./there")["equal"])
+        self.assertEqual(Path("way").read_text(), "host kelvane-hash serve\n")
+        for command in "sync", "diff":
+            text = self.call(f"{command} --help").stdout
+            self.assertEqual((text.count("HOST:PATH"), text.count("{")), (2, 0), text)
+
     def test_a_terminal_that_is_closed(self):
         Path("a").write_bytes(randbytes(40 << 20))
-        hangup = {"SHIM_AT": "mmap a", "SHIM_DO": "1 1"}  # from the shell, and from the system
+        hangup = {"SHIM_AT": "read a", "SHIM_DO": "1 1"}  # from the shell, and from the system
         self.assertIn("goes on from here", self.call("build a -j 1", 129, shim=hangup).stderr)
         known = self.json("info a.hashes")
         self.assertTrue(known["record"]["clean"] and known["knownBlocks"] > 0, known)
         self.call("build a -j 1", shim=hangup, preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+
+    def test_standard_descriptors_that_are_closed(self):
+        images()
+        self.call("build a")
+        Path("list").write_text("0 + 1\n")
+        for closed in (0, 1, 2), (2,), (0, 2), (1,):
+            flip("a", 5 * BLOCK)  # so that a note is made
+            expect = 2 if 1 in closed else 0
+            for command, code in (("sync a b --progress json", expect), ("build a --check", expect),
+                                  ("invalidate b --from list --json", expect),
+                                  ("invalidate b --format lines --from -", 2 if 0 in closed else expect),
+                                  ("build missing", 2)):
+                self.call(command, code, preexec_fn=lambda: [os.close(fd) for fd in closed], stdin=DEVNULL)
+            self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+            self.call("build b")
+            for name in "ab":
+                self.check_hash_file(name)
 
 
 main()

@@ -30,7 +30,7 @@ def public_functions():
                 function = re.search(r"(operator\W+|~?\w+)\(", declaration)
                 if function and "using" not in declaration:
                     may.add((name, function[1]))
-                    if not re.search("= de|template", declaration):
+                    if not re.search("= de|= 0|template", declaration):
                         must.add((name, function[1]))
     return must, may
 
@@ -95,7 +95,8 @@ class Install(unittest.TestCase):
         types = {f"{part} for kelvane::{name}" for part in ("vtable", "typeinfo", "typeinfo name")
                  for name in ("IHashFunction", "BlakeHash")}
         self.assertLessEqual(types, set(names))
-        shown = {re.match(r"kelvane::(\w+)::(.*?)\(", name).groups() for name in set(names) - types}
+        shown = {re.match(r"kelvane::(\w+)::(.*?)\(", name).groups() for name in names
+                 if not re.match(r"(vtable|typeinfo|typeinfo name) for kelvane::(IHashFunction|BlakeHash)\b", name)}
         must, may = public_functions()
         self.assertGreater(len(must), 30)
         self.assertEqual((must - shown, shown - may), (set(), set()))

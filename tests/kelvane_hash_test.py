@@ -139,12 +139,12 @@ class Answers(Case):
         late = "it changes all the time, or its times of change lie in the future"
         self.call("build a")
         self.assertEqual(self.json("build a", shim={"SHIM_LATE": "99"})["freshness"]["doubt"], late)
-        self.call("build a --check", -signal.SIGKILL, shim={"SHIM_AT": "pwrite a.hashes,mmap a", "SHIM_DO": "9"})
+        self.call("build a --check", -signal.SIGKILL, shim={"SHIM_AT": "pwrite a.hashes,read a", "SHIM_DO": "9"})
         self.json("build a")
         flip("a", 5 * BLOCK)
         self.call("build a", -signal.SIGKILL, shim={"SHIM_AT": "pwrite a.hashes", "SHIM_DO": "9"})
         self.assertEqual(self.json("build a")["freshness"]["doubt"], CUT_SHORT)
-        changes = {"SHIM_AT": "mmap a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
+        changes = {"SHIM_AT": "read a", "SHIM_DO": "printf x | dd of=a bs=1 seek=70000 conv=notrunc status=none"}
         done = self.call("build a --check -j 1", 1, shim=changes)
         self.assertIn("changed: a was changed while", done.stdout)
         self.assertEqual(self.json("build a --check -j 1", 1, shim=changes)["changedMeanwhile"], ["a"])
@@ -153,7 +153,7 @@ class Answers(Case):
         self.call("build a --check")
         Path("list").write_text("1048576 100\n")
         self.call("invalidate a --from list")
-        disturbs = {"SHIM_AT": "mmap a",  # before it writes itself
+        disturbs = {"SHIM_AT": "read a",  # before it writes itself
                     "SHIM_DO": "printf x | dd of=a.hashes bs=1 seek=4500 conv=notrunc status=none"}
         self.assertIn("a.hashes: was changed or replaced", self.call("build a -j 1", 1, shim=disturbs).stdout)
         self.assertRegex(self.json("build a")["freshness"]["doubt"], "hash file was changed by something else while")
@@ -162,7 +162,7 @@ class Answers(Case):
         os.truncate("a", 20 * BLOCK + 100)
         self.call("build a")
         shutil.copyfile("a", "same")
-        touched = {"SHIM_AT": "mmap a", "SHIM_DO": "touch a"}
+        touched = {"SHIM_AT": "read a", "SHIM_DO": "touch a"}
         done = self.call("diff a same --check -j 1", 1, shim=touched)
         self.assertRegex(done.stdout, r"\n# changed: a .*\n# undecided; ")
         self.call("verify a")
@@ -256,9 +256,9 @@ class KelvaneHash(Case):
         Path("s").write_bytes(randbytes(80 << 20))
         for jobs in 1, 2:
             Path("s.hashes").unlink(missing_ok=True)
-            pieces = [i for i, call in enumerate(self.calls(f"build s -j {jobs}"), 1) if call == "mmap s"]
+            place = self.at(f"build s -j {jobs}", "read s", 0.4)
             Path("s.hashes").unlink()
-            begun = {"SHIM_AT": str(pieces[4]), "SHIM_DO": "2", "SHIM_LOG": f"calls{jobs}"}
+            begun = {"SHIM_AT": place, "SHIM_DO": "2", "SHIM_LOG": f"calls{jobs}"}
             self.assertIn("goes on from here", self.call(f"build s -j {jobs}", 130, shim=begun).stderr)
             calls = Path(f"calls{jobs}").read_text().splitlines()
             known = self.json("info s.hashes")["knownBlocks"]
@@ -270,19 +270,18 @@ class KelvaneHash(Case):
         self.call("build s")
         for command in "build s --check -j 1", "verify s -j 1", "sync s s2 --verify":
             self.call(command)
-            reads = [i for i, call in enumerate(self.calls(command), 1) if call == "mmap s"]
-            done = self.call(command, 143, shim={"SHIM_AT": str(reads[-2]), "SHIM_DO": "15"})
+            done = self.call(command, 143, shim={"SHIM_AT": self.at(command, "read s", 0.8), "SHIM_DO": "15"})
             self.assertIn("interrupted; the hash files are in order, the same command checks everything", done.stderr)
-        self.call("build s --check", -signal.SIGTERM, shim={"SHIM_AT": "mmap s", "SHIM_DO": "15 15"})
+        self.call("build s --check", -signal.SIGTERM, shim={"SHIM_AT": "read s", "SHIM_DO": "15 15"})
 
         def start_anew():
             Path("t").write_bytes(bytes(80 << 20))
             self.call("build t --check")
 
         start_anew()
-        copied = [i for i, call in enumerate(self.calls("sync s t")) if call == "pwrite t"]
+        middle = self.at("sync s t", "pwrite t", 0.5)
         start_anew()
-        self.call("sync s t", 130, shim={"SHIM_AT": str(copied[len(copied) // 2]), "SHIM_DO": "2"})
+        self.call("sync s t", 130, shim={"SHIM_AT": middle, "SHIM_DO": "2"})
         self.call("verify t")
         self.assertIn(self.json("sync s t --verify")["bytesCopied"], range(1, 80 << 20))
 
@@ -321,13 +320,14 @@ class KelvaneHash(Case):
     def test_an_image_that_cannot_be_read(self):
         for jobs in 1, 2:
             for name, at, do, cause in (
-                    ("cut", "mmap cut", f"truncate -s {50 * BLOCK + 10} cut",
+                    ("cut", "read cut", f"truncate -s {50 * BLOCK + 10} cut",
                      f"at offset {50 * BLOCK + 10}: .*ends here"),
                     ("gone", "populated -", f"truncate -s {50 * BLOCK} gone", f"at offset {50 * BLOCK}: .*ends here"),
                     ("tail", "populated -", f"truncate -s {99 * BLOCK + 1} tail",
                      f"at offset {99 * BLOCK + 1}: .*ends"),
-                    ("bad", "populate -,pread bad", "fail", "at offset 0: cannot read: Input/output error")):
+                    ("bad", "populate -,read bad", "fail", "at offset 0: cannot read: Input/output error")):
                 Path(name).write_bytes(randbytes(100 * BLOCK))
+                Path(name + ".hashes").unlink(missing_ok=True)
                 shim = {"SHIM_AT": at, "SHIM_DO": do}
                 self.check_complaint(f"build {name} -j {jobs} --adopt", f"{name}: {cause}", shim=shim)
                 self.assertEqual(self.json(f"info {name}.hashes")["knownBlocks"], 0)

@@ -125,7 +125,7 @@ class Lists(Case):
         self.call("build a")
         for other, verdict in ("a", "undecided; "), ("b", "undecided: 12,388 bytes in 3 ranges; "):
             os.utime(same)
-            touches = {"SHIM_AT": f"mmap {same}", "SHIM_DO": f"touch '{same}'"}
+            touches = {"SHIM_AT": f"read {same}", "SHIM_DO": f"touch '{same}'"}
             text = self.call("diff", 1, arguments=[same, other], shim=touches).stdout
             self.assertIn(f"\n# {verdict}", text)
             self.assertRegex(text, r"\A(\d+ \+ \d+\n|# .*\n)*\Z")

@@ -60,6 +60,12 @@ class Case(unittest.TestCase):
         self.call(command, shim={"SHIM_LOG": "calls", **shim})
         return Path("calls").read_text().splitlines()
 
+    def at(self, command, call, share, **shim):
+        """One of the calls of a kind that a command makes, from the first one at 0 to the last one at 1."""
+        count = self.calls(command, **shim).count(call)
+        self.assertGreater(count, 0, call)
+        return f"{call}#{1 + round(share * (count - 1))}"
+
     def check_complaint(self, command, cause, **options):
         """It fails with one line on standard error."""
         self.assertRegex(self.call(command, 2, **options).stderr,

@@ -20,13 +20,30 @@ def frame(kind, payload=b""):
     return [(kind, payload)]
 
 
+CRCS = []
+for byte in range(256):
+    for _ in range(8):
+        byte = byte >> 1 ^ (0x82F63B78 if byte & 1 else 0)
+    CRCS.append(byte)
+
+
+def check_of(data, number):
+    """Of the first frame part of a hash, of all others CRC-32C."""
+    if number == 0:
+        return blake2sp(data)[:4]
+    crc = 0xFFFFFFFF
+    for byte in data:
+        crc = crc >> 8 ^ CRCS[(crc ^ byte) & 255]
+    return struct.pack("<I", crc ^ 0xFFFFFFFF)
+
+
 def encoded(frames):
     """The bytes of frames, which are pairs of type and payload, or bytes as they are."""
     stream = b""
     for number, each in enumerate(frames):
         if not isinstance(each, bytes):
-            header = struct.pack("<IB", len(each[1]), each[0]) + blake2sp(each[1])[:4]
-            each = header + blake2sp(header + struct.pack("<q", number))[:4] + each[1]
+            header = struct.pack("<IB", len(each[1]), each[0]) + check_of(each[1], number)
+            each = header + check_of(header + struct.pack("<q", number), number) + each[1]
         stream += each
     return stream
 
@@ -384,12 +401,13 @@ class Remote(RemoteCase):
         """What a server answers last, as a type and a text."""
         done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20,
                               env=dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0", **environment))
-        answers, rest = [], done.stdout
+        answers, rest = [(0, "")], done.stdout
         while rest:
             length, kind = struct.unpack("<IB", rest[:5])
             answers.append((kind, rest[13:13 + length].decode(errors="replace")))
             rest = rest[13 + length:]
-        return answers[-1] if answers else (0, "")
+        self.assertEqual(done.returncode, 2 if answers[-1][0] == ERROR else 0)
+        return answers[-1]
 
     def test_a_client_that_does_not_keep_to_the_protocol(self):
         self.images()
@@ -436,6 +454,15 @@ class Remote(RemoteCase):
                 self.assertTrue(kind == ERROR and text or number == 1, (kind, text))
                 self.assertEqual(Path("there/far").read_bytes(), before)
                 self.check_known("there/far")
+
+    def test_a_server_that_is_ended(self):
+        with subprocess.Popen([PROGRAM, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as server:
+            server.stdin.write(encoded(hello()))
+            server.stdin.flush()
+            server.stdout.read(13)
+            server.terminate()
+            self.assertIn(b"interrupted there", server.stdout.read())
+        self.assertEqual(server.returncode, 143)
 
     def test_serves_what_lies_in_the_root(self):
         self.images()

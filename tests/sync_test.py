@@ -67,9 +67,8 @@ class Sync(Case):
         built()
         flip("b", 7 * BLOCK)
         self.assertEqual(self.json("sync a b --verify --assume-unchanged", 1)["firstDifference"], 7 * BLOCK)
-        self.call("sync a b")
-        last = max(i for i, call in enumerate(self.calls("sync a b --verify"), 1) if call == "mmap b")
-        tail = {"SHIM_AT": str(last),
+        self.call("sync a b --verify")
+        tail = {"SHIM_AT": self.at("sync a b --verify", "read b", 1),
                 "SHIM_DO": f"printf xy | dd of=b bs=1 seek={20 * BLOCK + 98} conv=notrunc status=none"}
         self.assertEqual(self.json("sync a b --verify", 1, shim=tail)["firstDifference"], 20 * BLOCK + 98)
         self.call("sync a b --verify")
@@ -87,12 +86,11 @@ class Sync(Case):
                         Path(path).unlink(missing_ok=True)
                     Path(name).write_bytes(content)
                     self.call(f"build {name} --block-size 64")
-                if (at, end) == (1 / 3, "TERM"):
-                    writes = [i for i, call in enumerate(self.calls("sync a b"), 1) if call == "pwrite b"]
-                    Path("b").write_bytes(bytes(len(stripes)))
-                    self.call("build b")
+                place = self.at("sync a b", "pwrite b", at)
+                Path("b").write_bytes(bytes(len(stripes)))
+                self.call("build b")
                 foreign = f"printf x | dd of=b bs=1 conv=notrunc status=none; kill -{end} $PPID"
-                shim = {"SHIM_AT": str(writes[int(at * len(writes))]), "SHIM_DO": foreign}
+                shim = {"SHIM_AT": place, "SHIM_DO": foreign}
                 self.call("sync a b", {"TERM": 143, "KILL": -9}[end], shim=shim)
                 self.call("sync a b")
                 self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes(), (at, end))

@@ -9,8 +9,8 @@
 #include "BlockHashStore/Internals.h"
 #include "Constants.h"
 #include "HashFunctionFactory.h"
-#include "Logger.h"
 #include "file/PosixFile.h"
+#include "log/LogLine.h"
 
 namespace kelvane {
 
@@ -29,7 +29,7 @@ public:
     {
         if (m_fd != INVALID_FD && posix::close(m_fd) != 0) {
             try {
-                throwWithErrno(CLOSE_FAILED); // only logs: an exception is propagating
+                throwWithErrno(CLOSE_FAILED, ""); // only logs: an exception is propagating
             } catch (...) {
                 // The failure that is on its way must not be replaced.
             }
@@ -39,7 +39,7 @@ public:
     void close()
     {
         if (posix::close(std::exchange(m_fd, INVALID_FD)) != 0) {
-            throwWithErrno(CLOSE_FAILED); // where it only logs, the file is complete all the same
+            throwWithErrno(CLOSE_FAILED, ""); // where it only logs, the file is complete all the same
         }
     }
 
@@ -53,25 +53,15 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
                             kelvane_size_t partitionOffset, uint32_t blockSize, bool deleteFileOnError)
 {
     const uint64_t fileSize = fileSizeOfNew(hashType, targetSizeInBytes, blockSize);
-    const char* const function = __func__; // the lambda's own name would appear in the log
-    const auto deleteHalfMadeFile = [&] {
-        if (deleteFileOnError && posix::unlink(path) == 0) {
-            Logger(KELVANE_INFO, "Create.cpp", __LINE__, function) << "deleted hash file due to error: " << errno;
-        }
-    };
-    const FailureWatch watch;
     try {
-        createFile(path, fileSize);
-        if (!watch.operationGaveUp()) {
-            initHeader(path, targetSizeInBytes, static_cast<kelvane_off_t>(partitionOffset), blockSize,
-                       static_cast<uint32_t>(hashType));
-        }
+        makeFile(path, fileSize);
+        writeHeader(path, targetSizeInBytes, static_cast<kelvane_off_t>(partitionOffset), blockSize,
+                    static_cast<uint32_t>(hashType));
     } catch (...) {
-        deleteHalfMadeFile();
-        throw;
-    }
-    if (watch.operationGaveUp()) {
-        deleteHalfMadeFile();
+        if (deleteFileOnError && posix::unlink(path) == 0) {
+            logLine(KELVANE_INFO, __func__) << "deleted hash file due to error: " << errno;
+        }
+        emptyWhenGivenUp([] { throw; });
     }
 }
 
@@ -87,10 +77,14 @@ uint64_t BlockHashStore::fileSizeOfNew(HashFunctionType hashType, kelvane_size_t
 
 void BlockHashStore::createFile(const std::string& path, kelvane_size_t fileLength)
 {
+    emptyWhenGivenUp([&] { makeFile(path, fileLength); });
+}
+
+void BlockHashStore::makeFile(const std::string& path, kelvane_size_t fileLength)
+{
     const int fd = posix::open(path, O_RDWR | O_CREAT | O_TRUNC | O_SYNC, S_IRUSR | S_IWUSR);
     if (fd < 0) {
         failWithErrno("error opening file for writing");
-        return;
     }
     DescriptorGuard closeFile(fd);
     const auto bufferSize = std::min<kelvane_size_t>(fileLength, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
@@ -113,6 +107,12 @@ void BlockHashStore::createFile(const std::string& path, kelvane_size_t fileLeng
 void BlockHashStore::initHeader(const std::string& path, kelvane_size_t targetSizeInBytes,
                                 kelvane_off_t partitionOffset, uint32_t blockSize, uint32_t hashId)
 {
+    emptyWhenGivenUp([&] { writeHeader(path, targetSizeInBytes, partitionOffset, blockSize, hashId); });
+}
+
+void BlockHashStore::writeHeader(const std::string& path, kelvane_size_t targetSizeInBytes,
+                                 kelvane_off_t partitionOffset, uint32_t blockSize, uint32_t hashId)
+{
     const int fd = posix::open(path, O_RDWR | O_SYNC);
     if (fd < 0) {
         throw std::runtime_error("error opening file for writing");
@@ -120,7 +120,6 @@ void BlockHashStore::initHeader(const std::string& path, kelvane_size_t targetSi
     DescriptorGuard closeFile(fd);
     if (seek(fd, 0, SEEK_SET) != 0) {
         failWithErrno("failed to seek to beginning of file to write header.");
-        return;
     }
     Header header;
     std::memset(&header, 0, sizeof(header)); // the gaps between the fields too
@@ -133,7 +132,6 @@ void BlockHashStore::initHeader(const std::string& path, kelvane_size_t targetSi
     header.hashId = hashId;
     if (!validReadWrite(sizeof(header), posix::writeOnce(fd, &header, sizeof(header)))) {
         failWithErrno("failed to initialize header data");
-        return;
     }
     closeFile.close();
 }

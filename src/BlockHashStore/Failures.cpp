@@ -1,13 +1,12 @@
 #include <cerrno>
+#include <charconv>
 #include <exception>
 #include <stdexcept>
 
 #include "BlockHashStore/Internals.h"
-#include "Logger.h"
+#include "log/LogLine.h"
 
 namespace kelvane {
-
-thread_local uint64_t FailureWatch::s_givenUp = 0;
 
 void BlockHashStore::throwWithErrno(const std::string& message)
 {
@@ -16,32 +15,29 @@ void BlockHashStore::throwWithErrno(const std::string& message)
     if (std::uncaught_exceptions() == 0) {
         throw std::runtime_error(text);
     }
-    Logger(KELVANE_ERROR, "Failures.cpp", __LINE__, __func__) << text;
+    logLine(KELVANE_ERROR, __func__) << text;
 }
 
 // `errno` must not change while the message is put together: allocations may set it, even those that succeed.
-void BlockHashStore::throwWithErrno(const char* message, const std::string& value)
+void BlockHashStore::throwWithErrno(std::string_view message, std::string_view value)
 {
     const int error = errno;
-    const std::string text = message + value;
+    const std::string text = std::string(message).append(value);
     errno = error;
     throwWithErrno(text);
 }
 
-// As throwWithErrno, for failures after which the operation has nothing to go on with: where it returns, so must the
-// operation.
-void BlockHashStore::failWithErrno(const char* message, const std::string& value)
+void BlockHashStore::failWithErrno(std::string_view message, std::string_view value)
 {
     throwWithErrno(message, value);
-    FailureWatch::noteGivenUp();
+    throw GivenUp();
 }
 
-void BlockHashStore::failWithErrno(const char* message, kelvane_ssize_t value)
+void BlockHashStore::failWithErrno(std::string_view message, kelvane_ssize_t value)
 {
-    const int error = errno;
-    const std::string text = std::to_string(value);
-    errno = error;
-    failWithErrno(message, text);
+    std::array<char, std::numeric_limits<kelvane_ssize_t>::digits10 + 2> digits; // and a sign
+    const auto end = std::to_chars(digits.begin(), digits.end(), value).ptr;
+    failWithErrno(message, std::string_view(digits.begin(), end));
 }
 
 } // namespace kelvane

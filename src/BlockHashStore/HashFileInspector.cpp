@@ -11,9 +11,9 @@ namespace kelvane {
 HashFileInspector::HashFileInspector(const std::string& path)
     : m_store(new BlockHashStore())
 {
-    const FailureWatch watch;
-    m_fileSize = m_store->openAndValidate(path, O_RDONLY);
-    if (watch.operationGaveUp()) {
+    try {
+        m_fileSize = m_store->openAndValidate(path, O_RDONLY);
+    } catch (const GivenUp&) {
         throw std::runtime_error("cannot inspect a hash file while an exception propagates");
     }
     m_store->m_blockBuffer = BlockHashStore::makeZeroedBlock(block_size_in_bytes());
@@ -77,21 +77,35 @@ kelvane_size_t HashFileInspector::file_size_for(HashFunctionType hashType, kelva
 BlockHashStore::HashValue HashFileInspector::get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
                                                       const BlockHashStore::DataRequiredFunc& dataRequiredFunc)
 {
-    return m_store->hashOfRange(offset, length, dataRequiredFunc, false);
+    return emptyWhenGivenUp([&] { return m_store->hashOfRange(offset, length, dataRequiredFunc, false); });
+}
+
+BlockHashStore::HashValue HashFileInspector::hash_range(kelvane_off_t offset, kelvane_buf_len_t length,
+                                                        TargetSource& source,
+                                                        const BlockHashStore::ProgressFunc& progress)
+{
+    return emptyWhenGivenUp([&] { return m_store->hashOfRange(offset, length, source, progress, false); });
+}
+
+bool HashFileInspector::find_wrong_hashes(kelvane_off_t offset, kelvane_buf_len_t length, TargetSource& source,
+                                          const BlockHashStore::RangeFunc& onWrong,
+                                          const BlockHashStore::ProgressFunc& progress)
+{
+    return m_store->find_wrong_hashes(offset, length, source, onWrong, progress);
 }
 
 void HashFileInspector::for_each_unknown_range(kelvane_off_t offset, kelvane_buf_len_t length,
-                                               const BlockHashStore::UnknownRangeFunc& onRange)
+                                               const BlockHashStore::RangeFunc& onRange)
 {
     m_store->for_each_unknown_range(offset, length, onRange);
 }
 
-void HashFileInspector::for_each_unknown_range(const BlockHashStore::UnknownRangeFunc& onRange)
+void HashFileInspector::for_each_unknown_range(const BlockHashStore::RangeFunc& onRange)
 {
-    const uint64_t start = partition_offset_in_bytes();
-    const uint64_t end = std::min(target_size_in_bytes(), MAXIMUM_SIGNED);
-    if (start < end) {
-        for_each_unknown_range(static_cast<kelvane_off_t>(start), static_cast<kelvane_buf_len_t>(end - start), onRange);
+    const auto start = static_cast<kelvane_off_t>(partition_offset_in_bytes());
+    const auto length = static_cast<kelvane_buf_len_t>(m_store->computeMaximumInternalOffset());
+    if (start >= 0 && length > 0) {
+        for_each_unknown_range(start, length, onRange);
     }
 }
 

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,17 +18,19 @@ namespace kelvane {
 // The greatest size and position that the system's calls take.
 constexpr auto MAXIMUM_SIGNED = static_cast<uint64_t>(std::numeric_limits<kelvane_ssize_t>::max());
 
-// Tells whether, since it was made, an operation of this thread gave up after a failure that was only logged,
-// because another exception is propagating.
-class FailureWatch {
-public:
-    bool operationGaveUp() const { return s_givenUp != m_before; }
-    static void noteGivenUp() { ++s_givenUp; }
+// Ends an operation after a failure that was only logged, because another exception is propagating.
+struct GivenUp { };
 
-private:
-    static thread_local uint64_t s_givenUp;
-    uint64_t m_before = s_givenUp;
-};
+// The result of a public operation; an empty one when it gave up.
+template <class Operation>
+auto emptyWhenGivenUp(Operation operation) -> decltype(operation())
+{
+    try {
+        return operation();
+    } catch (const GivenUp&) {
+        return decltype(operation())();
+    }
+}
 
 // The geometry of a request in blocks. Span position k is the block firstBlock + k.
 struct BlockHashStore::Span {
@@ -39,58 +43,115 @@ struct BlockHashStore::Span {
     kelvane_ssize_t bufferedEntries;    // room in the hash buffer: the full blocks and two partial ones
     kelvane_off_t offset;               // external, as given
     kelvane_buf_len_t length;
-    kelvane_off_t start; // external offset of the first block
 
     bool startsPartial() const { return firstFullPosition > 0; }
-    bool endsPartial() const { return firstFullPosition + numberOfFullBlocks < numberOfBlocks; }
+    bool endsPartial() const { return endFullPosition() < numberOfBlocks; }
+    kelvane_ssize_t endFullPosition() const { return firstFullPosition + numberOfFullBlocks; }
+};
+
+// How failures of a transfer of entries begin. Behind that stands the position in the hash file, or, of the transfer
+// itself, the offset that is given.
+struct BlockHashStore::TransferFailures {
+    const char* ofSeek;
+    const char* ofTransfer;
+    std::optional<kelvane_off_t> offset = std::nullopt;
+
+    static TransferFailures ofStoring(kelvane_off_t offset)
+    {
+        return {"failed to seek in hash file: ", "failed to write hash: ", offset};
+    }
+    static TransferFailures ofLooking() { return {"failed to read hash entry: ", "failed to read hash entry: "}; }
+};
+
+// Entries of a request in memory, those of the span positions from `from` up to `to`.
+struct BlockHashStore::Window {
+    char* entries;
+    kelvane_ssize_t entrySize;
+    kelvane_ssize_t from;
+    kelvane_ssize_t to;
+
+    char* at(kelvane_ssize_t position) const { return entries + (position - from) * entrySize; }
+    char* end() const { return at(to); }
+    bool isKnown(kelvane_ssize_t position) const { return (*at(position) & InUse) != 0; }
 };
 
 // The stretches of target data that a request needs.
 struct BlockHashStore::Runs {
     std::vector<kelvane_off_t> offsets; // external
     std::vector<kelvane_off_t> lengths;
-    std::vector<int32_t> indexes; // span position of each run's first block
+    std::vector<int32_t> indexes;       // of each run's first block in the window
+    kelvane_ssize_t firstFullIndex = 0; // of the whole blocks among them
+    kelvane_ssize_t endFullIndex = 0;   // behind the last one; 0 without one
 
     void append(kelvane_off_t offset, kelvane_ssize_t length, kelvane_ssize_t index)
     {
-        if (offsets.empty() || offsets.back() + lengths.back() != offset) {
+        if (offsets.empty() || m_end != static_cast<uint64_t>(offset)) {
             offsets.push_back(offset);
             lengths.push_back(0);
             indexes.push_back(static_cast<int32_t>(index));
         }
         lengths.back() += length;
-    }
-};
-
-// Hashes whole blocks side by side, many at a time, into hash buffer entries.
-class BlockHasher {
-public:
-    BlockHasher(IHashFunction& hashFunction, kelvane_buf_len_t blockSize)
-        : m_hashFunction(hashFunction)
-        , m_blockSize(blockSize)
-    {
+        m_end = static_cast<uint64_t>(offset) + static_cast<uint64_t>(length);
     }
 
-    // The block is hashed now or by the next flush. False when a block could not be hashed.
-    bool add(char* block, char* digest)
+    void appendFull(kelvane_off_t offset, kelvane_ssize_t length, kelvane_ssize_t index)
     {
-        m_blocks[m_count] = block;
-        m_digests[m_count] = reinterpret_cast<unsigned char*>(digest);
-        return ++m_count < m_blocks.size() || flush();
-    }
-
-    bool flush()
-    {
-        const std::size_t count = std::exchange(m_count, 0);
-        return count == 0 || m_hashFunction.get_hashes(m_blocks.data(), count, m_blockSize, m_digests.data()) == count;
+        append(offset, length, index);
+        firstFullIndex = endFullIndex == 0 ? index : firstFullIndex;
+        endFullIndex = index + 1;
     }
 
 private:
-    IHashFunction& m_hashFunction;
-    kelvane_buf_len_t m_blockSize;
-    std::size_t m_count = 0;
-    std::array<kelvane_buf_t, 128> m_blocks;
-    std::array<unsigned char*, 128> m_digests;
+    uint64_t m_end = 0; // of the last run; external offsets may wrap around
+};
+
+// Marks the time in which a data callback runs.
+class BlockHashStore::CallbackGuard {
+public:
+    explicit CallbackGuard(bool& isInCallback)
+        : m_isInCallback(isInCallback)
+    {
+        m_isInCallback = true;
+    }
+    ~CallbackGuard() { m_isInCallback = false; }
+    CallbackGuard(const CallbackGuard&) = delete;
+    CallbackGuard& operator=(const CallbackGuard&) = delete;
+
+private:
+    bool& m_isInCallback;
+};
+
+// Tells the stretches of neighbours among blocks that are added in their order.
+class BlockHashStore::Stretches {
+public:
+    Stretches(const BlockHashStore& store, const Span& span, const RangeFunc& onRange)
+        : m_store(store)
+        , m_span(span)
+        , m_onRange(onRange)
+    {
+    }
+
+    void add(kelvane_ssize_t position)
+    {
+        m_start = m_start == m_end ? position : m_start;
+        m_end = position + 1;
+    }
+
+    // There is none behind the last one that was added.
+    void report()
+    {
+        if (m_start != m_end) {
+            const kelvane_ssize_t count = m_end - std::exchange(m_start, m_end);
+            m_onRange(m_store.blockOffset(m_span, m_end - count),
+                      count * static_cast<kelvane_ssize_t>(m_store.getBlockSize()));
+        }
+    }
+
+private:
+    const BlockHashStore& m_store;
+    const Span& m_span;
+    const RangeFunc& m_onRange;
+    kelvane_ssize_t m_start = 0, m_end = 0; // span positions
 };
 
 } // namespace kelvane

@@ -96,18 +96,17 @@ bool BlockHashStore::validReadWrite(kelvane_ssize_t expectedValue, kelvane_ssize
     return actualValue == expectedValue && actualValue >= 0;
 }
 
-// Compared as mathematical values: by signed differences, a target of 2^63 bytes or more would end before it starts.
+// The end is a signed number: a target of 2^63 bytes or more ends before it starts. Where no offset is internal to the
+// target, the difference is not looked at, for it may have wrapped around.
 void BlockHashStore::throwOnAccessViolation(const std::string& log_tag, kelvane_off_t offset,
                                             kelvane_buf_len_t length) const
 {
-    const uint64_t end = std::min(m_header.targetSizeInBytes, MAXIMUM_SIGNED);
-    const auto start = static_cast<uint64_t>(offset);
-    const bool offsetIsInside = offset >= 0 && start >= m_header.partitionOffset && start < end;
-    const bool lengthIsInside = offsetIsInside && (length < 0 || static_cast<uint64_t>(length) <= end - start);
-    if (!lengthIsInside) {
-        const auto maximumInternalOffset = static_cast<kelvane_ssize_t>(computeMaximumInternalOffset());
+    const auto end = static_cast<kelvane_ssize_t>(computeMaximumInternalOffset());
+    const kelvane_off_t start = toInternalOffset(offset);
+    const bool isNegative = offset < 0 || static_cast<uint64_t>(offset) < m_header.partitionOffset;
+    if (isNegative || start >= end || length > end - start) {
         throw std::runtime_error(log_tag + ": offset is out of bounds: " + std::to_string(offset) + ", "
-                                 + std::to_string(maximumInternalOffset));
+                                 + std::to_string(end));
     }
 }
 
@@ -157,19 +156,18 @@ BlockHashStore::Span BlockHashStore::spanOf(const char* operation, kelvane_off_t
     span.firstFullPosition = firstFullBlock - firstBlock;
     span.offset = offset;
     span.length = length;
-    span.start = fromInternalOffset(firstBlock * blockSize);
     return span;
 }
 
-char* BlockHashStore::entryAt(kelvane_ssize_t position) const
+// The external offset of a block of the span. Behind a target's 2^63rd byte it wraps around.
+kelvane_off_t BlockHashStore::blockOffset(const Span& span, kelvane_ssize_t position) const
 {
-    return m_hashBuffer.get() + position * static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+    return fromInternalOffset((span.firstBlock + position) * static_cast<kelvane_ssize_t>(getBlockSize()));
 }
 
-kelvane_ssize_t BlockHashStore::entryOffsetInFile(kelvane_ssize_t block) const
+kelvane_ssize_t BlockHashStore::entrySize() const
 {
-    return static_cast<kelvane_ssize_t>(m_header.dataRegionOffsetInBytes
-                                        + static_cast<uint64_t>(block) * getHashEntrySize(hashSize()));
+    return static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
 }
 
 } // namespace kelvane

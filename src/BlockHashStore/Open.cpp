@@ -7,33 +7,32 @@
 
 #include "BlockHashStore/Internals.h"
 #include "HashFunctionFactory.h"
-#include "Logger.h"
 #include "file/PosixFile.h"
+#include "log/LogLine.h"
 
 namespace kelvane {
 
 std::unique_ptr<BlockHashStore> BlockHashStore::open(std::string path, kelvane_size_t targetSizeInBytes)
 {
-    std::unique_ptr<BlockHashStore> store(new BlockHashStore());
-    const FailureWatch watch;
-    store->open_internal(path, targetSizeInBytes);
-    return watch.operationGaveUp() ? nullptr : std::move(store);
+    return emptyWhenGivenUp([&] {
+        std::unique_ptr<BlockHashStore> store(new BlockHashStore());
+        store->openAndAdapt(path, targetSizeInBytes);
+        return store;
+    });
 }
 
 void BlockHashStore::open_internal(const std::string& path, kelvane_size_t targetSizeInBytes)
 {
-    const FailureWatch watch;
+    emptyWhenGivenUp([&] { openAndAdapt(path, targetSizeInBytes); });
+}
+
+void BlockHashStore::openAndAdapt(const std::string& path, kelvane_size_t targetSizeInBytes)
+{
     uint64_t fileSize = 0;
     bool resized = true;
     while (resized) {
         fileSize = openAndValidate(path, O_RDWR);
-        if (watch.operationGaveUp()) {
-            return;
-        }
         resized = resizeIfTargetChangeDetected(path, targetSizeInBytes, fileSize);
-        if (watch.operationGaveUp()) {
-            return;
-        }
     }
     validateHeader(targetSizeInBytes, fileSize);
     m_blockBuffer = makeZeroedBlock(getBlockSize());
@@ -45,7 +44,6 @@ uint64_t BlockHashStore::openAndValidate(const std::string& path, int flags)
     struct stat status;
     if (posix::stat(path, status) < 0) {
         failWithErrno("failed to stat hash file");
-        return 0;
     }
     if (!S_ISREG(status.st_mode)) {
         throw std::runtime_error("path does not represent a hash file");
@@ -57,11 +55,9 @@ uint64_t BlockHashStore::openAndValidate(const std::string& path, int flags)
     m_file = SimpleCachedReader(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES);
     if (m_file.open(path, flags) < 0) {
         failWithErrno("failed to open file: ", path);
-        return 0;
     }
     if (!validReadWrite(sizeof(Header), m_file.read(&m_header, sizeof(Header)))) {
         failWithErrno("failed to read header");
-        return 0;
     }
     validateHeader(m_header.targetSizeInBytes, fileSize);
     return fileSize;
@@ -99,28 +95,29 @@ bool BlockHashStore::resizeIfTargetChangeDetected(const std::string& path, kelva
                                                   kelvane_size_t fileSize)
 {
     throwOnUnusableSizes(targetSizeInBytes, getBlockSize(), hashSize());
-    const FailureWatch watch;
     const uint64_t expectedSize = computeFileSize(targetSizeInBytes, getBlockSize(), hashSize());
     if (expectedSize != fileSize) {
-        Logger(KELVANE_INFO, "Open.cpp", __LINE__, __func__)
-            << "hash storage resizing because target changed, expected: " << expectedSize << ", actual: " << fileSize;
+        logLine(KELVANE_INFO, __func__) << "hash storage resizing because target changed, expected: " << expectedSize
+                                        << ", actual: " << fileSize;
         if (expectedSize > fileSize) {
-            initFileRegion(fileSize, expectedSize - fileSize);
+            addZeros(fileSize, expectedSize - fileSize);
         } else {
             m_file.truncate(expectedSize);
         }
     }
-    if (watch.operationGaveUp()) {
-        return false;
-    }
     const bool targetSizeIsDifferent = m_header.targetSizeInBytes != targetSizeInBytes;
     if (targetSizeIsDifferent) {
-        initHeader(path, targetSizeInBytes, getPartitionOffset(), getBlockSize(), m_header.hashId);
+        writeHeader(path, targetSizeInBytes, getPartitionOffset(), getBlockSize(), m_header.hashId);
     }
     return targetSizeIsDifferent;
 }
 
 void BlockHashStore::initFileRegion(uint64_t offset, uint64_t length)
+{
+    emptyWhenGivenUp([&] { addZeros(offset, length); });
+}
+
+void BlockHashStore::addZeros(uint64_t offset, uint64_t length)
 {
     const auto bufferSize = std::min<uint64_t>(length, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
     const auto zeros = std::make_unique<char[]>(bufferSize);

@@ -1,9 +1,8 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
+#include "BlockHashStore/BlockHasher.h"
 #include "BlockHashStore/Internals.h"
 
 namespace kelvane {
@@ -12,12 +11,13 @@ namespace {
 
 constexpr kelvane_ssize_t MAXIMUM_BLOCKS_PER_REQUEST = std::numeric_limits<int32_t>::max();
 
-// Moves a digest to a place that may overlap it.
+constexpr std::size_t USUAL_SIZE = 32; // of a digest
+
+// Moves a digest to a place that may overlap it. A size known when compiling saves the call, which shows.
 void moveDigest(char* to, const char* from, std::size_t size)
 {
-    constexpr std::size_t USUAL_SIZE = 32;
     if (size == USUAL_SIZE) {
-        std::array<char, USUAL_SIZE> digest; // a size known when compiling saves the call, which shows
+        std::array<char, USUAL_SIZE> digest;
         std::memcpy(digest.data(), from, USUAL_SIZE);
         std::memcpy(to, digest.data(), USUAL_SIZE);
     } else {
@@ -25,41 +25,7 @@ void moveDigest(char* to, const char* from, std::size_t size)
     }
 }
 
-// Bytes between zeros, which stand there again afterwards. A block can be far larger than what is put into it.
-class Placed {
-public:
-    Placed(char* place, const char* bytes, std::size_t size)
-        : m_place(place)
-        , m_size(size)
-    {
-        std::memcpy(place, bytes, size);
-    }
-    ~Placed() { std::memset(m_place, 0, m_size); }
-    Placed(const Placed&) = delete;
-    Placed& operator=(const Placed&) = delete;
-
-private:
-    char* m_place;
-    std::size_t m_size;
-};
-
 } // namespace
-
-// Marks the time in which a data callback runs.
-class BlockHashStore::CallbackGuard {
-public:
-    explicit CallbackGuard(bool& isInCallback)
-        : m_isInCallback(isInCallback)
-    {
-        m_isInCallback = true;
-    }
-    ~CallbackGuard() { m_isInCallback = false; }
-    CallbackGuard(const CallbackGuard&) = delete;
-    CallbackGuard& operator=(const CallbackGuard&) = delete;
-
-private:
-    bool& m_isInCallback;
-};
 
 void BlockHashStore::throwWithinDataCallback() const
 {
@@ -71,7 +37,7 @@ void BlockHashStore::throwWithinDataCallback() const
 BlockHashStore::HashValue BlockHashStore::get_hash(kelvane_off_t offset, kelvane_buf_len_t length,
                                                    DataRequiredFunc dataRequiredFunc)
 {
-    return hashOfRange(offset, length, dataRequiredFunc, true);
+    return emptyWhenGivenUp([&] { return hashOfRange(offset, length, dataRequiredFunc, true); });
 }
 
 BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length,
@@ -82,14 +48,15 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
     if (span.numberOfBlocks > MAXIMUM_BLOCKS_PER_REQUEST) {
         throw std::runtime_error("get_hash: too many blocks in one request: " + std::to_string(span.numberOfBlocks));
     }
-    growHashBufferWhenNeeded(span.bufferedEntries * static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize())));
-    if (length == 0) {
-        return aggregate(0);
+    growHashBufferWhenNeeded(span.bufferedEntries * entrySize());
+    const Window window = {m_hashBuffer.get(), entrySize(), 0, length == 0 ? 0 : span.numberOfBlocks};
+    char* const fullEntries = window.at(span.firstFullPosition);
+    const kelvane_ssize_t firstFullBlock = span.firstBlock + span.firstFullPosition;
+    if (span.numberOfFullBlocks > 0) {
+        readEntries(firstFullBlock, span.numberOfFullBlocks, fullEntries,
+                    {"failed to seek in hash file: ", "failed to read hash value: ", offset});
     }
-    if (!loadFullEntries(span)) {
-        return {};
-    }
-    const Runs runs = planRuns(span);
+    const Runs runs = planRuns(span, window, 0);
     if (!runs.offsets.empty()) {
         const auto data = [&] {
             const CallbackGuard guard(m_isInDataCallback);
@@ -97,124 +64,71 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
         }();
         if (data.size() != runs.offsets.size() || std::find(data.begin(), data.end(), nullptr) != data.end()) {
             failWithErrno("expected more image data than was returned while hashing");
-            return {};
         }
-        hashRuns(runs, data);
-        if (stores && !storeFullEntries(span)) {
-            return {};
+        hashRuns(runs, window, data);
+        if (stores && span.numberOfFullBlocks > 0) {
+            writeEntries(firstFullBlock, span.numberOfFullBlocks, fullEntries,
+                         {"failed to seek in hash file during update: ", "failed to write hash: ", offset});
         }
     }
-    return aggregate(span.numberOfBlocks);
+    return checkedAggregate(get_hash(window.entries, concatenateHashes(window)));
 }
 
-// False when a failure was only logged; the same below.
-bool BlockHashStore::loadFullEntries(const Span& span)
-{
-    if (span.numberOfFullBlocks == 0) {
-        return true;
-    }
-    const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock + span.firstFullPosition);
-    if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-        failWithErrno("failed to seek in hash file: ", whereTo);
-        return false;
-    }
-    char* const first = entryAt(span.firstFullPosition);
-    const kelvane_ssize_t bytesToRead = entryAt(span.firstFullPosition + span.numberOfFullBlocks) - first;
-    if (!validReadWrite(bytesToRead, m_file.read(first, bytesToRead))) {
-        failWithErrno("failed to read hash value: ", span.offset);
-        return false;
-    }
-    return true;
-}
-
-BlockHashStore::Runs BlockHashStore::planRuns(const Span& span) const
+// The data that those whole blocks need whose flag InUse is so, and partial blocks.
+BlockHashStore::Runs BlockHashStore::planRuns(const Span& span, const Window& window, uint8_t flag) const
 {
     const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
-    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
+    const kelvane_ssize_t fullEnd = std::min(span.endFullPosition(), window.to);
+    kelvane_ssize_t position = window.from;
     Runs runs;
-    if (span.startsPartial()) {
-        runs.append(span.offset, std::min(span.length, blockSize - span.partialStart), 0);
+    if (position < std::min(span.firstFullPosition, window.to)) {
+        runs.append(span.offset, std::min(span.length, blockSize - span.partialStart), position++);
     }
-    const kelvane_ssize_t endFullPosition = span.firstFullPosition + span.numberOfFullBlocks;
-    const char* flags = entryAt(span.firstFullPosition);
-    for (kelvane_ssize_t position = span.firstFullPosition; position < endFullPosition; ++position) {
-        if ((*flags & InUse) == 0) {
-            runs.append(span.start + position * blockSize, blockSize, position);
+    for (const char* flags = window.at(position); position < fullEnd; ++position, flags += window.entrySize) {
+        if ((*flags & InUse) == flag) {
+            runs.appendFull(blockOffset(span, position), blockSize, position - window.from);
         }
-        flags += entrySize;
     }
-    if (span.endsPartial()) {
-        runs.append(span.start + endFullPosition * blockSize, blockSize - span.partialEnd, endFullPosition);
+    if (position < window.to) {
+        runs.append(blockOffset(span, position), blockSize - span.partialEnd, position - window.from);
     }
     return runs;
 }
 
-void BlockHashStore::hashRuns(const Runs& runs, const std::vector<std::unique_ptr<char[]>>& data)
+kelvane_ssize_t BlockHashStore::positionInBlock(kelvane_off_t offset) const
 {
-    const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
-    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
-    BlockHasher hasher(*m_hashFunction, blockSize);
-    bool hashed = true;
+    return toInternalOffset(offset) % static_cast<kelvane_ssize_t>(getBlockSize());
+}
+
+void BlockHashStore::hashRuns(const Runs& runs, const Window& window, const std::vector<std::unique_ptr<char[]>>& data)
+{
+    BlockHasher hasher = blockHasher("failed to generate block hash");
     for (std::size_t run = 0; run < data.size(); ++run) {
-        char* block = data[run].get();
-        char* const end = block + runs.lengths[run];
-        char* entry = entryAt(runs.indexes[run]);
-        kelvane_ssize_t partial = toInternalOffset(runs.offsets[run]) % blockSize;
-        while (hashed && block < end) {
-            *entry = InUse;
-            const kelvane_ssize_t bytes = std::min(blockSize - partial, end - block);
-            if (bytes == blockSize) {
-                hashed = hasher.add(block, entry + 1);
-            } else {
-                const Placed placed(m_blockBuffer.get() + partial, block, static_cast<std::size_t>(bytes));
-                hashed = hasher.add(m_blockBuffer.get(), entry + 1) && hasher.flush(); // the buffer is needed again
-            }
-            block += bytes;
-            entry += entrySize;
-            partial = 0;
-        }
+        hasher.begin(window.at(runs.indexes[run]), positionInBlock(runs.offsets[run]));
+        hasher.add(data[run].get(), runs.lengths[run]);
+        hasher.finish();
     }
-    if (!hashed || !hasher.flush()) {
-        throw std::runtime_error("failed to generate block hash");
-    }
+    hasher.flush();
 }
 
-bool BlockHashStore::storeFullEntries(const Span& span)
-{
-    if (span.numberOfFullBlocks == 0) {
-        return true;
-    }
-    const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock + span.firstFullPosition);
-    if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-        failWithErrno("failed to seek in hash file during update: ", whereTo);
-        return false;
-    }
-    const char* const first = entryAt(span.firstFullPosition);
-    const kelvane_ssize_t bytesToWrite = entryAt(span.firstFullPosition + span.numberOfFullBlocks) - first;
-    if (!validReadWrite(bytesToWrite, m_file.write(first, static_cast<std::size_t>(bytesToWrite)))) {
-        failWithErrno("failed to write hash: ", span.offset);
-        return false;
-    }
-    return true;
-}
-
-// The hash of the first `numberOfHashes` entries' hashes. They are concatenated where they lie: the request
-// is done with the entries, and a second buffer would cost more than the copying.
-BlockHashStore::HashValue BlockHashStore::aggregate(kelvane_ssize_t numberOfHashes)
+// Moves the hashes of the window's entries together, where they lie: the request is done with the entries, and a
+// second buffer would cost more than the copying. Returns how many bytes they are.
+std::size_t BlockHashStore::concatenateHashes(const Window& window) const
 {
     const auto digestSize = static_cast<std::size_t>(hashSize());
-    const char* from = m_hashBuffer.get() + 1;
-    char* to = m_hashBuffer.get();
-    for (kelvane_ssize_t i = 0; i < numberOfHashes; ++i) {
-        moveDigest(to, from, digestSize);
-        from += getHashEntrySize(digestSize);
-        to += digestSize;
+    char* to = window.entries;
+    for (const char* entry = window.entries; entry != window.end(); entry += digestSize + 1, to += digestSize) {
+        moveDigest(to, entry + 1, digestSize);
     }
-    HashValue aggregated_hash = get_hash(m_hashBuffer.get(), digestSize * static_cast<std::size_t>(numberOfHashes));
-    if (aggregated_hash.empty()) {
+    return static_cast<std::size_t>(to - window.entries);
+}
+
+BlockHashStore::HashValue BlockHashStore::checkedAggregate(HashValue hash)
+{
+    if (hash.empty()) {
         throw std::runtime_error("failed to hash aggregate hashes");
     }
-    return aggregated_hash;
+    return hash;
 }
 
 } // namespace kelvane

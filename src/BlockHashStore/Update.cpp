@@ -1,10 +1,9 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
+#include "BlockHashStore/BlockHasher.h"
 #include "BlockHashStore/Internals.h"
 
 namespace kelvane {
@@ -12,7 +11,9 @@ namespace kelvane {
 namespace {
 
 constexpr kelvane_ssize_t MAXIMUM_WRITE = std::numeric_limits<int>::max(); // what a writer can report
+constexpr kelvane_ssize_t BYTES_AT_ONCE = 1 << 20;                         // of entries
 constexpr kelvane_ssize_t SECTOR = 512;                                    // what a disk writes wholly or not at all
+constexpr const char* HASHING_FAILED = "failed to compute hash from data";
 
 } // namespace
 
@@ -23,12 +24,12 @@ BlockHashStore::HashValue BlockHashStore::get_hash(kelvane_buf_t buffer, kelvane
 
 void BlockHashStore::update_hashes(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length)
 {
-    update_hashes_internal(offset, buffer, length, false);
+    emptyWhenGivenUp([&] { update_hashes_internal(offset, buffer, length, false); });
 }
 
 void BlockHashStore::invalidate_hashes(kelvane_off_t offset, kelvane_buf_len_t length)
 {
-    update_hashes_internal(offset, nullptr, length, true);
+    emptyWhenGivenUp([&] { update_hashes_internal(offset, nullptr, length, true); });
 }
 
 void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t buffer, kelvane_buf_len_t length,
@@ -42,132 +43,106 @@ void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t 
     if (!invalidate_only && buffer == nullptr) {
         throw std::runtime_error("encountered a null buffer while updating hashes");
     }
-    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
-    if (span.numberOfBlocks > MAXIMUM_WRITE / entrySize) { // no use to hash what cannot be written
+    const TransferFailures failures = TransferFailures::ofStoring(offset);
+    if (span.numberOfBlocks > MAXIMUM_WRITE / entrySize()) { // no use to hash what cannot be written
         errno = EFBIG;
-        failWithErrno("failed to write hash: ", offset);
-        return;
+        failWithErrno(failures.ofTransfer, offset);
     }
-    const kelvane_ssize_t bytesToWrite = entrySize * span.numberOfBlocks;
+    const kelvane_ssize_t bytesToWrite = entrySize() * span.numberOfBlocks;
     growHashBufferWhenNeeded(bytesToWrite);
     std::memset(m_hashBuffer.get(), 0, static_cast<std::size_t>(bytesToWrite)); // every block unknown
-    if (!invalidate_only) {
-        hashFullBlocks(span, static_cast<char*>(buffer));
+    if (!invalidate_only && span.numberOfFullBlocks > 0) {
+        const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
+        BlockHasher hasher = blockHasher(HASHING_FAILED);
+        hasher.begin(m_hashBuffer.get() + span.firstFullPosition * entrySize(), 0);
+        hasher.add(static_cast<const char*>(buffer) + (span.firstFullPosition * blockSize - span.partialStart),
+                   span.numberOfFullBlocks * blockSize);
+        hasher.flush();
     }
-    writeEntries(span, 0, span.numberOfBlocks, m_hashBuffer.get());
+    writeEntries(span.firstBlock, span.numberOfBlocks, m_hashBuffer.get(), failures);
 }
 
-void BlockHashStore::zero_hashes(kelvane_off_t offset, kelvane_buf_len_t length)
+void BlockHashStore::store_hashes_of_zeros(kelvane_off_t offset, kelvane_buf_len_t length)
 {
-    constexpr kelvane_ssize_t BYTES_AT_ONCE = 1 << 20;
-    throwWithinDataCallback();
-    const Span span = spanOf("zero_hashes", offset, length);
-    const auto entrySize = static_cast<std::size_t>(getHashEntrySize(hashSize()));
-    const std::vector<char> entry = zeroBlockEntry(span.numberOfFullBlocks > 0);
-    const std::vector<char> unknown(entrySize, 0);
-    if (span.startsPartial() && !writeEntries(span, 0, 1, unknown.data())) {
-        return;
+    emptyWhenGivenUp([&] { storeHashesOfZeros(offset, length); });
+}
+
+// In pieces of as many entries as there is room for; `prepare` is told which of the full blocks come next.
+template <class Prepare>
+void BlockHashStore::storeEntries(const Span& span, std::vector<char>& entries, Prepare prepare)
+{
+    const TransferFailures failures = TransferFailures::ofStoring(span.offset);
+    const std::vector<char> unknown(static_cast<std::size_t>(entrySize()), 0);
+    const kelvane_ssize_t atOnce = static_cast<kelvane_ssize_t>(entries.size()) / entrySize();
+    if (span.startsPartial()) {
+        writeEntries(span.firstBlock, 1, unknown.data(), failures);
     }
-    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / static_cast<int>(entrySize));
-    std::vector<char> entries;
-    for (kelvane_ssize_t i = 0; i < atOnce; ++i) {
-        entries.insert(entries.end(), entry.begin(), entry.end());
-    }
-    const kelvane_ssize_t end = span.firstFullPosition + span.numberOfFullBlocks;
-    for (kelvane_ssize_t position = span.firstFullPosition; position < end; position += atOnce) {
-        if (!writeEntries(span, position, std::min(atOnce, end - position), entries.data())) {
-            return;
-        }
+    for (kelvane_ssize_t done = 0; done < span.numberOfFullBlocks; done += atOnce) {
+        const kelvane_ssize_t count = std::min(atOnce, span.numberOfFullBlocks - done);
+        prepare(done, count);
+        writeEntries(span.firstBlock + span.firstFullPosition + done, count, entries.data(), failures);
     }
     if (span.endsPartial()) {
-        writeEntries(span, end, 1, unknown.data());
+        writeEntries(span.firstBlock + span.endFullPosition(), 1, unknown.data(), failures);
     }
 }
 
-// The entry of a known block of zeros.
-std::vector<char> BlockHashStore::zeroBlockEntry(bool isNeeded)
+void BlockHashStore::storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length)
 {
-    std::vector<char> entry(static_cast<std::size_t>(getHashEntrySize(hashSize())), InUse);
-    kelvane_buf_t block = m_blockBuffer.get();
-    auto* digest = reinterpret_cast<unsigned char*>(entry.data()) + 1;
-    if (isNeeded
-        && m_hashFunction->get_hashes(&block, 1, static_cast<kelvane_buf_len_t>(getBlockSize()), &digest) != 1) {
-        throw std::runtime_error("failed to compute hash from data");
-    }
-    return entry;
+    throwWithinDataCallback();
+    const Span span = spanOf("store_hashes_of_zeros", offset, length);
+    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
+    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()));
+    BlockHasher hasher = blockHasher(HASHING_FAILED);
+    hasher.begin(entries.data(), 0);
+    hasher.addZeros(atOnce * static_cast<kelvane_ssize_t>(getBlockSize()));
+    storeEntries(span, entries, [](kelvane_ssize_t, kelvane_ssize_t) {});
 }
 
-// False when a failure was only logged.
-bool BlockHashStore::writeEntries(const Span& span, kelvane_ssize_t position, kelvane_ssize_t count,
-                                  const char* entries)
+void BlockHashStore::store_hashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes)
 {
-    const kelvane_ssize_t bytesToWrite = count * static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
-    const kelvane_ssize_t whereTo = entryOffsetInFile(span.firstBlock + position);
-    if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
-        failWithErrno("failed to seek in hash file: ", whereTo);
-        return false;
-    }
-    if (!validReadWrite(bytesToWrite, m_file.write(entries, static_cast<std::size_t>(bytesToWrite)))) {
-        failWithErrno("failed to write hash: ", span.offset);
-        return false;
-    }
-    return true;
+    emptyWhenGivenUp([&] { storeHashes(offset, length, hashes); });
 }
 
-// Fills the entries of the blocks that the range covers wholly; `buffer` holds the range's bytes.
-void BlockHashStore::hashFullBlocks(const Span& span, char* buffer)
+void BlockHashStore::storeHashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes)
 {
-    if (span.numberOfFullBlocks == 0) {
-        return;
-    }
-    const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
-    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
-    char* block = buffer + (span.firstFullPosition * blockSize - span.partialStart);
-    char* entry = entryAt(span.firstFullPosition);
-    BlockHasher hasher(*m_hashFunction, blockSize);
-    bool hashed = true;
-    for (kelvane_ssize_t i = 0; hashed && i < span.numberOfFullBlocks; ++i) {
-        *entry = InUse;
-        hashed = hasher.add(block, entry + 1);
-        block += blockSize;
-        entry += entrySize;
-    }
-    if (!hashed || !hasher.flush()) {
-        throw std::runtime_error("failed to compute hash from data");
-    }
+    throwWithinDataCallback();
+    const Span span = spanOf("store_hashes", offset, length);
+    const auto size = static_cast<kelvane_ssize_t>(hashSize());
+    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
+    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()), static_cast<char>(InUse));
+    storeEntries(span, entries, [&](kelvane_ssize_t first, kelvane_ssize_t count) {
+        for (kelvane_ssize_t i = 0; i < count; ++i) {
+            std::memcpy(entries.data() + i * entrySize() + 1, hashes + (first + i) * size,
+                        static_cast<std::size_t>(size));
+        }
+    });
 }
 
 uint64_t BlockHashStore::discard_torn_entries()
 {
+    return emptyWhenGivenUp([&] { return discardTornEntries(); });
+}
+
+uint64_t BlockHashStore::discardTornEntries()
+{
     throwWithinDataCallback();
-    const auto entrySize = static_cast<kelvane_ssize_t>(getHashEntrySize(hashSize()));
-    const auto dataStart = static_cast<kelvane_ssize_t>(m_header.dataRegionOffsetInBytes);
     const auto dataSize
         = static_cast<kelvane_ssize_t>(computeDataSize(m_header.targetSizeInBytes, getBlockSize(), hashSize()));
-    const std::vector<char> zeros(static_cast<std::size_t>(entrySize), 0);
+    const std::vector<char> zeros(static_cast<std::size_t>(entrySize()), 0);
     std::vector<char> entry(zeros);
     uint64_t discarded = 0;
     for (kelvane_ssize_t boundary = SECTOR; boundary < dataSize; boundary += SECTOR) {
-        const kelvane_ssize_t start = boundary / entrySize * entrySize;
-        const kelvane_ssize_t whereTo = dataStart + start;
-        if (start == boundary) {
+        const kelvane_ssize_t block = boundary / entrySize();
+        const kelvane_ssize_t firstHalf = boundary % entrySize();
+        if (firstHalf == 0) {
             continue;
         }
-        if (m_file.seek(whereTo, SEEK_SET) != whereTo
-            || !validReadWrite(entrySize, m_file.read(entry.data(), entrySize))) {
-            failWithErrno("failed to read hash entry: ", whereTo);
-            return 0;
+        readEntries(block, 1, entry.data(), TransferFailures::ofLooking());
+        if ((entry.front() & InUse) != 0 && std::equal(entry.begin() + firstHalf, entry.end(), zeros.begin())) {
+            writeEntries(block, 1, zeros.data(), {"failed to clear hash entry: ", "failed to clear hash entry: "});
+            ++discarded;
         }
-        const auto secondHalf = entry.begin() + (boundary - start);
-        if ((entry.front() & InUse) == 0 || !std::equal(secondHalf, entry.end(), zeros.begin())) {
-            continue;
-        }
-        if (m_file.seek(whereTo, SEEK_SET) != whereTo
-            || !validReadWrite(entrySize, m_file.write(zeros.data(), zeros.size()))) {
-            failWithErrno("failed to clear hash entry: ", whereTo);
-            return 0;
-        }
-        ++discarded;
     }
     return discarded;
 }

@@ -14,6 +14,7 @@
 #include <hwy/highway.h>
 
 #include "hash/LeafPairs-inl.h"
+#include "hash/Pieces-inl.h"
 #include "hash/Roots-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -33,6 +34,21 @@ void hashMany(const uint8_t* const* messages, size_t count, size_t length, uint8
     }
 }
 
+void begin(Blake2spLeaves& leaves)
+{
+    beginLeaves(leaves);
+}
+
+void absorb(Blake2spLeaves& leaves, const uint8_t* bytes, size_t stripes)
+{
+    absorbStripes(leaves, bytes, stripes);
+}
+
+void finish(const Blake2spLeaves& leaves, const uint8_t* rest, size_t length, uint8_t* digest)
+{
+    finishMessage(leaves, rest, length, digest);
+}
+
 const char* targetName()
 {
     return hwy::TargetName(HWY_TARGET);
@@ -46,6 +62,9 @@ HWY_AFTER_NAMESPACE();
 namespace kelvane {
 
 HWY_EXPORT(hashMany);
+HWY_EXPORT(begin);
+HWY_EXPORT(absorb);
+HWY_EXPORT(finish);
 HWY_EXPORT(targetName);
 
 void blake2spMany(const void* const* messages, size_t count, size_t length, unsigned char* const* digests)
@@ -56,6 +75,47 @@ void blake2spMany(const void* const* messages, size_t count, size_t length, unsi
 void blake2sp(const void* message, size_t length, unsigned char* digest)
 {
     blake2spMany(&message, 1, length, &digest);
+}
+
+Blake2spLeaves::Blake2spLeaves()
+{
+    HWY_DYNAMIC_DISPATCH(begin)(*this);
+}
+
+void Blake2spMessage::add(const void* bytes, size_t length)
+{
+    constexpr size_t STRIPE = sizeof(m_rest) / 2;
+    const auto* next = static_cast<const uint8_t*>(bytes);
+    const auto keep = [&](size_t count) {
+        if (count != 0) {
+            memcpy(m_rest + m_restLength, next, count);
+        }
+        m_restLength += count;
+        next += count;
+        length -= count;
+    };
+    const auto absorb = [&](const uint8_t* stripes, size_t count) {
+        if (count != 0) {
+            HWY_DYNAMIC_DISPATCH(absorb)(m_leaves, stripes, count);
+        }
+    };
+    if (m_restLength + length >= 2 * STRIPE) {
+        keep((2 * STRIPE - m_restLength) % STRIPE); // up to whole stripes
+        const size_t kept = length < STRIPE ? 1 : m_restLength / STRIPE;
+        absorb(m_rest, kept);
+        m_restLength -= kept * STRIPE;
+        memcpy(m_rest, m_rest + STRIPE, m_restLength);
+        const size_t whole = length < STRIPE ? 0 : length / STRIPE - 1;
+        absorb(next, whole);
+        next += whole * STRIPE;
+        length -= whole * STRIPE;
+    }
+    keep(length);
+}
+
+void Blake2spMessage::finish(unsigned char* digest)
+{
+    HWY_DYNAMIC_DISPATCH(finish)(m_leaves, m_rest, m_restLength, digest);
 }
 
 const char* blake2spInstructionSet()

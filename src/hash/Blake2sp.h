@@ -21,6 +21,30 @@ void blake2sp(const void* message, size_t length, unsigned char* digest);
 // roots are computed side by side. Digests must not overlap messages.
 void blake2spMany(const void* const* messages, size_t count, size_t length, unsigned char* const* digests);
 
+// The leaves of a message of which a part has come: for every word of their chaining values, that of each leaf.
+struct Blake2spLeaves {
+    Blake2spLeaves();
+
+    uint32_t words[8][8];
+    uint64_t absorbed = 0; // bytes of the message
+};
+
+// A message that comes in pieces.
+class Blake2spMessage {
+public:
+    void add(const void* bytes, size_t length);
+
+    // Writes the digest of all that was added to the 32 bytes at `digest`. The last call.
+    void finish(unsigned char* digest);
+
+private:
+    friend struct Blake2spMessageTestPeer;
+
+    Blake2spLeaves m_leaves;
+    size_t m_restLength = 0;
+    unsigned char m_rest[1024]; // the last block of a leaf is another one, so that much waits for what follows
+};
+
 // The name of the instruction set in use, for reports; a string that lives as long as the program.
 const char* blake2spInstructionSet();
 

@@ -50,6 +50,21 @@ private:
     std::array<unsigned char*, 64> m_digests;
 };
 
+class BlakeMessage : public IHashFunction::Message {
+public:
+    void add(const void* bytes, std::size_t length) override { m_message.add(bytes, length); }
+
+    IHashFunction::HashValue finish() override
+    {
+        IHashFunction::HashValue digest(BLAKE2SP_DIGEST_SIZE_IN_BYTES);
+        m_message.finish(digest.data());
+        return digest;
+    }
+
+private:
+    Blake2spMessage m_message;
+};
+
 } // namespace
 
 IHashFunction::HashValue BlakeHash::get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length)
@@ -99,6 +114,14 @@ std::size_t BlakeHash::get_hashes(const kelvane_buf_t* buffers, std::size_t coun
     }
     pending.flush();
     return done;
+}
+
+std::unique_ptr<IHashFunction::Message> BlakeHash::begin_message()
+{
+    if (typeid(*this) != typeid(BlakeHash)) {
+        return IHashFunction::begin_message();
+    }
+    return std::make_unique<BlakeMessage>();
 }
 
 } // namespace kelvane

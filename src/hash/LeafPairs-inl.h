@@ -92,6 +92,21 @@ KELVANE_AS_WRITTEN HWY_NOINLINE void hashLeafGroups(D d, const Road<D>& road, ui
     }
 }
 
+// Whole stripes of one message, behind which it goes on.
+template <class D>
+KELVANE_AS_WRITTEN HWY_NOINLINE void absorbStream(D d, const Road<D>& road, Blake2spLeaves& leaves,
+                                                  Workspace<D>& memory)
+{
+    Stream<D> stream(memory, road.at(0, 0));
+    stream.load(leaves);
+    for (size_t offset = 0; offset < road.length; offset += STRIPE) {
+        road.prefetchAhead(0, offset);
+        leaves.absorbed += STRIPE;
+        stream.compress(leaves.absorbed / LEAVES, hn::Zero(d), hn::Zero(d), road.next(0, offset));
+    }
+    stream.store(leaves);
+}
+
 // Leaves of at most LEAF_BATCH messages, to root messages of 256 bytes each.
 HWY_INLINE void hashAllLeaves(const uint8_t* const* messages, size_t count, size_t length, uint8_t* digests)
 {

@@ -40,6 +40,7 @@ struct LeafGroup {
     const uint8_t* const* messages;
     size_t firstLeaf;
     const uint8_t* rows[LANES]; // where each leaf's first block lies; null for messages shorter than a stripe
+    uint64_t earlier = 0;       // bytes of the message in front of those
     Vector<D> h[8];
 
     HWY_INLINE LeafGroup(const uint8_t* const* allMessages, size_t first, size_t length)
@@ -52,10 +53,48 @@ struct LeafGroup {
         initialState(d, leaves(), PARAMETER_LEAF, h);
     }
 
+    // Goes on with the leaves of a message of which a part has come.
+    HWY_INLINE void load(const Blake2spLeaves& from)
+    {
+        earlier = from.absorbed;
+        for (size_t i = 0; i < 8; ++i) {
+            h[i] = hn::LoadU(d, from.words[i] + firstLeaf);
+        }
+    }
+
+    HWY_INLINE void store(Blake2spLeaves& to) const
+    {
+        for (size_t i = 0; i < 8; ++i) {
+            hn::StoreU(h[i], d, to.words[i] + firstLeaf);
+        }
+    }
+
+    // Absorbs a whole stripe at `offset` behind which there is another one.
+    HWY_INLINE void absorbStripe(size_t offset)
+    {
+        compress(d, h, rows, offset, sameTweak(d, (earlier + offset + STRIPE) / LEAVES, 0, 0));
+    }
+
+    // Absorbs all that is left from `offset` on, `remaining` bytes (below 1024), and writes the digests of the leaves.
+    HWY_INLINE void finish(size_t offset, size_t remaining, uint8_t* digests)
+    {
+        if (remaining == STRIPE) {
+            absorbLastStripe(offset);
+        } else {
+            absorbTail(offset, remaining);
+        }
+        uint8_t* places[LANES];
+        for (size_t lane = 0; lane < LANES; ++lane) {
+            places[lane] = digests + DIGEST * lane;
+        }
+        storeDigests(d, h, places);
+    }
+
+private:
     // Absorbs a whole stripe at `offset` that is the message's last: the way of every usual block size.
     HWY_INLINE void absorbLastStripe(size_t offset)
     {
-        Tweak<D> tweak = sameTweak(d, (offset + STRIPE) / LEAVES, ALL_ONES, 0);
+        Tweak<D> tweak = sameTweak(d, (earlier + offset + STRIPE) / LEAVES, ALL_ONES, 0);
         tweak.lastNode = hn::IfThenElseZero(hn::Eq(leaves(), hn::Set(d, uint32_t {LEAVES - 1})), tweak.lastBlock);
         compress(d, h, rows, offset, tweak);
     }
@@ -84,7 +123,6 @@ struct LeafGroup {
         }
     }
 
-private:
     HWY_INLINE size_t leaf(size_t lane) const { return (firstLeaf + lane) % LEAVES; }
 
     // The lane's block of the stripe at `offset`.
@@ -114,7 +152,7 @@ private:
         uint32_t low[LANES], high[LANES], lastBlock[LANES], lastNode[LANES];
         for (size_t lane = 0; lane < LANES; ++lane) {
             const size_t own = bytesOf(lane, bytes);
-            const uint64_t counter = offset / LEAVES + own;
+            const uint64_t counter = (earlier + offset) / LEAVES + own;
             if (own != 0) {
                 memcpy(padded[lane], blockOf(lane, offset), own);
             }
@@ -132,24 +170,15 @@ private:
 // Hashes as many leaves as the vector has lanes, from leaf `firstLeaf` of messages[0] on, and writes
 // their digests side by side to `digests`.
 template <class D>
-HWY_INLINE void hashLeafGroup(D d, const uint8_t* const* messages, size_t firstLeaf, size_t length, uint8_t* digests)
+HWY_INLINE void hashLeafGroup(D /*d*/, const uint8_t* const* messages, size_t firstLeaf, size_t length,
+                              uint8_t* digests)
 {
-    constexpr size_t LANES = hn::MaxLanes(D());
     LeafGroup<D> group(messages, firstLeaf, length);
     size_t offset = 0;
     for (; length - offset >= 2 * STRIPE; offset += STRIPE) {
-        compress(d, group.h, group.rows, offset, sameTweak(d, (offset + STRIPE) / LEAVES, 0, 0));
+        group.absorbStripe(offset);
     }
-    if (length - offset == STRIPE) {
-        group.absorbLastStripe(offset);
-    } else {
-        group.absorbTail(offset, length - offset);
-    }
-    uint8_t* rows[LANES];
-    for (size_t lane = 0; lane < LANES; ++lane) {
-        rows[lane] = digests + DIGEST * lane;
-    }
-    storeDigests(d, group.h, rows);
+    group.finish(offset, length - offset, digests);
 }
 
 // Processors fetch ahead within a page, but a message of a page's size lies on one of its own.

@@ -172,6 +172,22 @@ struct Stream {
         }
     }
 
+    // Goes on with the leaves of a message of which a part has come.
+    HWY_INLINE void load(const Blake2spLeaves& from)
+    {
+        for (int i = 0; i < 8; ++i) {
+            v[i] = hn::LoadU(D(), from.words[i]);
+            hn::Store(v[i], D(), chain.lanes[i]);
+        }
+    }
+
+    HWY_INLINE void store(Blake2spLeaves& to) const
+    {
+        for (int i = 0; i < 8; ++i) {
+            hn::StoreU(v[i], D(), to.words[i]);
+        }
+    }
+
     // Compresses the blocks that were brought in, and brings in the next ones.
     template <class From>
     HWY_INLINE void compress(uint64_t counter, Vector<D> lastBlock, Vector<D> lastNode, const From& next)

@@ -1,7 +1,8 @@
 // Preloaded into the program: writes down the calls that it makes on files, does something before one of them, and
 // shows another start of the machine and another clock. By the environment:
-//     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"
-//     SHIM_AT     before which call SHIM_DO is done: its number, or names with commas between
+//     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"; "read" is that of
+//                 more than a page, or its mapping
+//     SHIM_AT     before which calls SHIM_DO is done: numbers and names with commas between; "open a#2" is the second
 //     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
 //                 "each" and a shell command that is done every time
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
@@ -24,6 +25,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -34,6 +37,8 @@ Function* next(const char* name, Function* /*own*/)
 {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
+
+constexpr std::size_t PAGE = 4096; // what is larger is data, however it is read: by a call, or by being mapped
 
 std::string lastPart(const std::string& path)
 {
@@ -102,6 +107,14 @@ bool isOneOf(const char* names, const std::string& name)
     return false;
 }
 
+int timesCalled(const std::string& call)
+{
+    static std::mutex mutex;
+    static std::map<std::string, int> times;
+    const std::scoped_lock lock(mutex);
+    return ++times[call];
+}
+
 bool note(const std::string& call)
 {
     static std::atomic<int> count = 0;
@@ -112,14 +125,18 @@ bool note(const std::string& call)
         ::syscall(SYS_close, fd);
     }
     const char* const at = std::getenv("SHIM_AT");
-    return at != nullptr && (++count == std::atoi(at) || isOneOf(at, call)) && act(std::getenv("SHIM_DO"));
+    const std::string number = std::to_string(++count);
+    const std::string nth = call + "#" + std::to_string(timesCalled(call));
+    const bool isDue = at != nullptr && (isOneOf(at, number) || isOneOf(at, call) || isOneOf(at, nth));
+    return isDue && act(std::getenv("SHIM_DO"));
 }
 
 // A name of the user's, or one in a directory that was opened: not what the system itself keeps in files.
 bool noteName(const std::string& call, const char* path)
 {
     const std::string name = path;
-    const bool isOfUser = !name.starts_with('/') || name.starts_with("/proc/self/fd/");
+    const std::string open = "/proc/self/fd/";
+    const bool isOfUser = !name.starts_with('/') || (name.starts_with(open) && name.rfind('/') >= open.size());
     return isOfUser && note(call + lastPart(name));
 }
 
@@ -134,7 +151,7 @@ extern "C" {
 
 ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 {
-    return !isOfSystem(fd) && note("pread " + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
+    return !isOfSystem(fd) && note((length > PAGE ? "read " : "pread ") + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
 }
 
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
@@ -144,7 +161,7 @@ ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
 
 void* mmap64(void* address, size_t length, int protection, int flags, int fd, off64_t offset) noexcept
 {
-    return fd >= 0 && note("mmap " + nameOf(fd))
+    return fd >= 0 && note("read " + nameOf(fd))
         ? MAP_FAILED
         : next("mmap64", mmap64)(address, length, protection, flags, fd, offset);
 }

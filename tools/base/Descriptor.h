@@ -77,4 +77,17 @@ inline bool leadsTo(const std::string& path, const Descriptor& file)
         && (S_ISBLK(own.st_mode) ? S_ISBLK(there.st_mode) && own.st_rdev == there.st_rdev : isSameFile(own, there));
 }
 
+// Standard descriptors that are closed: no file may get their numbers, for what is meant for a user would end up in it.
+// Reading input and writing output fail all the same. False, with `errno` set, when it fails.
+inline bool occupyStandardDescriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        const bool isOpen = ::fcntl(fd, F_GETFD) >= 0;
+        if (!isOpen && ::open("/dev/null", fd == STDOUT_FILENO ? O_RDONLY : O_WRONLY) != fd) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace kelvane::tool

@@ -9,10 +9,13 @@
 #include <limits>
 #include <utility>
 
+#include "base/Descriptor.h"
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Number.h"
-#include "commands/Commands.h"
+#include "commands/Results.h"
+#include "remote/Server.h"
+#include "terminal/StandardError.h"
 
 using namespace kelvane::tool;
 
@@ -20,6 +23,8 @@ namespace {
 
 constexpr int DIFFERS = 1;
 constexpr int ERROR = 2;
+
+constexpr const char* NEAR_OR_FAR = "A regular file or a block device; HOST:PATH for one on another machine";
 
 // The functions that read a value throw a ValidationError, to which the name of the option is added.
 template <class Number>
@@ -81,57 +86,84 @@ public:
         addInvalidate();
     }
 
-    // The command to run; nothing when help was asked for and printed.
-    std::function<Outcome()> parse(int argc, char** argv)
+    // The command to run, which returns the exit code; nothing when help was asked for and printed.
+    std::function<int()> parse(int argc, char** argv)
     {
+        const std::string first = argc > 1 ? argv[1] : "-";
+        if (!first.starts_with('-')
+            && m_app.get_subcommands([&](CLI::App* command) { return command->get_name() == first; }).empty()) {
+            throw CLI::ValidationError("unknown command: " + first);
+        }
         try {
             m_app.parse(argc, argv);
         } catch (const CLI::Success& request) {
             m_app.exit(request);
             return nullptr;
+        } catch (const CLI::ExtrasError&) {
+            const std::vector<std::string> extras = m_app.remaining(true);
+            if (std::find(extras.begin(), extras.end(), "-P") == extras.end()) {
+                throw;
+            }
+            throw CLI::ValidationError(
+                "no -P as with rsync: on a terminal progress is shown anyhow, else with --progress "
+                "json, and what was interrupted goes on where it stopped");
         }
         return m_command;
     }
 
-    bool json() const { return m_json; }
-
 private:
     using Take = std::function<void(const std::string& value)>;
 
-    CLI::App* add(const std::string& name, const std::string& text, const std::string& example,
-                  std::function<Outcome()> command)
+    template <class Result>
+    int report(const Result& result) const
+    {
+        std::cout << (m_json ? jsonOf(result) : textOf(result));
+        return isGood(result.verdict) ? 0 : DIFFERS;
+    }
+
+    static int report(bool isDone) // what failed was told to the other side
+    {
+        return isDone ? 0 : interruptSignal() != 0 ? 128 + interruptSignal() : ERROR;
+    }
+
+    template <class Command>
+    CLI::App* add(const std::string& name, const std::string& text, const std::string& example, Command command)
     {
         CLI::App* const app = m_app.add_subcommand(name, text);
         app->footer("Example:\n  kelvane-hash " + example);
         app->add_flag("--json", m_json, "Print the result as JSON");
-        app->callback([this, command] { m_command = command; });
+        app->callback([this, command] {
+            m_command = [this, command] {
+                const auto reporter = standardError(m_progress);
+                return report(command({*reporter, m_jobs, m_trust}));
+            };
+        });
         return app;
     }
 
     void addWork(CLI::App* app)
     {
         addValue(app, "--jobs,-j", "N", "Threads that hash; default: as many as cores",
-                 [this](const std::string& text) { m_common.jobs = parseWithin(text, 1U, 1024U); });
-        app->add_option("--progress", m_common.progress, "auto (on a terminal), none or json (lines on standard error)")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, ProgressMode> {{"auto", ProgressMode::Automatic},
-                                                                                     {"none", ProgressMode::None},
-                                                                                     {"json", ProgressMode::Json}})
-                            .description(""))
-            ->type_name("HOW");
+                 [this](const std::string& text) { m_jobs = parseWithin(text, 1U, 1024U); });
+        addChoice<ProgressMode>(
+            app, "--progress", "HOW", "auto (on a terminal), none or json (lines on standard error)",
+            {{"auto", ProgressMode::Automatic}, {"none", ProgressMode::None}, {"json", ProgressMode::Json}},
+            m_progress);
     }
 
     void addTrust(CLI::App* app)
     {
         app->add_flag_callback(
-            "--assume-unchanged", [this] { m_common.trust = Trust::Everything; },
+            "--assume-unchanged", [this] { m_trust = Trust::Everything; },
             "Believe the known hashes without evidence: the image was not changed since they were stored");
         app->add_flag_callback(
-               "--check", [this] { m_common.trust = Trust::Nothing; },
+               "--check", [this] { m_trust = Trust::Nothing; },
                "Check all known hashes against the image, and repair them, whatever the evidence")
             ->excludes("--assume-unchanged");
         app->add_flag_callback(
-            "--adopt", [this] { m_pair.first.hashFile.adopts = m_pair.second.hashFile.adopts = true; },
-            "Take over a hash file that was made for another image, and check what it knows");
+               "--adopt", [this] { m_pair.first.hashFile.adopts = m_pair.second.hashFile.adopts = true; },
+               "Take over a hash file that was made for another image, and check what it knows")
+            ->excludes("--assume-unchanged");
     }
 
     static void addValue(CLI::App* app, const std::string& name, const std::string& type, const std::string& text,
@@ -140,9 +172,27 @@ private:
         app->add_option(name)->each(take)->description(text)->type_name(type);
     }
 
-    static void addImage(CLI::App* app, ImageArguments& arguments, const std::string& name, const std::string& option)
+    template <class Choice, class Target>
+    static void addChoice(CLI::App* app, const std::string& name, const std::string& type, const std::string& text,
+                          const std::map<std::string, Choice>& choices, Target& target)
     {
-        app->add_option(name, arguments.image, "A regular file or a block device")->required()->type_name("");
+        addValue(app, name, type, text, [choices, &target](const std::string& value) {
+            const auto found = choices.find(value);
+            if (found == choices.end()) {
+                std::string names;
+                for (const auto& choice : choices) {
+                    names += (names.empty() ? "" : ", ") + choice.first;
+                }
+                throw CLI::ValidationError("not one of " + names + ": " + value);
+            }
+            target = found->second;
+        });
+    }
+
+    static void addImage(CLI::App* app, ImageArguments& arguments, const std::string& name, const std::string& option,
+                         const std::string& text = "A regular file or a block device")
+    {
+        app->add_option(name, arguments.image, text)->required()->type_name("");
         app->add_option(option, arguments.hashFile.path, "Its hash file; default: " + name + ".hashes")
             ->type_name("FILE");
     }
@@ -171,7 +221,7 @@ private:
     {
         CLI::App* const app
             = add("build", "Make or complete the hash file of an image", "build disk.img --block-size 64K --jobs 2",
-                  [this] { return build(m_pair.first, m_afterCrash, m_common); });
+                  [this](const Common& common) { return build(m_pair.first, m_afterCrash, common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addGeometry(app);
         app->add_flag("--after-crash", m_afterCrash,
@@ -183,8 +233,9 @@ private:
 
     void addInfo()
     {
-        CLI::App* const app = add("info", "Show what a hash file holds; only reads it, so that it may be in use",
-                                  "info disk.img.hashes", [this] { return info(m_pair.first.image); });
+        CLI::App* const app
+            = add("info", "Show what a hash file holds; only reads it, so that it may be in use",
+                  "info disk.img.hashes", [this](const Common& /*common*/) { return info(m_pair.first.image); });
         app->add_option("FILE", m_pair.first.image, "A hash file")->required()->type_name("");
     }
 
@@ -192,7 +243,8 @@ private:
     {
         CLI::App* const app = add(
             "hash", "Print the hash of an image or of a range of it; unknown block hashes are computed and stored",
-            "hash disk.img --range 1GiB:64K", [this] { return hash(m_pair.first, m_range, m_common); });
+            "hash disk.img --range 1GiB:64K",
+            [this](const Common& common) { return hash(m_pair.first, m_range, common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addGeometry(app);
         addValue(app, "--range", "OFFSET:LENGTH", "Only this range; default: all", [this](const std::string& text) {
@@ -209,7 +261,7 @@ private:
     void addVerify()
     {
         CLI::App* const app = add("verify", "Check the known hashes against the image", "verify disk.img --sample 0.05",
-                                  [this] { return verify(m_pair.first, m_verify, m_common); });
+                                  [this](const Common& common) { return verify(m_pair.first, m_verify, common); });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         addValue(app, "--sample", "SHARE", "Check a random share of the image, above 0 and up to 1",
                  [this](const std::string& text) { m_verify.share = parseShare(text); });
@@ -224,10 +276,10 @@ private:
     {
         CLI::App* const app
             = add("diff", "List the byte ranges in which two images differ; unknown hashes are computed and stored",
-                  "diff yesterday.img today.img --json", [this] { return diff(m_pair, m_common); });
+                  "diff yesterday.img today.img --json", [this](const Common& common) { return diff(m_pair, common); });
         addRemote(app);
-        addImage(app, m_pair.first, "A", "--hash-file-a");
-        addImage(app, m_pair.second, "B", "--hash-file-b");
+        addImage(app, m_pair.first, "A", "--hash-file-a", NEAR_OR_FAR);
+        addImage(app, m_pair.second, "B", "--hash-file-b", NEAR_OR_FAR);
         addGeometry(app);
         addTrust(app);
         addWork(app);
@@ -235,22 +287,23 @@ private:
 
     void addSync()
     {
-        CLI::App* const app
-            = add("sync", "Make an image equal to another one, copying only what differs",
-                  "sync today.img backup.img --verify", [this] { return sync(m_pair, m_sync, m_common); });
+        CLI::App* const app = add("sync", "Make an image equal to another one, copying only what differs",
+                                  "sync today.img backup.img --verify",
+                                  [this](const Common& common) { return sync(m_pair, m_sync, common); });
         addRemote(app);
-        addImage(app, m_pair.first, "SOURCE", "--source-hash-file");
-        addImage(app, m_pair.second, "DEST", "--dest-hash-file");
+        addImage(app, m_pair.first, "SOURCE", "--source-hash-file", NEAR_OR_FAR);
+        addImage(app, m_pair.second, "DEST", "--dest-hash-file", NEAR_OR_FAR);
         addGeometry(app);
         app->add_flag("--verify", m_sync.reread, "Read both images again afterwards and compare every byte");
-        app->add_flag("!--no-sparse", m_sync.isSparse, "Leave no holes in DEST: write zeros there");
+        app->add_flag_callback(
+            "--no-sparse", [this] { m_sync.isSparse = false; }, "Leave no holes in DEST: write zeros there");
         addTrust(app);
         addWork(app);
     }
 
     void addRemote(CLI::App* app)
     {
-        app->add_option("--rsh", m_pair.remote.rsh, "The command that leads to the other machine; default: ssh")
+        app->add_option("--rsh,-e", m_pair.remote.rsh, "The command that leads to the other machine; default: ssh")
             ->type_name("COMMAND");
         app->add_option("--remote-program", m_pair.remote.program, "This program there; default: kelvane-hash")
             ->type_name("PATH");
@@ -258,7 +311,7 @@ private:
                  [this](const std::string& text) {
                      m_pair.remote.timeout = std::chrono::seconds(parseWithin(text, 1U, 86400U));
                  });
-        app->add_flag("--compress")
+        app->add_flag("--compress,-z")
             ->each([this](const std::string& text) {
                 m_pair.remote.compression = text == "true" ? 3 : parseWithin(text, 1U, 19U);
             })
@@ -271,7 +324,8 @@ private:
     void addServe()
     {
         CLI::App* const app = add("serve", "Be the other machine's side of diff and sync, on standard input and output",
-                                  "serve --root /srv/images --read-only", [this] { return serve(m_serve); });
+                                  "serve --root /srv/images --read-only",
+                                  [this](const Common& common) { return serveOther(m_serve, common.reporter); });
         app->add_option("--root", m_serve.root, "Serve no image or hash file outside of this directory")
             ->type_name("DIR");
         app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
@@ -280,32 +334,31 @@ private:
     void addInvalidate()
     {
         CLI::App* const app = add("invalidate", "Forget the hashes of ranges that are known to have changed",
-                                  "invalidate disk.img --from changes.txt",
-                                  [this] { return invalidate(m_pair.first, m_invalidate, m_common); });
+                                  "invalidate disk.img --from changes.txt", [this](const Common& common) {
+                                      return invalidate(m_pair.first, m_invalidate, common);
+                                  });
         addImage(app, m_pair.first, "IMAGE", "--hash-file");
         app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
             ->required()
             ->type_name("FILE");
-        app->add_option("--format", m_invalidate.format,
-                        "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, ListFormat> {{"lines", ListFormat::Lines},
-                                                                                   {"diff", ListFormat::Diff},
-                                                                                   {"nbdinfo", ListFormat::Bitmap},
-                                                                                   {"qemu-img", ListFormat::Map}})
-                            .description(""))
-            ->type_name("HOW");
-        app->add_option("--what", m_invalidate.entries, "Of the list of qemu-img: data (default), zero or all")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, MapEntries> {{"data", MapEntries::Data},
-                                                                                   {"zero", MapEntries::Zero},
-                                                                                   {"all", MapEntries::All}})
-                            .description(""))
-            ->type_name("ENTRIES");
+        addChoice<ListFormat>(app, "--format", "HOW",
+                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
+                              {{"lines", ListFormat::Lines},
+                               {"diff", ListFormat::Diff},
+                               {"nbdinfo", ListFormat::Bitmap},
+                               {"qemu-img", ListFormat::Map}},
+                              m_invalidate.format);
+        addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
+                              {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
+                              m_invalidate.entries);
         addTrust(app);
         addWork(app);
     }
 
     CLI::App m_app;
-    Common m_common;
+    ProgressMode m_progress = ProgressMode::Automatic;
+    unsigned m_jobs = 0;
+    Trust m_trust = Trust::Evidence;
     PairArguments m_pair;
     VerifyArguments m_verify;
     std::optional<Range> m_range;
@@ -314,7 +367,7 @@ private:
     InvalidateArguments m_invalidate;
     ServeArguments m_serve;
     bool m_json = false;
-    std::function<Outcome()> m_command;
+    std::function<int()> m_command;
 };
 
 int complain(const std::string& text, int code)
@@ -327,22 +380,17 @@ int run(int argc, char** argv)
 {
     CommandLine commandLine;
     const auto command = commandLine.parse(argc, argv);
-    Outcome outcome;
-    if (command) {
-        outcome = command();
-        const auto replacing = nlohmann::ordered_json::error_handler_t::replace; // names need not be UTF-8
-        std::cout << (commandLine.json() ? outcome.json.dump(2, ' ', false, replacing) + "\n" : outcome.text);
-    }
-    if (!std::cout.flush()) {
-        return complain("standard output: cannot write", ERROR);
-    }
-    return outcome.good ? 0 : DIFFERS;
+    const int code = command ? command() : 0;
+    return std::cout.flush() ? code : complain("standard output: cannot write", ERROR);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (!occupyStandardDescriptors()) {
+        return ERROR;
+    }
     kelvane::Logger::setSink([](auto&&...) {}); // failures are told in words of our own
     installInterruptHandler();
     try {

@@ -1,10 +1,12 @@
+#include "commands/Info.h"
+
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "base/Failure.h"
-#include "base/Text.h"
-#include "commands/Commands.h"
-#include "hash_file/Inspection.h"
-#include "hash_file/Record.h"
+#include "hash_file/HashFile.h"
 
 namespace kelvane::tool {
 
@@ -12,7 +14,6 @@ namespace {
 
 constexpr std::int64_t MAP_WIDTH = 64;
 
-// One character for each equal part of the blocks: all known, some, none.
 std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std::int64_t blockSize)
 {
     const std::int64_t width = std::min(MAP_WIDTH, blocks);
@@ -36,112 +37,49 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
     return map;
 }
 
-// What the record beside the hash file says, and whether that still holds.
-struct Standing {
-    std::string text;
-    nlohmann::ordered_json json;
-};
-
 Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
     try {
         const Image image(record.image.identity.path, Image::Access::Read);
         const ImageState state = stateOf(image);
-        return doubtAbout(record, hashFileState(hashFile, false), state, writersOf(image));
+        return doubtAbout(record, hashFileState(hashFile), state, writersOf(image));
     } catch (const Failure& failure) {
         return {Doubt::Because::NoEvidence, failure.what()};
     }
 }
 
-Standing standingOf(const std::string& path, const Descriptor& hashFile)
+std::optional<InfoResult::Standing> standingOf(const std::string& path, const Descriptor& hashFile)
 {
     const std::optional<Record> record = readRecord(path);
-    if (!record) {
-        return {"none", nullptr};
-    }
-    const bool isClean = record->standing == Record::Standing::True;
-    const std::string& image = record->image.identity.path;
-    const Doubt doubt = doubtNow(*record, hashFile);
-    std::string text
-        = doubt.isAny() ? "not believed of " + image + ": " + doubt.text : "true of " + image + ", which is unchanged";
-    if (record->standing == Record::Standing::Open) {
-        text = "not clean: a run on " + image + " is under way, or was cut short";
-    }
-    return {text,
-            {{"clean", isClean},
-             {"image", image},
-             {"size", record->image.marks.size},
-             {"marks", record->image.marks.traits},
-             {"verdict", doubt.isAny() ? doubt.text : "unchanged"}}};
+    return record ? std::optional(InfoResult::Standing {*record, doubtNow(*record, hashFile)}) : std::nullopt;
 }
 
 } // namespace
 
-Outcome info(const std::string& path)
+InfoResult info(const std::string& path)
 {
     const Descriptor file = openHashFile(path);
     HashFileInspector inspector = explaining(path, [&] { return HashFileInspector(file.place()); });
-    const Geometry geometry = geometryOf(inspector, path);
-    const std::int64_t blockSize = geometry.blockSize;
-    const std::int64_t size = geometry.targetSize;
-    const std::int64_t whole = size / blockSize;
-    const std::int64_t partial = size % blockSize;
+    InfoResult result;
+    result.hashFile = path;
+    result.magicNumber = inspector.magic_number();
+    result.version = inspector.version();
+    result.entriesStart = static_cast<std::int64_t>(inspector.data_region_offset_in_bytes());
+    result.geometry = geometryOf(inspector, path);
+    result.hashFunction = inspector.hash_function_type();
+    result.hashSize = static_cast<std::int64_t>(inspector.hash_size_in_bytes());
+    const std::int64_t blockSize = result.geometry.blockSize;
     const std::vector<Range> unknown = explaining(path, [&] {
-        return unknownRanges(inspector, geometry, {0, whole * blockSize});
+        return unknownRanges(inspector, result.geometry, {0, result.wholeBlocks() * blockSize});
     });
-    const std::int64_t unknownBlocks = totalLength(unknown) / blockSize;
-    const auto fileSize = static_cast<std::int64_t>(inspector.file_size_in_bytes());
-    const std::string map = drawMap(unknown, whole, blockSize);
+    result.unknownBlocks = totalLength(unknown) / blockSize;
+    result.map = drawMap(unknown, result.wholeBlocks(), blockSize);
+    result.fileSize = static_cast<std::int64_t>(inspector.file_size_in_bytes());
     struct stat status = {};
     ::fstat(file.get(), &status);
-    const std::int64_t onDisk = status.st_blocks * 512;
-    const Standing record = standingOf(path, file);
-
-    Outcome outcome;
-    char magic[32];
-    std::snprintf(magic, sizeof(magic), "0x%llx", static_cast<unsigned long long>(inspector.magic_number()));
-    const auto line = [&](const char* name, const std::string& value) {
-        outcome.text += name + std::string(18 - std::char_traits<char>::length(name), ' ') + value + "\n";
-    };
-    const auto sized = [](std::int64_t bytes) {
-        return counted(bytes, "byte") + (bytes < 1024 ? "" : " (" + humanSize(static_cast<double>(bytes)) + ")");
-    };
-    line("hash file", path);
-    line("magic number", magic);
-    line("version", std::to_string(inspector.version()));
-    line("hash entries from", sized(static_cast<std::int64_t>(inspector.data_region_offset_in_bytes())));
-    line("block size", sized(blockSize));
-    line("target ends at", sized(static_cast<std::int64_t>(inspector.target_size_in_bytes())));
-    line("partition offset", sized(geometry.partitionOffset));
-    line("target size", sized(size));
-    line("hash function",
-         std::to_string(inspector.hash_function_type()) + " (BLAKE2sp, "
-             + std::to_string(inspector.hash_size_in_bytes()) + " bytes)");
-    line("whole blocks",
-         grouped(whole) + ": " + grouped(whole - unknownBlocks) + " known, " + grouped(unknownBlocks) + " unknown");
-    line("partial block", partial == 0 ? "none" : counted(partial, "byte") + ", whose hash is never stored");
-    line("file size", sized(fileSize) + ", on disk " + sized(onDisk));
-    line("known regions", "[" + map + "]  # known, + in part, . unknown");
-    line("record", record.text);
-    outcome.json = {{"verdict", "done"},
-                    {"hashFile", path},
-                    {"magicNumber", inspector.magic_number()},
-                    {"version", inspector.version()},
-                    {"dataRegionOffset", inspector.data_region_offset_in_bytes()},
-                    {"blockSize", blockSize},
-                    {"targetEnd", inspector.target_size_in_bytes()},
-                    {"partitionOffset", geometry.partitionOffset},
-                    {"targetSize", size},
-                    {"hashId", static_cast<int>(inspector.hash_function_type())},
-                    {"wholeBlocks", whole},
-                    {"knownBlocks", whole - unknownBlocks},
-                    {"unknownBlocks", unknownBlocks},
-                    {"partialBlockBytes", partial},
-                    {"fileSize", fileSize},
-                    {"sizeOnDisk", onDisk},
-                    {"map", map},
-                    {"record", record.json}};
-    return outcome;
+    result.sizeOnDisk = status.st_blocks * 512;
+    result.standing = standingOf(path, file);
+    return result;
 }
 
 } // namespace kelvane::tool

@@ -1,3 +1,5 @@
+#include "commands/Invalidate.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -7,8 +9,7 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "commands/Commands.h"
-#include "work/HashedImage.h"
+#include "work/LocalSide.h"
 
 namespace kelvane::tool {
 
@@ -66,27 +67,32 @@ std::vector<Range> rangesIn(const HashedImage& hashed, const RangeList& list, co
     return ranges;
 }
 
-} // namespace
-
-Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
+std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedImage& hashed)
 {
-    const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
     const std::string source = what.list == "-" ? "standard input" : what.list;
     const std::string list = contentOf(what.list, source);
     if (!what.format && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
         throw Failure(source, "is empty; name its --format if that means that nothing has changed");
     }
-    const std::vector<Range> ranges = rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
-                                               hashed.hashFile().onDevice(0));
+    return rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
+                    hashed.hashFile().onDevice(0));
+}
+
+} // namespace
+
+InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
+{
+    const Image image = openImage(arguments.image, Image::Access::Read);
+    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
+    const std::vector<Range> ranges = listedRanges(what, hashed);
     using Because = Doubt::Because;
     Belief& belief = hashed.belief();
-    const Because because = belief.doubtOfRecord().because;
-    if (common.trust != Trust::Everything && (because == Because::NoRecord || because == Because::AnotherImage)) {
-        throw Failure(image.path(),
-                      "what was told may be of another image: " + belief.doubtOfRecord().text + "; build checks it");
+    const Doubt& doubt = belief.doubtOfRecord();
+    if (common.trust != Trust::Everything
+        && (doubt.because == Because::NoRecord || doubt.because == Because::AnotherImage)) {
+        throw Failure(image.path(), "what was told may be of another image: " + doubt.text + "; build checks it");
     }
-    const bool isBelieved = because == Because::Nothing || because == Because::Changed;
+    const bool isBelieved = doubt.because == Because::Nothing || doubt.because == Because::Changed;
     hashed.adaptToImage();
     belief.mark();
     for (const Range& range : ranges) {
@@ -94,22 +100,13 @@ Outcome invalidate(const ImageArguments& arguments, const InvalidateArguments& w
     }
     belief.flushHashes();
     isBelieved ? belief.confirm() : belief.dismiss(); // all that changed was told
-    const Conclusions found(hashed, common, true);
-
-    Outcome outcome;
-    outcome.good = found.areSure();
-    outcome.text = hashed.hashFile().path() + ": " + counted(totalLength(ranges), "byte") + " in "
-        + counted(std::ssize(ranges), "range") + " forgotten\n" + found.text();
-    if (!isBelieved) {
-        outcome.text += "the next run checks all the same: " + belief.doubtOfRecord().text + "\n";
-    }
-    outcome.json = {{"verdict", outcome.good ? "done" : "undecided"},
-                    {"hashFile", hashed.hashFile().path()},
-                    {"bytes", totalLength(ranges)},
-                    {"ranges", ranges.size()},
-                    {"freshness", found.freshness()},
-                    {"changedMeanwhile", found.changed()}};
-    return outcome;
+    const Conclusions found = conclude(hashed, common, true);
+    return {areSure(found) ? Verdict::Done : Verdict::Undecided,
+            hashed.hashFile().path(),
+            totalLength(ranges),
+            std::ssize(ranges),
+            isBelieved ? "" : doubt.text,
+            found};
 }
 
 } // namespace kelvane::tool

@@ -1,10 +1,8 @@
-#include <chrono>
+#include "commands/Sync.h"
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "commands/Commands.h"
-#include "work/Compare.h"
 
 namespace kelvane::tool {
 
@@ -26,29 +24,29 @@ std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, 
     return destination.isFar() && own == options.blockSize.value_or(own.value_or(0)) ? own : std::nullopt;
 }
 
-OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, ProgressMode mode)
+OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, Reporter& reporter)
 {
-    Progress progress("copy", totalLength(ranges), mode);
+    const auto phase = reporter.begin("copy", totalLength(ranges));
     destination.startWriting(isSparse);
-    source.read(ranges, destination.isFar(), [&](const Stretch& stretch) {
-        destination.write(stretch);
-        progress.advance(stretch.range.length);
+    source.read(ranges, destination.isFar(), [&](const Piece& piece) {
+        destination.write(piece);
+        phase->advance(piece.range.length);
     });
     return destination.finishWriting();
 }
 
-std::optional<std::int64_t> reread(Side& source, Side& destination, ProgressMode mode)
+std::optional<std::int64_t> reread(Side& source, Side& destination, Reporter& reporter)
 {
     const StartingAnew startingAnew;
     source.dropCache();
     destination.dropCache();
-    Progress progress("verify", source.opening().size, mode);
+    const auto phase = reporter.begin("verify", source.opening().size);
     return firstDifference(source, destination, {0, source.opening().size},
-                           [&](std::int64_t bytes) { progress.advance(bytes); });
+                           [&](std::int64_t bytes) { phase->advance(bytes); });
 }
 
-Outcome syncSides(Side& source, Side& destination, const PairArguments& arguments, const SyncArguments& how,
-                  const Common& common)
+SyncResult syncSides(Side& source, Side& destination, const PairArguments& arguments, const SyncArguments& how,
+                     const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
     const auto agreedBlockSize = [&] {
@@ -57,79 +55,50 @@ Outcome syncSides(Side& source, Side& destination, const PairArguments& argument
     };
     const auto foregone = foregoneBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;
-    const Comparison found = compare(
-        source, destination, {foregone ? *foregone : agreedBlockSize(), size, source.opening().permissions, size},
-        agreedBlockSize);
-    const std::int64_t formerSize = destination.opening().size;
-    const std::int64_t newSize = destination.opening().isBlockDevice ? formerSize : size;
-    const std::int64_t copied = totalLength(found.differing);
-    const bool isWritten = copied > 0 || !how.isSparse; // holes may have to be filled where nothing differs
+    Comparison found = compare(source, destination,
+                               {foregone ? *foregone : agreedBlockSize(), size, source.opening().permissions, size},
+                               agreedBlockSize);
+    // Holes may have to be filled where nothing differs.
+    const bool isWritten = !found.differing.empty() || !how.isSparse;
     const OwnChange change
-        = isWritten ? copy(source, destination, found.differing, how.isSparse, common.progress) : OwnChange();
-    const bool foundForeignChange = !change.wasUnchanged;
+        = isWritten ? copy(source, destination, found.differing, how.isSparse, common.reporter) : OwnChange();
     // What others wrote at the same time shows in the data alone.
     const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);
-    std::optional<std::int64_t> difference;
-    if (isReread) {
-        difference = reread(source, destination, common.progress);
-    }
-    if (difference || foundForeignChange) {
+    const std::optional<std::int64_t> difference
+        = isReread ? reread(source, destination, common.reporter) : std::nullopt;
+    if (difference || !change.wasUnchanged) {
         destination.distrust();
     }
-    const Conclusions ends(source, destination, common);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-
-    Outcome outcome;
-    outcome.good = !difference && !foundForeignChange && ends.areSure();
-    outcome.text = ends.remarks() + ends.text();
-    if (foundForeignChange) {
-        outcome.text
-            += "changed: " + destination.name() + " was changed by something else while this ran; run it again\n";
-    }
-    outcome.text += counted(size, "byte") + " compared by " + counted(found.comparisons, "comparison") + " and "
-        + counted(found.bytesRead, "byte") + " of data read, " + counted(copied, "byte") + " copied in "
-        + counted(std::ssize(found.differing), "range") + ", " + humanTime(seconds) + "\n";
-    const char* const verdict = difference ? "different" : outcome.good ? "equal" : "undecided";
-    outcome.json = {{"verdict", verdict},
-                    {"equal", outcome.good},
-                    {"bytesCompared", size},
-                    {"bytesCopied", copied},
-                    {"ranges", found.differing.size()},
-                    {"comparisons", found.comparisons},
-                    {"bytesRead", found.bytesRead},
-                    {"seconds", seconds},
-                    {"verified", isReread},
-                    {"freshness", ends.freshness()},
-                    {"changedMeanwhile", ends.changed()}};
-    if (foundForeignChange && ends.areUnchanged()) {
-        outcome.json["changedMeanwhile"].push_back(destination.name());
-    }
-    if (destination.opening().isMissing) {
-        outcome.text += destination.name() + ": made\n";
-        outcome.json["formerSize"] = nullptr;
-    } else if (formerSize != newSize) {
-        outcome.text += destination.name() + ": " + counted(formerSize, "byte") + " before\n";
-        outcome.json["formerSize"] = formerSize;
-    }
-    if (difference) {
-        outcome.text += "reread: " + destination.name() + " differs from " + source.name() + " at offset "
-            + std::to_string(*difference) + "; see verify --mark\n";
-        outcome.json["firstDifference"] = *difference;
-    } else if (isReread) {
-        outcome.text += outcome.good ? "reread: equal\n" : "reread: no difference seen\n";
-    }
-    return outcome;
+    const Conclusions ends = conclude(source, destination, common);
+    const Opening& former = destination.opening();
+    const bool isEqual = !difference && change.wasUnchanged && areSure(ends);
+    const bool isResized = !former.isMissing && !former.isBlockDevice && former.size != size;
+    return {difference    ? Verdict::Different
+                : isEqual ? Verdict::Equal
+                          : Verdict::Undecided,
+            source.name(),
+            destination.name(),
+            size,
+            std::move(found),
+            std::chrono::steady_clock::now() - start,
+            former.isMissing,
+            isResized ? std::optional(former.size) : std::nullopt,
+            !change.wasUnchanged,
+            isReread,
+            difference,
+            {},
+            ends};
 }
 
 } // namespace
 
-Outcome sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
+SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
 {
     const Pair pair(arguments, true, common);
-    Outcome outcome = pair.run(
+    SyncResult result = pair.run(
         [&](Side& source, Side& destination) { return syncSides(source, destination, arguments, how, common); });
-    addLineTraffic(outcome, pair);
-    return outcome;
+    result.traffic = pair.traffic();
+    return result;
 }
 
 } // namespace kelvane::tool

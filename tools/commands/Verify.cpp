@@ -1,12 +1,13 @@
+#include "commands/Verify.h"
+
+#include <algorithm>
 #include <mutex>
 #include <random>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "base/Text.h"
-#include "commands/Commands.h"
 #include "work/Blocks.h"
-#include "work/Check.h"
+#include "work/LocalSide.h"
 
 namespace kelvane::tool {
 
@@ -31,16 +32,56 @@ std::string contradict(Belief& belief)
         belief.contradict();
         return "";
     } catch (const Failure& failure) {
-        return failure.what() + std::string("; remove it\n");
+        return failure.what();
     }
+}
+
+struct Checked {
+    Traffic traffic;
+    std::vector<Range> wrong; // ascending
+};
+
+Checked checkKnown(HashedImage& hashed, Slices& slices, const Common& common, Phase& phase)
+{
+    std::mutex mutex;
+    Checked checked;
+    const auto check = [&](Store& store, const Blocks& blocks, const char* data) {
+        const std::vector<Range> found = store.wrong(blocks.range, data);
+        const std::scoped_lock lock(mutex);
+        checked.wrong.insert(checked.wrong.end(), found.begin(), found.end());
+    };
+    checked.traffic = forBlocks(hashed.hashFile(), hashed.reader(), slices, Which::Known, common.jobs, phase, check);
+    checked.wrong = sorted(std::move(checked.wrong));
+    return checked;
+}
+
+// A record says in the end what is known to be true; hashes that are wrong are made unknown where that is asked for.
+std::string settle(HashedImage& hashed, const std::vector<Range>& wrong, bool marks, bool areAllChecked)
+{
+    std::string falseRecord;
+    if (!wrong.empty()) {
+        falseRecord = contradict(hashed.belief());
+    }
+    if (marks && !wrong.empty()) {
+        for (const Range& range : wrong) {
+            hashed.store().invalidate(range);
+        }
+        hashed.belief().flushHashes();
+    }
+    if (areAllChecked && (wrong.empty() || marks)) { // then all that it knows is true
+        hashed.belief().confirm();
+    } else {
+        hashed.belief().dismiss();
+    }
+    return falseRecord;
 }
 
 } // namespace
 
-Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
+VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
 {
     const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile), common);
+    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
@@ -48,70 +89,33 @@ Outcome verify(const ImageArguments& arguments, const VerifyArguments& how, cons
     const Range range = wholeBlocks({0, std::min(image.size(), recorded)}, blockSize);
     const bool all = how.share >= 1;
     const std::uint64_t seed = how.seed.value_or(std::random_device()());
-    const std::int64_t unit = std::max(blockSize, roundDown(SAMPLE, blockSize));
-    RangeSource source = all ? RangeSource(image, range, sliceSize(blockSize), holeSliceSize(blockSize))
-                             : RangeSource(range, unit, how.share, seed);
-    Progress progress("verify", static_cast<std::int64_t>(how.share * static_cast<double>(range.length)),
-                      common.progress);
-    std::mutex mutex;
-    std::vector<Range> bad;
-    Check checker(image, blockSize);
-    const auto check = [&](Store& store, const Piece& piece, char* data) {
-        const std::vector<Range> found = checker.wrongBlocks(store, piece.range, data);
-        const std::scoped_lock lock(mutex);
-        bad.insert(bad.end(), found.begin(), found.end());
-    };
+    const std::int64_t sample = std::max(blockSize, roundDown(SAMPLE, blockSize));
+    Slices slices = all ? Slices(image, range, sliceSize(blockSize), holeSliceSize(blockSize))
+                        : Slices(range, sample, how.share, seed);
+    const auto phase
+        = common.reporter.begin("verify", static_cast<std::int64_t>(how.share * static_cast<double>(range.length)));
     const StartingAnew startingAnew;
-    const Traffic traffic = forBlocks(hashFile, image, source, Which::Known, common.jobs, progress, check);
-    bad = sorted(std::move(bad));
-    std::string complaint;
-    if (!bad.empty()) {
-        complaint = contradict(hashed.belief());
+    Checked checked = checkKnown(hashed, slices, common, *phase);
+    std::string falseRecord = settle(hashed, checked.wrong, how.mark, all && recorded == image.size());
+    const Conclusions found = conclude(hashed, common);
+    const bool isGood = checked.wrong.empty() && recorded == image.size();
+    const std::int64_t wrongBlocks = totalLength(checked.wrong) / blockSize;
+    for (Range& wrong : checked.wrong) {
+        wrong.offset = hashFile.onDevice(wrong.offset);
     }
-    if (how.mark && !bad.empty()) {
-        for (const Range& wrong : bad) {
-            hashFile.store().invalidate(wrong);
-        }
-        hashed.belief().flushHashes();
-    }
-    if (all && recorded == image.size() && (bad.empty() || how.mark)) { // then all that it knows is true
-        hashed.belief().confirm();
-    } else {
-        hashed.belief().dismiss();
-    }
-    const Conclusions found(hashed, common);
-
-    const std::int64_t checked = (traffic.read + traffic.holes) / blockSize;
-    Outcome outcome;
-    outcome.good = bad.empty() && recorded == image.size() && found.areSure();
-    const char* const verdict = !found.areSure() ? "undecided" : outcome.good ? "good" : "wrong";
-    outcome.json = {{"verdict", verdict},
-                    {"image", image.path()},
-                    {"good", outcome.good},
-                    {"blocksChecked", checked},
-                    {"badBlocks", totalLength(bad) / blockSize},
-                    {"marked", how.mark && !bad.empty()},
-                    {"recordedSize", recorded},
-                    {"imageSize", image.size()},
-                    {"freshness", found.freshness()},
-                    {"changedMeanwhile", found.changed()},
-                    {"bad", nlohmann::ordered_json::array()}};
-    if (!all) {
-        outcome.json["seed"] = seed;
-    }
-    for (const Range& wrong : bad) {
-        outcome.text += "wrong: " + std::to_string(hashFile.onDevice(wrong.offset)) + " + "
-            + std::to_string(wrong.length) + "\n";
-        outcome.json["bad"].push_back({{"offset", hashFile.onDevice(wrong.offset)}, {"length", wrong.length}});
-    }
-    if (recorded != image.size()) {
-        outcome.text
-            += "size: " + grouped(image.size()) + " bytes, " + grouped(recorded) + " recorded; build adapts it\n";
-    }
-    outcome.text += complaint + found.text() + (checked == 0 ? "no block is known, so nothing was checked\n" : "");
-    outcome.text += image.path() + ": " + counted(checked, "known block") + " checked, "
-        + grouped(totalLength(bad) / blockSize) + " wrong" + (how.mark && !bad.empty() ? ", now unknown" : "") + "\n";
-    return outcome;
+    return {!areSure(found) ? Verdict::Undecided
+                : isGood    ? Verdict::Good
+                            : Verdict::Wrong,
+            image.path(),
+            image.size(),
+            recorded,
+            (checked.traffic.read + checked.traffic.holes) / blockSize,
+            wrongBlocks,
+            std::move(checked.wrong),
+            how.mark && wrongBlocks > 0,
+            all ? std::nullopt : std::optional(seed),
+            std::move(falseRecord),
+            found};
 }
 
 } // namespace kelvane::tool

@@ -16,8 +16,8 @@
 #include "base/Interrupt.h"
 #include "base/Text.h"
 #include "hash_file/SideFiles.h"
+#include "image/FileSystem.h"
 #include "image/Memory.h"
-#include "terminal/Note.h"
 
 namespace kelvane::tool {
 
@@ -61,14 +61,13 @@ Geometry geometryFor(const Image& image, const HashFileOptions& options, std::in
 
 // Makes a hash file little by little, so that it can be interrupted. Its end grows last. A large one begins with no
 // entries: what is made at once is written synchronously, and would be zeros without a header when that is cut short.
-void createInSteps(const std::string& path, const Geometry& geometry, ProgressMode mode)
+void createInSteps(const std::string& path, const Geometry& geometry, Reporter& reporter)
 {
     constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 21;
     const auto step = static_cast<kelvane_size_t>(geometry.blockSize * BLOCKS_AT_ONCE);
-    std::optional<Progress> progress;
-    if (step < geometry.targetEnd()) {
-        progress.emplace("make", static_cast<std::int64_t>(geometry.targetEnd()), mode);
-    }
+    const auto phase = step < geometry.targetEnd()
+        ? reporter.begin("make", static_cast<std::int64_t>(geometry.targetEnd()))
+        : nullptr;
     kelvane_size_t end = fileSizeFor(geometry) <= MADE_AT_ONCE ? geometry.targetEnd() : 0;
     BlockHashStore::create(path, Blake2dHashFunctionType, end, static_cast<kelvane_size_t>(geometry.partitionOffset),
                            static_cast<std::uint32_t>(geometry.blockSize), false);
@@ -77,8 +76,8 @@ void createInSteps(const std::string& path, const Geometry& geometry, ProgressMo
         const kelvane_size_t added = std::min(step, geometry.targetEnd() - end);
         end += added;
         BlockHashStore::open(path, end);
-        if (progress) {
-            progress->advance(static_cast<std::int64_t>(added));
+        if (phase) {
+            phase->advance(static_cast<std::int64_t>(added));
         }
     }
 }
@@ -90,6 +89,23 @@ void makePrivate(const Descriptor& file)
     if (::fstat(file.get(), &status) == 0 && (status.st_mode & 0777) != 0600) {
         ::fchmod(file.get(), 0600);
     }
+}
+
+// Until no later change can have the same time. False when there is no such moment, for its times lie in the future, or
+// its file system is not known to record every change.
+bool waitForTheNextMoment(const Descriptor& file)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    timespec latest;
+    while (isStampingFileSystem(file) && std::chrono::steady_clock::now() < end) {
+        const timespec clock = stampingClock();
+        stampsOf(file, latest);
+        if (!isRecent(latest, clock)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
 }
 
 // Without a name, where the file system can; else under its own, that nothing has. Nothing when something has it.
@@ -199,15 +215,16 @@ private:
     bool m_isServedReadOnly = false;
 };
 
-HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade)
+HashFile::HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade, Reporter& reporter)
     : m_path(std::move(path))
     , m_lock(std::move(lock))
+    , m_reporter(&reporter)
     , m_wasMade(wasMade)
     , m_record(wasMade ? std::nullopt : readRecord(m_path))
     , m_geometry(geometryOf(explaining(m_path, [&] { return HashFileInspector(m_lock->file().place()); }), m_path))
 {
     checkMemory();
-    m_state = hashFileState(m_lock->file(), true);
+    m_state = hashFileState(m_lock->file());
     reopenStore();
 }
 
@@ -227,21 +244,21 @@ void HashFile::checkMemory()
         write(record);
         throw FlushFailed(m_path, "cannot flush: " + errorText(error));
     }
-    const bool isInOrder = m_record && m_record->standing != Record::Standing::Open
-        && m_record->standing != Record::Standing::FlushFailed;
-    if (!isInOrder && !dropFromMemory(m_lock->file())) {
+    const bool isLeftOpen = m_record
+        && (m_record->standing == Record::Standing::Open || m_record->standing == Record::Standing::FlushFailed);
+    if ((!m_record || isLeftOpen) && !dropFromMemory(m_lock->file()) && isLeftOpen) {
         throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
     }
 }
 
-std::optional<HashFile> HashFile::open(const std::string& path, const HashFileOptions& options)
+std::optional<HashFile> HashFile::open(const std::string& path, const HashFileOptions& options, Reporter& reporter)
 {
     std::shared_ptr<Lock> lock = Lock::take(path, options);
-    return lock ? std::optional(HashFile(path, std::move(lock), false)) : std::nullopt;
+    return lock ? std::optional(HashFile(path, std::move(lock), false, reporter)) : std::nullopt;
 }
 
 // Nothing when another run was faster.
-std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& geometry, ProgressMode mode)
+std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& geometry, Reporter& reporter)
 {
     struct stat status;
     if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
@@ -254,7 +271,7 @@ std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& 
     }
     const auto lock = std::make_shared<Lock>(path, std::move(file));
     try {
-        explaining(path, [&] { createInSteps(lock->file().place(), geometry, mode); });
+        explaining(path, [&] { createInSteps(lock->file().place(), geometry, reporter); });
         if (!giveName(lock->file(), path)) {
             return std::nullopt;
         }
@@ -265,17 +282,17 @@ std::optional<HashFile> HashFile::make(const std::string& path, const Geometry& 
         throw;
     }
     removeRecord(path);
-    return HashFile(path, lock, true);
+    return HashFile(path, lock, true, reporter);
 }
 
-std::optional<HashFile> HashFile::find(const Image& image, const HashFileOptions& options)
+std::optional<HashFile> HashFile::find(const Image& image, const HashFileOptions& options, Reporter& reporter)
 {
-    return open(options.pathFor(image), options);
+    return open(options.pathFor(image), options, reporter);
 }
 
-HashFile HashFile::openExisting(const Image& image, const HashFileOptions& options)
+HashFile HashFile::openExisting(const Image& image, const HashFileOptions& options, Reporter& reporter)
 {
-    std::optional<HashFile> file = find(image, options);
+    std::optional<HashFile> file = find(image, options, reporter);
     if (!file) {
         throw Failure(options.pathFor(image), "cannot open the hash file: " + errorText(ENOENT));
     }
@@ -284,10 +301,10 @@ HashFile HashFile::openExisting(const Image& image, const HashFileOptions& optio
 }
 
 HashFile HashFile::foundOrMade(std::optional<HashFile> found, const Image& image, const HashFileOptions& options,
-                               std::int64_t targetSize, ProgressMode mode)
+                               std::int64_t targetSize, Reporter& reporter)
 {
     const std::string path = options.pathFor(image);
-    for (;; found = open(path, options)) {
+    for (;; found = open(path, options, reporter)) {
         if (found) {
             found->checkOptions(options);
             found->checkOwner(image, options);
@@ -296,15 +313,15 @@ HashFile HashFile::foundOrMade(std::optional<HashFile> found, const Image& image
         if (options.isReadOnly) {
             throw Failure(path, "there is no hash file, and none may be made");
         }
-        if (std::optional<HashFile> file = make(path, geometryFor(image, options, targetSize), mode)) {
+        if (std::optional<HashFile> file = make(path, geometryFor(image, options, targetSize), reporter)) {
             return std::move(*file);
         }
     }
 }
 
-HashFile HashFile::openOrMake(const Image& image, const HashFileOptions& options, ProgressMode mode)
+HashFile HashFile::openOrMake(const Image& image, const HashFileOptions& options, Reporter& reporter)
 {
-    return foundOrMade(find(image, options), image, options, image.size(), mode);
+    return foundOrMade(find(image, options, reporter), image, options, image.size(), reporter);
 }
 
 void HashFile::checkOptions(const HashFileOptions& options) const
@@ -402,7 +419,7 @@ void HashFile::adapt(std::int64_t targetSize)
 
 bool HashFile::isUntouched() const
 {
-    return isInPlace() && (m_state.empty() || m_state == hashFileState(m_lock->file(), false));
+    return isInPlace() && m_state == hashFileState(m_lock->file());
 }
 
 bool HashFile::isInPlace() const
@@ -413,12 +430,11 @@ bool HashFile::isInPlace() const
 void HashFile::write(Record record)
 {
     const bool claimedTruth = m_record && m_record->standing == Record::Standing::True;
-    const bool claimsTruth = record.standing == Record::Standing::True;
-    m_state = claimsTruth ? hashFileState(m_lock->file(), true) : Traits();
-    if (claimsTruth && m_state.empty()) {
+    if (record.standing == Record::Standing::True && !waitForTheNextMoment(m_lock->file())) {
         record.standing = Record::Standing::Unproven;
         record.reason = "the times of the hash file tell nothing";
     }
+    m_state = hashFileState(m_lock->file());
     record.hashFile = m_state;
     m_record = std::move(record);
     const RecordWritten written = writeRecord(m_path, *m_record);
@@ -427,29 +443,18 @@ void HashFile::write(Record record)
         throw Failure(recordPath(m_path), "it says that all hashes are true, and cannot be changed: " + cause);
     }
     if (written != RecordWritten::Yes) {
-        note(recordPath(m_path) + ": cannot write: " + cause + "; the next run will check all hashes");
+        m_reporter->note(recordPath(m_path) + ": cannot write: " + cause + "; the next run will check all hashes");
     }
 }
 
-Traits hashFileState(const Descriptor& file, bool waits)
+Traits hashFileState(const Descriptor& file)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (isStampingFileSystem(file)) {
-        const timespec clock = stampingClock();
-        timespec latest;
-        Traits state = stampsOf(file, latest);
-        state.merge(fileTraits(file));
-        state.merge(mountTraits(file));
-        state["size"] = std::to_string(::lseek(file.get(), 0, SEEK_END));
-        if (!waits || !isRecent(latest, clock)) {
-            return state;
-        }
-        if (std::chrono::steady_clock::now() > end) {
-            break; // they lie in the future
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return {};
+    timespec latest;
+    Traits state = stampsOf(file, latest);
+    state.merge(fileTraits(file));
+    state.merge(mountTraits(file));
+    state["size"] = std::to_string(::lseek(file.get(), 0, SEEK_END));
+    return state;
 }
 
 } // namespace kelvane::tool

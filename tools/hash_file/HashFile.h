@@ -8,11 +8,11 @@
 #include <string>
 
 #include "base/Range.h"
+#include "base/Reporter.h"
 #include "hash_file/Inspection.h"
 #include "hash_file/Record.h"
 #include "hash_file/Store.h"
 #include "image/Image.h"
-#include "terminal/Progress.h"
 
 namespace kelvane::tool {
 
@@ -27,25 +27,25 @@ struct HashFileOptions {
     std::string pathFor(const Image& image) const;
 };
 
-// Open and locked against other runs of this program.
+// Open and locked against other runs of this program. The reporter must outlive it.
 class HashFile {
 public:
     static constexpr std::uint32_t DEFAULT_BLOCK_SIZE = 4096;
 
     // Nothing when there is none. It may be another image's.
-    static std::optional<HashFile> find(const Image& image, const HashFileOptions& options);
+    static std::optional<HashFile> find(const Image& image, const HashFileOptions& options, Reporter& reporter);
 
     // What was found, or one that is made for a size. It is whole before it has its name, whatever ends the program
     // meanwhile. Fails when it was made with other options than given, or belongs to another image; it may still record
     // another size of this one.
     static HashFile foundOrMade(std::optional<HashFile> found, const Image& image, const HashFileOptions& options,
-                                std::int64_t targetSize, ProgressMode mode);
+                                std::int64_t targetSize, Reporter& reporter);
 
     // The same for an image as it stands.
-    static HashFile openOrMake(const Image& image, const HashFileOptions& options, ProgressMode mode);
+    static HashFile openOrMake(const Image& image, const HashFileOptions& options, Reporter& reporter);
 
     // Fails when there is none, or when it was made with other options than given.
-    static HashFile openExisting(const Image& image, const HashFileOptions& options);
+    static HashFile openExisting(const Image& image, const HashFileOptions& options, Reporter& reporter);
 
     const std::string& path() const { return m_path; }
     const Geometry& geometry() const { return m_geometry; }
@@ -77,7 +77,7 @@ public:
     // What is recorded beside it.
     const std::optional<Record>& record() const { return m_record; }
 
-    // Its state, for its record: empty when a later change could have the same.
+    // Its state when it was opened, or recorded.
     const Traits& state() const { return m_state; }
 
     // Whether nothing else has changed the file, since it was opened or recorded, or put another one in its place. Once
@@ -85,7 +85,7 @@ public:
     bool isUntouched() const;
     bool isInPlace() const;
 
-    // Replaces the record by one of an image. Only notes on standard error when that cannot be done: without a record
+    // Replaces the record by one of an image. Only notes it when that cannot be done: without a record
     // the next run checks the hashes. Fails when the old one stands all the same, and says that they are true.
     void write(Record record);
 
@@ -95,10 +95,10 @@ public:
 private:
     class Lock;
 
-    HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade);
+    HashFile(std::string path, std::shared_ptr<Lock> lock, bool wasMade, Reporter& reporter);
 
-    static std::optional<HashFile> open(const std::string& path, const HashFileOptions& options);
-    static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, ProgressMode mode);
+    static std::optional<HashFile> open(const std::string& path, const HashFileOptions& options, Reporter& reporter);
+    static std::optional<HashFile> make(const std::string& path, const Geometry& geometry, Reporter& reporter);
     void checkOptions(const HashFileOptions& options) const;
     void checkOwner(const Image& image, const HashFileOptions& options);
     void checkMemory();
@@ -108,6 +108,7 @@ private:
 
     std::string m_path;
     std::shared_ptr<Lock> m_lock;
+    Reporter* m_reporter;
     bool m_wasMade;
     std::optional<Record> m_record;
     Geometry m_geometry;
@@ -115,8 +116,7 @@ private:
     std::unique_ptr<Store> m_store;
 };
 
-// The state of a hash file that is open. `waits`: until no later change can have the same; empty when there is no such
-// moment.
-Traits hashFileState(const Descriptor& file, bool waits);
+// The state of a hash file that is open, for its record.
+Traits hashFileState(const Descriptor& file);
 
 } // namespace kelvane::tool

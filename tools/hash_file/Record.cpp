@@ -208,7 +208,7 @@ Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, co
     if (record->standing == Record::Standing::Unproven) {
         return {Because::Unproven, record->reason};
     }
-    if (hashFile.empty() || record->hashFile != hashFile) {
+    if (record->hashFile != hashFile) {
         return {Because::HashFileChanged, "the hash file was changed or replaced since they were recorded as true"};
     }
     if (isAnother("boot")) {

@@ -71,10 +71,7 @@ struct Doubt {
     bool isAny() const { return because != Because::Nothing; }
 
     // Whether what is in memory of the image and of the hash file need not be what is on their disks.
-    bool isAboutMemory() const
-    {
-        return because == Because::NoRecord || because == Because::FlushFailed || because == Because::CutShort;
-    }
+    bool isAboutMemory() const { return because == Because::FlushFailed || because == Because::CutShort; }
 };
 
 Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, const ImageState& image,

@@ -1,6 +1,12 @@
 #include "hash_file/Store.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <kelvane/TargetSource.h>
+#include <span>
+
+#include "base/Bytes.h"
+#include "base/Interrupt.h"
 
 namespace kelvane::tool {
 
@@ -32,31 +38,98 @@ std::vector<Range> Store::unknown(Range range)
     });
 }
 
+namespace {
+
+// Reads what is asked for.
+class ReadingSource : public TargetSource {
+public:
+    ReadingSource(const Image& image, std::int64_t start, std::atomic<std::int64_t>& bytesRead)
+        : m_image(image)
+        , m_start(start)
+        , m_bytesRead(bytesRead)
+    {
+    }
+
+    LentData lend(kelvane_off_t offset, kelvane_buf_len_t length) override
+    {
+        constexpr std::int64_t AT_ONCE = 1 << 20;
+        const Range range = {offset - m_start, std::min(length, AT_ONCE)};
+        m_buffer = m_buffer ? std::move(m_buffer) : pagesFor(AT_ONCE);
+        m_image.read(m_buffer.get(), range);
+        m_bytesRead += range.length;
+        return {m_buffer.get(), range.length};
+    }
+
+private:
+    const Image& m_image;
+    std::int64_t m_start; // of the image on its device
+    std::atomic<std::int64_t>& m_bytesRead;
+    Memory m_buffer;
+};
+
+// Lends what is at hand.
+class DataSource : public TargetSource {
+public:
+    DataSource(kelvane_off_t offset, const char* data)
+        : m_offset(offset)
+        , m_data(data)
+    {
+    }
+
+    LentData lend(kelvane_off_t offset, kelvane_buf_len_t length) override
+    {
+        return m_data == nullptr ? LentData::zeros(length) : LentData(m_data + (offset - m_offset), length);
+    }
+
+private:
+    kelvane_off_t m_offset;
+    const char* m_data;
+};
+
+} // namespace
+
 Store::Hash Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
 {
-    const auto supply = [&](const std::vector<kelvane_off_t>& offsets, const std::vector<kelvane_off_t>& lengths) {
-        std::vector<std::unique_ptr<char[]>> data;
-        for (std::size_t i = 0; i < offsets.size(); ++i) {
-            data.push_back(std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(lengths[i])));
-            image.read(data.back().get(), {offsets[i] - m_geometry.partitionOffset, lengths[i]});
-            bytesRead += lengths[i];
-        }
-        return data;
+    ReadingSource source(image, m_geometry.partitionOffset, bytesRead);
+    const auto stopping = [](kelvane_buf_len_t /*done*/) {
+        throwWhenInterrupted();
+        return true;
     };
     return explaining(m_path, [&] {
-        return m_store ? m_store->get_hash(onDevice(range), range.length, supply)
-                       : m_inspector->get_hash(onDevice(range), range.length, supply);
+        return m_store ? m_store->hash_range(onDevice(range), range.length, source, stopping)
+                       : m_inspector->hash_range(onDevice(range), range.length, source, stopping);
     });
 }
 
-void Store::update(Range range, char* data)
+std::vector<Range> Store::wrong(Range blocks, const char* data)
 {
-    forgetWhenFailing(range, [&] { writable().update_hashes(onDevice(range), data, range.length); });
+    std::vector<Range> found;
+    DataSource source(onDevice(blocks), data);
+    const auto onWrong = [&](kelvane_off_t offset, kelvane_buf_len_t length) {
+        append(found, {offset - m_geometry.partitionOffset, length});
+    };
+    explaining(m_path, [&] {
+        return m_store ? m_store->find_wrong_hashes(onDevice(blocks), blocks.length, source, onWrong)
+                       : m_inspector->find_wrong_hashes(onDevice(blocks), blocks.length, source, onWrong);
+    });
+    return found;
 }
 
-void Store::zero(Range range)
+void Store::update(Range blocks, const char* data)
 {
-    forgetWhenFailing(range, [&] { writable().zero_hashes(onDevice(range), range.length); });
+    forgetWhenFailing(blocks, [&] {
+        if (data == nullptr) {
+            writable().store_hashes_of_zeros(onDevice(blocks), blocks.length);
+        } else {
+            writable().update_hashes(onDevice(blocks),
+                                     std::as_bytes(std::span(data, static_cast<std::size_t>(blocks.length))));
+        }
+    });
+}
+
+void Store::store(Range blocks, const unsigned char* digests)
+{
+    forgetWhenFailing(blocks, [&] { writable().store_hashes(onDevice(blocks), blocks.length, digests); });
 }
 
 // A write that was cut short can leave a hash by half.
@@ -78,7 +151,7 @@ void Store::forget(Range range)
         } catch (const std::runtime_error&) {
             // The failure that came first is reported.
         }
-        m_store->sync_to_disk();
+        static_cast<void>(m_store->sync_to_disk());
     }
 }
 

@@ -28,13 +28,16 @@ public:
     // Of the whole blocks in a range, those whose hash is unknown. Reads no image, changes nothing.
     std::vector<Range> unknown(Range range);
 
-    // The aggregate hash of a range. Data that it still takes, of partial blocks for instance, is read from the
-    // image and counted.
+    // The aggregate hash of a range, in bounded memory. Data that it still takes, of partial blocks for instance, is
+    // read from the image and counted.
     Hash hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
 
-    // These fail when the hash file can only be read.
-    void update(Range range, char* data);
-    void zero(Range range); // reads as zeros
+    // Of whole blocks that are known, those whose hash is not the data's; null is zeros.
+    std::vector<Range> wrong(Range blocks, const char* data);
+
+    // These fail when the hash file can only be read. The ranges are of whole blocks; null is zeros.
+    void update(Range blocks, const char* data);
+    void store(Range blocks, const unsigned char* digests);
     void invalidate(Range range);
     void sync();
     std::uint64_t discardTornEntries();

@@ -127,7 +127,8 @@ Traits mountTraits(const Descriptor& file)
 
 std::string failuresOf(const Descriptor& file)
 {
-    return lineIn(directoryOf(file) + "/errors_count");
+    const std::string directory = directoryOf(file);
+    return lineIn(directory + "/errors_count") + "+" + lineIn(directory + "/warning_count");
 }
 
 Identity identityOf(const Image& image)

@@ -2,51 +2,31 @@
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/vfs.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
-#include <memory>
-#include <new>
 #include <utility>
 
+#include "base/Bytes.h"
+#include "image/FileSystem.h"
 #include "image/Memory.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr long STAMPING[] = {0xef53,      // ext2 to ext4
-                             0x58465342,  // XFS
-                             0x9123683e,  // Btrfs
-                             0xf2f52010,  // F2FS
-                             0xca451a4e}; // bcachefs
+constexpr std::int64_t ALIGNMENT = 4096;  // of what goes past the system's memory, on the disk and in memory
+constexpr std::int64_t AT_ONCE = 1 << 20; // bytes that are moved to where they are aligned
 
-constexpr std::int64_t ALIGNMENT = 4096; // of what is read from a block device, in it and in memory
-
-struct Free {
-    void operator()(char* memory) const { std::free(memory); }
-};
-
-std::unique_ptr<char, Free> alignedMemory(std::int64_t size)
+bool isAligned(const char* buffer, Range range)
 {
-    std::unique_ptr<char, Free> memory(
-        static_cast<char*>(std::aligned_alloc(ALIGNMENT, static_cast<std::size_t>(roundUp(size, ALIGNMENT)))));
-    return memory ? std::move(memory) : throw std::bad_alloc();
+    return range.offset % ALIGNMENT == 0 && range.length >= ALIGNMENT
+        && reinterpret_cast<std::uintptr_t>(buffer) % ALIGNMENT == 0;
 }
 
 } // namespace
-
-bool isStampingFileSystem(const Descriptor& file)
-{
-    struct statfs fileSystem;
-    return ::fstatfs(file.get(), &fileSystem) == 0
-        && std::find(std::begin(STAMPING), std::end(STAMPING), fileSystem.f_type) != std::end(STAMPING);
-}
 
 Image::Image(std::string path, Access access, AtLink atLink)
     : m_path(std::move(path))
@@ -104,6 +84,12 @@ void Image::take(Descriptor file, const struct stat& status)
     m_isStamped = isStampingFileSystem(m_file);
     m_size = currentSize();
     ::posix_fadvise(m_file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    openForDisk();
+}
+
+void Image::openForDisk()
+{
+    m_direct = m_isStamped && !m_isBlockDevice ? openAgain(m_file, O_RDONLY | O_DIRECT) : Descriptor();
 }
 
 // What is written by two ways at once comes out as neither says.
@@ -127,46 +113,89 @@ std::int64_t Image::currentSize() const
     return size;
 }
 
+std::int64_t Image::readAt(const Descriptor& file, char* buffer, Range range) const
+{
+    for (;;) {
+        const ssize_t count = ::pread(file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
+        if (count > 0) {
+            return count;
+        }
+        if (count == 0 || errno != EINTR) {
+            const std::string cause = count < 0 ? errorText(errno) : "the image ends here, it was longer before";
+            throw Failure(m_path, range.offset, "cannot read: " + cause);
+        }
+    }
+}
+
 void Image::read(char* buffer, Range range) const
 {
-    const auto isAligned = [&] {
-        return range.offset % ALIGNMENT == 0 && (range.end() % ALIGNMENT == 0 || range.end() == m_size)
-            && reinterpret_cast<std::uintptr_t>(buffer) % ALIGNMENT == 0;
-    };
-    if (m_isBlockDevice && !isAligned()) {
-        readUnaligned(buffer, range);
+    if (m_isBlockDevice) {
+        readFromDisk(buffer, range);
         return;
     }
     while (range.length > 0) {
-        const ssize_t count = ::pread(m_file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            const std::string cause = count < 0 ? errorText(errno) : "the image ends here, it was longer before";
-            throw Failure(m_path, range.offset, "cannot read: " + cause);
+        const std::int64_t count = readAt(m_file, buffer, range);
+        buffer += count;
+        range = between(range.offset + count, range.end());
+    }
+}
+
+// What is aligned goes to its place, the rest to a place that is.
+void Image::readFromDisk(char* buffer, Range range) const
+{
+    const Descriptor& file = fileForDisk();
+    if (!file) {
+        read(buffer, range);
+        return;
+    }
+    Memory memory;
+    while (range.length > 0) {
+        std::int64_t count = 0;
+        if (isAligned(buffer, range)) {
+            count = readAt(file, buffer, {range.offset, roundDown(range.length, ALIGNMENT)});
+        } else {
+            memory = memory ? std::move(memory) : pagesFor(AT_ONCE);
+            const std::int64_t start = roundDown(range.offset, ALIGNMENT);
+            const std::int64_t length = std::min(AT_ONCE, roundUp(range.end(), ALIGNMENT) - start);
+            const std::int64_t before = range.offset - start;
+            count = std::min(range.length, readAt(file, memory.get(), {start, length}) - before);
+            if (count <= 0) {
+                throw Failure(m_path, range.offset, "cannot read: the image ends here, it was longer before");
+            }
+            std::memcpy(buffer, memory.get() + before, static_cast<std::size_t>(count));
         }
         buffer += count;
         range = between(range.offset + count, range.end());
     }
 }
 
-void Image::readUnaligned(char* buffer, Range range) const
+bool Image::isInMemory(Range range) const
 {
-    constexpr std::int64_t AT_ONCE = 1 << 20;
-    const auto memory = alignedMemory(std::min(AT_ONCE, range.length + 2 * ALIGNMENT));
-    while (range.length > 0) {
-        const std::int64_t start = roundDown(range.offset, ALIGNMENT);
-        const std::int64_t end = std::min({roundUp(range.end(), ALIGNMENT), start + AT_ONCE, m_size});
-        const Range piece = between(range.offset, std::min(range.end(), end));
-        if (piece.length == 0) {
-            throw Failure(m_path, range.offset, "cannot read: the image ends here, it was longer before");
-        }
-        read(memory.get(), between(start, end));
-        std::memcpy(buffer, memory.get() + (piece.offset - start), static_cast<std::size_t>(piece.length));
-        buffer += piece.length;
-        range = between(piece.end(), range.end());
+    const std::vector<Run> runs = residency(range);
+    return runs.size() == 1 && runs[0].isInMemory;
+}
+
+std::vector<Image::Run> Image::residency(Range range) const
+{
+    const Range pages = between(roundDown(range.offset, ALIGNMENT), std::min(roundUp(range.end(), ALIGNMENT), m_size));
+    const auto count = m_direct ? pagesInMemory(m_file, pages) : std::nullopt;
+    const bool areAll = !m_direct || count == roundUp(pages.length, ALIGNMENT) / ALIGNMENT;
+    if (areAll || count == 0 || pages.length == 0) {
+        return {{range, areAll}};
     }
+    std::vector<Run> runs;
+    Range rest = range;
+    for (const bool isInMemory : residentPages(m_file, pages)) {
+        const Range page = between(rest.offset, std::min(rest.end(), roundDown(rest.offset, ALIGNMENT) + ALIGNMENT));
+        if (!runs.empty() && runs.back().isInMemory == isInMemory) {
+            runs.back().range.length += page.length;
+        } else {
+            runs.push_back({page, isInMemory});
+        }
+        rest = between(page.end(), rest.end());
+    }
+    runs.back().range.length += rest.length; // behind the end
+    return runs;
 }
 
 Range Image::nextData(std::int64_t offset, std::int64_t end) const
@@ -198,11 +227,16 @@ bool Image::dropCache() const
     return dropFromMemory(m_file);
 }
 
-void Image::readFromDisk() const
+void Image::mustDropCache() const
 {
     if (!dropCache()) {
         throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
     }
+}
+
+void Image::drop(Range range) const
+{
+    ::posix_fadvise(m_file.get(), range.offset, range.length, POSIX_FADV_DONTNEED);
 }
 
 void Image::checkSize(std::int64_t size) const
@@ -232,21 +266,17 @@ void Image::create(mode_t permissions)
     m_isWriting = true;
 }
 
-// What is kept in memory of a device may be older than the disk, and would be written to it beside the new bytes.
 void Image::beginWriting()
 {
     if (m_isWriting) {
         return;
     }
-    if (m_isBlockDevice) {
-        flush();
-        readFromDisk();
-    }
-    Descriptor file = openAgain(m_file, O_RDWR);
+    Descriptor file = openAgain(m_file, m_isBlockDevice ? O_RDWR | O_DIRECT : O_RDWR);
     if (!file) {
         throw Failure(m_path, "cannot open for writing: " + errorText(errno));
     }
     (m_isBlockDevice ? m_written : m_file) = std::move(file);
+    m_direct = {}; // another opening would count as somebody else's
     m_isWriting = true;
 }
 
@@ -255,14 +285,14 @@ void Image::endWriting()
     Descriptor file = m_isBlockDevice || !m_isWriting ? Descriptor() : openAgain(m_file, O_RDONLY);
     if (file) { // which one who may write need not be allowed to do
         m_file = std::move(file);
+        openForDisk();
     }
     m_written = {};
     m_isWriting = false;
 }
 
-void Image::write(const char* buffer, Range range)
+void Image::writeAt(const Descriptor& file, const char* buffer, Range range)
 {
-    const Descriptor& file = m_isBlockDevice ? m_written : m_file;
     while (range.length > 0) {
         const ssize_t count = ::pwrite(file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
         if (count < 0 && errno == EINTR) {
@@ -274,6 +304,36 @@ void Image::write(const char* buffer, Range range)
         m_bytesWritten += count;
         buffer += count;
         range = between(range.offset + count, range.end());
+    }
+}
+
+void Image::write(const char* buffer, Range range)
+{
+    m_isBlockDevice ? writeToDevice(buffer, range) : writeAt(m_file, buffer, range);
+}
+
+// Past what the system holds of it in memory, which may be older than the disk, and would go there beside the new
+// bytes.
+void Image::writeToDevice(const char* buffer, Range range)
+{
+    Memory memory;
+    while (range.length > 0) {
+        Range part = {range.offset, roundDown(range.length, ALIGNMENT)};
+        if (isAligned(buffer, range)) {
+            writeAt(m_written, buffer, part);
+        } else {
+            memory = memory ? std::move(memory) : pagesFor(AT_ONCE);
+            const std::int64_t start = roundDown(range.offset, ALIGNMENT);
+            const Range window = between(start, std::min({roundUp(range.end(), ALIGNMENT), start + AT_ONCE, m_size}));
+            part = between(range.offset, std::min(range.end(), window.end()));
+            if (part.offset != window.offset || part.length != window.length) {
+                read(memory.get(), window);
+            }
+            std::memcpy(memory.get() + (part.offset - start), buffer, static_cast<std::size_t>(part.length));
+            writeAt(m_written, memory.get(), window);
+        }
+        buffer += part.length;
+        range = between(part.end(), range.end());
     }
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/Descriptor.h"
 #include "base/Failure.h"
@@ -67,7 +68,20 @@ public:
     // past it, to the whole disk or to the file that holds it.
     void read(char* buffer, Range range) const;
 
-    // The first stretch of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
+    // From the disk, past what the system holds in memory and without leaving anything there; as `read` does where that
+    // cannot be done.
+    void readFromDisk(char* buffer, Range range) const;
+
+    // Whether all pages of a range are in memory; which of them are. All of them where that cannot be told, or where
+    // nothing can be read past it.
+    struct Run {
+        Range range;
+        bool isInMemory;
+    };
+    bool isInMemory(Range range) const;
+    std::vector<Run> residency(Range range) const;
+
+    // The first range of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
     // at `end`, when there is only a hole.
     Range nextData(std::int64_t offset, std::int64_t end) const;
 
@@ -75,9 +89,13 @@ public:
     // possible.
     void flush() const;
 
-    // What is read from now on comes from the disk. False when a part of it stays in memory; `readFromDisk` then fails.
+    // What is read from now on comes from the disk. False when a part of it stays in memory; `mustDropCache` then
+    // fails.
     bool dropCache() const;
-    void readFromDisk() const;
+    void mustDropCache() const;
+
+    // Drops a range from memory, once it is on the disk.
+    void drop(Range range) const;
 
     // Fails when the image, or one that is made, could not have a size.
     void checkSize(std::int64_t size) const;
@@ -97,10 +115,15 @@ private:
     void openForReading(const Descriptor& found);
     void take(Descriptor file, const struct stat& status);
     void refuseUse() const;
-    void readUnaligned(char* buffer, Range range) const;
+    const Descriptor& fileForDisk() const { return m_isBlockDevice ? m_file : m_direct; }
+    void openForDisk();
+    std::int64_t readAt(const Descriptor& file, char* buffer, Range range) const;
+    void writeAt(const Descriptor& file, const char* buffer, Range range);
+    void writeToDevice(const char* buffer, Range range);
 
     std::string m_path;
     Descriptor m_file;
+    Descriptor m_direct; // a file again, to be read past what is in memory of it; none while it is written
     std::optional<BlockDevice> m_device;
     Descriptor m_shown;   // by a loop device
     Descriptor m_written; // a device, beside m_file, which claims it
@@ -112,7 +135,5 @@ private:
     bool m_isWriting = false;
     std::int64_t m_bytesWritten = 0;
 };
-
-bool isStampingFileSystem(const Descriptor& file);
 
 } // namespace kelvane::tool

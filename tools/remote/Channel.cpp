@@ -1,13 +1,17 @@
 #include "remote/Channel.h"
 
 #include <fcntl.h>
+#include <isa-l/crc.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstring>
+#include <iterator>
 #include <kelvane/BlakeHash.h>
 #include <utility>
 
@@ -20,7 +24,7 @@ namespace kelvane::tool {
 namespace {
 
 constexpr std::size_t HEADER = 13;               // a frame's length, type, check of its payload, check of all this
-constexpr std::size_t AT_ONCE = 1 << 18;         // bytes per read
+constexpr std::size_t AT_ONCE = 1 << 16;         // bytes per read of what may be several frames
 constexpr std::chrono::milliseconds MOMENT(100); // after which a signal is noticed at the latest
 
 void makeNonBlocking(int fd)
@@ -28,23 +32,68 @@ void makeNonBlocking(int fd)
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
-std::uint32_t checkOf(std::string_view bytes)
+// CRC-32C, whatever its parts. The greeting has another check, which all versions understand.
+class CheckSum {
+public:
+    explicit CheckSum(std::int64_t frameNumber)
+        : m_isOfGreeting(frameNumber == 0)
+    {
+    }
+
+    void add(std::string_view bytes)
+    {
+        if (m_isOfGreeting) {
+            m_greeting += bytes;
+            return;
+        }
+        auto* const data = reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.data())); // which is only read
+        m_crc = ::crc32_iscsi(data, static_cast<int>(bytes.size()), m_crc);
+    }
+
+    std::uint32_t value()
+    {
+        if (!m_isOfGreeting) {
+            return ~m_crc;
+        }
+        const auto digest = BlakeHash().get_hash(m_greeting.data(), std::ssize(m_greeting));
+        return FieldReader({reinterpret_cast<const char*>(digest.data()), digest.size()}).u32();
+    }
+
+private:
+    bool m_isOfGreeting;
+    std::string m_greeting;
+    std::uint32_t m_crc = 0xffffffff;
+};
+
+std::uint32_t checkOf(Channel::Parts payload, std::int64_t number)
 {
-    const auto digest = BlakeHash().get_hash(const_cast<char*>(bytes.data()), std::ssize(bytes)); // which is only read
-    return FieldReader({reinterpret_cast<const char*>(digest.data()), digest.size()}).u32();
+    CheckSum sum(number);
+    for (const std::string_view part : payload) {
+        sum.add(part);
+    }
+    return sum.value();
 }
 
 // The check of a header takes in the frame's number in its direction, so that no loss goes unnoticed.
 std::uint32_t checkOfHeader(std::string_view header, std::int64_t number)
 {
-    return checkOf(FieldWriter().bytes(header.data(), header.size()).i64(number).done());
+    return checkOf({header, FieldWriter().i64(number).done()}, number);
 }
 
-std::string frameOf(FrameType type, const std::string& payload, std::int64_t number)
+std::string headerOf(FrameType type, Channel::Parts payload, std::int64_t number)
 {
-    FieldWriter frame;
-    frame.u32(static_cast<std::uint32_t>(payload.size())).u8(static_cast<std::uint8_t>(type)).u32(checkOf(payload));
-    return frame.u32(checkOfHeader(frame.done(), number)).bytes(payload.data(), payload.size()).done();
+    std::size_t length = 0;
+    for (const std::string_view part : payload) {
+        length += part.size();
+    }
+    FieldWriter header;
+    header.u32(static_cast<std::uint32_t>(length)).u8(static_cast<std::uint8_t>(type)).u32(checkOf(payload, number));
+    return header.u32(checkOfHeader(header.done(), number)).done();
+}
+
+iovec vectorOf(std::string_view part)
+{
+    return {const_cast<char*>(part.data()), part.size()}; // which is only read
 }
 
 } // namespace
@@ -83,7 +132,7 @@ bool Channel::sendIfIdle(FrameType type, const std::string& payload)
     const std::unique_lock sending(m_sending, std::try_to_lock);
     pollfd out = {m_out.get(), POLLOUT, 0};
     if (sending && ::poll(&out, 1, 0) == 1 && (out.revents & POLLOUT) != 0) {
-        const std::string frame = frameOf(type, payload, m_sent);
+        const std::string frame = headerOf(type, {payload}, m_sent) + payload;
         if (frame.size() <= PIPE_BUF && ::write(m_out.get(), frame.data(), frame.size()) > 0) {
             ++m_sent;
             m_bytesSent += std::ssize(frame);
@@ -102,7 +151,7 @@ bool Channel::waitShortly(Wait wait, std::chrono::milliseconds most)
         throw Interrupted();
     }
     const bool isWriting = wait == Wait::ToWrite;
-    const bool hasRoom = m_received.size() - m_used + m_held < 2 * LARGEST_FRAME;
+    const bool hasRoom = m_held < 2 * LARGEST_FRAME;
     pollfd both[] = {{m_in.get(), static_cast<short>(wait == Wait::ToRead || hasRoom ? POLLIN : 0), 0},
                      {m_out.get(), POLLOUT, 0}};
     const int ready = ::poll(both, isWriting ? 2 : 1, static_cast<int>(most.count()));
@@ -120,38 +169,107 @@ void Channel::waitFor(Wait wait)
     while (!waitShortly(wait, MOMENT)) { }
 }
 
+// A payload that is under way is read to its place; what else has come is a few frames at most.
 void Channel::readSome()
 {
-    m_received.erase(0, std::exchange(m_used, 0));
-    const std::size_t before = m_received.size();
-    m_received.resize(before + AT_ONCE);
-    const ssize_t count = ::read(m_in.get(), m_received.data() + before, AT_ONCE);
-    m_received.resize(before + static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+    std::array<char, AT_ONCE> some;
+    const bool isToPlace = m_arriving && m_arriving->payload.size() - m_arrived >= AT_ONCE;
+    char* const place = isToPlace ? m_arriving->payload.data() + m_arrived : some.data();
+    const std::size_t most = isToPlace ? m_arriving->payload.size() - m_arrived : some.size();
+    const ssize_t count = ::read(m_in.get(), place, most);
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
         throw ChannelClosed(m_peer, "the connection was closed");
     }
-    if (count > 0) {
-        m_bytesReceived += count;
-        m_heard = Clock::now();
-        try {
-            while (!m_broken && takeFrame()) { }
-        } catch (const ProtocolError&) {
-            m_broken = std::current_exception(); // to be told behind what came before
+    if (count < 0) {
+        return;
+    }
+    m_bytesReceived += count;
+    m_heard = Clock::now();
+    try {
+        if (isToPlace) {
+            m_arrived += static_cast<std::size_t>(count);
+            takePayload();
+        } else if (!m_broken) {
+            take({some.data(), static_cast<std::size_t>(count)});
         }
+    } catch (const ProtocolError&) {
+        m_broken = std::current_exception(); // to be told behind what came before
+        m_arriving.reset();
     }
 }
 
-void Channel::sendAll(const std::string& bytes)
+void Channel::take(std::string_view received)
 {
-    for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t count = ::write(m_out.get(), bytes.data() + done, bytes.size() - done);
-        if (count >= 0) {
-            done += static_cast<std::size_t>(count);
-            m_bytesSent += count;
-        } else if (errno == EAGAIN) {
+    while (!received.empty()) {
+        if (!m_arriving) {
+            const std::string_view part = received.substr(0, HEADER - m_header.size());
+            m_header += part;
+            received.remove_prefix(part.size());
+            if (m_header.size() == HEADER) {
+                takeHeader();
+            }
+        } else {
+            const std::string_view part = received.substr(0, m_arriving->payload.size() - m_arrived);
+            std::memcpy(m_arriving->payload.data() + m_arrived, part.data(), part.size());
+            m_arrived += part.size();
+            received.remove_prefix(part.size());
+        }
+        takePayload();
+    }
+}
+
+void Channel::takeHeader()
+{
+    FieldReader header(m_header);
+    const std::uint32_t length = header.u32();
+    const std::uint8_t type = header.u8();
+    m_check = header.u32();
+    if (header.u32() != checkOfHeader(std::string_view(m_header).substr(0, HEADER - 4), m_taken)) {
+        throw ProtocolError("a frame is damaged, or none");
+    }
+    if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
+        || type > static_cast<std::uint8_t>(FrameType::Note)) {
+        throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length) + " bytes");
+    }
+    m_arriving = {static_cast<FrameType>(type), m_pool->take(length)};
+    m_arrived = 0;
+    m_header.clear();
+}
+
+// Once it is there as a whole.
+void Channel::takePayload()
+{
+    if (!m_arriving || m_arrived < m_arriving->payload.size()) {
+        return;
+    }
+    Frame frame = std::move(*m_arriving);
+    m_arriving.reset();
+    if (checkOf({frame.payload.view()}, m_taken++) != m_check) {
+        throw ProtocolError("a frame is damaged");
+    }
+    if (frame.type != FrameType::Alive) {
+        m_held += HEADER + frame.payload.size();
+        m_frames.push_back(std::move(frame));
+    }
+}
+
+void Channel::sendAll(std::vector<iovec> parts)
+{
+    std::size_t first = 0;
+    while (first < parts.size()) {
+        ssize_t count = ::writev(m_out.get(), parts.data() + first, static_cast<int>(parts.size() - first));
+        if (count < 0 && errno == EAGAIN) {
             waitFor(Wait::ToWrite);
-        } else if (errno != EINTR) {
+        } else if (count < 0 && errno != EINTR) {
             throw ChannelClosed(m_peer, "the connection was closed");
+        }
+        m_bytesSent += std::max<ssize_t>(0, count);
+        for (; first < parts.size() && count >= static_cast<ssize_t>(parts[first].iov_len); ++first) {
+            count -= static_cast<ssize_t>(parts[first].iov_len);
+        }
+        if (count > 0) {
+            parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + count;
+            parts[first].iov_len -= static_cast<std::size_t>(count);
         }
     }
 }
@@ -169,47 +287,20 @@ void Channel::holdBack(std::size_t bytes)
     m_mayBeSent = Clock::now() + std::chrono::duration_cast<Clock::duration>(taken);
 }
 
-void Channel::send(FrameType type, const std::string& payload)
+void Channel::send(FrameType type, Parts payload)
 {
     if (type == FrameType::Data) {
-        holdBack(payload.size());
+        std::size_t size = 0;
+        for (const std::string_view part : payload) {
+            size += part.size();
+        }
+        holdBack(size);
     }
     const std::scoped_lock lock(m_sending);
-    sendAll(frameOf(type, payload, m_sent++));
-}
-
-// The next one of what was received, if it is there as a whole.
-bool Channel::takeFrame()
-{
-    const std::string_view received = std::string_view(m_received).substr(m_used);
-    if (received.size() < HEADER) {
-        return false;
-    }
-    FieldReader header(received);
-    const std::uint32_t length = header.u32();
-    const std::uint8_t type = header.u8();
-    const std::uint32_t check = header.u32();
-    if (header.u32() != checkOfHeader(received.substr(0, HEADER - 4), m_taken)) {
-        throw ProtocolError("a frame is damaged, or none");
-    }
-    if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
-        || type > static_cast<std::uint8_t>(FrameType::Note)) {
-        throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length) + " bytes");
-    }
-    if (received.size() < HEADER + length) {
-        return false;
-    }
-    Frame frame = {static_cast<FrameType>(type), std::string(received.substr(HEADER, length))};
-    m_used += HEADER + length;
-    ++m_taken;
-    if (checkOf(frame.payload) != check) {
-        throw ProtocolError("a frame is damaged");
-    }
-    if (frame.type != FrameType::Alive) {
-        m_held += HEADER + length;
-        m_frames.push_back(std::move(frame));
-    }
-    return true;
+    const std::string header = headerOf(type, payload, m_sent++);
+    std::vector<iovec> parts = {vectorOf(header)};
+    std::transform(payload.begin(), payload.end(), std::back_inserter(parts), vectorOf);
+    sendAll(std::move(parts));
 }
 
 Frame Channel::receive()

@@ -1,17 +1,25 @@
 // Frames to and from the other side, over two pipes.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <exception>
+#include <initializer_list>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
+#include "base/Bytes.h"
 #include "base/Descriptor.h"
 #include "base/Failure.h"
 
@@ -43,7 +51,7 @@ enum class FrameType : std::uint8_t {
 
 struct Frame {
     FrameType type;
-    std::string payload;
+    Bytes payload;
 };
 
 // The other side has gone.
@@ -66,7 +74,13 @@ public:
     void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of data; 0: no limit
     std::int64_t bytesPerSecond() const { return m_bytesPerSecond; }
 
-    void send(FrameType type, const std::string& payload = {});
+    // The payload is what its parts hold, one behind the other; they are only read.
+    using Parts = std::initializer_list<std::string_view>;
+    void send(FrameType type, Parts payload);
+    void send(FrameType type, const std::string& payload = {}) { send(type, {std::string_view(payload)}); }
+
+    // Memory for what is to be sent or received.
+    BytesPool& pool() { return *m_pool; }
 
     // Unless the other side has not yet taken what was sent before, or it is more than a pipe takes at once.
     bool sendIfIdle(FrameType type, const std::string& payload = {});
@@ -86,12 +100,14 @@ private:
 
     enum class Wait { ToRead, ToWrite, ForTime };
 
-    void sendAll(const std::string& bytes);
+    void sendAll(std::vector<iovec> parts);
     void showLife(const std::stop_token& stop);
     void waitFor(Wait wait);
     bool waitShortly(Wait wait, std::chrono::milliseconds most);
     void readSome();
-    bool takeFrame();
+    void take(std::string_view received);
+    void takeHeader();
+    void takePayload();
     void holdBack(std::size_t bytes);
 
     Descriptor m_in;
@@ -101,13 +117,16 @@ private:
     std::int64_t m_bytesPerSecond = 0;
     Clock::time_point m_mayBeSent = Clock::now();
     Clock::time_point m_heard = Clock::now();
-    std::string m_received;
-    std::size_t m_used = 0; // of what was received
+    std::shared_ptr<BytesPool> m_pool = std::make_shared<BytesPool>(LARGEST_FRAME);
+    std::string m_header;            // of the next frame, as much of it as has come
+    std::optional<Frame> m_arriving; // once its header has come
+    std::uint32_t m_check = 0;       // of its payload
+    std::size_t m_arrived = 0;       // of that
     std::deque<Frame> m_frames;
     std::size_t m_held = 0;      // bytes in these
     std::exception_ptr m_broken; // why what follows them is none
     std::atomic<bool> m_stops = false;
-    std::int64_t m_taken = 0; // frames, of what was received
+    std::int64_t m_taken = 0; // frames that have come
     std::int64_t m_sent = 0;
     std::atomic<std::int64_t> m_bytesReceived = 0;
     std::atomic<std::int64_t> m_bytesSent = 0;

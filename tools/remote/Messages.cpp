@@ -1,26 +1,19 @@
 #include "remote/Messages.h"
 
-#include <kelvane/BlakeHash.h>
-#include <zstd.h>
-
 #include <algorithm>
 
-#include "base/Failure.h"
 #include "work/HashedImage.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t DIGEST_SIZE = 32;
 constexpr std::uint32_t MOST_PERMISSIONS = 0777;
 constexpr std::int64_t GREATEST = std::numeric_limits<std::int64_t>::max();
 
-enum class Form : std::uint8_t { Zeros, Bytes, Compressed };
-
 void optional(FieldWriter& to, const std::optional<std::int64_t>& value)
 {
-    to.u8(value ? 1 : 0).i64(value.value_or(0));
+    to.flag(value.has_value()).i64(value.value_or(0));
 }
 
 std::optional<std::int64_t> optional(FieldReader& from)
@@ -28,21 +21,6 @@ std::optional<std::int64_t> optional(FieldReader& from)
     const bool isThere = from.flag();
     const std::int64_t value = from.i64();
     return isThere ? std::optional(value) : std::nullopt;
-}
-
-Range rangeFrom(FieldReader& from, std::int64_t end = GREATEST)
-{
-    const std::int64_t offset = from.i64(end);
-    return {offset, from.i64(end - offset)};
-}
-
-template <class Value>
-Value atMost(Value value, Value most, const char* what)
-{
-    if (value > most) {
-        throw ProtocolError(std::string(what) + ": " + std::to_string(value));
-    }
-    return value;
 }
 
 template <class Read>
@@ -78,47 +56,7 @@ std::vector<std::int64_t> indexesFrom(FieldReader& from, std::size_t mostIndexes
     return indexes;
 }
 
-Digest digestFrom(FieldReader& from)
-{
-    const std::string_view bytes = from.bytes(DIGEST_SIZE);
-    return {bytes.begin(), bytes.end()};
-}
-
-Digest digestOf(const std::string& data)
-{
-    return BlakeHash().get_hash(const_cast<char*>(data.data()), std::ssize(data)); // which is only read
-}
-
-std::string decompressed(std::string_view data, std::int64_t length)
-{
-    std::string bytes(static_cast<std::size_t>(length), '\0');
-    const std::size_t size = ZSTD_decompress(bytes.data(), bytes.size(), data.data(), data.size());
-    if (size != bytes.size()) {
-        throw ProtocolError("compressed data is damaged");
-    }
-    return bytes;
-}
-
 } // namespace
-
-Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize)
-{
-    std::string digests;
-    for (std::int64_t at = 0; at < length; at += blockSize) {
-        const Digest digest = BlakeHash().get_hash(const_cast<char*>(data) + at, blockSize); // which is only read
-        digests.append(digest.begin(), digest.end());
-    }
-    return digestOf(digests);
-}
-
-void checkDigest(Range range, const Digest& found, const Digest& told)
-{
-    if (found != told) {
-        throw ProtocolError(
-            "at offset " + std::to_string(range.offset)
-            + ": the data has not the hash that it should have; was it changed, or damaged on the way?");
-    }
-}
 
 std::string Hello::encode() const
 {
@@ -147,7 +85,7 @@ Hello Hello::decode(std::string_view payload)
 std::string Open::encode() const
 {
     FieldWriter to;
-    to.string(path).string(hashFile).u8(isDestination ? 1 : 0).u8(adopts ? 1 : 0).u8(static_cast<std::uint8_t>(trust));
+    to.string(path).string(hashFile).flag(isDestination).flag(adopts).u8(static_cast<std::uint8_t>(trust));
     to.u32(jobs);
     optional(to, partitionOffset);
     return to.u32(compression).i64(bytesPerSecond).done();
@@ -173,7 +111,7 @@ Open Open::decode(std::string_view payload)
 std::string encode(const Opening& opening)
 {
     FieldWriter to;
-    to.i64(opening.size).u32(opening.permissions).u8(opening.isMissing ? 1 : 0).u8(opening.isBlockDevice ? 1 : 0);
+    to.i64(opening.size).u32(opening.permissions).flag(opening.isMissing).flag(opening.isBlockDevice);
     to.string(opening.hashFile);
     return to.u32(opening.blockSize.value_or(0)).done();
 }
@@ -234,7 +172,7 @@ Started decodeStarted(std::string_view payload)
 std::string AskNodes::encode() const
 {
     FieldWriter to;
-    to.u8(mayBeLast ? 1 : 0).u32(static_cast<std::uint32_t>(nodes.level));
+    to.flag(mayBeLast).u32(static_cast<std::uint32_t>(nodes.level));
     return encodeIndexes(to, nodes.indexes).done();
 }
 
@@ -257,7 +195,7 @@ std::string AskBytes::encode() const
 AskBytes AskBytes::decode(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
-        const Range range = rangeFrom(from);
+        const Range range = from.range();
         const std::int64_t unit = from.i64();
         constexpr auto MOST = static_cast<std::int64_t>(Side::MOST_NODES);
         if (unit == 0 || (range.length > 0 && (range.length - 1) / unit >= MOST)) {
@@ -269,13 +207,13 @@ AskBytes AskBytes::decode(std::string_view payload)
 
 void encode(FieldWriter& to, const Conclusion& conclusion)
 {
-    to.u8(conclusion.isUnchanged ? 1 : 0).u8(conclusion.isOpenForWriting ? 1 : 0);
+    to.flag(conclusion.isUnchanged).flag(conclusion.isOpenForWriting);
     to.u32(static_cast<std::uint32_t>(conclusion.writers.size()));
     for (const Program& program : conclusion.writers) {
         to.i64(program.process).string(program.command);
     }
-    to.u8(conclusion.isBelieved ? 1 : 0).string(conclusion.doubt).i64(conclusion.checkedBlocks);
-    to.i64(conclusion.repairedBlocks).u8(conclusion.isRecorded ? 1 : 0).string(conclusion.remarks);
+    to.flag(conclusion.isBelieved).string(conclusion.doubt).i64(conclusion.checkedBlocks);
+    to.i64(conclusion.repairedBlocks).flag(conclusion.isRecorded).string(conclusion.remarks);
 }
 
 Conclusion decodeConclusion(FieldReader& from)
@@ -300,7 +238,7 @@ Conclusion decodeConclusion(FieldReader& from)
 
 void encode(FieldWriter& to, const std::optional<Conclusion>& conclusion)
 {
-    to.u8(conclusion ? 1 : 0);
+    to.flag(conclusion.has_value());
     if (conclusion) {
         encode(to, *conclusion);
     }
@@ -328,7 +266,7 @@ Digests Digests::decode(std::string_view payload)
         Digests answer;
         const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES, "digests");
         for (std::uint32_t i = 0; i < count; ++i) {
-            answer.digests.push_back(digestFrom(from));
+            answer.digests.push_back(from.digest());
         }
         answer.conclusion = decodeOptionalConclusion(from);
         return answer;
@@ -338,7 +276,7 @@ Digests Digests::decode(std::string_view payload)
 std::string Read::encode() const
 {
     FieldWriter to;
-    to.u8(mayBeLast ? 1 : 0);
+    to.flag(mayBeLast);
     for (const Range& range : ranges) {
         to.i64(range.offset).i64(range.length);
     }
@@ -351,7 +289,7 @@ Read Read::decode(std::string_view payload, std::int64_t size)
         Read read;
         read.mayBeLast = from.flag();
         for (std::size_t i = 0; i < payload.size() / 16; ++i) {
-            const Range range = rangeFrom(from, size);
+            const Range range = from.range(size);
             if (range.length == 0 || (!read.ranges.empty() && range.offset < read.ranges.back().end())) {
                 throw ProtocolError("ranges are empty or out of order");
             }
@@ -364,7 +302,7 @@ Read Read::decode(std::string_view payload, std::int64_t size)
 std::string Written::encode() const
 {
     FieldWriter to;
-    to.u8(change.wasUnchanged ? 1 : 0).u8(change.wasAlone ? 1 : 0);
+    to.flag(change.wasUnchanged).flag(change.wasAlone);
     tool::encode(to, conclusion);
     return to.done();
 }
@@ -378,60 +316,6 @@ Written Written::decode(std::string_view payload)
         written.conclusion = decodeOptionalConclusion(from);
         return written;
     });
-}
-
-std::string encode(const Stretch& stretch, std::uint32_t compression)
-{
-    const auto length = static_cast<std::size_t>(stretch.range.length);
-    FieldWriter to;
-    to.i64(stretch.range.offset).i64(stretch.range.length);
-    if (stretch.data == nullptr) {
-        return to.u8(static_cast<std::uint8_t>(Form::Zeros)).done();
-    }
-    std::string compressed(compression > 0 ? ZSTD_compressBound(length) : 0, '\0');
-    const std::size_t size = compression == 0
-        ? length
-        : ZSTD_compress(compressed.data(), compressed.size(), stretch.data, length, static_cast<int>(compression));
-    const bool isSmaller = compression > 0 && ZSTD_isError(size) == 0 && size < length;
-    to.u8(static_cast<std::uint8_t>(isSmaller ? Form::Compressed : Form::Bytes));
-    const bool isOfBlocks = !stretch.digest.empty();
-    const Digest digest
-        = isOfBlocks ? stretch.digest : BlakeHash().get_hash(const_cast<char*>(stretch.data), stretch.range.length);
-    to.u8(isOfBlocks ? 1 : 0).bytes(digest.data(), digest.size());
-    return to.bytes(isSmaller ? compressed.data() : stretch.data, isSmaller ? size : length).done();
-}
-
-ReceivedStretch ReceivedStretch::decode(std::string_view payload, std::int64_t start, const DataForm& form)
-{
-    FieldReader from(payload);
-    ReceivedStretch received;
-    received.range = rangeFrom(from, form.end);
-    const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
-    received.isZeros = kind == Form::Zeros;
-    if (received.range.offset < start || received.range.length == 0
-        || (!received.isZeros && received.range.length > LONGEST_PIECE)) {
-        throw ProtocolError("data of a range that was not asked for");
-    }
-    if (!isOnePiece(received.range, form)) {
-        throw ProtocolError("data of parts of several blocks");
-    }
-    if (!received.isZeros) {
-        received.isOfBlocks = from.flag();
-        received.digest = digestFrom(from);
-        received.data
-            = kind == Form::Compressed ? decompressed(from.rest(), received.range.length) : std::string(from.rest());
-        if (std::ssize(received.data) != received.range.length
-            || (received.isOfBlocks
-                && (received.range.offset % form.blockSize != 0 || received.range.length % form.blockSize != 0))) {
-            throw ProtocolError("data of another length than told");
-        }
-        const Digest found = received.isOfBlocks
-            ? digestOfBlocks(received.data.data(), received.range.length, form.blockSize)
-            : digestOf(received.data);
-        checkDigest(received.range, found, received.digest);
-    }
-    from.end();
-    return received;
 }
 
 } // namespace kelvane::tool

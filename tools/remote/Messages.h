@@ -8,7 +8,6 @@
 
 #include "base/Range.h"
 #include "image/Image.h"
-#include "remote/Pieces.h"
 #include "remote/Wire.h"
 #include "work/Blocks.h"
 #include "work/Side.h"
@@ -99,26 +98,6 @@ struct Written {
 
     std::string encode() const;
     static Written decode(std::string_view payload);
-};
-
-// The hash of the hashes of whole blocks.
-Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize);
-void checkDigest(Range range, const Digest& found, const Digest& told);
-
-// A stretch of data, perhaps compressed, with its hash.
-std::string encode(const Stretch& stretch, std::uint32_t compression);
-
-struct ReceivedStretch {
-    Range range;
-    bool isZeros = false;
-    bool isOfBlocks = false; // the hash is that of its blocks' hashes
-    Digest digest;
-    std::string data;
-
-    // Of one piece between `start` and the form's end. Fails when the data is not what the hash says.
-    static ReceivedStretch decode(std::string_view payload, std::int64_t start, const DataForm& form);
-
-    Stretch stretch() const { return {range, isZeros ? nullptr : data.data(), digest}; }
 };
 
 } // namespace kelvane::tool

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "base/Text.h"
-#include "terminal/Note.h"
+#include "remote/Data.h"
 
 extern char** environ;
 
@@ -150,11 +150,11 @@ auto RemoteSide::guarded(Work work)
     }
 }
 
-RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, ProgressMode mode)
+RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter)
     : m_name(path.host + ":" + path.path)
     , m_host(path.host)
     , m_compression(options.compression)
-    , m_mode(mode)
+    , m_reporter(reporter)
 {
     std::vector<std::string> words = splitWords(options.rsh);
     if (words.empty()) {
@@ -187,7 +187,7 @@ const Opening& RemoteSide::opening()
 {
     if (!m_opening) {
         beGreeted();
-        m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened)); });
+        m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened).view()); });
         m_opening->hashFile = m_host + ":" + printable(m_opening->hashFile, LONGEST_TEXT);
     }
     return *m_opening;
@@ -196,7 +196,7 @@ const Opening& RemoteSide::opening()
 void RemoteSide::beGreeted()
 {
     try {
-        const Hello hello = Hello::decode(m_channel->receive().payload);
+        const Hello hello = Hello::decode(m_channel->receive().payload.view());
         if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
             throw Failure(m_host, "the program there has no zstd; leave --compress away");
         }
@@ -239,16 +239,16 @@ void RemoteSide::throwWhatItSaid()
 bool RemoteSide::tell(const Frame& frame) const
 {
     if (frame.type == FrameType::Error) {
-        throw Failure(m_host, printable(frame.payload, LONGEST_TEXT));
+        throw Failure(m_host, printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     if (frame.type == FrameType::Note) {
-        note(m_host + ": " + printable(frame.payload, LONGEST_TEXT));
+        m_reporter.note(m_host + ": " + printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     return frame.type == FrameType::Note;
 }
 
 // The payload of the next frame, which must be of a type. An error that is told instead ends the command.
-std::string RemoteSide::answer(FrameType type)
+Bytes RemoteSide::answer(FrameType type)
 {
     return guarded([&] {
         for (;;) {
@@ -257,7 +257,7 @@ std::string RemoteSide::answer(FrameType type)
                 continue;
             }
             if (frame.type == FrameType::Progress) {
-                show(frame.payload);
+                show(frame.payload.view());
                 continue;
             }
             if (frame.type != type) {
@@ -271,7 +271,7 @@ std::string RemoteSide::answer(FrameType type)
     });
 }
 
-void RemoteSide::show(const std::string& payload)
+void RemoteSide::show(std::string_view payload)
 {
     FieldReader from(payload);
     const std::string phase = printable(from.string(), LONGEST_PHASE);
@@ -280,7 +280,7 @@ void RemoteSide::show(const std::string& payload)
     from.end();
     if (!m_progress || phase != m_phase) {
         m_progress.reset();
-        m_progress = std::make_unique<Progress>(phase, total, m_mode);
+        m_progress = m_reporter.begin(phase, total);
         m_phase = phase;
     }
     m_progress->reach(done);
@@ -296,7 +296,7 @@ const Started& RemoteSide::started()
 {
     if (!m_started) {
         opening();
-        m_started = guarded([&] { return decodeStarted(answer(FrameType::Started)); });
+        m_started = guarded([&] { return decodeStarted(answer(FrameType::Started).view()); });
     }
     return *m_started;
 }
@@ -319,7 +319,7 @@ void RemoteSide::askBytes(Range range, std::int64_t unit)
 
 std::vector<Digest> RemoteSide::digests()
 {
-    Digests found = guarded([&] { return Digests::decode(answer(FrameType::Digests)); });
+    Digests found = guarded([&] { return Digests::decode(answer(FrameType::Digests).view()); });
     if (found.digests.size() != m_asked.front()) {
         throw Failure(m_host, "it gave another number of hashes than asked for");
     }
@@ -367,7 +367,8 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
     for (Range rest : read.ranges) {
         while (rest.length > 0) {
             auto received = guarded([&] {
-                return ReceivedStretch::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()});
+                return ReceivedPiece::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()},
+                                             m_channel->pool());
             });
             if (received.range.offset != rest.offset) {
                 throw Failure(m_host, "data is missing");
@@ -377,8 +378,8 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
         }
     }
     guarded([&] {
-        const std::string payload = answer(FrameType::End);
-        FieldReader end(payload);
+        const Bytes payload = answer(FrameType::End);
+        FieldReader end(payload.view());
         m_conclusion = decodeOptionalConclusion(end);
         end.end();
     });
@@ -387,18 +388,18 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
 void RemoteSide::startWriting(bool isSparse)
 {
     m_conclusion.reset();
-    request(FrameType::StartWriting, FieldWriter().u8(isSparse ? 1 : 0).done());
+    request(FrameType::StartWriting, FieldWriter().flag(isSparse).done());
 }
 
-void RemoteSide::write(const Stretch& stretch)
+void RemoteSide::write(const Piece& piece)
 {
-    sending([&] { sendStretch(*m_channel, stretch, {m_start.blockSize, m_start.compared, m_compression}); });
+    sending([&] { tool::send(*m_channel, piece, {m_start.blockSize, m_start.compared, m_compression}); });
 }
 
 OwnChange RemoteSide::finishWriting()
 {
     request(FrameType::End);
-    Written written = guarded([&] { return Written::decode(answer(FrameType::Written)); });
+    Written written = guarded([&] { return Written::decode(answer(FrameType::Written).view()); });
     m_conclusion = std::move(written.conclusion);
     return written.change;
 }
@@ -414,8 +415,8 @@ const Conclusion& RemoteSide::conclude()
     if (!m_conclusion) {
         request(FrameType::Conclude);
         guarded([&] {
-            const std::string payload = answer(FrameType::Concluded);
-            FieldReader from(payload);
+            const Bytes payload = answer(FrameType::Concluded);
+            FieldReader from(payload.view());
             m_conclusion = decodeConclusion(from);
             from.end();
         });

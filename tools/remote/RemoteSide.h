@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
+#include "base/Reporter.h"
 #include "remote/Channel.h"
 #include "remote/Messages.h"
 #include "remote/Transfer.h"
-#include "terminal/Progress.h"
 #include "work/Side.h"
 
 namespace kelvane::tool {
@@ -35,7 +35,7 @@ std::vector<std::string> splitWords(const std::string& command);
 
 class RemoteSide : public Side {
 public:
-    RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, ProgressMode mode);
+    RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter);
     ~RemoteSide() override;
     RemoteSide(const RemoteSide&) = delete;
     RemoteSide& operator=(const RemoteSide&) = delete;
@@ -52,7 +52,7 @@ public:
     void dropCache() override;
     void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
     void startWriting(bool isSparse) override;
-    void write(const Stretch& stretch) override;
+    void write(const Piece& piece) override;
     OwnChange finishWriting() override;
     void abandon() override { } // the other machine sees that this one has gone
     void distrust() override;
@@ -71,9 +71,9 @@ private:
     void sending(Work work); // an error that the other side told is what comes out
     void beGreeted();
     void request(FrameType type, const std::string& payload = {});
-    std::string answer(FrameType type);
+    Bytes answer(FrameType type);
     bool tell(const Frame& frame) const; // an error, or a note: true
-    void show(const std::string& payload);
+    void show(std::string_view payload);
     void throwWhatItSaid();
     Conclusion shown(Conclusion conclusion) const;
     void receive(const std::vector<Range>& ranges, const Deliver& deliver);
@@ -82,7 +82,7 @@ private:
     std::string m_name;
     std::string m_host;
     std::uint32_t m_compression;
-    ProgressMode m_mode;
+    Reporter& m_reporter;
     std::unique_ptr<Peer> m_peer;
     std::unique_ptr<Channel> m_channel;
     std::optional<Opening> m_opening;
@@ -93,8 +93,8 @@ private:
     std::deque<std::size_t> m_asked;        // how many digests each question will have
     std::optional<Conclusion> m_conclusion; // the last one, as it was told
     Conclusion m_shown;
-    std::string m_phase;
-    std::unique_ptr<Progress> m_progress;
+    std::string m_phase; // as it was told
+    std::unique_ptr<Phase> m_progress;
 };
 
 } // namespace kelvane::tool

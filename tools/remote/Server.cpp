@@ -7,43 +7,87 @@
 #include "base/Interrupt.h"
 #include "base/Text.h"
 #include "remote/Channel.h"
+#include "remote/Data.h"
 #include "remote/Messages.h"
 #include "remote/ServedPaths.h"
 #include "remote/Transfer.h"
-#include "terminal/Note.h"
-#include "terminal/Progress.h"
 #include "work/LocalSide.h"
 
 namespace kelvane::tool {
 
 namespace {
 
+class Frames final : public Reporter {
+public:
+    using Shown = std::function<std::string(const std::string& text)>;
+
+    // `shown`: a text for the other side. What it does not take as a note is told by the other reporter.
+    Frames(Channel& channel, Shown shown, Reporter& otherwise)
+        : m_channel(channel)
+        , m_shown(std::move(shown))
+        , m_otherwise(otherwise)
+    {
+    }
+
+    void note(const std::string& text) override
+    {
+        if (!m_channel.sendIfIdle(FrameType::Note, printable(m_shown(text), LONGEST_TEXT))) {
+            m_otherwise.note(text);
+        }
+    }
+
+    // Whether the other side waits for what takes long.
+    void setAwaited(bool isAwaited) { m_isAwaited = isAwaited; }
+
+private:
+    class Told final : public Phase {
+    public:
+        Told(const std::string& name, std::optional<std::int64_t> total, const Frames& frames)
+            : Phase(name, total)
+            , m_frames(frames)
+        {
+        }
+
+    private:
+        void show() override
+        {
+            if (m_frames.m_isAwaited) {
+                FieldWriter fields;
+                fields.string(name()).i64(done()).i64(total().value_or(0));
+                m_frames.m_channel.sendIfIdle(FrameType::Progress, fields.done());
+            }
+        }
+
+        const Frames& m_frames;
+    };
+
+    std::unique_ptr<Phase> phaseOf(const std::string& name, std::optional<std::int64_t> total) override
+    {
+        return std::make_unique<Told>(name, total, *this);
+    }
+
+    Channel& m_channel;
+    Shown m_shown;
+    Reporter& m_otherwise;
+    bool m_isAwaited = false;
+};
+
 class Server {
 public:
-    Server(Channel& channel, const ServeArguments& arguments)
+    Server(Channel& channel, const ServeArguments& arguments, Reporter& reporter)
         : m_channel(channel)
         , m_arguments(arguments)
+        , m_frames(
+              channel, [this](const std::string& text) { return shown(text); }, reporter)
     {
-        listenToNotes([this](const std::string& text) {
-            return m_channel.sendIfIdle(FrameType::Note, printable(shown(text), LONGEST_TEXT));
-        });
     }
-
-    ~Server()
-    {
-        Progress::listen(nullptr);
-        listenToNotes(nullptr);
-    }
-
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
 
     void run()
     {
         greet();
         m_paths.emplace(m_arguments.root); // a failure is told to a side that was greeted
-        open(Open::decode(expect(FrameType::Open)));
-        const Start start = decodeStart(expect(FrameType::Start));
+        open(Open::decode(expect(FrameType::Open).view()));
+        const Start start = decodeStart(expect(FrameType::Start).view());
         this->start(start);
         for (;;) {
             serve(m_channel.receive());
@@ -62,7 +106,7 @@ public:
     }
 
 private:
-    std::string expect(FrameType type)
+    Bytes expect(FrameType type)
     {
         Frame frame = m_channel.receive();
         if (frame.type != type) {
@@ -73,9 +117,9 @@ private:
 
     void greet()
     {
-        const std::string payload = expect(FrameType::Hello);
+        const Bytes payload = expect(FrameType::Hello);
         m_channel.send(FrameType::Hello, Hello().encode()); // so that a side of another version can tell
-        const Hello hello = Hello::decode(payload);
+        const Hello hello = Hello::decode(payload.view());
         m_channel.setTimeout(std::chrono::seconds(hello.timeout));
         m_takesZstd = (hello.capabilities & Hello::ZSTD) != 0;
     }
@@ -94,7 +138,6 @@ private:
         m_form.compression = open.compression;
         m_channel.limitBandwidth(open.bytesPerSecond);
         m_common.jobs = open.jobs;
-        m_common.progress = ProgressMode::None;
         m_common.trust = open.trust;
         HashFileOptions options;
         options.adopts = open.adopts;
@@ -121,12 +164,10 @@ private:
         }
         m_form.blockSize = start.blockSize;
         m_form.end = start.compared;
-        Progress::listen([this](const std::string& phase, std::int64_t done, std::int64_t total) {
-            m_channel.sendIfIdle(FrameType::Progress, FieldWriter().string(phase).i64(done).i64(total).done());
-        });
+        m_frames.setAwaited(true);
         m_side->openHashes(start);
         m_side->start(start);
-        Progress::listen(nullptr);
+        m_frames.setAwaited(false);
         m_channel.send(FrameType::Started, encode(m_side->started()));
     }
 
@@ -134,15 +175,15 @@ private:
     {
         switch (frame.type) {
         case FrameType::AskNodes:
-            return answer(AskNodes::decode(frame.payload));
+            return answer(AskNodes::decode(frame.payload.view()));
         case FrameType::AskBytes:
-            return answer(AskBytes::decode(frame.payload));
+            return answer(AskBytes::decode(frame.payload.view()));
         case FrameType::DropCache:
             return m_side->dropCache();
         case FrameType::Read:
-            return read(Read::decode(frame.payload, m_size));
+            return read(Read::decode(frame.payload.view(), m_size));
         case FrameType::StartWriting:
-            return write(FieldReader(frame.payload).flag());
+            return write(FieldReader(frame.payload.view()).flag());
         case FrameType::Distrust:
             return m_side->distrust();
         case FrameType::Conclude: {
@@ -191,7 +232,7 @@ private:
             checkBoundary(range.offset);
             checkBoundary(range.end());
         }
-        m_side->read(read.ranges, true, [this](const Stretch& stretch) { sendStretch(m_channel, stretch, m_form); });
+        m_side->read(read.ranges, true, [this](const Piece& piece) { send(m_channel, piece, m_form); });
         FieldWriter end;
         encode(end, read.mayBeLast ? std::optional(conclusion()) : std::nullopt);
         m_channel.send(FrameType::End, end.done());
@@ -205,7 +246,7 @@ private:
         m_side->startWriting(isSparse);
         transfer(
             m_channel, [this](const Deliver& deliver) { receive(deliver); },
-            [this](const Stretch& stretch) { m_side->write(stretch); });
+            [this](const Piece& piece) { m_side->write(piece); });
         Written written;
         written.change = m_side->finishWriting();
         written.conclusion = conclusion();
@@ -221,7 +262,7 @@ private:
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            auto received = ReceivedStretch::decode(frame.payload, end, m_form);
+            auto received = ReceivedPiece::decode(std::move(frame.payload), end, m_form, m_channel.pool());
             if (received.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
                 checkBoundary(received.range.offset);
@@ -241,8 +282,9 @@ private:
 
     Channel& m_channel;
     const ServeArguments& m_arguments;
+    Frames m_frames;
     std::optional<ServedPaths> m_paths;
-    Common m_common;
+    Common m_common {m_frames};
     std::unique_ptr<LocalSide> m_side;
     bool m_takesZstd = false;
     bool m_isDestination = false;
@@ -252,10 +294,10 @@ private:
 
 } // namespace
 
-bool serveOther(const ServeArguments& arguments)
+bool serveOther(const ServeArguments& arguments, Reporter& reporter)
 {
     Channel channel(Descriptor(::dup(STDIN_FILENO)), Descriptor(::dup(STDOUT_FILENO)), "the other side");
-    Server server(channel, arguments);
+    Server server(channel, arguments, reporter);
     std::string failure;
     bool isClosed = false;
     try {

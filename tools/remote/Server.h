@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "base/Reporter.h"
+
 namespace kelvane::tool {
 
 struct ServeArguments {
@@ -10,7 +12,8 @@ struct ServeArguments {
     bool isReadOnly = false;
 };
 
-// Until the other side is done, or has gone. What fails is told to the other side; false then.
-bool serveOther(const ServeArguments& arguments);
+// Until the other side is done, or has gone. What fails is told to the other side; false then. So are notes; those that
+// it does not take are told by the reporter.
+bool serveOther(const ServeArguments& arguments, Reporter& reporter);
 
 } // namespace kelvane::tool

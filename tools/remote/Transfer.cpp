@@ -11,17 +11,17 @@ namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t WAITING = 16; // stretches that were received and not yet written
+constexpr std::size_t WAITING = 16; // pieces that were received and not yet written
 
 } // namespace
 
 void transfer(Channel& channel, const std::function<void(const Deliver& deliver)>& receive,
-              const std::function<void(const Stretch& stretch)>& write)
+              const std::function<void(const Piece& piece)>& write)
 {
-    Queue<ReceivedStretch> queue(WAITING);
+    Queue<ReceivedPiece> queue(WAITING);
     std::thread receiver([&] {
         try {
-            receive([&](ReceivedStretch received) {
+            receive([&](ReceivedPiece received) {
                 if (!queue.push(std::move(received))) {
                     throw Interrupted();
                 }
@@ -34,7 +34,7 @@ void transfer(Channel& channel, const std::function<void(const Deliver& deliver)
     std::exception_ptr failure;
     try {
         while (const auto received = queue.pop()) {
-            write(received->stretch());
+            write(received->piece());
         }
     } catch (...) {
         failure = std::current_exception();

@@ -7,6 +7,9 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "base/Range.h"
 
 namespace kelvane::tool {
 
@@ -16,9 +19,19 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+template <class Value>
+Value atMost(Value value, Value most, const char* what)
+{
+    if (value > most) {
+        throw ProtocolError(std::string(what) + ": " + std::to_string(value));
+    }
+    return value;
+}
+
 class FieldWriter {
 public:
     FieldWriter& u8(std::uint8_t value) { return number(value, 1); }
+    FieldWriter& flag(bool value) { return u8(value ? 1 : 0); }
     FieldWriter& u32(std::uint32_t value) { return number(value, 4); }
     FieldWriter& i64(std::int64_t value) { return number(static_cast<std::uint64_t>(value), 8); }
 
@@ -76,6 +89,20 @@ public:
             throw ProtocolError("a flag is " + std::to_string(value));
         }
         return value == 1;
+    }
+
+    // That ends at `end` at the latest.
+    Range range(std::int64_t end = std::numeric_limits<std::int64_t>::max())
+    {
+        const std::int64_t offset = i64(end);
+        return {offset, i64(end - offset)};
+    }
+
+    std::vector<unsigned char> digest()
+    {
+        constexpr std::size_t SIZE = 32;
+        const std::string_view digits = bytes(SIZE);
+        return {digits.begin(), digits.end()};
     }
 
     std::string string() { return std::string(bytes(u32())); }

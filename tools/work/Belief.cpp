@@ -29,8 +29,18 @@ Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
     m_holds = !m_doubt.isAny();
     m_isAssumed = common.trust == Trust::Everything && !hashFile.wasMade()
         && doubtAbout(hashFile.record(), hashFile.state(), m_state, m_writers).isAny();
-    if (m_doubtOfRecord.isAboutMemory() && !hashFile.wasMade() && !image.isMissing()) {
-        image.readFromDisk();
+    if (!hashFile.wasMade() && !image.isMissing()) {
+        readFromDiskWhereNeeded();
+    }
+}
+
+// What no record tells of was most likely left in order.
+void Belief::readFromDiskWhereNeeded() const
+{
+    if (m_doubtOfRecord.isAboutMemory()) {
+        m_image.mustDropCache();
+    } else if (m_doubtOfRecord.because == Doubt::Because::NoRecord) {
+        static_cast<void>(m_image.dropCache());
     }
 }
 
@@ -68,13 +78,16 @@ void Belief::lookForWriters()
 template <class Operation>
 auto Belief::flushing(Operation operation)
 {
-    Progress progress("flush", 0, m_common.progress);
-    progress.announce();
+    const auto phase = m_common.reporter.begin("flush", std::nullopt);
     try {
         return operation();
     } catch (const FlushFailed&) {
         m_hasLostWrites = true;
         m_hashFile.dropCache();
+        if (m_state.identity.traits.empty()) { // at the first look
+            m_state.identity = identityOf(m_image);
+            leaveRecordOfOther();
+        }
         record(Record::Standing::FlushFailed);
         throw;
     }

@@ -71,6 +71,7 @@ public:
 
 private:
     Doubt judge();
+    void readFromDiskWhereNeeded() const;
     ImageState currentState();
     void takeState();
     void lookForWriters();

@@ -5,12 +5,13 @@
 #include <deque>
 #include <exception>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "image/MappedData.h"
 
 namespace kelvane::tool {
 
@@ -18,24 +19,19 @@ namespace {
 
 constexpr std::int64_t SLICE = 16 << 20;
 constexpr std::int64_t HOLE = std::int64_t {1} << 46;
-constexpr std::int64_t PIECE = 8 << 20; // so that entries are written many at once
-
-struct Run {
-    Range range;
-    bool isKnown;
-};
+constexpr std::int64_t AT_ONCE = 8 << 20; // so that entries are written many at once
 
 std::int64_t inBlocks(std::int64_t size, std::int64_t blockSize)
 {
     return std::max(blockSize, roundDown(size, blockSize));
 }
 
-std::deque<Run> chosen(Store& store, Range slice, Which which)
+std::deque<Blocks> chosen(Store& store, Range slice, Which which)
 {
-    std::deque<Run> runs;
+    std::deque<Blocks> chosen;
     const auto add = [&](Range range, bool isKnown) {
         if (range.length > 0 && which != (isKnown ? Which::Unknown : Which::Known)) {
-            runs.push_back({range, isKnown});
+            chosen.push_back({range, isKnown, false});
         }
     };
     Range rest = wholeBlocks(slice, store.blockSize());
@@ -45,52 +41,48 @@ std::deque<Run> chosen(Store& store, Range slice, Which which)
         rest = between(unknown.end(), rest.end());
     }
     add(rest, true);
-    return runs;
+    return chosen;
 }
 
-// Cuts slices into pieces of data or of holes.
+// Finds in slices what is to be done, and tells data from holes.
 class Planner {
 public:
-    Planner(Store& store, const Image& image, RangeSource& source, Which which, std::int64_t pieceSize)
+    Planner(Store& store, const Image& image, Slices& slices, Which which)
         : m_store(store)
         , m_image(image)
-        , m_source(source)
+        , m_slices(slices)
         , m_which(which)
-        , m_pieceSize(pieceSize)
-        , m_holeSize(holeSliceSize(store.blockSize()))
+        , m_longest(inBlocks(AT_ONCE, store.blockSize()))
+        , m_longestHole(holeSliceSize(store.blockSize()))
     {
     }
 
-    // False at the end.
-    bool next(Piece& piece)
+    // Nothing at the end.
+    std::optional<Blocks> next()
     {
-        while (m_runs.empty()) {
-            const std::optional<Range> slice = m_source.next();
+        while (m_chosen.empty()) {
+            const std::optional<Range> slice = m_slices.next();
             if (!slice) {
-                return false;
+                return std::nullopt;
             }
-            m_runs = chosen(m_store, *slice, m_which);
+            m_chosen = chosen(m_store, *slice, m_which);
             m_left += slice->length;
-            for (const Run& run : m_runs) {
-                m_left -= run.range.length;
+            for (const Blocks& each : m_chosen) {
+                m_left -= each.range.length;
             }
         }
-        piece.isKnown = m_runs.front().isKnown;
-        Range& run = m_runs.front().range;
-        const std::int64_t blockSize = m_store.blockSize();
-        if (m_data.end() <= run.offset) {
-            const Range data = m_image.nextData(run.offset, run.end());
-            m_data = between(roundDown(data.offset, blockSize), std::min(run.end(), roundUp(data.end(), blockSize)));
-        }
-        piece.isHole = run.offset < m_data.offset;
-        const std::int64_t end = piece.isHole ? m_data.offset : std::min(run.end(), m_data.end());
-        piece.range = between(run.offset, std::min(end, run.offset + (piece.isHole ? m_holeSize : m_pieceSize)));
-        run = between(piece.range.end(), run.end());
-        if (run.length == 0) {
-            m_runs.pop_front();
+        Blocks next = m_chosen.front();
+        Range& rest = m_chosen.front().range;
+        findData(rest);
+        next.isHole = rest.offset < m_data.offset;
+        const std::int64_t end = next.isHole ? m_data.offset : std::min(rest.end(), m_data.end());
+        next.range = between(rest.offset, std::min(end, rest.offset + (next.isHole ? m_longestHole : m_longest)));
+        rest = between(next.range.end(), rest.end());
+        if (rest.length == 0) {
+            m_chosen.pop_front();
             m_data = {};
         }
-        return true;
+        return next;
     }
 
     Which which() const { return m_which; }
@@ -98,48 +90,80 @@ public:
     std::int64_t takeLeft() { return std::exchange(m_left, 0); }
 
 private:
+    void findData(Range rest)
+    {
+        if (m_data.end() <= rest.offset) {
+            const std::int64_t blockSize = m_store.blockSize();
+            const Range data = m_image.nextData(rest.offset, rest.end());
+            m_data = between(roundDown(data.offset, blockSize), std::min(rest.end(), roundUp(data.end(), blockSize)));
+        }
+    }
+
     Store& m_store;
     const Image& m_image;
-    RangeSource& m_source;
+    Slices& m_slices;
     Which m_which;
-    std::int64_t m_pieceSize;
-    std::int64_t m_holeSize;
-    std::deque<Run> m_runs;
-    Range m_data = {}; // the stretch of data that the current run is in or comes to next
+    std::int64_t m_longest;
+    std::int64_t m_longestHole;
+    std::deque<Blocks> m_chosen;
+    Range m_data = {}; // in which the first of these begin, or to which they come next
     std::int64_t m_left = 0;
 };
 
-void workOn(Store& store, const Image& image, const Piece& piece, Which which, const Work& work)
+using Jobs = std::counting_semaphore<>;
+
+class OneJob {
+public:
+    explicit OneJob(Jobs& jobs)
+        : m_jobs(jobs)
+    {
+        m_jobs.acquire();
+    }
+    ~OneJob() { m_jobs.release(); }
+    OneJob(const OneJob&) = delete;
+    OneJob& operator=(const OneJob&) = delete;
+
+private:
+    Jobs& m_jobs;
+};
+
+void workOn(Store& store, const ImageReader& reader, const Blocks& blocks, Which which, Jobs& jobs, const Work& work)
 {
-    if (piece.isHole) {
-        work(store, piece, nullptr);
+    if (blocks.isHole) {
+        const OneJob job(jobs);
+        work(store, blocks, nullptr);
         return;
     }
-    const MappedData data(image, piece.range);
-    work(store, piece, data.get());
-    if (!data.isWhole()) {
+    const ImageData data(reader, blocks.range);
+    {
+        const OneJob job(jobs);
+        work(store, blocks, data.get());
+    }
+    try {
+        data.check();
+    } catch (const Failure&) {
         if (which != Which::Known) { // with which nothing is stored
-            store.forget(piece.range);
+            store.forget(blocks.range);
         }
-        data.fail();
+        throw;
     }
 }
 
-Traffic workThrough(Store& store, const Image& image, Planner planner, Progress& progress, const Work& work,
-                    const std::atomic<bool>& stop)
+Traffic workThrough(Store& store, const ImageReader& reader, Planner planner, Jobs& jobs, Phase& phase,
+                    const Work& work, const std::atomic<bool>& stop)
 {
     Traffic traffic;
-    Piece piece;
-    for (bool more = true; more && !stop;) {
+    for (bool isMore = true; isMore && !stop;) {
         throwWhenInterrupted();
-        more = planner.next(piece);
+        const std::optional<Blocks> blocks = planner.next();
+        isMore = blocks.has_value();
         const std::int64_t left = planner.takeLeft();
         traffic.left += left;
-        progress.skip(left);
-        if (more) {
-            workOn(store, image, piece, planner.which(), work);
-            (piece.isHole ? traffic.holes : traffic.read) += piece.range.length;
-            progress.advance(piece.range.length);
+        phase.skip(left);
+        if (blocks) {
+            workOn(store, reader, *blocks, planner.which(), jobs, work);
+            (blocks->isHole ? traffic.holes : traffic.read) += blocks->range.length;
+            phase.advance(blocks->range.length);
         }
     }
     return traffic;
@@ -158,24 +182,21 @@ std::int64_t holeSliceSize(std::int64_t blockSize)
     return std::max(sliceSize(blockSize), BLOCKS <= HOLE / blockSize ? BLOCKS * blockSize : inBlocks(HOLE, blockSize));
 }
 
-Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
-                  Progress& progress, const Work& work)
+Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, Slices& slices, Which which, unsigned jobsWanted,
+                  Phase& phase, const Work& work)
 {
+    const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
+    const unsigned jobs = jobsWanted > 0 ? jobsWanted : cores;
     std::atomic<bool> stop = false;
-    const unsigned jobs = jobsWanted > 0 ? jobsWanted : std::max(1U, std::thread::hardware_concurrency());
-    const std::int64_t pieceSize = inBlocks(PIECE, hashFile.store().blockSize());
-    if (jobs <= 1) {
-        Store& store = hashFile.store();
-        return workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
-    }
     std::mutex mutex;
     std::exception_ptr failure;
     Traffic traffic;
+    Jobs free(jobs);
     const auto job = [&] {
         try {
             Store store = hashFile.anotherStore();
             const Traffic own
-                = workThrough(store, image, {store, image, source, which, pieceSize}, progress, work, stop);
+                = workThrough(store, reader, {store, reader.image(), slices, which}, free, phase, work, stop);
             const std::scoped_lock lock(mutex);
             traffic.read += own.read;
             traffic.holes += own.holes;
@@ -188,7 +209,7 @@ Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, W
     };
     {
         std::vector<std::jthread> threads;
-        for (unsigned i = 0; i < jobs; ++i) {
+        for (unsigned i = 0; i < jobs + 1; ++i) {
             threads.emplace_back(job);
         }
     }

@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <functional>
 
+#include "base/Reporter.h"
 #include "hash_file/HashFile.h"
-#include "image/Image.h"
-#include "image/RangeSource.h"
-#include "terminal/Progress.h"
+#include "image/ImageReader.h"
 #include "work/Common.h"
+#include "work/Slices.h"
 
 namespace kelvane::tool {
 
@@ -21,22 +21,22 @@ struct Traffic {
 enum class Which { Unknown, Known, All };
 
 // Consecutive whole blocks of one kind.
-struct Piece {
+struct Blocks {
     Range range;
     bool isKnown;
     bool isHole; // which can be far longer than what is read at once
 };
 
-// What is done with one piece; `data` is null for a hole, whose bytes are zeros.
-using Work = std::function<void(Store& store, const Piece& piece, char* data)>;
+// What is done with some of them; `data` is null for a hole, whose bytes are zeros.
+using Work = std::function<void(Store& store, const Blocks& blocks, const char* data)>;
 
-// How much of an image one thread takes at a time, and how much of a hole.
+// How much of an image one thread takes as its slice, and how much of a hole.
 std::int64_t sliceSize(std::int64_t blockSize);
 std::int64_t holeSliceSize(std::int64_t blockSize);
 
-// With several jobs, each has its own thread and store. They never share a block, so no store sees or overwrites what
-// another one stored. Stops with Interrupted.
-Traffic forBlocks(HashFile& hashFile, const Image& image, RangeSource& source, Which which, unsigned jobsWanted,
-                  Progress& progress, const Work& work);
+// As many are worked on at once as there are jobs, while the next ones are read. Each thread has its own store. They
+// never share a block, so no store sees or overwrites what another one stored. Stops with Interrupted.
+Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, Slices& slices, Which which, unsigned jobsWanted,
+                  Phase& phase, const Work& work);
 
 } // namespace kelvane::tool

@@ -1,7 +1,8 @@
 // How a command works, whatever it does.
 #pragma once
 
-#include "terminal/Progress.h"
+#include "base/Reporter.h"
+#include "image/ImageReader.h"
 
 namespace kelvane::tool {
 
@@ -13,9 +14,10 @@ enum class Trust {
 };
 
 struct Common {
+    Reporter& reporter;
     unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
-    ProgressMode progress = ProgressMode::Automatic;
     Trust trust = Trust::Evidence;
+    Cache cache = Cache::LeaveAsFound;
 };
 
 } // namespace kelvane::tool

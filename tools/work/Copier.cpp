@@ -121,7 +121,7 @@ void Copier::flush()
     const bool isWritten = std::all_of(m_batch.begin(), m_batch.end(), [this](const Part& p) { return isThere(p); });
     addChange({change.wasUnchanged && isWritten, change.wasAlone});
     for (const Part& part : m_batch) {
-        part.data == nullptr ? m_hashed.store().zero(part.range) : m_hashed.store().update(part.range, part.data);
+        m_hashed.store().update(part.range, part.data);
     }
     m_batch.clear();
     m_taken = 0;
@@ -134,7 +134,7 @@ void Copier::addChange(const OwnChange& change)
 }
 
 // No hash is forgotten: the bytes are the same before and after.
-void Copier::fillHoles(Progress& progress)
+void Copier::fillHoles(Phase& phase)
 {
     for (Range rest = {0, m_destination.size()}; rest.length > 0;) {
         throwWhenInterrupted();
@@ -146,7 +146,7 @@ void Copier::fillHoles(Progress& progress)
                 }
             }));
         }
-        progress.reach(rest.offset);
+        phase.reach(rest.offset);
     }
 }
 

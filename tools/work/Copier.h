@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "base/Range.h"
+#include "base/Reporter.h"
 #include "image/Image.h"
-#include "terminal/Progress.h"
 #include "work/HashedImage.h"
 
 namespace kelvane::tool {
@@ -31,7 +31,7 @@ public:
 
     // Writes zeros wherever the image has a hole, which leaves its hashes true. To be called with nothing left to be
     // flushed.
-    void fillHoles(Progress& progress);
+    void fillHoles(Phase& phase);
 
     // All batches together.
     const OwnChange& ownChange() const { return m_ownChange; }

@@ -5,7 +5,6 @@
 
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "terminal/Note.h"
 
 namespace kelvane::tool {
 
@@ -14,6 +13,7 @@ HashedImage::HashedImage(const Image& image, HashFile hashFile, const Common& co
     , m_hashFile(std::move(hashFile))
     , m_common(common)
     , m_belief(image, m_hashFile, common)
+    , m_reader(image, common.cache)
 {
 }
 
@@ -21,20 +21,19 @@ void HashedImage::complete(Range range, const char* phase)
 {
     const bool believes = m_belief.holds();
     if (!believes && m_belief.doubt().isAny()) {
-        note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
+        m_common.reporter.note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
     }
     const std::int64_t blockSize = store().blockSize();
-    const Range blocks = wholeBlocks(range, blockSize);
-    RangeSource source(m_image, blocks, sliceSize(blockSize), holeSliceSize(blockSize));
-    Check checker(m_image, blockSize);
-    const Work work = [&](Store& store, const Piece& piece, char* data) {
-        piece.isKnown ? check(store, checker, piece.range, data) : this->store(store, piece.range, data);
+    const Range all = wholeBlocks(range, blockSize);
+    Slices slices(m_image, all, sliceSize(blockSize), holeSliceSize(blockSize));
+    const Work work = [&](Store& store, const Blocks& blocks, const char* data) {
+        blocks.isKnown ? check(store, blocks.range, data) : this->store(store, blocks.range, data);
     };
     const StartingAnew isCheck(!believes);
     try {
-        Progress progress(phase, blocks.length, m_common.progress);
-        m_traffic = forBlocks(m_hashFile, m_image, source, believes ? Which::Unknown : Which::All, m_common.jobs,
-                              progress, work);
+        const auto shown = m_common.reporter.begin(phase, all.length);
+        m_traffic = forBlocks(m_hashFile, m_reader, slices, believes ? Which::Unknown : Which::All, m_common.jobs,
+                              *shown, work);
     } catch (const Interrupted&) {
         m_belief.flushHashes(); // what is done is kept
         conclude();
@@ -46,10 +45,10 @@ void HashedImage::complete(Range range, const char* phase)
     }
 }
 
-void HashedImage::store(Store& store, Range range, char* data)
+void HashedImage::store(Store& store, Range range, const char* data)
 {
     m_belief.mark();
-    data == nullptr ? store.zero(range) : store.update(range, data);
+    store.update(range, data);
     const std::scoped_lock lock(m_mutex);
     const std::int64_t end = range.end() / store.blockSize();
     for (std::int64_t i = range.offset / store.blockSize(); i < end && m_newBlocks.size() <= MOST_NEW_BLOCKS; ++i) {
@@ -67,10 +66,10 @@ std::vector<std::int64_t> HashedImage::newBlocks() const
     return blocks;
 }
 
-void HashedImage::check(Store& store, Check& checker, Range range, char* data)
+void HashedImage::check(Store& store, Range range, const char* data)
 {
     m_checked += range.length / store.blockSize();
-    for (const Range& wrong : checker.wrongBlocks(store, range, data)) {
+    for (const Range& wrong : store.wrong(range, data)) {
         m_repaired += wrong.length / store.blockSize();
         this->store(store, wrong, data == nullptr ? nullptr : data + (wrong.offset - range.offset));
     }

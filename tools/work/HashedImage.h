@@ -12,20 +12,20 @@
 #include "image/Image.h"
 #include "work/Belief.h"
 #include "work/Blocks.h"
-#include "work/Check.h"
 
 namespace kelvane::tool {
 
 // Known hashes are used only when they are believed. All others are checked against the data, and repaired.
 class HashedImage {
 public:
-    // Takes the state of the image before anything of it is read, and notes on standard error why its hashes
-    // are not believed. Both must outlive it.
+    // Takes the state of the image before anything of it is read, and notes why its hashes are not believed. Both must
+    // outlive it.
     HashedImage(const Image& image, HashFile hashFile, const Common& common);
     HashedImage(const HashedImage&) = delete;
     HashedImage& operator=(const HashedImage&) = delete;
 
     const Image& image() const { return m_image; }
+    const ImageReader& reader() const { return m_reader; }
     HashFile& hashFile() { return m_hashFile; }
     const HashFile& hashFile() const { return m_hashFile; }
     Store& store() { return m_hashFile.store(); }
@@ -68,13 +68,14 @@ public:
 
 private:
     std::string remarks() const;
-    void store(Store& store, Range range, char* data);
-    void check(Store& store, Check& check, Range range, char* data);
+    void store(Store& store, Range range, const char* data);
+    void check(Store& store, Range range, const char* data);
 
     const Image& m_image;
     HashFile m_hashFile;
     const Common& m_common;
     Belief m_belief;
+    ImageReader m_reader;
     std::mutex m_mutex; // of the next one
     std::vector<std::int64_t> m_newBlocks;
     std::optional<std::int64_t> m_formerSize;

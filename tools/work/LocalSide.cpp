@@ -9,13 +9,12 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
-#include "image/MappedData.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr int SLICE = 18; // the level up to which the store hashes a node's blocks at once: bounds its memory
+constexpr int LOW = 18; // the level up to which the store hashes a node's blocks at once: bounds its memory
 
 bool isAllZeros(const char* data, std::int64_t length)
 {
@@ -47,7 +46,7 @@ LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOpti
 const Opening& LocalSide::opening()
 {
     if (!m_opening) {
-        m_hashFile = HashFile::find(m_image, m_options);
+        m_hashFile = HashFile::find(m_image, m_options, m_common.reporter);
         m_opening = {m_image.size(),          m_image.permissions(), m_image.isMissing(),
                      m_image.isBlockDevice(), hashFilePath(),        std::nullopt};
         if (m_hashFile) {
@@ -68,7 +67,7 @@ void LocalSide::openHashes(const Start& start)
     }
     m_hashed.emplace(
         m_image,
-        HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.progress),
+        HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.reporter),
         m_common);
 }
 
@@ -127,7 +126,7 @@ Digest LocalSide::digestOf(Range blocks)
     return m_hashed->store().hash(blocks, m_image, bytesRead);
 }
 
-// That of a node above the slices is the hash of its slices' hashes.
+// That of a high node is the hash of its low nodes' hashes.
 Digest LocalSide::digestOfNode(int level, std::int64_t index)
 {
     throwWhenInterrupted();
@@ -135,16 +134,16 @@ Digest LocalSide::digestOfNode(int level, std::int64_t index)
     if (range.length == 0) {
         return BlakeHash().get_hash(nullptr, 0);
     }
-    if (level <= SLICE) {
+    if (level <= LOW) {
         return digestOf(range);
     }
-    const std::int64_t sliceSize = (std::int64_t {1} << SLICE) * m_blockSize;
-    m_slices.resize(static_cast<std::size_t>(roundUp(m_compared, sliceSize) / sliceSize));
+    const std::int64_t size = (std::int64_t {1} << LOW) * m_blockSize;
+    m_lowNodes.resize(static_cast<std::size_t>(roundUp(m_compared, size) / size));
     std::vector<unsigned char> digests;
-    for (std::int64_t slice = range.offset / sliceSize; slice * sliceSize < range.end(); ++slice) {
-        Digest& digest = m_slices[static_cast<std::size_t>(slice)];
+    for (std::int64_t node = range.offset / size; node * size < range.end(); ++node) {
+        Digest& digest = m_lowNodes[static_cast<std::size_t>(node)];
         if (digest.empty()) {
-            digest = digestOf(rangeOf(SLICE, slice));
+            digest = digestOf(rangeOf(LOW, node));
         }
         digests.insert(digests.end(), digest.begin(), digest.end());
     }
@@ -165,11 +164,9 @@ void LocalSide::askBytes(Range range, std::int64_t unit)
     while (range.length > 0) {
         throwWhenInterrupted();
         const Range piece = {range.offset, std::min(unit, range.length)};
-        const MappedData data(m_image, piece);
-        digests.push_back(BlakeHash().get_hash(data.get(), piece.length));
-        if (!data.isWhole()) {
-            data.fail();
-        }
+        const ImageData data(m_hashed->reader(), piece);
+        digests.push_back(BlakeHash().get_hash(const_cast<char*>(data.get()), piece.length));
+        data.check();
         range = between(piece.end(), range.end());
     }
 }
@@ -203,38 +200,34 @@ void LocalSide::read(const std::vector<Range>& ranges, bool withDigests, const S
         while (rest.length > 0) {
             throwWhenInterrupted();
             const Next next = nextOf(rest);
-            next.isHole ? sink({next.range, nullptr, {}}) : readPiece(next.range, withDigests, sink);
+            next.isHole ? sink({next.range, nullptr, {}}) : readData(next.range, withDigests, sink);
             rest = between(next.range.end(), rest.end());
         }
     }
 }
 
-// Stretches of blocks with content, and of zeros.
-void LocalSide::readPiece(Range piece, bool withDigests, const Sink& sink)
+// In pieces with content, and of zeros.
+void LocalSide::readData(Range range, bool withDigests, const Sink& sink)
 {
     const std::int64_t unit = std::min(m_blockSize, LONGEST_PIECE);
-    const MappedData data(m_image, piece);
-    std::vector<Range> stretches;
-    std::vector<bool> areZeros;
-    for (std::int64_t at = 0; at < piece.length; at += unit) {
-        const std::int64_t length = std::min(unit, piece.length - at);
-        const bool isZeros = isAllZeros(data.get() + at, length);
-        if (at > 0 && areZeros.back() == isZeros) {
-            stretches.back().length += length;
+    const ImageData data(m_hashed->reader(), range);
+    std::vector<Piece> pieces;
+    for (std::int64_t at = 0; at < range.length; at += unit) {
+        const std::int64_t length = std::min(unit, range.length - at);
+        const char* const content = isAllZeros(data.get() + at, length) ? nullptr : data.get() + at;
+        if (at > 0 && (pieces.back().data == nullptr) == (content == nullptr)) {
+            pieces.back().range.length += length;
         } else {
-            stretches.push_back({piece.offset + at, length});
-            areZeros.push_back(isZeros);
+            pieces.push_back({{range.offset + at, length}, content, {}});
         }
     }
-    for (std::size_t i = 0; i < stretches.size(); ++i) {
-        const Range range = stretches[i];
-        const bool hasDigest = withDigests && !areZeros[i] && range.length % m_blockSize == 0;
-        sink({range, areZeros[i] ? nullptr : data.get() + (range.offset - piece.offset),
-              hasDigest ? digestOf(range) : Digest()});
+    for (Piece& piece : pieces) {
+        if (withDigests && piece.data != nullptr && piece.range.length % m_blockSize == 0) {
+            piece.digest = digestOf(piece.range);
+        }
+        sink(piece);
     }
-    if (!data.isWhole()) {
-        data.fail();
-    }
+    data.check();
 }
 
 void LocalSide::startWriting(bool isSparse)
@@ -247,8 +240,7 @@ OwnChange LocalSide::finishWriting()
 {
     m_copier->flush();
     if (!m_copier->isSparse()) {
-        Progress progress("fill", m_image.size(), m_common.progress);
-        m_copier->fillHoles(progress);
+        m_copier->fillHoles(*m_common.reporter.begin("fill", m_image.size()));
     }
     m_hashed->belief().flushHashes();
     disbelieveUnlessAlone(m_copier->ownChange());

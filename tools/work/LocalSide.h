@@ -44,7 +44,7 @@ public:
     void dropCache() override { static_cast<void>(m_image.dropCache()); }
     void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
     void startWriting(bool isSparse) override;
-    void write(const Stretch& stretch) override { m_copier->write(stretch.range, stretch.data); }
+    void write(const Piece& piece) override { m_copier->write(piece.range, piece.data); }
     OwnChange finishWriting() override;
     void abandon() override;
     void distrust() override;
@@ -68,7 +68,7 @@ private:
     void prepare(const Start& start);
     void disbelieveUnlessAlone(const OwnChange& change);
     Next nextOf(Range rest) const;
-    void readPiece(Range piece, bool withDigests, const Sink& sink);
+    void readData(Range range, bool withDigests, const Sink& sink);
     Range rangeOf(int level, std::int64_t index) const;
     Digest digestOfNode(int level, std::int64_t index);
 
@@ -82,8 +82,8 @@ private:
     Conclusion m_conclusion;
     Started m_started;
     std::int64_t m_blockSize = 0;
-    std::int64_t m_compared = 0;  // whole blocks
-    std::vector<Digest> m_slices; // digests of nodes that are put together from
+    std::int64_t m_compared = 0;    // whole blocks
+    std::vector<Digest> m_lowNodes; // their digests, of which those of high nodes are made
     std::deque<std::vector<Digest>> m_digests;
     std::unique_ptr<Copier> m_copier;
 };

@@ -2,8 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <kelvane/BlockHashStore.h>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,10 +9,9 @@
 #include "base/Range.h"
 #include "work/Belief.h"
 #include "work/Conclusion.h"
+#include "work/Piece.h"
 
 namespace kelvane::tool {
-
-using Digest = BlockHashStore::HashValue;
 
 // Blocks in a tree: node `index` of level `level` is the blocks from index << level on, 1 << level of them, as far as
 // there are so many whole ones.
@@ -55,17 +52,6 @@ struct Started {
     std::int64_t bytesRead = 0;
     std::vector<std::int64_t> newBlocks; // see HashedImage::newBlocks
 };
-
-// Stretches come in ascending order, and none is longer than this, but for zeros, whose data is null.
-constexpr std::int64_t LONGEST_PIECE = 1 << 20;
-
-struct Stretch {
-    Range range;
-    const char* data;
-    Digest digest; // the hash of the hashes of its blocks, as the giver knows them; may be empty
-};
-
-using Sink = std::function<void(const Stretch& stretch)>;
 
 // In the order of a command: `openHashes`, `start`, what is asked, `conclude`. What takes long is asked of both sides
 // before either one is waited for; answers come in the order of the questions. Every failure is a Failure that names
@@ -108,14 +94,14 @@ public:
     // What is read from now on comes from the disk, where the system can be made to read it.
     virtual void dropCache() = 0;
 
-    // Gives the data of ranges of whole blocks, but for the image's end. `withDigests`: where a stretch is of whole
+    // Gives the data of ranges of whole blocks, but for the image's end. `withDigests`: where a piece is of whole
     // blocks, with its digest.
     virtual void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) = 0;
 
     // Of a destination. `isSparse`: zeros become holes; otherwise no hole is left in the end. How it was found is told
     // then.
     virtual void startWriting(bool isSparse) = 0;
-    virtual void write(const Stretch& stretch) = 0;
+    virtual void write(const Piece& piece) = 0;
     virtual OwnChange finishWriting() = 0;
 
     // Instead of all that follows, after a failure: what was written so far is kept and recorded.

@@ -1,4 +1,4 @@
-#include "work/RangeList.h"
+#include "lists/RangeList.h"
 
 #include <limits>
 #include <map>

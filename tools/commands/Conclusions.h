@@ -1,0 +1,37 @@
+// How the images that a command used were found in the end, and what follows from that.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "commands/Verdict.h"
+#include "work/Common.h"
+#include "work/Conclusion.h"
+#include "work/HashedImage.h"
+#include "work/Side.h"
+
+namespace kelvane::tool {
+
+struct Conclusions {
+    struct OfImage {
+        std::string image; // as it was given
+        Conclusion conclusion;
+    };
+
+    std::vector<OfImage> all; // one for each image
+    bool isAnsweredFor;       // by the user: nobody writes to them
+};
+
+// End the use of the images.
+Conclusions conclude(HashedImage& image, const Common& common, bool isAnsweredFor = false);
+Conclusions conclude(Side& first, Side& second, const Common& common);
+
+// Those that were changed meanwhile; those that could have been without a trace, as far as the user does not answer for
+// that.
+std::vector<Conclusions::OfImage> changedOf(const Conclusions& found);
+std::vector<Conclusions::OfImage> openForWritingOf(const Conclusions& found);
+
+// Whether there are none of either.
+bool areSure(const Conclusions& found);
+
+} // namespace kelvane::tool

@@ -1,0 +1,53 @@
+// The two images of a command.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "commands/ImageArguments.h"
+#include "remote/RemoteSide.h"
+#include "work/Common.h"
+#include "work/Side.h"
+
+namespace kelvane::tool {
+
+struct PairArguments {
+    ImageArguments first;
+    ImageArguments second;
+    RemoteOptions remote;
+};
+
+// What went over the line to the one of them that is on another machine.
+struct PairTraffic {
+    std::string side;
+    LineTraffic line;
+};
+
+// At most one of them on another machine.
+struct Pair {
+    Pair(const PairArguments& arguments, bool writesSecond, const Common& common);
+
+    // Calls a command for them. When it fails, what was done on this machine is kept, and recorded.
+    template <class Command>
+    auto run(Command command) const
+    {
+        try {
+            return command(*first, *second);
+        } catch (...) {
+            first->abandon();
+            second->abandon();
+            throw;
+        }
+    }
+
+    std::optional<PairTraffic> traffic() const; // nothing when both are here
+
+    std::unique_ptr<Side> first;
+    std::unique_ptr<Side> second;
+};
+
+// The block size for both: what was asked for, or that of a hash file that is there; they must not differ.
+std::uint32_t commonBlockSize(Side& first, Side& second, const HashFileOptions& options);
+
+} // namespace kelvane::tool
