@@ -63,9 +63,17 @@ inline Descriptor openAgain(const Descriptor& file, int flags)
     return openFile(file.place(), flags);
 }
 
-inline bool isSameFile(const struct stat& a, const struct stat& b)
+// Which file it is, whatever it is called.
+struct FileNumber {
+    dev_t device;
+    ino_t inode;
+
+    bool operator==(const FileNumber&) const = default;
+};
+
+inline FileNumber numberOf(const struct stat& status)
 {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+    return {status.st_dev, status.st_ino};
 }
 
 // Whether a path leads to an open file, or to the device that it is.
@@ -74,7 +82,8 @@ inline bool leadsTo(const std::string& path, const Descriptor& file)
     struct stat own;
     struct stat there;
     return ::fstat(file.get(), &own) == 0 && ::stat(path.c_str(), &there) == 0
-        && (S_ISBLK(own.st_mode) ? S_ISBLK(there.st_mode) && own.st_rdev == there.st_rdev : isSameFile(own, there));
+        && (S_ISBLK(own.st_mode) ? S_ISBLK(there.st_mode) && own.st_rdev == there.st_rdev
+                                 : numberOf(own) == numberOf(there));
 }
 
 // Standard descriptors that are closed: no file may get their numbers, for what is meant for a user would end up in it.

@@ -35,6 +35,14 @@ inline Range wholeBlocks(Range range, std::int64_t blockSize)
     return between(roundUp(range.offset, blockSize), roundDown(range.end(), blockSize));
 }
 
+// Takes the first bytes of a range away from it, so many at most.
+inline Range takeFirst(Range& rest, std::int64_t most)
+{
+    const Range first = {rest.offset, std::min(rest.length, most)};
+    rest = between(first.end(), rest.end());
+    return first;
+}
+
 // Adds a range behind all others; ranges that touch become one.
 inline void append(std::vector<Range>& ranges, Range range)
 {

@@ -358,7 +358,7 @@ private:
     CLI::App m_app;
     ProgressMode m_progress = ProgressMode::Automatic;
     unsigned m_jobs = 0;
-    Trust m_trust = Trust::Evidence;
+    Trust m_trust = Trust::Record;
     PairArguments m_pair;
     VerifyArguments m_verify;
     std::optional<Range> m_range;

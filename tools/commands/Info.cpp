@@ -17,22 +17,22 @@ constexpr std::int64_t MAP_WIDTH = 64;
 std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std::int64_t blockSize)
 {
     const std::int64_t width = std::min(MAP_WIDTH, blocks);
+    const auto start = [&](std::int64_t index) {
+        return static_cast<std::int64_t>(static_cast<__int128>(blocks) * index / width) * blockSize;
+    };
     std::string map;
-    auto run = unknown.begin();
-    for (std::int64_t cell = 0; cell < width; ++cell) {
-        const auto share = [&](std::int64_t index) {
-            return static_cast<std::int64_t>(static_cast<__int128>(blocks) * index / width) * blockSize;
-        };
-        const Range part = between(share(cell), share(cell + 1));
+    auto next = unknown.begin();
+    for (std::int64_t index = 0; index < width; ++index) {
+        const Range shown = between(start(index), start(index + 1));
         std::int64_t missing = 0;
-        while (run != unknown.end() && run->offset < part.end()) {
-            missing += between(std::max(run->offset, part.offset), std::min(run->end(), part.end())).length;
-            if (run->end() > part.end()) {
+        while (next != unknown.end() && next->offset < shown.end()) {
+            missing += between(std::max(next->offset, shown.offset), std::min(next->end(), shown.end())).length;
+            if (next->end() > shown.end()) {
                 break;
             }
-            ++run;
+            ++next;
         }
-        map += missing == 0 ? '#' : missing == part.length ? '.' : '+';
+        map += missing == 0 ? '#' : missing == shown.length ? '.' : '+';
     }
     return map;
 }
@@ -44,14 +44,14 @@ Doubt doubtNow(const Record& record, const Descriptor& hashFile)
         const ImageState state = stateOf(image);
         return doubtAbout(record, hashFileState(hashFile), state, writersOf(image));
     } catch (const Failure& failure) {
-        return {Doubt::Because::NoEvidence, failure.what()};
+        return {Doubt::Because::Untold, failure.what()};
     }
 }
 
-std::optional<InfoResult::Standing> standingOf(const std::string& path, const Descriptor& hashFile)
+std::optional<InfoResult::Recorded> recordedOf(const std::string& path, const Descriptor& hashFile)
 {
     const std::optional<Record> record = readRecord(path);
-    return record ? std::optional(InfoResult::Standing {*record, doubtNow(*record, hashFile)}) : std::nullopt;
+    return record ? std::optional(InfoResult::Recorded {*record, doubtNow(*record, hashFile)}) : std::nullopt;
 }
 
 } // namespace
@@ -78,7 +78,7 @@ InfoResult info(const std::string& path)
     struct stat status = {};
     ::fstat(file.get(), &status);
     result.sizeOnDisk = status.st_blocks * 512;
-    result.standing = standingOf(path, file);
+    result.recorded = recordedOf(path, file);
     return result;
 }
 

@@ -13,7 +13,7 @@
 namespace kelvane::tool {
 
 struct InfoResult {
-    struct Standing {
+    struct Recorded {
         Record record;
         Doubt doubt; // whether it still holds
     };
@@ -30,7 +30,7 @@ struct InfoResult {
     std::string map; // a character for each equal part of the blocks: # all known, + some, . none
     std::int64_t fileSize;
     std::int64_t sizeOnDisk;
-    std::optional<Standing> standing; // nothing without a record
+    std::optional<Recorded> recorded; // nothing without a record
 
     std::int64_t wholeBlocks() const { return geometry.targetSize / geometry.blockSize; }
     std::int64_t knownBlocks() const { return wholeBlocks() - unknownBlocks; }

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t LARGEST_LIST = 256 << 20; // bytes
 
 // A signal ends it while nothing comes, as from a pipe.
-std::string contentOf(const std::string& path, const std::string& source)
+std::string listIn(const std::string& path, const std::string& source)
 {
     const Descriptor file = path == "-" ? Descriptor(::dup(STDIN_FILENO)) : openFile(path, O_RDONLY | O_NONBLOCK);
     const auto fail = [&] { throw Failure(source, "cannot read: " + errorText(errno)); };
@@ -70,7 +70,7 @@ std::vector<Range> rangesIn(const HashedImage& hashed, const RangeList& list, co
 std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedImage& hashed)
 {
     const std::string source = what.list == "-" ? "standard input" : what.list;
-    const std::string list = contentOf(what.list, source);
+    const std::string list = listIn(what.list, source);
     if (!what.format && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
         throw Failure(source, "is empty; name its --format if that means that nothing has changed");
     }

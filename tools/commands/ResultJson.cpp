@@ -74,12 +74,12 @@ void addIfAny(Json& json, const std::optional<PairTraffic>& traffic)
     }
 }
 
-Json jsonOf(const std::optional<InfoResult::Standing>& standing)
+Json jsonOf(const std::optional<InfoResult::Recorded>& recorded)
 {
-    if (!standing) {
+    if (!recorded) {
         return nullptr;
     }
-    const auto& [record, doubt] = *standing;
+    const auto& [record, doubt] = *recorded;
     return {{"clean", record.standing == Record::Standing::True},
             {"image", record.image.identity.path},
             {"size", record.image.marks.size},
@@ -153,7 +153,7 @@ std::string jsonOf(const InfoResult& result)
                    {"fileSize", result.fileSize},
                    {"sizeOnDisk", result.sizeOnDisk},
                    {"map", result.map},
-                   {"record", jsonOf(result.standing)}});
+                   {"record", jsonOf(result.recorded)}});
 }
 
 std::string jsonOf(const InvalidateResult& result)

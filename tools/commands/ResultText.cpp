@@ -1,3 +1,4 @@
+#include <array>
 #include <sstream>
 
 #include "base/Text.h"
@@ -66,16 +67,16 @@ std::string sized(std::int64_t bytes)
     return counted(bytes, "byte") + (bytes < 1024 ? "" : " (" + humanSize(static_cast<double>(bytes)) + ")");
 }
 
-std::string textOf(const std::optional<InfoResult::Standing>& standing)
+std::string textOf(const std::optional<InfoResult::Recorded>& recorded)
 {
-    if (!standing) {
+    if (!recorded) {
         return "none";
     }
-    const std::string& image = standing->record.image.identity.path;
-    if (standing->record.standing == Record::Standing::Open) {
+    const std::string& image = recorded->record.image.identity.path;
+    if (recorded->record.standing == Record::Standing::Open) {
         return "not clean: a run on " + image + " is under way, or was cut short";
     }
-    return standing->doubt.isAny() ? "not believed of " + image + ": " + standing->doubt.text
+    return recorded->doubt.isAny() ? "not believed of " + image + ": " + recorded->doubt.text
                                    : "true of " + image + ", which is unchanged";
 }
 
@@ -83,21 +84,8 @@ std::string textOf(const std::optional<InfoResult::Standing>& standing)
 
 std::string nameOf(Verdict verdict)
 {
-    switch (verdict) {
-    case Verdict::Done:
-        return "done";
-    case Verdict::Equal:
-        return "equal";
-    case Verdict::Different:
-        return "different";
-    case Verdict::Good:
-        return "good";
-    case Verdict::Wrong:
-        return "wrong";
-    case Verdict::Undecided:
-        break;
-    }
-    return RangeList::UNDECIDED;
+    constexpr std::array NAMES = {"done", "equal", "different", "good", "wrong", RangeList::UNDECIDED};
+    return NAMES.at(static_cast<std::size_t>(verdict));
 }
 
 std::string textOf(const BuildResult& result)
@@ -172,7 +160,7 @@ std::string textOf(const InfoResult& result)
     line("partial block", partial == 0 ? "none" : counted(partial, "byte") + ", whose hash is never stored");
     line("file size", sized(result.fileSize) + ", on disk " + sized(result.sizeOnDisk));
     line("known regions", "[" + result.map + "]  # known, + in part, . unknown");
-    line("record", textOf(result.standing));
+    line("record", textOf(result.recorded));
     return text;
 }
 

@@ -199,7 +199,7 @@ Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, co
         return {Because::AnotherImage, "another image has taken its place"};
     }
     if (!image.doubt().empty() || !writers.doubt.empty()) {
-        return {Because::NoEvidence, image.doubt().empty() ? writers.doubt : image.doubt()};
+        return {Because::Untold, image.doubt().empty() ? writers.doubt : image.doubt()};
     }
     if (writers.areSome) {
         const std::string names = namesOf(writers.programs);

@@ -56,7 +56,7 @@ struct Doubt {
         FlushFailed,
         CutShort,
         AnotherImage,
-        NoEvidence,
+        Untold, // by the system
         OpenForWriting,
         HashFileChanged,
         StartedAgain,

@@ -18,7 +18,7 @@ std::filesystem::path placeOf(const std::string& path)
     return error ? absolute.lexically_normal() : place;
 }
 
-bool isSameFile(const std::string& path, const std::string& other)
+bool leadToOne(const std::string& path, const std::string& other)
 {
     std::error_code error;
     return std::filesystem::equivalent(path, other, error) || placeOf(path) == placeOf(other);
@@ -38,11 +38,11 @@ std::vector<std::string> filesOf(const std::string& hashFile)
 
 void keepApart(const std::string& image, const std::string& hashFile)
 {
-    if (isSameFile(image, hashFile)) {
+    if (leadToOne(image, hashFile)) {
         throw Failure(hashFile, "given as an image and as a hash file");
     }
     for (const std::string& path : filesOf(hashFile)) {
-        if (isSameFile(image, path)) {
+        if (leadToOne(image, path)) {
             throw Failure(path,
                           "this is an image, and the hash file " + hashFile + " would need its name; name another one");
         }
@@ -51,12 +51,12 @@ void keepApart(const std::string& image, const std::string& hashFile)
 
 void keepHashFilesApart(const std::string& hashFile, const std::string& other)
 {
-    if (isSameFile(hashFile, other)) {
+    if (leadToOne(hashFile, other)) {
         throw Failure(other, "given as the hash file of both images");
     }
     const std::vector<std::string> taken = filesOf(hashFile);
     for (const std::string& path : filesOf(other)) {
-        if (std::any_of(taken.begin(), taken.end(), [&](const std::string& name) { return isSameFile(name, path); })) {
+        if (std::any_of(taken.begin(), taken.end(), [&](const std::string& name) { return leadToOne(name, path); })) {
             throw Failure(other, "the hash file " + hashFile + " needs the same names beside it; name another one");
         }
     }

@@ -88,7 +88,7 @@ private:
 
 } // namespace
 
-Store::Hash Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
+Digest Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
 {
     ReadingSource source(image, m_geometry.partitionOffset, bytesRead);
     const auto stopping = [](kelvane_buf_len_t /*done*/) {
@@ -158,11 +158,10 @@ void Store::forget(Range range)
 void Store::invalidate(Range range)
 {
     constexpr std::int64_t BLOCKS_AT_ONCE = 1 << 18; // bounds the memory
-    for (const std::int64_t step = BLOCKS_AT_ONCE * m_geometry.blockSize; range.length > 0;) {
-        const Range piece
-            = between(range.offset, std::min(range.end(), roundDown(range.offset, m_geometry.blockSize) + step));
-        explaining(m_path, [&] { writable().invalidate_hashes(onDevice(piece), piece.length); });
-        range = between(piece.end(), range.end());
+    const std::int64_t step = BLOCKS_AT_ONCE * m_geometry.blockSize;
+    while (range.length > 0) {
+        const Range next = takeFirst(range, step - range.offset % m_geometry.blockSize);
+        explaining(m_path, [&] { writable().invalidate_hashes(onDevice(next), next.length); });
     }
 }
 

@@ -14,10 +14,11 @@
 
 namespace kelvane::tool {
 
+using Digest = BlockHashStore::HashValue;
+
 // One store, for one thread. Failures name the hash file.
 class Store {
 public:
-    using Hash = BlockHashStore::HashValue;
     enum class Access { Write, Read };
 
     // The path names the file in failures; `place` is where it is opened.
@@ -30,7 +31,7 @@ public:
 
     // The aggregate hash of a range, in bounded memory. Data that it still takes, of partial blocks for instance, is
     // read from the image and counted.
-    Hash hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
+    Digest hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
 
     // Of whole blocks that are known, those whose hash is not the data's; null is zeros.
     std::vector<Range> wrong(Range blocks, const char* data);

@@ -61,6 +61,11 @@ Statistics statisticsOf(const std::string& place)
     return {{sectors[SECTORS_WRITTEN], sectors[SECTORS_DISCARDED], 0, 0, onTheWay[1]}, sectors[SECTORS_READ] > 0};
 }
 
+FileNumber numberOf(const loop_info64& info)
+{
+    return {static_cast<dev_t>(info.lo_device), static_cast<ino_t>(info.lo_inode)};
+}
+
 std::optional<loop_info64> loopInfo(const Descriptor& device)
 {
     loop_info64 info = {};
@@ -156,12 +161,8 @@ std::optional<LoopFile> BlockDevice::loopFile() const
     std::error_code error;
     const std::filesystem::path disk = std::filesystem::canonical(m_disk, error);
     const auto info = loopInfo(openFile("/dev/" + disk.filename().string(), O_RDONLY));
-    return LoopFile {path,
-                     value("loop/offset"),
-                     value("loop/sizelimit"),
-                     value("ro") == "1",
-                     info ? static_cast<dev_t>(info->lo_device) : 0,
-                     info ? static_cast<ino_t>(info->lo_inode) : 0};
+    return LoopFile {path, value("loop/offset"), value("loop/sizelimit"), value("ro") == "1",
+                     info ? numberOf(*info) : FileNumber()};
 }
 
 // Another file may have the name by now.
@@ -170,8 +171,8 @@ Descriptor openShownFile(const BlockDevice& device)
     const std::optional<LoopFile> loop = device.loopFile();
     const Descriptor found = loop && loop->isReadOnly ? openFile(loop->path, O_PATH) : Descriptor();
     struct stat status;
-    const bool isTheSame = found && ::fstat(found.get(), &status) == 0 && S_ISREG(status.st_mode)
-        && status.st_dev == loop->device && status.st_ino == loop->inode;
+    const bool isTheSame
+        = found && ::fstat(found.get(), &status) == 0 && S_ISREG(status.st_mode) && numberOf(status) == loop->number;
     return isTheSame ? openAgain(found, O_RDONLY) : Descriptor();
 }
 
@@ -183,7 +184,7 @@ std::vector<std::string> loopDevicesOf(const Descriptor& file)
     for (const std::string& name : names) {
         if (name.starts_with("loop") && !lineIn("/sys/block/" + name + "/loop/backing_file").empty()) {
             const auto info = loopInfo(openFile("/dev/" + name, O_RDONLY));
-            if (info && info->lo_device == own.st_dev && info->lo_inode == own.st_ino) {
+            if (info && numberOf(*info) == numberOf(own)) {
                 found.push_back("/dev/" + name);
             }
         }

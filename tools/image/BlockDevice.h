@@ -30,8 +30,7 @@ struct LoopFile {
     std::string offset;
     std::string sizeLimit;
     bool isReadOnly;
-    dev_t device;
-    ino_t inode;
+    FileNumber number;
 };
 
 class BlockDevice {

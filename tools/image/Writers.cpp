@@ -41,22 +41,18 @@ bool installHandler()
 
 bool isOpenForWriting(const std::string& process, const std::string& fd)
 {
-    std::ifstream lines(process + "/fdinfo/" + fd);
-    for (std::string line; std::getline(lines, line);) {
-        unsigned flags = 0;
-        if (std::sscanf(line.c_str(), "flags: %o", &flags) == 1) {
-            return (flags & O_ACCMODE) != O_RDONLY && (flags & O_PATH) == 0;
-        }
-    }
-    return false;
+    const std::string text = lineIn(process + "/fdinfo/" + fd);
+    unsigned flags = 0;
+    return std::sscanf(text.c_str(), "pos: %*u flags: %o", &flags) == 1 && (flags & O_ACCMODE) != O_RDONLY
+        && (flags & O_PATH) == 0;
 }
 
-bool hasOpen(const std::string& process, const struct stat& file)
+bool hasOpen(const std::string& process, const FileNumber& file)
 {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(process + "/fd", error)) {
         struct stat status;
-        if (::stat(entry.path().c_str(), &status) == 0 && isSameFile(status, file)
+        if (::stat(entry.path().c_str(), &status) == 0 && numberOf(status) == file
             && isOpenForWriting(process, entry.path().filename().string())) {
             return true;
         }
@@ -64,7 +60,7 @@ bool hasOpen(const std::string& process, const struct stat& file)
     return false;
 }
 
-bool hasMapped(const std::string& process, const struct stat& file)
+bool hasMapped(const std::string& process, const FileNumber& file)
 {
     std::ifstream lines(process + "/maps");
     for (std::string line; std::getline(lines, line);) {
@@ -73,7 +69,7 @@ bool hasMapped(const std::string& process, const struct stat& file)
         unsigned low = 0;
         unsigned long inode = 0;
         if (std::sscanf(line.c_str(), "%*x-%*x %4s %*x %x:%x %lu", access, &high, &low, &inode) == 4
-            && inode == file.st_ino && makedev(high, low) == file.st_dev && access[1] == 'w' && access[3] == 's') {
+            && FileNumber {makedev(high, low), inode} == file && access[1] == 'w' && access[3] == 's') {
             return true;
         }
     }
@@ -94,7 +90,8 @@ std::vector<Program> programsWriting(const Descriptor& image)
     for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
         const std::string process = entry.path().string();
         const std::int64_t number = std::atoll(entry.path().filename().c_str());
-        if (number > 0 && number != ::getpid() && (hasOpen(process, file) || hasMapped(process, file))) {
+        if (number > 0 && number != ::getpid()
+            && (hasOpen(process, numberOf(file)) || hasMapped(process, numberOf(file)))) {
             found.push_back({number, lineIn(process + "/comm")});
         }
     }

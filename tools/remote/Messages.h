@@ -34,7 +34,7 @@ struct Open {
     std::string hashFile; // empty: the image's
     bool isDestination = false;
     bool adopts = false;
-    Trust trust = Trust::Evidence;
+    Trust trust = Trust::Record;
     std::uint32_t jobs = 0; // 0: as many as the machine has cores
     std::optional<std::int64_t> partitionOffset;
     std::uint32_t compression = 0; // level of zstd, 0: none

@@ -14,6 +14,7 @@
 
 #include "base/Text.h"
 #include "remote/Data.h"
+#include "remote/Words.h"
 
 extern char** environ;
 
@@ -61,37 +62,6 @@ std::optional<RemotePath> remotePath(const std::string& argument)
         throw Failure(argument, "the host before the colon is none; a file here is ./" + argument);
     }
     return RemotePath {host, argument.substr(colon + 1)};
-}
-
-std::vector<std::string> splitWords(const std::string& command)
-{
-    std::vector<std::string> words;
-    bool isInWord = false;
-    char quote = 0;
-    for (std::size_t i = 0; i < command.size(); ++i) {
-        char c = command[i];
-        if (quote == 0 && (c == ' ' || c == '\t')) {
-            isInWord = false;
-            continue;
-        }
-        if (!std::exchange(isInWord, true)) {
-            words.emplace_back();
-        }
-        if (c == quote) {
-            quote = 0;
-        } else if (quote == 0 && (c == '\'' || c == '"')) {
-            quote = c;
-        } else {
-            if (c == '\\' && quote != '\'' && i + 1 < command.size()) {
-                c = command[++i];
-            }
-            words.back() += c;
-        }
-    }
-    if (quote != 0) {
-        throw Failure(command, "a quote is not closed");
-    }
-    return words;
 }
 
 // The command that leads to the other machine, and its ends of the pipes.

@@ -31,8 +31,6 @@ struct RemotePath {
 };
 std::optional<RemotePath> remotePath(const std::string& argument);
 
-std::vector<std::string> splitWords(const std::string& command);
-
 class RemoteSide : public Side {
 public:
     RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter);

@@ -37,7 +37,7 @@ bool isSame(const Descriptor& directory, const std::string& name, const Descript
     struct stat there;
     struct stat own;
     return ::fstatat(directory.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 && ::fstat(file.get(), &own) == 0
-        && there.st_dev == own.st_dev && there.st_ino == own.st_ino;
+        && numberOf(there) == numberOf(own);
 }
 
 } // namespace

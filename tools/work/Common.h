@@ -8,7 +8,7 @@ namespace kelvane::tool {
 
 // What is believed of the hashes that are known already.
 enum class Trust {
-    Evidence, // that they are true, when the record beside the hash file says so
+    Record, // that they are true, when the record beside the hash file says so
     Nothing,
     Everything
 };
@@ -16,7 +16,7 @@ enum class Trust {
 struct Common {
     Reporter& reporter;
     unsigned jobs = 0; // threads that read and hash; 0: as many as the machine has cores
-    Trust trust = Trust::Evidence;
+    Trust trust = Trust::Record;
     Cache cache = Cache::LeaveAsFound;
 };
 

@@ -5,14 +5,13 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "work/Side.h"
 
 namespace kelvane::tool {
 
 namespace {
 
 constexpr std::int64_t BATCH = 32 << 20; // bytes that are written between two flushes, and kept in memory
-constexpr std::size_t MOST_PARTS = 1 << 12;
+constexpr std::size_t MOST_PIECES = 1 << 12;
 
 } // namespace
 
@@ -27,7 +26,7 @@ Copier::Copier(Image& destination, HashedImage& hashed, bool isSparse)
 }
 
 // The rest of a block that was begun; else whole blocks, the image's last one among them; else the beginning of one.
-Range Copier::firstPart(Range range) const
+Range Copier::firstOf(Range range) const
 {
     const std::int64_t inBlock = range.offset % m_blockSize;
     if (inBlock > 0) {
@@ -47,7 +46,7 @@ bool Copier::isOfWholeBlocks(Range range) const
 void Copier::makeRoom(Range range)
 {
     const std::int64_t needed = std::max(range.length, std::min(m_blockSize, m_destination.size() - range.offset));
-    if (range.offset % m_blockSize == 0 && (m_batch.size() >= MOST_PARTS || m_taken + needed > m_room)) {
+    if (range.offset % m_blockSize == 0 && (m_batch.size() >= MOST_PIECES || m_taken + needed > m_room)) {
         flush();
     }
     if (range.length > m_room - m_taken) {
@@ -59,20 +58,20 @@ void Copier::write(Range range, const char* data)
 {
     while (range.length > 0) {
         throwWhenInterrupted();
-        const Range part = firstPart(range);
-        if (data == nullptr && isOfWholeBlocks(part)) {
-            addZeros(part);
+        const Range first = firstOf(range);
+        if (data == nullptr && isOfWholeBlocks(first)) {
+            addZeros(first);
         } else {
-            addBytes(part, data);
+            addBytes(first, data);
         }
-        data = data == nullptr ? nullptr : data + part.length;
-        range = between(part.end(), range.end());
+        data = data == nullptr ? nullptr : data + first.length;
+        range = between(first.end(), range.end());
     }
 }
 
 void Copier::addZeros(Range range)
 {
-    if (m_batch.size() >= MOST_PARTS) {
+    if (m_batch.size() >= MOST_PIECES) {
         flush();
     }
     m_batch.push_back({range, nullptr});
@@ -109,19 +108,20 @@ void Copier::flush()
         return;
     }
     m_hashed.belief().mark();
-    for (const Part& part : m_batch) {
-        m_hashed.store().invalidate(part.range);
+    for (const Piece& piece : m_batch) {
+        m_hashed.store().invalidate(piece.range);
     }
     m_hashed.belief().flushHashes();
     const OwnChange change = m_hashed.belief().changeImage([&] {
-        for (const Part& part : m_batch) {
-            put(part);
+        for (const Piece& piece : m_batch) {
+            put(piece);
         }
     });
-    const bool isWritten = std::all_of(m_batch.begin(), m_batch.end(), [this](const Part& p) { return isThere(p); });
+    const bool isWritten
+        = std::all_of(m_batch.begin(), m_batch.end(), [this](const Piece& piece) { return isThere(piece); });
     addChange({change.wasUnchanged && isWritten, change.wasAlone});
-    for (const Part& part : m_batch) {
-        m_hashed.store().update(part.range, part.data);
+    for (const Piece& piece : m_batch) {
+        m_hashed.store().update(piece.range, piece.data);
     }
     m_batch.clear();
     m_taken = 0;
@@ -155,7 +155,7 @@ std::vector<Range> Copier::takeHoles(Range& rest) const
 {
     std::vector<Range> holes;
     std::int64_t room = BATCH;
-    while (rest.length > 0 && room > 0 && holes.size() < MOST_PARTS) {
+    while (rest.length > 0 && room > 0 && holes.size() < MOST_PIECES) {
         const Range data = m_destination.nextData(rest.offset, rest.end());
         const Range hole = between(rest.offset, std::min(data.offset, rest.offset + room));
         append(holes, hole);
@@ -165,26 +165,25 @@ std::vector<Range> Copier::takeHoles(Range& rest) const
     return holes;
 }
 
-void Copier::put(const Part& part)
+void Copier::put(const Piece& piece)
 {
-    part.data == nullptr ? putZeros(part.range) : m_destination.write(part.data, part.range);
+    piece.data == nullptr ? putZeros(piece.range) : m_destination.write(piece.data, piece.range);
 }
 
 // What others write to the same pages of a device is not counted twice.
-bool Copier::isThere(const Part& part) const
+bool Copier::isThere(const Piece& piece) const
 {
-    if (!m_destination.isBlockDevice() || part.data == nullptr) {
+    if (!m_destination.isBlockDevice() || piece.data == nullptr) {
         return true;
     }
-    std::vector<char> found(static_cast<std::size_t>(std::min(part.range.length, LONGEST_PIECE)));
-    for (Range rest = part.range; rest.length > 0;) {
-        const Range piece = {rest.offset, std::min(rest.length, std::ssize(found))};
-        m_destination.read(found.data(), piece);
-        const char* const written = part.data + (piece.offset - part.range.offset);
-        if (std::memcmp(found.data(), written, static_cast<std::size_t>(piece.length)) != 0) {
+    std::vector<char> found(static_cast<std::size_t>(std::min(piece.range.length, LONGEST_PIECE)));
+    for (Range rest = piece.range; rest.length > 0;) {
+        const Range next = takeFirst(rest, std::ssize(found));
+        m_destination.read(found.data(), next);
+        const char* const written = piece.data + (next.offset - piece.range.offset);
+        if (std::memcmp(found.data(), written, static_cast<std::size_t>(next.length)) != 0) {
             return false;
         }
-        rest = between(piece.end(), rest.end());
     }
     return true;
 }
@@ -196,9 +195,7 @@ void Copier::putZeros(Range range)
     }
     const std::vector<char> zeros(static_cast<std::size_t>(std::min(range.length, LONGEST_PIECE)));
     while (range.length > 0) {
-        const Range piece = between(range.offset, std::min(range.end(), range.offset + std::ssize(zeros)));
-        m_destination.write(zeros.data(), piece);
-        range = between(piece.end(), range.end());
+        m_destination.write(zeros.data(), takeFirst(range, std::ssize(zeros)));
     }
 }
 

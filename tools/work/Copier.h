@@ -8,6 +8,7 @@
 #include "base/Reporter.h"
 #include "image/Image.h"
 #include "work/HashedImage.h"
+#include "work/Piece.h"
 
 namespace kelvane::tool {
 
@@ -37,20 +38,15 @@ public:
     const OwnChange& ownChange() const { return m_ownChange; }
 
 private:
-    struct Part {
-        Range range;
-        char* data; // null for zeros
-    };
-
-    Range firstPart(Range range) const;
+    Range firstOf(Range range) const;
     bool isOfWholeBlocks(Range range) const;
     void makeRoom(Range range);
     void addZeros(Range range);
     void addBytes(Range range, const char* data);
     void addChange(const OwnChange& change);
     std::vector<Range> takeHoles(Range& rest) const;
-    void put(const Part& part);
-    bool isThere(const Part& part) const;
+    void put(const Piece& piece);
+    bool isThere(const Piece& piece) const;
     void putZeros(Range range);
 
     Image& m_destination;
@@ -59,7 +55,7 @@ private:
     std::int64_t m_blockSize;
     std::int64_t m_room;
     std::unique_ptr<char[]> m_buffer;
-    std::vector<Part> m_batch;
+    std::vector<Piece> m_batch;
     std::int64_t m_taken = 0; // of the room
     OwnChange m_ownChange;
 };

@@ -163,11 +163,10 @@ void LocalSide::askBytes(Range range, std::int64_t unit)
     std::vector<Digest>& digests = m_digests.emplace_back();
     while (range.length > 0) {
         throwWhenInterrupted();
-        const Range piece = {range.offset, std::min(unit, range.length)};
-        const ImageData data(m_hashed->reader(), piece);
-        digests.push_back(BlakeHash().get_hash(const_cast<char*>(data.get()), piece.length));
+        const Range next = takeFirst(range, unit);
+        const ImageData data(m_hashed->reader(), next);
+        digests.push_back(BlakeHash().get_hash(const_cast<char*>(data.get()), next.length)); // which is only read
         data.check();
-        range = between(piece.end(), range.end());
     }
 }
 

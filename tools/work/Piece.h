@@ -3,13 +3,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <kelvane/BlockHashStore.h>
 
 #include "base/Range.h"
+#include "hash_file/Store.h"
 
 namespace kelvane::tool {
-
-using Digest = BlockHashStore::HashValue;
 
 // Pieces come in ascending order, and none is longer than this, but for zeros, whose data is null.
 constexpr std::int64_t LONGEST_PIECE = 1 << 20;
@@ -17,7 +15,7 @@ constexpr std::int64_t LONGEST_PIECE = 1 << 20;
 struct Piece {
     Range range;
     const char* data;
-    Digest digest; // the hash of the hashes of its blocks, as the giver knows them; may be empty
+    Digest digest = {}; // the hash of the hashes of its blocks, as the giver knows them; may be empty
 };
 
 using Sink = std::function<void(const Piece& piece)>;

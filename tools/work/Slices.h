@@ -37,7 +37,7 @@ public:
             return nextOfAll();
         }
         while (m_toTake > 0) {
-            const Range slice = take(m_size);
+            const Range slice = takeFirst(m_rest, m_size);
             // Every choice of so many slices is equally likely.
             const bool isTaken = std::uniform_int_distribution<std::int64_t>(1, m_left)(m_random) <= m_toTake;
             --m_left;
@@ -64,14 +64,8 @@ private:
             return std::nullopt;
         }
         const std::int64_t hole = m_image->nextData(m_rest.offset, m_rest.end()).offset - m_rest.offset;
-        return take(hole < m_rest.length ? roundDown(std::min(hole, m_holeSize), m_size) : m_holeSize);
-    }
-
-    Range take(std::int64_t length)
-    {
-        const Range slice = {m_rest.offset, std::min(m_rest.length, std::max(m_size, length))};
-        m_rest = between(slice.end(), m_rest.end());
-        return slice;
+        const std::int64_t length = hole < m_rest.length ? roundDown(std::min(hole, m_holeSize), m_size) : m_holeSize;
+        return takeFirst(m_rest, std::max(m_size, length));
     }
 
     std::mutex m_mutex;
