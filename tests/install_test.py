@@ -64,7 +64,7 @@ class Install(unittest.TestCase):
         built = run("cmake", "--build", self.path("embedded"), "--target", "help")
         self.assertNotRegex(built, "kelvane-hash|kelvane_tests|range_hash|man_page")
 
-    def test_sanitizers_of_an_embedding_project_stay_out_of_the_kernel(self):
+    def test_an_embedding_project_decides_on_warnings_and_sanitizers_which_stay_out_of_the_kernel(self):
         sanitizers = "-fsanitize=address,undefined"
         with open(self.path("sanitizers.cmake"), "w") as file:
             file.write(f"add_compile_options({sanitizers})")
@@ -73,6 +73,7 @@ class Install(unittest.TestCase):
                 f"-DKELVANE_SOURCE={SOURCE}", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *f"-DCMAKE_CXX_{way}".split())
             with open(self.path("sanitized/compile_commands.json")) as file:
                 commands = {os.path.basename(entry["file"]): entry["command"] for entry in json.load(file)}
+            self.assertNotRegex(" ".join(commands.values()), " -W")
             for name, last in (("main.cpp", sanitizers), ("Blake2sp.cpp", "-fno-sanitize=all"),
                                ("Blake2spStreams.cpp", "-fno-sanitize=all")):
                 self.assertEqual(re.findall(r"-f(?:no-)?sanitize=\S+", commands[name])[-1], last)

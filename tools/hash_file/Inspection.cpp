@@ -14,6 +14,11 @@ std::string sizeOf(const std::string& path)
     return std::to_string(std::filesystem::file_size(path, error));
 }
 
+Failure noHashFile(const std::string& path)
+{
+    return {path, 0, "not a hash file"};
+}
+
 // The library's text ends in the number of the error; people want its name.
 std::string named(const std::system_error& error)
 {
@@ -34,7 +39,7 @@ Failure explained(const std::string& path, const std::runtime_error& error)
     case HashFileFault::FileType:
     case HashFileFault::Length:
     case HashFileFault::MagicNumber:
-        return {path, 0, "not a hash file"};
+        return noHashFile(path);
     case HashFileFault::Version:
     case HashFileFault::DataRegionOffset:
     case HashFileFault::BlockSize:
@@ -64,7 +69,7 @@ Descriptor openHashFile(const std::string& path)
     const Descriptor found = openFile(path, O_PATH); // a pipe would be waited for
     struct stat status;
     if (found && ::fstat(found.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw Failure(path, 0, NO_HASH_FILE);
+        throw noHashFile(path);
     }
     Descriptor file = found ? openAgain(found, O_RDONLY) : Descriptor();
     return file ? std::move(file) : throw Failure(path, "cannot open the hash file: " + errorText(errno));
