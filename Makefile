@@ -5,46 +5,43 @@ BUILD_JOBS ?= $(shell nproc)
 INSTALL = scripts/install_packages.sh
 MAKEFLAGS += --no-print-directory
 
+# What is built, and how, the presets say. $(2): options besides.
+build = cmake --preset $(1) $(2) && cmake --build --preset $(1) --parallel $(BUILD_JOBS)
+
 # What was skipped is told in the end, a line each.
 run_tests = ctest --preset $(1) --parallel $(BUILD_JOBS); result=$$?; \
   grep '^skipped: ' build/$(1)/Testing/Temporary/LastTest.log; exit $$result
 
-.PHONY: demo test install package bench bench-tools check sanitize valgrind fuzz coverage mutants docs format clean
+.PHONY: demo test install package bench bench-tools check sanitize arm64 valgrind fuzz coverage mutants docs format clean
 
 demo:
 	$(INSTALL) build demo
-	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF
-	cmake --build build/demo --parallel $(BUILD_JOBS)
+	$(call build,demo)
 	examples/run_demo.sh build/demo
 
 test:
 	$(INSTALL) build test
-	cmake --preset release
-	cmake --build --preset release --parallel $(BUILD_JOBS)
+	$(call build,release)
 	$(call run_tests,release)
 
 # The library, the program and its manual page, under PREFIX; DESTDIR is heeded.
 PREFIX ?= /usr/local
 install:
 	$(INSTALL) build install
-	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX) -DKELVANE_BUILD_TESTS=OFF
-	cmake --build build/demo --parallel $(BUILD_JOBS)
+	$(call build,demo,-DCMAKE_INSTALL_PREFIX=$(PREFIX))
 	cmake --install build/demo
 
 # Debian packages of the library with its headers and of the program, in build/.
 package:
 	$(INSTALL) build install package
-	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DKELVANE_BUILD_TESTS=OFF
-	cmake --build build/demo --parallel $(BUILD_JOBS)
+	$(call build,demo,-DCMAKE_INSTALL_PREFIX=/usr)
 	cpack --config build/demo/CPackConfig.cmake -B build
 
 # Figures mean something on a machine that has nothing else to do. BENCH_REPORT=--strict makes rows that fall
 # short a failure; BENCH_REPORT='--markdown docs/performance.md' puts the table there.
 bench:
 	$(INSTALL) build bench
-	cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF -DKELVANE_BUILD_TOOLS=OFF \
-	  -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_BENCHMARKS=ON
-	cmake --build build/bench --parallel $(BUILD_JOBS)
+	$(call build,bench)
 	build/bench/bench/kelvane_benchmarks --benchmark_out=build/bench.json --benchmark_out_format=json \
 	  --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
 	  >build/bench.log 2>&1 || { cat build/bench.log; false; }
@@ -53,22 +50,27 @@ bench:
 # The program side by side with others that hash whole images.
 bench-tools:
 	$(INSTALL) build bench-tools
-	cmake -S . -B build/demo -DCMAKE_BUILD_TYPE=Release -DKELVANE_BUILD_TESTS=OFF
-	cmake --build build/demo --parallel $(BUILD_JOBS) --target kelvane-hash
+	$(call build,demo)
 	bench/compare_tools.py build/demo/tools/kelvane-hash $(BENCH_REPORT)
 
 # The tests again, with the address and undefined behaviour sanitizers.
 sanitize:
 	$(INSTALL) build test
-	cmake --preset sanitize
-	cmake --build --preset sanitize --parallel $(BUILD_JOBS)
+	$(call build,sanitize)
 	$(call run_tests,sanitize)
+
+# The library and its tests for 64-bit ARM, run by an emulator; digests on NEON are compared with those of Python here.
+arm64:
+	$(INSTALL) build arm64
+	$(call build,arm64)
+	$(call run_tests,arm64)
+	grep '^digests on NEON: ' build/arm64/Testing/Temporary/LastTest.log
+	@echo 'left out: the program, the examples, and what is installed; these were not built'
 
 # The tests again, under valgrind, which leaves them their own operator new. Threads only wait there.
 valgrind:
 	$(INSTALL) build test valgrind
-	cmake --preset release
-	cmake --build --preset release --parallel $(BUILD_JOBS)
+	$(call build,release)
 	KELVANE_MODEL_ROUNDS=5 OMP_NUM_THREADS=1 valgrind --error-exitcode=1 --soname-synonyms=somalloc=nouserintercepts \
 	  --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite \
 	  build/release/tests/kelvane_tests --gtest_brief=1
@@ -78,27 +80,18 @@ valgrind:
 FUZZ_SECONDS ?= 60
 fuzz:
 	$(INSTALL) build fuzz
-	cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-	  -DCMAKE_CXX_FLAGS='-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all' \
-	  -DKELVANE_BUILD_TESTS=OFF -DKELVANE_BUILD_EXAMPLES=OFF -DKELVANE_BUILD_FUZZERS=ON
-	cmake --build build/fuzz --parallel $(BUILD_JOBS) --target fuzz_corrupt_file fuzz_messages message_seeds
+	$(call build,fuzz)
 	mkdir -p build/fuzz/corpus build/fuzz/messages
 	build/fuzz/fuzz/fuzz_corrupt_file -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -timeout=10 -malloc_limit_mb=5000 \
 	  -artifact_prefix=build/fuzz/ build/fuzz/corpus fuzz/corpus
 	build/fuzz/fuzz/fuzz_messages -max_total_time=$(FUZZ_SECONDS) -max_len=8192 -timeout=10 \
 	  -artifact_prefix=build/fuzz/ build/fuzz/messages fuzz/messages
 
-# Which branches of the library its tests take. Only one variant of the hash kernel is built: they share their source.
+# Which lines and branches the tests take: of the library its own tests, of the program its own.
 coverage:
 	$(INSTALL) build test coverage
-	cmake -S . -B build/coverage -DCMAKE_BUILD_TYPE=Debug -DKELVANE_BUILD_TOOLS=OFF -DKELVANE_BUILD_EXAMPLES=OFF \
-	  -DCMAKE_CXX_FLAGS='--coverage -O0 -DHWY_COMPILE_ONLY_STATIC'
-	cmake --build build/coverage --parallel $(BUILD_JOBS)
-	find build/coverage -name '*.gcda' -delete
-	KELVANE_MODEL_ROUNDS=5 build/coverage/tests/kelvane_tests --gtest_brief=1
-	gcovr --root . --filter src/ --filter include/ --branches --exclude-throw-branches --exclude-unreachable-branches \
-	  --fail-under-line 99 --fail-under-branch 96 --print-summary \
-	  build/coverage/CMakeFiles build/coverage/tests/CMakeFiles/kelvane_tests.dir
+	$(call build,coverage)
+	scripts/coverage.sh build/coverage $(BUILD_JOBS)
 
 # All of the above and more, with one line for every figure.
 check:

@@ -7,11 +7,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <kelvane/BlockHashStore.h>
+#include <kelvane/TargetSource.h>
 
 using namespace kelvane;
 
@@ -24,11 +27,12 @@ struct Range {
     kelvane_off_t length;
 };
 
-// One machine: an image and its store.
-class Machine {
+// One machine: an image, which lends its bytes, and its store.
+class Machine : public TargetSource {
 public:
     explicit Machine(const std::string& image)
         : m_fd(::open(image.c_str(), O_RDONLY | O_CLOEXEC))
+        , m_buffer(1 << 20)
     {
         struct stat status;
         if (m_fd < 0 || ::fstat(m_fd, &status) != 0) {
@@ -43,23 +47,20 @@ public:
 
     kelvane_off_t size() const { return m_size; }
 
-    BlockHashStore::HashValue hash(Range range)
+    BlockHashStore::HashValue hash(Range range) { return m_store->hash_range(range.offset, range.length, *this); }
+
+    LentData lend(kelvane_off_t offset, kelvane_buf_len_t length) override
     {
-        const auto read = [this](const std::vector<kelvane_off_t>& offsets, const std::vector<kelvane_off_t>& lengths) {
-            std::vector<std::unique_ptr<char[]>> data;
-            for (size_t i = 0; i < offsets.size(); ++i) {
-                data.push_back(std::make_unique<char[]>(static_cast<size_t>(lengths[i])));
-                if (::pread(m_fd, data.back().get(), static_cast<size_t>(lengths[i]), offsets[i]) != lengths[i]) {
-                    throw std::runtime_error("cannot read the image");
-                }
-            }
-            return data;
-        };
-        return m_store->get_hash(range.offset, range.length, read);
+        length = std::min(length, static_cast<kelvane_buf_len_t>(m_buffer.size()));
+        if (::pread(m_fd, m_buffer.data(), static_cast<size_t>(length), offset) != length) {
+            throw std::runtime_error("cannot read the image");
+        }
+        return {m_buffer.data(), length};
     }
 
 private:
     int m_fd;
+    std::vector<char> m_buffer;
     kelvane_off_t m_size = 0;
     std::unique_ptr<BlockHashStore> m_store;
 };

@@ -11,13 +11,13 @@
 // data callback". Metric callbacks must not use it either.
 //
 // Failures. Every failure is a thrown std::runtime_error with the text given below; "(errno)" stands for
-// ": " and the error number in decimal. Failed allocations and whatever a callback throws pass through
-// unchanged. After a failure the store can be used as before, unless moved from. While another exception
-// is propagating (a destructor uses the store), a failure marked (errno) is logged instead of thrown:
-// `create`, `update_hashes`, `store_hashes_of_zeros`, `invalidate_hashes` and `for_each_unknown_range` then just
-// return, `open` returns an empty pointer, `get_hash` and `hash_range` an empty value, `learn_hashes` and
-// `find_wrong_hashes` false, `discard_torn_entries` 0, and nothing more is read or written by that call. A failed close
-// alone changes nothing else then: the call goes on after the log line.
+// ": " and the error number in decimal, and such a failure is a std::system_error, whose code() has that number. Failed
+// allocations and whatever a callback throws pass through unchanged. After a failure the store can be used as before,
+// unless moved from. While another exception is propagating (a destructor uses the store), a failure marked (errno) is
+// logged instead of thrown: `create`, `update_hashes`, `store_hashes_of_zeros`, `invalidate_hashes` and
+// `for_each_unknown_range` then just return, `open` returns an empty pointer, `get_hash` and `hash_range` an empty
+// value, `learn_hashes` and `find_wrong_hashes` false, `discard_torn_entries` 0, and nothing more is read or written by
+// that call. A failed close alone changes nothing else then: the call goes on after the log line.
 //
 // Memory. get_hash, update_hashes and invalidate_hashes take one hash entry (33 bytes) per block of the range, kept for
 // the next one, and while get_hash lasts at most 56 bytes per stretch of unknown blocks and what the callback hands
@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "Export.h"
+#include "HashFileFault.h"
 #include "HashFunctionType.h"
 #include "IHashFunction.h"
 #include "Protocol.h"
@@ -309,6 +310,13 @@ public:
     uint64_t discard_torn_entries();
 
     // Brings all entries to stable storage; true when that succeeded, with `errno` set otherwise.
+    // After false, what was written since the last success may have reached the disk in parts and be forgotten: memory
+    // goes on showing it, to every store, and the next call may succeed without it. So do not write the target, and
+    // trust no hash that was changed since then, before one of these is done:
+    //   everything that was changed since is invalidated again, which writes it anew, and this returns true; or
+    //   all stores on the file are closed, the file is dropped from the system's memory (posix_fadvise with
+    //   POSIX_FADV_DONTNEED), which shows what the disk has, it is opened and discard_torn_entries called; or
+    //   it is created anew.
     [[nodiscard]] bool sync_to_disk();
 
 private:
@@ -378,7 +386,6 @@ private:
     [[noreturn]] static void failWithErrno(std::string_view message, std::string_view value = {});
     [[noreturn]] static void failWithErrno(std::string_view message, kelvane_ssize_t value);
     static bool fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
-    static void throwOnBlockSizeOfZero(uint32_t blockSize);
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static uint64_t fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize);
     static void makeFile(const std::string& path, kelvane_size_t fileLength);
@@ -386,6 +393,10 @@ private:
                             uint32_t blockSize, uint32_t hashId);
     void openAndAdapt(const std::string& path, kelvane_size_t targetSizeInBytes);
     uint64_t openAndValidate(const std::string& path, int flags);
+    HashFileFinding openAndExamine(const std::string& path, int flags, uint64_t& fileSize);
+    HashFileFault headerFault(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize);
+    void throwOnFault(HashFileFault fault, const std::string& path, uint64_t fileSize) const;
+    static uint64_t fieldWith(HashFileFault fault);
     void addZeros(uint64_t offset, uint64_t length);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
     kelvane_off_t blockOffset(const Span& span, kelvane_ssize_t position) const;

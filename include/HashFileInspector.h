@@ -38,6 +38,11 @@ public:
     HashFileInspector(HashFileInspector&& other) noexcept;
     HashFileInspector& operator=(HashFileInspector&& other) noexcept;
 
+    // Looks whether the file at `path` can be opened as a hash file, and why not, without the failures of opening:
+    // throws nothing but std::bad_alloc. FileSize is told against the size of the target that the file records itself,
+    // and TargetSize never.
+    [[nodiscard]] static HashFileFinding examine(const std::string& path);
+
     // What the header held when the file was opened.
     uint64_t magic_number() const;
     uint64_t version() const;

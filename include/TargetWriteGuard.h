@@ -24,6 +24,11 @@ namespace kelvane {
 // range touches: that would store the block's hash before the write is complete. For many writes at once
 // it is cheaper to invalidate all ranges, sync once, write and flush, and then update all; no two of them
 // may touch the same block.
+//
+// A flush of the target that fails may lose what was written, which memory goes on showing, and the next flush succeeds
+// without it. So a flush is no reason to commit when an earlier one failed after the bytes were written: write them
+// again and flush, or leave the range unknown, and have it hashed only after the target was dropped from the system's
+// memory (posix_fadvise with POSIX_FADV_DONTNEED) and read again.
 class TargetWriteGuard {
 public:
     // Makes the blocks that the range touches unknown and waits until that is on the disk. `offset` and
@@ -31,7 +36,8 @@ public:
     //   "failed to sync hash file: " and `errno`
     //   "cannot guard a target write while an exception propagates", for then the store could not report
     //   its failures; nothing is changed.
-    // After any failure the target must not be written.
+    // After any failure the target must not be written: on the disk, the old hashes may be known still. Another guard
+    // of the range, of all its blocks at least, may be made; it writes all that once more.
     TargetWriteGuard(BlockHashStore& store, kelvane_off_t offset, kelvane_buf_len_t length)
         : m_store(store)
         , m_offset(offset)
@@ -51,10 +57,10 @@ public:
     TargetWriteGuard& operator=(const TargetWriteGuard&) = delete;
 
     // Stores the hashes of the blocks that the range covers wholly; `buffer` holds the range's bytes as
-    // they now stand in the target, on stable storage. At most once per guard. Fails as
-    // BlockHashStore::update_hashes does. A write of entries that was cut short can leave one that is marked as known
-    // with only a part of its hash, so the range is then made unknown again, and that is synced, both as far as
-    // possible. Where the hash file takes no write at all, nothing has changed. Further
+    // they now stand in the target, on stable storage, written since the last flush that failed. At most once per
+    // guard. Fails as BlockHashStore::update_hashes does. A write of entries that was cut short can leave one that is
+    // marked as known with only a part of its hash, so the range is then made unknown again, and that is synced, both
+    // as far as possible. Where the hash file takes no write at all, nothing has changed. Further
     //   "cannot commit a target write while an exception propagates"; the range stays unknown.
     // The hashes reach the disk in their own time: losing them costs a rehash.
     void commit(const void* buffer)

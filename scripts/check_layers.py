@@ -35,7 +35,7 @@ def main():
         room = os.path.relpath(directory, ROOT)
         for name in (name for name in names if name.endswith((".h", ".cpp"))):
             for bracket, include in INCLUDE.findall(open(os.path.join(directory, name)).read()):
-                places = [os.path.normpath(os.path.join(base, include)) for base in (room, *BASES)]
+                places = [os.path.normpath(os.path.join(base, include)) for base in (room, f"{room}/own", *BASES)]
                 file = next((place for place in places if os.path.exists(f"{ROOT}/{place}")), None)
                 target = file and os.path.dirname(file)
                 if bracket == "<" and target is None:  # the system's, or the library's as its users see it

@@ -11,8 +11,7 @@
 #include "Support.h"
 #include "hash/Blake2sp.h"
 
-// As the kernel has it, so that both mean the same targets.
-#define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
+#include "hash/Targets.h" // so that both mean the same targets
 #include <hwy/targets.h>
 
 namespace kelvane {

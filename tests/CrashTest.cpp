@@ -2,14 +2,20 @@
 // one, states are built that the disk may hold if the power fails then: of what was not synced, any choice of
 // 512-byte sectors, and the old or the new size. In every state, an entry that says known must hold the
 // digest of what the target holds.
+//
+// A sync may also fail, and take with it what it should have written: some of that is on the disk, the rest never will
+// be, while memory goes on showing it, and the next sync succeeds.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <iostream>
 #include <limits>
 #include <map>
+#include <optional>
+#include <span>
 
 #include "Support.h"
 #include "SystemCalls.h"
@@ -23,6 +29,7 @@ constexpr std::size_t SECTOR = 512;
 constexpr std::size_t BLOCK = 1024;                // which can be torn, as an entry can
 constexpr std::size_t SIZE = 160 * BLOCK;          // the entries take two pages
 constexpr std::size_t SMALLER = 100 * BLOCK - 100; // and these one
+constexpr std::size_t OFFSET = 8 * BLOCK, LENGTH = 4 * BLOCK;
 
 // What the system and the disk hold of one file.
 class DiskFile {
@@ -57,6 +64,22 @@ public:
             }
             return overlaps;
         });
+    }
+
+    // A sync that fails: what was written is forgotten, but for what had arrived already.
+    void lose(Random& random)
+    {
+        for (const Sector& sector : m_pending) {
+            random.chance(50) ? apply(m_durable, sector) : void();
+        }
+        m_pending.clear();
+    }
+
+    // What was lost is not in memory any more; what is still to be written is.
+    const Bytes& drop()
+    {
+        m_current = state([] { return true; });
+        return m_current;
     }
 
     void syncSize()
@@ -96,11 +119,25 @@ private:
     std::vector<Sector> m_pending;
 };
 
+struct Figures {
+    std::size_t points = 0, states = 0, refused = 0, lies = 0;
+};
+
+enum class Faulty { Nothing, HashFile, Target };
+
+// Which syncs fail: so many of one file, from the first one on.
+struct FlushFault {
+    Faulty file = Faulty::Nothing;
+    int first = 0, times = 0;
+};
+
 // A hash file and a target file on the recorded disk; all blocks are known at the start.
 class CrashLab {
 public:
-    explicit CrashLab(bool discardsTornEntries)
+    CrashLab(bool discardsTornEntries, FlushFault fault, Figures& figures)
         : m_discardsTornEntries(discardsTornEntries)
+        , m_fault(fault)
+        , m_figures(figures)
     {
         Bytes target = randomBytes(SIZE, 7);
         writeFile(m_targetPath, target);
@@ -115,12 +152,12 @@ public:
     // Runs the operation, with the power failing after each of its steps.
     void run(void (*operation)(CrashLab&))
     {
-        const CallHook hook([this](const CallRecord& call) {
-            follow(call);
-            return Outcome {};
-        });
+        const CallHook hook([this](const CallRecord& call) { return Outcome {follow(call) ? 0 : EIO}; });
         operation(*this);
     }
+
+    // Whether the flush came that was to fail.
+    bool hasFailed() const { return m_flushes > m_fault.first; }
 
     void create(uint32_t block) { BlockHashStore::create(m_hashPath, Blake2dHashFunctionType, SIZE, 0, block, true); }
     std::unique_ptr<BlockHashStore> open(std::size_t targetSize)
@@ -133,7 +170,12 @@ public:
         ASSERT_EQ(::pwrite(m_targetFd, bytes.data(), bytes.size(), static_cast<off_t>(offset)),
                   static_cast<ssize_t>(bytes.size()));
     }
-    void flushTarget() { ASSERT_EQ(::fsync(m_targetFd), 0); }
+    [[nodiscard]] bool flushesTarget() { return ::fsync(m_targetFd) == 0; }
+    void flushTarget() { EXPECT_TRUE(flushesTarget()); }
+
+    // What is written there is read from the disk from now on.
+    void dropTarget() { drop(m_targetPath); }
+    void dropHashes() { drop(m_hashPath); }
     void shrinkTarget() { ASSERT_EQ(::ftruncate(m_targetFd, SMALLER), 0); }
 
     MemoryTarget target() const { return {readFile(m_targetPath)}; } // as the system has it
@@ -149,15 +191,29 @@ public:
         return known;
     }
 
-    std::size_t points = 0, states = 0, refused = 0, lies = 0;
-
 private:
-    void follow(const CallRecord& call)
+    void drop(const std::string& path)
+    {
+        auto* const hook = std::exchange(CallHook::active, nullptr); // it is nothing that the disk gets
+        writeFile(path, m_files.at(path).drop());
+        CallHook::active = hook;
+    }
+
+    bool fails(const std::string& path)
+    {
+        const bool isHashFile = path == m_hashPath;
+        const bool isFaulty = m_fault.file == (isHashFile ? Faulty::HashFile : Faulty::Target);
+        const int flush = isFaulty ? m_flushes++ : -1;
+        return flush >= m_fault.first && flush < m_fault.first + m_fault.times;
+    }
+
+    // False when the call fails.
+    bool follow(const CallRecord& call)
     {
         std::error_code none;
         const auto file = m_files.find(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(call.fd), none));
         if (file == m_files.end()) {
-            return;
+            return true;
         }
         DiskFile& disk = file->second;
         struct stat status;
@@ -171,14 +227,20 @@ private:
         } else if (call.call == Call::Truncate) {
             disk.resize(call.length);
         } else if (call.call != Call::Fsync) { // syncing a range leaves it in the disk's cache
-            return;
+            return true;
         }
         cutThePower();
+        if (call.call == Call::Fsync && fails(file->first)) {
+            disk.lose(m_random);
+            cutThePower();
+            return false;
+        }
         if (call.call == Call::Fsync || (writes && (::fcntl(call.fd, F_GETFL) & O_SYNC) == O_SYNC)) {
             writes ? disk.syncRange(offset, call.length) : disk.syncRange(0, std::numeric_limits<std::size_t>::max());
             disk.syncSize();
             cutThePower();
         }
+        return true;
     }
 
     // All states where they are few; otherwise those in which the first so many changes have arrived, and some others.
@@ -189,7 +251,7 @@ private:
         const std::size_t questions = hashes.openQuestions() + target.openQuestions();
         const bool few = questions < 6;
         const std::size_t number = few ? std::size_t {1} << questions : questions + 1 + 40;
-        ++points;
+        ++m_figures.points;
         for (std::size_t n = 0; n < number; ++n) {
             std::size_t asked = 0;
             const auto reached = [&] {
@@ -204,17 +266,17 @@ private:
     // The machine is up again: the caller opens the store for the target's size as it now is.
     void check(const Bytes& hashState, const Bytes& targetState)
     {
-        ++states;
+        ++m_figures.states;
         writeFile(m_statePath, hashState);
         std::unique_ptr<BlockHashStore> store;
         if (failureOf([&] { store = BlockHashStore::open(m_statePath, targetState.size()); }) != "(none)") {
-            ++refused; // nothing is believed of it
+            ++m_figures.refused; // nothing is believed of it
             return;
         }
         if (m_discardsTornEntries) {
             store->discard_torn_entries();
         }
-        lies += hasWrongEntry(readFile(m_statePath), targetState, store->getBlockSize()) ? 1 : 0;
+        m_figures.lies += hasWrongEntry(readFile(m_statePath), targetState, store->getBlockSize()) ? 1 : 0;
     }
 
     QuietLog m_quiet;
@@ -223,6 +285,9 @@ private:
     std::string m_targetPath = m_directory.file("target");
     std::string m_statePath = m_directory.file("state");
     bool m_discardsTornEntries;
+    FlushFault m_fault;
+    int m_flushes = 0; // of the faulty file
+    Figures& m_figures;
     std::map<std::string, DiskFile> m_files;
     int m_targetFd;
     Random m_random {std::mt19937_64(20001312)};
@@ -255,10 +320,9 @@ void writeTheTargetFirst(CrashLab& lab)
 // Two writes, each step for both.
 void writeBoth(CrashLab& lab)
 {
-    constexpr std::size_t LENGTH = 4 * BLOCK;
     const auto store = lab.open(SIZE);
     const std::pair<std::size_t, Bytes> writes[]
-        = {{8 * BLOCK, randomBytes(LENGTH, 4)}, {20 * BLOCK, randomBytes(LENGTH, 5)}};
+        = {{OFFSET, randomBytes(LENGTH, 4)}, {20 * BLOCK, randomBytes(LENGTH, 5)}};
     for (const auto& [offset, bytes] : writes) {
         store->invalidate_hashes(static_cast<kelvane_off_t>(offset), LENGTH);
     }
@@ -283,6 +347,69 @@ void writeAndHash(CrashLab& lab)
     MemoryTarget target = lab.target();
     store->get_hash(0, SIZE, target.supplier());
     EXPECT_TRUE(store->sync_to_disk());
+}
+
+// Two writes to the same blocks, in the safe order. When a flush fails, all is done again that it covered.
+template <bool DropsHashes>
+void writeUntilFlushed(CrashLab& lab)
+{
+    auto store = lab.open(SIZE);
+    for (const unsigned seed : {21, 22}) {
+        const Bytes bytes = randomBytes(LENGTH, seed);
+        std::optional<TargetWriteGuard> guard;
+        while (!guard) {
+            try {
+                guard.emplace(*store, OFFSET, LENGTH);
+            } catch (const std::runtime_error&) {
+                if (DropsHashes) {
+                    store.reset();
+                    lab.dropHashes();
+                    store = lab.open(SIZE);
+                    store->discard_torn_entries();
+                }
+            }
+        }
+        do {
+            lab.writeTarget(OFFSET, bytes);
+        } while (!lab.flushesTarget());
+        guard->commit(std::as_bytes(std::span(bytes)));
+    }
+}
+
+// When the flush fails, what the system has of the target is dropped before it is hashed, or not.
+template <bool DropsTarget>
+void writeFlushAndHash(CrashLab& lab)
+{
+    const auto store = lab.open(SIZE);
+    const TargetWriteGuard guard(*store, OFFSET, LENGTH);
+    lab.writeTarget(OFFSET, randomBytes(LENGTH, 23));
+    while (!lab.flushesTarget()) {
+        DropsTarget ? lab.dropTarget() : void();
+    }
+    MemoryTarget target = lab.target();
+    store->get_hash(0, SIZE, target.supplier());
+}
+
+// Takes a flush for done that succeeds after one that failed.
+void flushTheHashesAgain(CrashLab& lab)
+{
+    const Bytes bytes = randomBytes(LENGTH, 24);
+    const auto store = lab.open(SIZE);
+    store->invalidate_hashes(OFFSET, LENGTH);
+    while (!store->sync_to_disk()) { }
+    lab.writeTarget(OFFSET, bytes);
+    lab.flushTarget();
+    store->update_hashes(OFFSET, std::as_bytes(std::span(bytes)));
+}
+
+void flushTheTargetAgain(CrashLab& lab)
+{
+    const Bytes bytes = randomBytes(LENGTH, 25);
+    const auto store = lab.open(SIZE);
+    TargetWriteGuard guard(*store, OFFSET, LENGTH);
+    lab.writeTarget(OFFSET, bytes);
+    while (!lab.flushesTarget()) { }
+    guard.commit(std::as_bytes(std::span(bytes)));
 }
 
 // The target shrinks, and grows again with other bytes.
@@ -315,6 +442,7 @@ struct Scenario {
     int64_t known;            // blocks in the end
     bool changesSize = false; // or block size: then a cut-off change may be refused
     bool discardsTornEntries = true;
+    Faulty faulty = Faulty::Nothing;
 };
 
 const Scenario SCENARIOS[]
@@ -324,20 +452,43 @@ const Scenario SCENARIOS[]
        {"create", [](CrashLab& lab) { lab.create(500); }, true, 0, true},
        {"shrink and grow, invalidated before shrinking", shrinkAndGrow<Invalidated::BeforeShrinking>, true, 99, true},
        {"shrink and grow, invalidated before growing", shrinkAndGrow<Invalidated::BeforeGrowing>, true, 99, true},
+       {"failed flush of the hashes, invalidated again", writeUntilFlushed<false>, true, 160, false, true,
+        Faulty::HashFile},
+       {"failed flush of the hashes, dropped", writeUntilFlushed<true>, true, 160, false, true, Faulty::HashFile},
+       {"failed flush of the target, written again", writeUntilFlushed<false>, true, 160, false, true, Faulty::Target},
+       {"failed flush of the target, dropped", writeFlushAndHash<true>, true, 160, false, true, Faulty::Target},
        {"negative control: target first", writeTheTargetFirst, false, 160},
        {"negative control: hashed before the flush", writeAndHash<false>, false, 160},
-       {"negative control: torn entries kept", writeInSafeOrder, false, 157, false, false}};
+       {"negative control: torn entries kept", writeInSafeOrder, false, 157, false, false},
+       {"negative control: failed flush of the hashes, flushed again", flushTheHashesAgain, false, 160, false, true,
+        Faulty::HashFile},
+       {"negative control: failed flush of the target, flushed again", flushTheTargetAgain, false, 160, false, true,
+        Faulty::Target},
+       {"negative control: failed flush of the target, hashed", writeFlushAndHash<false>, false, 160, false, true,
+        Faulty::Target}};
+
+// Runs a scenario once, or for every flush that can fail, which fails once or twice.
+Figures figuresOf(const Scenario& scenario)
+{
+    Figures figures;
+    FlushFault fault = {scenario.faulty, 0, 1};
+    for (bool more = true; more; fault.first += fault.times - 1, fault.times = 3 - fault.times) {
+        CrashLab lab(scenario.discardsTornEntries, fault, figures);
+        lab.run(scenario.run);
+        EXPECT_EQ(lab.known(), scenario.known) << scenario.name;
+        more = lab.hasFailed();
+    }
+    return figures;
+}
 
 TEST(CrashTest, LeavesAWrongKnownEntryInNoOrderThatIsSafe)
 {
     for (const Scenario& scenario : SCENARIOS) {
-        CrashLab lab(scenario.discardsTornEntries);
-        lab.run(scenario.run);
-        std::cout << scenario.name << ": " << lab.points << " power cuts, " << lab.states << " states, " << lab.refused
-                  << " refused, " << lab.lies << " with a wrong known entry\n";
-        EXPECT_EQ(lab.lies == 0, scenario.isSafe) << scenario.name;
-        EXPECT_EQ(lab.known(), scenario.known) << scenario.name;
-        EXPECT_EQ(lab.refused > 0, scenario.changesSize) << scenario.name;
+        const Figures figures = figuresOf(scenario);
+        std::cout << scenario.name << ": " << figures.points << " power cuts, " << figures.states << " states, "
+                  << figures.refused << " refused, " << figures.lies << " with a wrong known entry\n";
+        EXPECT_EQ(figures.lies == 0, scenario.isSafe) << scenario.name;
+        EXPECT_EQ(figures.refused > 0, scenario.changesSize) << scenario.name;
     }
 }
 

@@ -1,8 +1,10 @@
 // Creating and opening hash files, beyond what the model and the fault sweep do.
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstring>
 #include <limits>
+#include <system_error>
 
 #include "HashFileInspector.h"
 #include "Support.h"
@@ -28,15 +30,25 @@ struct HashFileTest : ::testing::Test {
         return BlockHashStore::open(path, blocks * BLOCK);
     }
 
-    // The text with which these bytes are refused as a hash file; they stay as they are, and nothing stays open.
-    std::string refusalOf(const Bytes& bytes) const
+    // The text with which these bytes are refused as a hash file, and what is found about them; they stay as they are,
+    // and nothing stays open.
+    std::string refusalOf(const Bytes& bytes, HashFileFault fault, std::size_t field) const
     {
         const int descriptors = openDescriptors();
         writeFile(path, bytes);
         const std::string text = failureOf([&] { open(10); });
+        expectFinding(path, {fault, field, 0});
         EXPECT_EQ(readFile(path), bytes);
         EXPECT_EQ(openDescriptors(), descriptors);
         return text;
+    }
+
+    static void expectFinding(const std::string& file, const HashFileFinding& expected)
+    {
+        const HashFileFinding found = HashFileInspector::examine(file);
+        EXPECT_EQ(found.fault, expected.fault);
+        EXPECT_EQ(found.offset, expected.offset);
+        EXPECT_EQ(found.error, expected.error);
     }
 
     TemporaryDirectory directory;
@@ -91,41 +103,72 @@ TEST_F(HashFileTest, IsNotTouchedByACreationThatIsRefused)
 
 TEST_F(HashFileTest, IsRefusedByTheFirstOfItsFaults)
 {
-    const std::tuple<std::size_t, std::size_t, uint64_t, std::string> faults[] = {
+    using Fault = HashFileFault;
+    const std::tuple<std::size_t, std::size_t, uint64_t, Fault, std::string> faults[] = {
         // in the order of the checks; of two for the same field either is enough
-        {0, 8, 0x20001313, "header magic number does not match expected"},
-        {8, 8, uint64_t {1} << 40, "header version does not match the expected value"},
-        {16, 8, 8192, "hash data offset is invalid: 8192 4096"},
-        {48, 4, 7, "unknown hashing function: 7"},
-        {48, 4, 0, "unknown hashing function: 0"},
-        {24, 4, 0, "block size is invalid: 0"},
-        {32, 8, LARGEST, WRONG_SIZE},
-        {32, 8, 1000 * BLOCK, WRONG_SIZE},
+        {0, 8, 0x20001313, Fault::MagicNumber, "header magic number does not match expected"},
+        {8, 8, uint64_t {1} << 40, Fault::Version, "header version does not match the expected value"},
+        {16, 8, 8192, Fault::DataRegionOffset, "hash data offset is invalid: 8192 4096"},
+        {48, 4, 7, Fault::HashFunction, "unknown hashing function: 7"},
+        {48, 4, 0, Fault::HashFunction, "unknown hashing function: 0"},
+        {24, 4, 0, Fault::BlockSize, "block size is invalid: 0"},
+        {32, 8, LARGEST, Fault::FileSize, WRONG_SIZE},
+        {32, 8, 1000 * BLOCK, Fault::FileSize, WRONG_SIZE},
     };
     create(10);
     const Bytes valid = readFile(path);
     Bytes damaged = valid;
     for (auto fault = std::rbegin(faults); fault != std::rend(faults); ++fault) {
-        const auto& [offset, size, value, text] = *fault;
+        const auto& [offset, size, value, kind, text] = *fault;
         Bytes single = valid;
         std::memcpy(&single[offset], &value, size);
         std::memcpy(&damaged[offset], &value, size); // on top of all later ones
-        EXPECT_EQ(refusalOf(single), text);
-        EXPECT_EQ(refusalOf(damaged), text);
+        EXPECT_EQ(refusalOf(single, kind, offset), text);
+        EXPECT_EQ(refusalOf(damaged, kind, offset), text);
+        EXPECT_EQ(HashFileInspector::examine(path).isHashFile(), offset != 0);
     }
     Bytes endless = valid; // no file has such sizes, though 33 times this, in 64 bits, is 17
     const uint64_t target = 558992244657865201, block = 1;
     std::memcpy(&endless[32], &target, 8);
     std::memcpy(&endless[24], &block, 4);
-    EXPECT_EQ(refusalOf(endless), WRONG_SIZE);
+    EXPECT_EQ(refusalOf(endless, Fault::FileSize, 32), WRONG_SIZE);
     Bytes bytes = valid;
     for (const std::size_t size : {12288, 56, 55, 0}) {
         bytes.resize(size);
-        EXPECT_EQ(refusalOf(bytes), size < 56 ? "file is too small to be valid: " + std::to_string(size) : WRONG_SIZE);
+        const bool isShort = size < 56;
+        EXPECT_EQ(refusalOf(bytes, isShort ? Fault::Length : Fault::FileSize, isShort ? 0 : 32),
+                  isShort ? "file is too small to be valid: " + std::to_string(size) : WRONG_SIZE);
     }
     for (const std::string& other : {directory.file(""), std::string("/dev/null")}) {
         EXPECT_EQ(failureOf([&] { BlockHashStore::open(other, 0); }), "path does not represent a hash file");
+        expectFinding(other, {Fault::FileType});
+        EXPECT_FALSE(HashFileInspector::examine(other).isHashFile());
     }
+}
+
+// As data, besides the texts.
+TEST_F(HashFileTest, FailuresOfTheSystemHaveItsErrorNumber)
+{
+    create(10);
+    expectFinding(path, {});
+    expectFinding(directory.file("missing"), {HashFileFault::Status, 0, ENOENT});
+    try {
+        BlockHashStore::open(directory.file("missing"), 0);
+        ADD_FAILURE();
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), ENOENT);
+        EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+    }
+    for (const auto& [failing, error, fault] :
+         {std::tuple(Call::Open, EACCES, HashFileFault::Opening), {Call::ReadAt, EIO, HashFileFault::Reading}}) {
+        const CallHook hook([&, call = failing, number = error](const CallRecord& record) {
+            return Outcome {record.call == call ? number : 0};
+        });
+        expectFinding(path, {fault, 0, error});
+        EXPECT_FALSE(HashFileInspector::examine(path).isHashFile());
+    }
+    const CallHook cut([](const CallRecord& call) { return Outcome {0, call.call == Call::ReadAt ? 0 : -1}; });
+    expectFinding(path, {HashFileFault::Reading});
 }
 
 TEST_F(HashFileTest, IsCheckedAgainstItsTarget)

@@ -16,7 +16,7 @@ CHECKS = [
     ("fault sweep", TEST_LOG, r"fault sweep.*, 0 wrong", 2),
     ("corrupt files", TEST_LOG, r"(?:corrupt files|corpus replay): .* 0 wrong.*", 3),
     ("crash states", TEST_LOG,
-     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 9),
+     r"(?!negative).* power cuts, .* 0 with a wrong known entry|negative.* [1-9]\d* with a wrong known entry", 16),
     ("limits", TEST_LOG, r"(?:limits|kernel failures): .*: right", 3),
     ("truth", TEST_LOG, r"truth: .*; 0 disagreements", 1),
     ("skipped", TEST_LOG, r"skipped: .*", 0),
@@ -26,7 +26,8 @@ CHECKS = [
     ("fuzzers", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"],
      r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 4),
     ("address, undefined", ["make", "sanitize"], r"(\d+% tests passed.*)", 1),
-    ("coverage", ["make", "coverage"], r"((?:lines|branches): .*)", 2),
+    ("64-bit ARM", ["make", "arm64"], r"(\d+% tests passed.*)|(digests on NEON.* for 0 of them .*|left out.*)", 3),
+    ("coverage", ["make", "coverage"], r"((?:library|program): (?:lines|branches): .*)", 4),
 ]
 
 

@@ -60,10 +60,11 @@ class Install(unittest.TestCase):
 
     def test_embedded_project_builds_the_library_alone(self):
         self.check(self.path("embedded/consumer"), "shared")
+        self.check(self.path("embedded/flat_consumer"), "shared")
         built = run("cmake", "--build", self.path("embedded"), "--target", "help")
         self.assertNotRegex(built, "kelvane-hash|kelvane_tests|range_hash|man_page")
 
-    def test_sanitizers_of_an_embedding_project_stay_out_of_the_kernel(self):
+    def test_an_embedding_project_decides_on_warnings_and_sanitizers_which_stay_out_of_the_kernel(self):
         sanitizers = "-fsanitize=address,undefined"
         with open(self.path("sanitizers.cmake"), "w") as file:
             file.write(f"add_compile_options({sanitizers})")
@@ -72,7 +73,9 @@ class Install(unittest.TestCase):
                 f"-DKELVANE_SOURCE={SOURCE}", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", *f"-DCMAKE_CXX_{way}".split())
             with open(self.path("sanitized/compile_commands.json")) as file:
                 commands = {os.path.basename(entry["file"]): entry["command"] for entry in json.load(file)}
-            for name, last in ("main.cpp", sanitizers), ("Blake2sp.cpp", "-fno-sanitize=all"):
+            self.assertNotRegex(" ".join(commands.values()), " -W")
+            for name, last in (("main.cpp", sanitizers), ("Blake2sp.cpp", "-fno-sanitize=all"),
+                               ("Blake2spStreams.cpp", "-fno-sanitize=all")):
                 self.assertEqual(re.findall(r"-f(?:no-)?sanitize=\S+", commands[name])[-1], last)
 
     def test_find_package_and_pkg_config(self):
@@ -81,7 +84,8 @@ class Install(unittest.TestCase):
             self.check(self.path(f"by_{kind}/consumer"), kind)
             place = os.path.dirname(find(self.path(kind), "kelvane.pc")[0])
             flags = run("pkg-config", "--cflags", "--libs", "kelvane", PKG_CONFIG_PATH=place)
-            run(CXX, f"{CONSUMER}/main.cpp", "-std=c++17", "-o", self.path(kind + "_consumer"), *flags.split())
+            run(CXX, f"{CONSUMER}/main.cpp", "-std=c++17", "-o", self.path(kind + "_consumer"), *flags.split(),
+                f"-I{CONSUMER}/own")
             self.check(self.path(kind + "_consumer"), kind)
 
     def test_headers_compile_alone(self):

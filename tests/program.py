@@ -79,8 +79,9 @@ class Case(unittest.TestCase):
 
 
 def main():
-    """Of what was skipped a line is printed, which `make test` shows again at its end."""
-    done = unittest.main(argv=sys.argv[:1], failfast="FAIL_FAST" in os.environ, exit=False).result
+    """Of what was skipped a line is printed, which `make test` shows again at its end. ONLY: the name of a test."""
+    only = ["-k", os.environ["ONLY"]] if os.environ.get("ONLY") else []
+    done = unittest.main(argv=sys.argv[:1] + only, failfast="FAIL_FAST" in os.environ, exit=False).result
     for test, reason in done.skipped:
         print(f"skipped: {test.id().removeprefix('__main__.')}: {reason}")
     sys.exit(not done.wasSuccessful())

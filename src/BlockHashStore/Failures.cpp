@@ -1,9 +1,9 @@
 #include <cerrno>
 #include <charconv>
 #include <exception>
-#include <stdexcept>
 
 #include "BlockHashStore/Internals.h"
+#include "file/PosixFile.h"
 #include "log/LogLine.h"
 
 namespace kelvane {
@@ -11,11 +11,10 @@ namespace kelvane {
 void BlockHashStore::throwWithErrno(const std::string& message)
 {
     const int error = errno;
-    const std::string text = message + ": " + std::to_string(error);
     if (std::uncaught_exceptions() == 0) {
-        throw std::runtime_error(text);
+        throw posix::failure(error, message);
     }
-    logLine(KELVANE_ERROR, __func__) << text;
+    logLine(KELVANE_ERROR, __func__) << message << ": " << error;
 }
 
 // `errno` must not change while the message is put together: allocations may set it, even those that succeed.

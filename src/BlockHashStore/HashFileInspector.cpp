@@ -19,6 +19,12 @@ HashFileInspector::HashFileInspector(const std::string& path)
     m_store->m_blockBuffer = BlockHashStore::makeZeroedBlock(block_size_in_bytes());
 }
 
+HashFileFinding HashFileInspector::examine(const std::string& path)
+{
+    uint64_t fileSize = 0;
+    return BlockHashStore().openAndExamine(path, O_RDONLY, fileSize);
+}
+
 HashFileInspector::~HashFileInspector() = default;
 HashFileInspector::HashFileInspector(HashFileInspector&& other) noexcept = default;
 HashFileInspector& HashFileInspector::operator=(HashFileInspector&& other) noexcept = default;

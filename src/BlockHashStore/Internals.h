@@ -18,6 +18,8 @@ namespace kelvane {
 // The greatest size and position that the system's calls take.
 constexpr auto MAXIMUM_SIGNED = static_cast<uint64_t>(std::numeric_limits<kelvane_ssize_t>::max());
 
+constexpr const char* BLOCK_SIZE_OF_ZERO = "block size is invalid: 0";
+
 // Ends an operation after a failure that was only logged, because another exception is propagating.
 struct GivenUp { };
 

@@ -116,16 +116,11 @@ bool BlockHashStore::fileCanHaveSize(kelvane_size_t targetSizeInBytes, uint32_t 
     return bytesToBlocks(targetSizeInBytes, blockSize) <= room / getHashEntrySize(hashSize);
 }
 
-void BlockHashStore::throwOnBlockSizeOfZero(uint32_t blockSize)
-{
-    if (blockSize == 0) {
-        throw std::runtime_error("block size is invalid: 0");
-    }
-}
-
 void BlockHashStore::throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize)
 {
-    throwOnBlockSizeOfZero(blockSize);
+    if (blockSize == 0) {
+        throw std::runtime_error(BLOCK_SIZE_OF_ZERO);
+    }
     if (!fileCanHaveSize(targetSizeInBytes, blockSize, hashSize)) {
         throw std::runtime_error("target is too large for its block size: " + std::to_string(targetSizeInBytes) + ", "
                                  + std::to_string(blockSize));

@@ -41,54 +41,121 @@ void BlockHashStore::openAndAdapt(const std::string& path, kelvane_size_t target
 // Opens the file, which must fit its own header, and reads that. Returns the file's size.
 uint64_t BlockHashStore::openAndValidate(const std::string& path, int flags)
 {
+    uint64_t fileSize = 0;
+    const HashFileFinding finding = openAndExamine(path, flags, fileSize);
+    errno = finding.error;
+    throwOnFault(finding.fault, path, fileSize);
+    return fileSize;
+}
+
+HashFileFinding BlockHashStore::openAndExamine(const std::string& path, int flags, uint64_t& fileSize)
+{
     struct stat status;
     if (posix::stat(path, status) < 0) {
-        failWithErrno("failed to stat hash file");
+        return {HashFileFault::Status, 0, errno};
     }
     if (!S_ISREG(status.st_mode)) {
-        throw std::runtime_error("path does not represent a hash file");
+        return {HashFileFault::FileType};
     }
-    const auto fileSize = static_cast<uint64_t>(status.st_size);
+    fileSize = static_cast<uint64_t>(status.st_size);
     if (fileSize < sizeof(Header)) {
-        throw std::runtime_error("file is too small to be valid: " + std::to_string(status.st_size));
+        return {HashFileFault::Length};
     }
     m_file = SimpleCachedReader(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES);
     if (m_file.open(path, flags) < 0) {
+        return {HashFileFault::Opening, 0, errno};
+    }
+    const kelvane_ssize_t bytesRead = m_file.read(&m_header, sizeof(Header));
+    if (!validReadWrite(sizeof(Header), bytesRead)) {
+        return {HashFileFault::Reading, 0, bytesRead < 0 ? errno : 0};
+    }
+    const HashFileFault fault = headerFault(m_header.targetSizeInBytes, fileSize);
+    return {fault, fieldWith(fault)};
+}
+
+// Makes the hash function on the way.
+HashFileFault BlockHashStore::headerFault(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize)
+{
+    if (m_header.magicNumber != BLOCK_HASH_STORE_MAGIC_NUMBER) {
+        return HashFileFault::MagicNumber;
+    }
+    if (m_header.version != BLOCK_HASH_STORE_CURRENT_VERSION) {
+        return HashFileFault::Version;
+    }
+    if (m_header.targetSizeInBytes != targetSizeInBytes) {
+        return HashFileFault::TargetSize;
+    }
+    if (m_header.dataRegionOffsetInBytes != computeHeaderSize()) {
+        return HashFileFault::DataRegionOffset;
+    }
+    m_hashFunction = HashFunctionFactory::createHashFunction(static_cast<HashFunctionType>(m_header.hashId));
+    if (!m_hashFunction) {
+        return HashFileFault::HashFunction;
+    }
+    if (getBlockSize() == 0) {
+        return HashFileFault::BlockSize;
+    }
+    const bool isFitting = fileCanHaveSize(m_header.targetSizeInBytes, getBlockSize(), hashSize())
+        && computeFileSize(m_header.targetSizeInBytes, getBlockSize(), hashSize()) == fileSize;
+    return isFitting ? HashFileFault::None : HashFileFault::FileSize;
+}
+
+void BlockHashStore::throwOnFault(HashFileFault fault, const std::string& path, uint64_t fileSize) const
+{
+    switch (fault) {
+    case HashFileFault::None:
+        return;
+    case HashFileFault::Status:
+        failWithErrno("failed to stat hash file");
+    case HashFileFault::FileType:
+        throw std::runtime_error("path does not represent a hash file");
+    case HashFileFault::Length:
+        throw std::runtime_error("file is too small to be valid: " + std::to_string(fileSize));
+    case HashFileFault::Opening:
         failWithErrno("failed to open file: ", path);
-    }
-    if (!validReadWrite(sizeof(Header), m_file.read(&m_header, sizeof(Header)))) {
+    case HashFileFault::Reading:
         failWithErrno("failed to read header");
+    case HashFileFault::MagicNumber:
+        throw std::runtime_error("header magic number does not match expected");
+    case HashFileFault::Version:
+        throw std::runtime_error("header version does not match the expected value");
+    case HashFileFault::TargetSize:
+        throw std::runtime_error("the target size managed by the hash store has changed");
+    case HashFileFault::DataRegionOffset:
+        throw std::runtime_error("hash data offset is invalid: " + std::to_string(m_header.dataRegionOffsetInBytes)
+                                 + " " + std::to_string(computeHeaderSize()));
+    case HashFileFault::HashFunction:
+        throw std::runtime_error("unknown hashing function: " + std::to_string(m_header.hashId));
+    case HashFileFault::BlockSize:
+        throw std::runtime_error(BLOCK_SIZE_OF_ZERO);
+    case HashFileFault::FileSize:
+        throw std::runtime_error("the hash file size is incorrect for given target size");
     }
-    validateHeader(m_header.targetSizeInBytes, fileSize);
-    return fileSize;
+}
+
+// Where the header has what a check looks at.
+uint64_t BlockHashStore::fieldWith(HashFileFault fault)
+{
+    switch (fault) {
+    case HashFileFault::Version:
+        return offsetof(Header, version);
+    case HashFileFault::DataRegionOffset:
+        return offsetof(Header, dataRegionOffsetInBytes);
+    case HashFileFault::BlockSize:
+        return offsetof(Header, blockSizeInBytes);
+    case HashFileFault::TargetSize:
+    case HashFileFault::FileSize:
+        return offsetof(Header, targetSizeInBytes);
+    case HashFileFault::HashFunction:
+        return offsetof(Header, hashId);
+    default:
+        return 0;
+    }
 }
 
 void BlockHashStore::validateHeader(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize)
 {
-    if (m_header.magicNumber != BLOCK_HASH_STORE_MAGIC_NUMBER) {
-        throw std::runtime_error("header magic number does not match expected");
-    }
-    if (m_header.version != BLOCK_HASH_STORE_CURRENT_VERSION) {
-        throw std::runtime_error("header version does not match the expected value");
-    }
-    if (m_header.targetSizeInBytes != targetSizeInBytes) {
-        throw std::runtime_error("the target size managed by the hash store has changed");
-    }
-    const uint64_t expectedDataOffset = computeHeaderSize();
-    if (m_header.dataRegionOffsetInBytes != expectedDataOffset) {
-        throw std::runtime_error("hash data offset is invalid: " + std::to_string(m_header.dataRegionOffsetInBytes)
-                                 + " " + std::to_string(expectedDataOffset));
-    }
-    const auto hashId = static_cast<HashFunctionType>(m_header.hashId);
-    m_hashFunction = HashFunctionFactory::createHashFunction(hashId);
-    if (!m_hashFunction) {
-        throw std::runtime_error("unknown hashing function: " + std::to_string(m_header.hashId));
-    }
-    throwOnBlockSizeOfZero(getBlockSize());
-    if (!fileCanHaveSize(m_header.targetSizeInBytes, getBlockSize(), hashSize())
-        || computeFileSize(m_header.targetSizeInBytes, getBlockSize(), hashSize()) != fileSize) {
-        throw std::runtime_error("the hash file size is incorrect for given target size");
-    }
+    throwOnFault(headerFault(targetSizeInBytes, fileSize), {}, fileSize);
 }
 
 bool BlockHashStore::resizeIfTargetChangeDetected(const std::string& path, kelvane_size_t targetSizeInBytes,
@@ -131,8 +198,7 @@ void BlockHashStore::addZeros(uint64_t offset, uint64_t length)
         const auto bytesToWrite = std::min(bufferSize, length - written);
         const int bytesWritten = m_file.write(zeros.get(), bytesToWrite);
         if (!validReadWrite(static_cast<kelvane_ssize_t>(bytesToWrite), bytesWritten)) {
-            const int error = errno;
-            throw std::runtime_error("error in write while initting file region: " + std::to_string(error));
+            throw posix::failure(errno, "error in write while initting file region");
         }
     }
     if (m_file.sync_file_range(whereTo, static_cast<kelvane_buf_len_t>(length)) != 0) {

@@ -9,6 +9,19 @@ namespace kelvane::posix {
 
 namespace {
 
+// The system's error numbers, whose texts are the numbers.
+class ErrorNumbers : public std::error_category {
+public:
+    const char* name() const noexcept override { return "errno"; }
+    std::string message(int error) const override { return std::to_string(error); }
+    std::error_condition default_error_condition(int error) const noexcept override
+    {
+        return std::generic_category().default_error_condition(error);
+    }
+};
+
+const ErrorNumbers ERROR_NUMBERS;
+
 template <class Call>
 auto retryInterrupted(Call call)
 {
@@ -37,6 +50,11 @@ Transfer complete(std::size_t length, Call call)
 }
 
 } // namespace
+
+std::system_error failure(int error, std::string_view message)
+{
+    return {std::error_code(error, ERROR_NUMBERS), std::string(message)};
+}
 
 int open(const std::string& path, int flags, mode_t mode)
 {

@@ -8,10 +8,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <system_error>
 
 namespace kelvane::posix {
 
 constexpr int STANDARD_ERROR = 2;
+
+// A failure with the text `message`, ": " and the error number in decimal; its code() has the number.
+std::system_error failure(int error, std::string_view message);
 
 // What a transfer achieved: the bytes moved before it ended, and whether a failing call ended it. A
 // read that is short without having failed met the end of the file.

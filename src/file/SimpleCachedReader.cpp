@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstring>
 #include <limits>
-#include <stdexcept>
 #include <utility>
 
 #include "file/PosixFile.h"
@@ -217,8 +216,7 @@ void SimpleCachedReader::setOnReadCallback(DataTransferMetricFunc on_read)
 void SimpleCachedReader::truncate(std::size_t size)
 {
     if (posix::truncate(m_fd, size) != 0) {
-        const int error = errno;
-        throw std::runtime_error("failed to truncate file: " + std::to_string(error));
+        throw posix::failure(errno, "failed to truncate file");
     }
     const auto end = static_cast<kelvane_ssize_t>(size);
     m_read_buffer_start_offset = std::min(m_read_buffer_start_offset, end);

@@ -1,11 +1,25 @@
+// Which path serves what. A stripe is 512 bytes: a block of 64 for each of a message's eight leaves, which are the
+// lanes of a vector.
+//
+//                                   | 32 registers: AVX-512            | fewer: AVX2, SSE4, ..., NEON, none
+//   --------------------------------+----------------------------------+-----------------------------------------
+//   leaves, whole stripes           | streamLeaves: pairs of messages, | hashLeaves: a message, or as much of one
+//                                   | 16 lanes; a last one alone       | as there are lanes
+//   leaves, other lengths           | hashLeaves: pairs of messages    | the same
+//   a message in pieces             | streamStripes                    | absorbStripes: LeafGroup
+//   its end                         | finishMessage: LeafGroup         | the same
+//   roots, whole vectors of them    | streamRoots                      | hashRoots
+//   the other roots                 | hashRoots                        | hashRoots
+//   one root                        | hashRoot: the rows of its state  | the same; with one lane, hashRoots
+//
+// What streams is in Blake2spStreams.cpp. All of it mixes with mixStep, of Compression-inl.h, and all but hashRoot with
+// mixFour.
+
 #include "hash/Blake2sp.h"
 
 #include <cstring>
 
-// The scalable vector targets are left out: the kernel keeps vectors in arrays, which those forbid.
-#ifndef HWY_DISABLED_TARGETS
-#define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
-#endif
+#include "hash/Targets.h"
 
 // Everything down to HWY_AFTER_NAMESPACE is compiled once per instruction set.
 #undef HWY_TARGET_INCLUDE
@@ -13,8 +27,6 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
-#include "hash/LeafPairs-inl.h"
-#include "hash/Pieces-inl.h"
 #include "hash/Roots-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -23,30 +35,47 @@ namespace HWY_NAMESPACE {
 
 void hashMany(const uint8_t* const* messages, size_t count, size_t length, uint8_t* const* digests)
 {
-    while (count != 0) {
-        const size_t batch = smaller(count, LEAF_BATCH);
-        uint8_t leafDigests[LEAF_BATCH * ROOT_MESSAGE];
-        hashAllLeaves(messages, batch, length, leafDigests);
-        hashAllRoots(leafDigests, batch, digests);
-        messages += batch;
-        digests += batch;
-        count -= batch;
+    uint8_t leafDigests[BLAKE2SP_BATCH * ROOT_MESSAGE];
+    hashAllLeaves(messages, count, length, leafDigests);
+    hashAllRoots(leafDigests, count, digests);
+}
+
+void beginLeaves(Blake2spLeaves& leaves)
+{
+    const uint8_t* const nothing = nullptr;
+    for (size_t leaf = 0; leaf < LEAVES; leaf += hn::MaxLanes(OneMessage())) {
+        LeafGroup<OneMessage>(&nothing, leaf, 0).store(leaves);
     }
 }
 
-void begin(Blake2spLeaves& leaves)
+// Absorbs whole stripes, at least one, behind which the message goes on.
+void absorbStripes(Blake2spLeaves& leaves, const uint8_t* bytes, size_t stripes)
 {
-    beginLeaves(leaves);
+#if HWY_TARGET <= HWY_AVX3
+    streamStripes(leaves, bytes, stripes);
+#else
+    for (size_t leaf = 0; leaf < LEAVES; leaf += hn::MaxLanes(OneMessage())) {
+        LeafGroup<OneMessage> group(&bytes, leaf, STRIPE);
+        group.load(leaves);
+        for (size_t i = 0; i < stripes; ++i) {
+            group.absorbStripe(i * STRIPE);
+        }
+        group.store(leaves);
+    }
+    leaves.absorbed += stripes * STRIPE;
+#endif
 }
 
-void absorb(Blake2spLeaves& leaves, const uint8_t* bytes, size_t stripes)
+// The message ends with the `length` bytes of the rest, fewer than two stripes.
+void finishMessage(const Blake2spLeaves& leaves, const uint8_t* rest, size_t length, uint8_t* digest)
 {
-    absorbStripes(leaves, bytes, stripes);
-}
-
-void finish(const Blake2spLeaves& leaves, const uint8_t* rest, size_t length, uint8_t* digest)
-{
-    finishMessage(leaves, rest, length, digest);
+    uint8_t leafDigests[ROOT_MESSAGE];
+    for (size_t leaf = 0; leaf < LEAVES; leaf += hn::MaxLanes(OneMessage())) {
+        LeafGroup<OneMessage> group(&rest, leaf, length);
+        group.load(leaves);
+        group.finish(0, length, leafDigests + DIGEST * leaf);
+    }
+    hashRoot(leafDigests, digest);
 }
 
 const char* targetName()
@@ -62,9 +91,9 @@ HWY_AFTER_NAMESPACE();
 namespace kelvane {
 
 HWY_EXPORT(hashMany);
-HWY_EXPORT(begin);
-HWY_EXPORT(absorb);
-HWY_EXPORT(finish);
+HWY_EXPORT(beginLeaves);
+HWY_EXPORT(absorbStripes);
+HWY_EXPORT(finishMessage);
 HWY_EXPORT(targetName);
 
 void blake2spMany(const void* const* messages, size_t count, size_t length, unsigned char* const* digests)
@@ -79,7 +108,7 @@ void blake2sp(const void* message, size_t length, unsigned char* digest)
 
 Blake2spLeaves::Blake2spLeaves()
 {
-    HWY_DYNAMIC_DISPATCH(begin)(*this);
+    HWY_DYNAMIC_DISPATCH(beginLeaves)(*this);
 }
 
 void Blake2spMessage::add(const void* bytes, size_t length)
@@ -96,7 +125,7 @@ void Blake2spMessage::add(const void* bytes, size_t length)
     };
     const auto absorb = [&](const uint8_t* stripes, size_t count) {
         if (count != 0) {
-            HWY_DYNAMIC_DISPATCH(absorb)(m_leaves, stripes, count);
+            HWY_DYNAMIC_DISPATCH(absorbStripes)(m_leaves, stripes, count);
         }
     };
     if (m_restLength + length >= 2 * STRIPE) {
@@ -115,7 +144,7 @@ void Blake2spMessage::add(const void* bytes, size_t length)
 
 void Blake2spMessage::finish(unsigned char* digest)
 {
-    HWY_DYNAMIC_DISPATCH(finish)(m_leaves, m_rest, m_restLength, digest);
+    HWY_DYNAMIC_DISPATCH(finishMessage)(m_leaves, m_rest, m_restLength, digest);
 }
 
 const char* blake2spInstructionSet()

@@ -16,9 +16,11 @@ constexpr size_t BLAKE2SP_DIGEST_SIZE_IN_BYTES = 32;
 // be aligned. `message` may be null when `length` is 0.
 void blake2sp(const void* message, size_t length, unsigned char* digest);
 
+constexpr size_t BLAKE2SP_BATCH = 64; // messages at once, a multiple of what any instruction set hashes side by side
+
 // Writes the digest of messages[i], each `length` bytes long, to the 32 bytes at digests[i], for every
-// i below `count`. Many messages at once cost less per message than one at a time, because their trees'
-// roots are computed side by side. Digests must not overlap messages.
+// i below `count`, which is at most BLAKE2SP_BATCH. Many messages at once cost less per message than one at a time.
+// Digests must not overlap messages.
 void blake2spMany(const void* const* messages, size_t count, size_t length, unsigned char* const* digests);
 
 // The leaves of a message of which a part has come: for every word of their chaining values, that of each leaf.

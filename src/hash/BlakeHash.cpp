@@ -46,8 +46,8 @@ public:
 private:
     std::size_t m_length;
     std::size_t m_count = 0;
-    std::array<const void*, 64> m_buffers; // a multiple of what any instruction set hashes at once
-    std::array<unsigned char*, 64> m_digests;
+    std::array<const void*, BLAKE2SP_BATCH> m_buffers;
+    std::array<unsigned char*, BLAKE2SP_BATCH> m_digests;
 };
 
 class BlakeMessage : public IHashFunction::Message {

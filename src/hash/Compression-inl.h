@@ -58,59 +58,57 @@ HWY_INLINE V xorRotated(D d, V a, V b)
     }
 }
 
-// Four words of the state, or of the message.
-template <class V>
-struct Four {
-    V& v0;
-    V& v1;
-    V& v2;
-    V& v3;
-};
-
-template <class V, class W>
-HWY_INLINE void add(Four<V> a, Four<W> b)
+// One of the ten steps of a mixing; none before and after. `m` gives the message's words as vectors, by their number.
+template <int Step, class D, class Message>
+HWY_INLINE void mixStep(D d, Vector<D>& a, Vector<D>& b, Vector<D>& c, Vector<D>& e, const Message& m, int m0, int m1)
 {
-    a.v0 = hn::Add(a.v0, b.v0);
-    a.v1 = hn::Add(a.v1, b.v1);
-    a.v2 = hn::Add(a.v2, b.v2);
-    a.v3 = hn::Add(a.v3, b.v3);
+    if constexpr (Step == 0) {
+        a = hn::Add(a, m[m0]);
+    } else if constexpr (Step == 1 || Step == 6) {
+        a = hn::Add(a, b);
+    } else if constexpr (Step == 2) {
+        e = xorRotated<16>(d, e, a);
+    } else if constexpr (Step == 3 || Step == 8) {
+        c = hn::Add(c, e);
+    } else if constexpr (Step == 4) {
+        b = xorRotated<12>(d, b, c);
+    } else if constexpr (Step == 5) {
+        a = hn::Add(a, m[m1]);
+    } else if constexpr (Step == 7) {
+        e = xorRotated<8>(d, e, a);
+    } else if constexpr (Step == 9) {
+        b = xorRotated<7>(d, b, c);
+    }
 }
 
-template <int Bits, class D, class V>
-HWY_INLINE void turn(D d, Four<V> a, Four<V> b)
-{
-    a.v0 = xorRotated<Bits>(d, a.v0, b.v0);
-    a.v1 = xorRotated<Bits>(d, a.v1, b.v1);
-    a.v2 = xorRotated<Bits>(d, a.v2, b.v2);
-    a.v3 = xorRotated<Bits>(d, a.v3, b.v3);
-}
-
-// Half a round: four mixings, step by step side by side, for each alone is one long chain.
-template <class D, class V>
-HWY_INLINE void mixFour(D d, Four<V> a, Four<V> b, Four<V> c, Four<V> e, Four<const V> m0, Four<const V> m1)
-{
-    add(a, m0);
-    add(a, b);
-    turn<16>(d, e, a);
-    add(c, e);
-    turn<12>(d, b, c);
-    add(a, m1);
-    add(a, b);
-    turn<8>(d, e, a);
-    add(c, e);
-    turn<7>(d, b, c);
-}
-
-template <int Round, class D, class V>
-HWY_INLINE void round(D d, V* v, const V* m)
+// Half a round, from a step on: four mixings side by side, for each alone is one long chain. Two of them are so many
+// steps behind the others. Half is 0 for the columns, 1 for the diagonals.
+template <int Round, int Half, int Behind, int Step = 0, class D, class Message>
+HWY_INLINE void mixFour(D d, Vector<D>* v, const Message& m)
 {
     constexpr auto& s = SIGMA[Round];
-    mixFour<D, V>(d, {v[0], v[1], v[2], v[3]}, {v[4], v[5], v[6], v[7]}, {v[8], v[9], v[10], v[11]},
-                  {v[12], v[13], v[14], v[15]}, {m[s[0]], m[s[2]], m[s[4]], m[s[6]]},
-                  {m[s[1]], m[s[3]], m[s[5]], m[s[7]]});
-    mixFour<D, V>(d, {v[0], v[1], v[2], v[3]}, {v[5], v[6], v[7], v[4]}, {v[10], v[11], v[8], v[9]},
-                  {v[15], v[12], v[13], v[14]}, {m[s[8]], m[s[10]], m[s[12]], m[s[14]]},
-                  {m[s[9]], m[s[11]], m[s[13]], m[s[15]]});
+    constexpr int M = 8 * Half;
+    const auto b = [=](int i) HWY_ATTR -> Vector<D>& { return v[4 + (i + Half) % 4]; };
+    const auto c = [=](int i) HWY_ATTR -> Vector<D>& { return v[8 + (i + 2 * Half) % 4]; };
+    const auto e = [=](int i) HWY_ATTR -> Vector<D>& { return v[12 + (i + 3 * Half) % 4]; };
+    mixStep<Step>(d, v[0], b(0), c(0), e(0), m, s[M + 0], s[M + 1]);
+    mixStep<Step - Behind>(d, v[1], b(1), c(1), e(1), m, s[M + 2], s[M + 3]);
+    mixStep<Step>(d, v[2], b(2), c(2), e(2), m, s[M + 4], s[M + 5]);
+    mixStep<Step - Behind>(d, v[3], b(3), c(3), e(3), m, s[M + 6], s[M + 7]);
+    if constexpr (Step < 9 + Behind) {
+        mixFour<Round, Half, Behind, Step + 1>(d, v, m);
+    }
+}
+
+template <int Round, class D>
+HWY_INLINE void roundsFrom(D d, Vector<D>* v, const Vector<D>* m)
+{
+    constexpr int BEHIND = HWY_TARGET <= HWY_AVX3 ? 1 : 0;
+    mixFour<Round, 0, BEHIND>(d, v, m);
+    mixFour<Round, 1, BEHIND>(d, v, m);
+    if constexpr (Round < 9) {
+        roundsFrom<Round + 1>(d, v, m);
+    }
 }
 
 // BLAKE2s compression of the block at rows[lane] + offset into the state h, for every lane.
@@ -135,16 +133,7 @@ HWY_NOINLINE void compress(D d, Vector<D>* h, const uint8_t* const* rows, size_t
                        hn::Xor(hn::Set(d, IV[5]), tweak.counterHigh),
                        hn::Xor(hn::Set(d, IV[6]), tweak.lastBlock),
                        hn::Xor(hn::Set(d, IV[7]), tweak.lastNode)};
-    round<0>(d, v, m);
-    round<1>(d, v, m);
-    round<2>(d, v, m);
-    round<3>(d, v, m);
-    round<4>(d, v, m);
-    round<5>(d, v, m);
-    round<6>(d, v, m);
-    round<7>(d, v, m);
-    round<8>(d, v, m);
-    round<9>(d, v, m);
+    roundsFrom<0>(d, v, m);
     for (size_t i = 0; i < 8; ++i) {
         h[i] = hn::Xor(h[i], hn::Xor(v[i], v[i + 8]));
     }

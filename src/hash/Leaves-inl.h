@@ -181,6 +181,15 @@ HWY_INLINE void hashLeafGroup(D /*d*/, const uint8_t* const* messages, size_t fi
     group.finish(offset, length - offset, digests);
 }
 
+#if HWY_TARGET <= HWY_AVX3
+
+// Blake2spStreams.cpp has these. Lengths are those of whole stripes, at least one.
+void streamLeaves(const uint8_t* const* messages, size_t count, size_t length, uint8_t* digests); // as hashAllLeaves
+void streamStripes(Blake2spLeaves& leaves, const uint8_t* bytes, size_t stripes);                 // as absorbStripes
+size_t streamRoots(const uint8_t* leafDigests, size_t count, uint8_t* const* digests); // of the first so many, returned
+
+#endif
+
 // Processors fetch ahead within a page, but a message of a page's size lies on one of its own.
 HWY_INLINE void prefetchStart(const uint8_t* message, size_t length)
 {
@@ -201,6 +210,23 @@ HWY_INLINE void hashLeaves(D d, const uint8_t* const* messages, size_t count, si
         }
         hashLeafGroup(d, messages + leaf / LEAVES, leaf % LEAVES, length, digests + DIGEST * leaf);
     }
+}
+
+// Leaves of messages, to root messages of 256 bytes each.
+HWY_INLINE void hashAllLeaves(const uint8_t* const* messages, size_t count, size_t length, uint8_t* digests)
+{
+#if HWY_TARGET <= HWY_AVX3
+    if (length != 0 && length % STRIPE == 0) {
+        streamLeaves(messages, count, length, digests);
+        return;
+    }
+    const size_t inPairs = count / 2 * 2;
+    hashLeaves(Widest(), messages, inPairs, length, digests);
+    messages += inPairs;
+    digests += inPairs * ROOT_MESSAGE;
+    count -= inPairs;
+#endif
+    hashLeaves(OneMessage(), messages, count, length, digests);
 }
 
 } // namespace HWY_NAMESPACE

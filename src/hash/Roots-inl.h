@@ -9,7 +9,6 @@
 #endif
 
 #include "hash/Leaves-inl.h"
-#include "hash/Stream-inl.h"
 #include <hwy/highway.h>
 
 HWY_BEFORE_NAMESPACE();
@@ -48,17 +47,13 @@ HWY_INLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
 
 using Row = hn::Full128<uint32_t>;
 
-HWY_INLINE void mix(Vector<Row>& a, Vector<Row>& b, Vector<Row>& c, Vector<Row>& e, Vector<Row> m0, Vector<Row> m1)
+template <int Step = 0>
+HWY_INLINE void mixRows(Vector<Row>& a, Vector<Row>& b, Vector<Row>& c, Vector<Row>& e, const Vector<Row>* m)
 {
-    const Row d;
-    a = hn::Add(hn::Add(a, m0), b);
-    e = xorRotated<16>(d, e, a);
-    c = hn::Add(c, e);
-    b = xorRotated<12>(d, b, c);
-    a = hn::Add(hn::Add(a, m1), b);
-    e = xorRotated<8>(d, e, a);
-    c = hn::Add(c, e);
-    b = xorRotated<7>(d, b, c);
+    mixStep<Step>(Row(), a, b, c, e, m, 0, 1);
+    if constexpr (Step < 9) {
+        mixRows<Step + 1>(a, b, c, e, m);
+    }
 }
 
 template <int A, int B, int C, int E>
@@ -72,17 +67,22 @@ HWY_INLINE Vector<Row> pick(const uint32_t* m)
 // the four mixings of a half round run side by side. Row b stays in place between the half rounds, for
 // it is the last to be ready; the others turn around it.
 template <int Round>
-HWY_INLINE void rowRound(Vector<Row>& a, Vector<Row>& b, Vector<Row>& c, Vector<Row>& e, const uint32_t* m)
+HWY_INLINE void rowRoundsFrom(Vector<Row>& a, Vector<Row>& b, Vector<Row>& c, Vector<Row>& e, const uint32_t* m)
 {
     constexpr auto& s = SIGMA[Round];
-    mix(a, b, c, e, pick<s[0], s[2], s[4], s[6]>(m), pick<s[1], s[3], s[5], s[7]>(m));
+    const Vector<Row> columns[2] = {pick<s[0], s[2], s[4], s[6]>(m), pick<s[1], s[3], s[5], s[7]>(m)};
+    mixRows(a, b, c, e, columns);
     a = hn::Shuffle2103(a);
     c = hn::Shuffle0321(c);
     e = hn::Shuffle1032(e);
-    mix(a, b, c, e, pick<s[14], s[8], s[10], s[12]>(m), pick<s[15], s[9], s[11], s[13]>(m));
+    const Vector<Row> diagonals[2] = {pick<s[14], s[8], s[10], s[12]>(m), pick<s[15], s[9], s[11], s[13]>(m)};
+    mixRows(a, b, c, e, diagonals);
     a = hn::Shuffle0321(a);
     c = hn::Shuffle2103(c);
     e = hn::Shuffle1032(e);
+    if constexpr (Round < 9) {
+        rowRoundsFrom<Round + 1>(a, b, c, e, m);
+    }
 }
 
 HWY_NOINLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
@@ -101,16 +101,7 @@ HWY_NOINLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
         Vector<Row> b = high;
         Vector<Row> c = hn::LoadU(d, IV);
         Vector<Row> e = hn::Xor(hn::LoadU(d, IV + 4), hn::LoadU(d, tweak));
-        rowRound<0>(a, b, c, e, m);
-        rowRound<1>(a, b, c, e, m);
-        rowRound<2>(a, b, c, e, m);
-        rowRound<3>(a, b, c, e, m);
-        rowRound<4>(a, b, c, e, m);
-        rowRound<5>(a, b, c, e, m);
-        rowRound<6>(a, b, c, e, m);
-        rowRound<7>(a, b, c, e, m);
-        rowRound<8>(a, b, c, e, m);
-        rowRound<9>(a, b, c, e, m);
+        rowRoundsFrom<0>(a, b, c, e, m);
         low = hn::Xor(low, hn::Xor(a, c));
         high = hn::Xor(high, hn::Xor(b, e));
     }
@@ -121,57 +112,14 @@ HWY_NOINLINE void hashRoot(const uint8_t* leafDigests, uint8_t* digest)
 
 #endif
 
-// Hashes as many roots as fill the lanes of whole groups, group by group, and returns their number.
-#if HWY_TARGET <= HWY_AVX3
-
-template <class D>
-KELVANE_AS_WRITTEN HWY_NOINLINE void hashRootGroups(D d, const uint8_t* leafDigests, size_t groups,
-                                                    uint8_t* const* digests, Workspace<D>& memory)
-{
-    constexpr size_t LANES = hn::MaxLanes(D());
-    const auto at = [=](size_t group, size_t offset) HWY_ATTR {
-        Blocks<D, ROOT_MESSAGE> blocks;
-        for (size_t i = 0; i < blocks.COUNT; ++i) {
-            blocks.start[i] = leafDigests + (group * LANES + i * LEAVES) * ROOT_MESSAGE + offset;
-        }
-        return blocks;
-    };
-    Stream<D> stream(memory, at(0, 0));
-    for (size_t group = 0; group < groups; ++group) {
-        stream.begin(hn::Zero(d), PARAMETER_ROOT);
-        for (size_t offset = 0; offset < ROOT_MESSAGE; offset += NODE_BLOCK) {
-            const bool ends = offset + NODE_BLOCK == ROOT_MESSAGE;
-            const auto isLast = hn::Set(d, ends ? ALL_ONES : 0);
-            const auto next = ends ? at(group + 1 < groups ? group + 1 : group, 0) : at(group, offset + NODE_BLOCK);
-            stream.compress(offset + NODE_BLOCK, isLast, isLast, next);
-        }
-        storeDigests(d, stream.v, digests + group * LANES);
-    }
-}
-
-HWY_INLINE size_t hashWholeGroups(const uint8_t* leafDigests, size_t count, uint8_t* const* digests)
-{
-    constexpr size_t LANES = hn::MaxLanes(Widest());
-    if (count >= LANES) {
-        Workspace<Widest> memory;
-        hashRootGroups(Widest(), leafDigests, count / LANES, digests, memory);
-    }
-    return count / LANES * LANES;
-}
-
-#else
-
-HWY_INLINE size_t hashWholeGroups(const uint8_t* /*leafDigests*/, size_t /*count*/, uint8_t* const* /*digests*/)
-{
-    return 0;
-}
-
-#endif
-
 HWY_INLINE void hashAllRoots(const uint8_t* leafDigests, size_t count, uint8_t* const* digests)
 {
     constexpr size_t WIDEST = hn::MaxLanes(Widest());
-    for (size_t done = hashWholeGroups(leafDigests, count, digests); done < count; done += WIDEST) {
+    size_t done = 0;
+#if HWY_TARGET <= HWY_AVX3
+    done = streamRoots(leafDigests, count, digests);
+#endif
+    for (; done < count; done += WIDEST) {
         const uint8_t* const roots = leafDigests + done * ROOT_MESSAGE;
         const size_t some = smaller(count - done, WIDEST);
         if (some == 1) {

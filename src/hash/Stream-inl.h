@@ -1,6 +1,7 @@
 // A stream of blocks: while one block of each lane is compressed, the next one is loaded, transposed and stored as
 // words, a part in each round; the additions read the words of the present one from memory. For instruction sets with
-// 32 registers: the words of the parts need some of them. Compiled once per instruction set, as a part of Blake2sp.cpp.
+// 32 registers: the words of the parts need some of them. Compiled once per instruction set, as a part of
+// Blake2spStreams.cpp.
 
 #if defined(KELVANE_HASH_STREAM_INL_H) == defined(HWY_TARGET_TOGGLE)
 #ifdef KELVANE_HASH_STREAM_INL_H
@@ -12,14 +13,6 @@
 #include "hash/Leaves-inl.h"
 #include <hwy/cache_control.h>
 #include <hwy/highway.h>
-
-// GCC's schedulers move the loads away from the work that hides them.
-#undef KELVANE_AS_WRITTEN
-#if HWY_COMPILER_GCC_ACTUAL
-#define KELVANE_AS_WRITTEN __attribute__((optimize("no-schedule-insns", "no-schedule-insns2")))
-#else
-#define KELVANE_AS_WRITTEN
-#endif
 
 HWY_BEFORE_NAMESPACE();
 namespace kelvane {
@@ -79,49 +72,6 @@ struct Part {
     }
 };
 
-// One of the ten steps of a mixing; none before and after.
-template <int Step, class D>
-HWY_INLINE void mixStep(D d, Vector<D>& a, Vector<D>& b, Vector<D>& c, Vector<D>& e, const Words<D>& m, int m0, int m1)
-{
-    if constexpr (Step == 0) {
-        a = hn::Add(a, m[m0]);
-    } else if constexpr (Step == 1 || Step == 6) {
-        a = hn::Add(a, b);
-    } else if constexpr (Step == 2) {
-        e = xorRotated<16>(d, e, a);
-    } else if constexpr (Step == 3 || Step == 8) {
-        c = hn::Add(c, e);
-    } else if constexpr (Step == 4) {
-        b = xorRotated<12>(d, b, c);
-    } else if constexpr (Step == 5) {
-        a = hn::Add(a, m[m1]);
-    } else if constexpr (Step == 7) {
-        e = xorRotated<8>(d, e, a);
-    } else if constexpr (Step == 9) {
-        b = xorRotated<7>(d, b, c);
-    }
-}
-
-// Half a round: two mixings in step, and two that follow behind, for then rotations of the ones meet additions of the
-// others. Half is 0 for the columns, 1 for the diagonals.
-template <int Round, int Half, int Step, class D>
-HWY_INLINE void mixFrom(D d, Vector<D>* v, const Words<D>& m)
-{
-    constexpr int BEHIND = 1;
-    constexpr auto& s = SIGMA[Round];
-    constexpr int M = 8 * Half;
-    const auto b = [=](int i) HWY_ATTR -> Vector<D>& { return v[4 + (i + Half) % 4]; };
-    const auto c = [=](int i) HWY_ATTR -> Vector<D>& { return v[8 + (i + 2 * Half) % 4]; };
-    const auto e = [=](int i) HWY_ATTR -> Vector<D>& { return v[12 + (i + 3 * Half) % 4]; };
-    mixStep<Step>(d, v[0], b(0), c(0), e(0), m, s[M + 0], s[M + 1]);
-    mixStep<Step - BEHIND>(d, v[1], b(1), c(1), e(1), m, s[M + 2], s[M + 3]);
-    mixStep<Step>(d, v[2], b(2), c(2), e(2), m, s[M + 4], s[M + 5]);
-    mixStep<Step - BEHIND>(d, v[3], b(3), c(3), e(3), m, s[M + 6], s[M + 7]);
-    if constexpr (Step < 9 + BEHIND) {
-        mixFrom<Round, Half, Step + 1>(d, v, m);
-    }
-}
-
 // All rounds on the words m, and on the way the blocks `from` become the words `next`.
 template <int Round, class D, class From>
 HWY_INLINE void roundsFrom(D d, Vector<D>* v, const Words<D>& m, const From& from, Words<D>& next)
@@ -132,11 +82,11 @@ HWY_INLINE void roundsFrom(D d, Vector<D>* v, const Words<D>& m, const From& fro
     if constexpr (BRINGS_IN) {
         part.load(from, Round / EVERY);
     }
-    mixFrom<Round, 0, 0>(d, v, m);
+    mixFour<Round, 0, 1>(d, v, m);
     if constexpr (BRINGS_IN) {
         part.store(next, Round / EVERY);
     }
-    mixFrom<Round, 1, 0>(d, v, m);
+    mixFour<Round, 1, 1>(d, v, m); // one step behind, for then rotations of the ones meet additions of the others
     if constexpr (Round < 9) {
         roundsFrom<Round + 1>(d, v, m, from, next);
     }

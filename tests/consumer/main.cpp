@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "Logger.h"
+#include "Types.h"
+
 using namespace kelvane;
 
 struct NoHash : IHashFunction { };
@@ -16,13 +19,14 @@ int main(int, char** argv)
     const auto store = BlockHashStore::open(argv[1], sizeof(block));
     store->update_hashes(0, block, sizeof(block));
     for (const unsigned char byte : store->get_hash(0, sizeof(block), nullptr)) {
-        std::printf("%02x", byte);
+        std::printf("%02x", OwnLength {byte});
     }
+    logOwn(" ");
     const std::unique_ptr<IHashFunction> function = HashFunctionFactory::createHashFunction(Blake2dHashFunctionType);
     const bool derived = dynamic_cast<BlakeHash*>(function.get()) && NoHash().get_hash(block, 1).empty();
     try {
         BlockHashStore::open("", 0);
     } catch (const std::runtime_error& failure) {
-        std::printf(" %s %s\n", derived ? "derived" : "", failure.what());
+        std::printf("%s %s\n", derived ? "derived" : "", failure.what());
     }
 }

@@ -1,43 +1,12 @@
 #include "hash_file/Inspection.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <limits>
-#include <utility>
+#include <system_error>
 
 namespace kelvane::tool {
 
 namespace {
-
-// What the library says about a file's header, where in the file, and what people can do.
-struct HeaderFailure {
-    const char* says;
-    std::int64_t offset;
-    const char* text;
-};
-
-constexpr const char* NO_HASH_FILE = "not a hash file";
-constexpr const char* UNKNOWN_FORM = "a hash file of a form that is not known here; remove it to start anew";
-
-constexpr HeaderFailure HEADER_FAILURES[] = {{"path does not represent a hash file", 0, "not a hash file"},
-                                             {"file is too small to be valid: ", 0, NO_HASH_FILE},
-                                             {"header magic number does not match", 0, NO_HASH_FILE},
-                                             {"header version does not match", 8, UNKNOWN_FORM},
-                                             {"hash data offset is invalid: ", 8, UNKNOWN_FORM},
-                                             {"unknown hashing function: ", 8, UNKNOWN_FORM},
-                                             {"block size is invalid: ", 8, UNKNOWN_FORM}};
-
-// Failures of the system end in its error number; people want its name. Empty when there is none.
-std::string systemError(const std::string& text)
-{
-    const std::size_t digits = text.find_last_not_of("0123456789") + 1;
-    const bool isSystemError = text.starts_with("failed to ") || text.starts_with("error in ")
-        || text.starts_with("error opening ") || text.starts_with("initFileRegion ");
-    if (!isSystemError || digits == text.size() || digits < 2 || text[digits - 1] != ' ') {
-        return {};
-    }
-    return errorText(std::atoi(text.c_str() + digits));
-}
 
 std::string sizeOf(const std::string& path)
 {
@@ -45,27 +14,54 @@ std::string sizeOf(const std::string& path)
     return std::to_string(std::filesystem::file_size(path, error));
 }
 
+Failure noHashFile(const std::string& path)
+{
+    return {path, 0, "not a hash file"};
+}
+
+// The library's text ends in the number of the error; people want its name.
+std::string named(const std::system_error& error)
+{
+    std::string text = error.what();
+    text.erase(text.size() - error.code().message().size());
+    return text + errorText(error.code().value());
+}
+
 } // namespace
 
 Failure explained(const std::string& path, const std::runtime_error& error)
 {
-    const std::string text = error.what();
-    for (const HeaderFailure& failure : HEADER_FAILURES) {
-        if (text.starts_with(failure.says)) {
-            return {path, failure.offset, failure.text};
-        }
-    }
-    if (text == "the hash file size is incorrect for given target size") {
+    const HashFileFinding finding = HashFileInspector::examine(path);
+    switch (finding.fault) {
+    case HashFileFault::Status:
+    case HashFileFault::Opening:
+        return {path, "cannot open the hash file: " + errorText(finding.error)};
+    case HashFileFault::FileType:
+    case HashFileFault::Length:
+    case HashFileFault::MagicNumber:
+        return noHashFile(path);
+    case HashFileFault::Version:
+    case HashFileFault::DataRegionOffset:
+    case HashFileFault::BlockSize:
+    case HashFileFault::HashFunction:
+        return {path, static_cast<std::int64_t>(finding.offset),
+                "a hash file of a form that is not known here; remove it to start anew"};
+    case HashFileFault::FileSize:
         return {path,
                 "its size of " + sizeOf(path)
                     + " does not fit its header: a change of it was cut short, unless one is under way; "
                       "remove it to start anew"};
+    default:
+        break;
     }
-    const std::string cause = systemError(text);
-    if (text.starts_with("failed to stat hash file") || text.starts_with("failed to open file: ")) {
-        return {path, "cannot open the hash file: " + cause};
+    const auto* const ofSystem = dynamic_cast<const std::system_error*>(&error);
+    if (ofSystem == nullptr) {
+        return {path, error.what()};
     }
-    return {path, cause.empty() ? text : text.substr(0, text.find_last_of(' ') + 1) + cause};
+    const bool isRefused = ofSystem->code() == std::errc::permission_denied
+        || ofSystem->code() == std::errc::operation_not_permitted
+        || ofSystem->code() == std::errc::read_only_file_system; // for writing
+    return {path, isRefused ? "cannot open the hash file: " + errorText(ofSystem->code().value()) : named(*ofSystem)};
 }
 
 Descriptor openHashFile(const std::string& path)
@@ -73,7 +69,7 @@ Descriptor openHashFile(const std::string& path)
     const Descriptor found = openFile(path, O_PATH); // a pipe would be waited for
     struct stat status;
     if (found && ::fstat(found.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw Failure(path, 0, NO_HASH_FILE);
+        throw noHashFile(path);
     }
     Descriptor file = found ? openAgain(found, O_RDONLY) : Descriptor();
     return file ? std::move(file) : throw Failure(path, "cannot open the hash file: " + errorText(errno));
@@ -81,15 +77,7 @@ Descriptor openHashFile(const std::string& path)
 
 bool isHashFile(const std::string& path)
 {
-    try {
-        HashFileInspector inspector(path);
-    } catch (const std::runtime_error& error) {
-        const std::string text = error.what();
-        const auto begins = [&](const char* says) { return text.starts_with(says); };
-        return !begins("failed to ") && !begins("path does not") && !begins("file is too small")
-            && !begins("header magic");
-    }
-    return true;
+    return HashFileInspector::examine(path).isHashFile();
 }
 
 Geometry geometryOf(const HashFileInspector& inspector, const std::string& path)

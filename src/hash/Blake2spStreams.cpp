@@ -1,25 +1,26 @@
-// All leaves of a batch. With 32 registers, those of messages of whole stripes go side by side in pairs of messages.
-// Compiled once per instruction set, as a part of Blake2sp.cpp.
+// The part of the kernel that streams, for instruction sets with 32 registers. It is a file of its own because
+// compilers must keep to the order in which it is written: GCC's schedulers move the loads away from the work that
+// hides them.
 
-#if defined(KELVANE_HASH_LEAF_PAIRS_INL_H) == defined(HWY_TARGET_TOGGLE)
-#ifdef KELVANE_HASH_LEAF_PAIRS_INL_H
-#undef KELVANE_HASH_LEAF_PAIRS_INL_H
-#else
-#define KELVANE_HASH_LEAF_PAIRS_INL_H
-#endif
+#include "hash/Blake2sp.h"
 
-#include "hash/Leaves-inl.h"
+#include <cstring>
+
+#include "hash/Targets.h"
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "hash/Blake2spStreams.cpp"
+#include <hwy/foreach_target.h>
+#include <hwy/highway.h>
+
 #include "hash/Stream-inl.h"
 #include <hwy/cache_control.h>
-#include <hwy/highway.h>
 
 HWY_BEFORE_NAMESPACE();
 namespace kelvane {
 namespace HWY_NAMESPACE {
 
 #if HWY_TARGET <= HWY_AVX3
-
-constexpr size_t LEAF_BATCH = 64; // messages: long streams on both sides of the pairs
 
 // One stripe for every eight lanes.
 template <class D>
@@ -71,7 +72,7 @@ struct Road {
 
 // Leaves of messages of whole stripes, at least one, to root messages of 256 bytes each.
 template <class D>
-KELVANE_AS_WRITTEN HWY_NOINLINE void hashLeafGroups(D d, const Road<D>& road, uint8_t* digests, Workspace<D>& memory)
+HWY_NOINLINE void hashLeafGroups(D d, const Road<D>& road, uint8_t* digests, Workspace<D>& memory)
 {
     constexpr size_t LANES = hn::MaxLanes(D());
     const auto leaves = hn::And(hn::Iota(d, 0), hn::Set(d, uint32_t {LEAVES - 1}));
@@ -92,10 +93,22 @@ KELVANE_AS_WRITTEN HWY_NOINLINE void hashLeafGroups(D d, const Road<D>& road, ui
     }
 }
 
+void streamLeaves(const uint8_t* const* messages, size_t count, size_t length, uint8_t* digests)
+{
+    const size_t pairs = count / 2;
+    if (pairs != 0) {
+        Workspace<Widest> memory;
+        hashLeafGroups(Widest(), {messages, pairs, pairs, length}, digests, memory);
+    }
+    if (count != 2 * pairs) {
+        Workspace<OneMessage> memory;
+        hashLeafGroups(OneMessage(), {messages + 2 * pairs, 1, 0, length}, digests + 2 * pairs * ROOT_MESSAGE, memory);
+    }
+}
+
 // Whole stripes of one message, behind which it goes on.
 template <class D>
-KELVANE_AS_WRITTEN HWY_NOINLINE void absorbStream(D d, const Road<D>& road, Blake2spLeaves& leaves,
-                                                  Workspace<D>& memory)
+HWY_NOINLINE void absorbStripes(D d, const Road<D>& road, Blake2spLeaves& leaves, Workspace<D>& memory)
 {
     Stream<D> stream(memory, road.at(0, 0));
     stream.load(leaves);
@@ -107,34 +120,45 @@ KELVANE_AS_WRITTEN HWY_NOINLINE void absorbStream(D d, const Road<D>& road, Blak
     stream.store(leaves);
 }
 
-// Leaves of at most LEAF_BATCH messages, to root messages of 256 bytes each.
-HWY_INLINE void hashAllLeaves(const uint8_t* const* messages, size_t count, size_t length, uint8_t* digests)
+void streamStripes(Blake2spLeaves& leaves, const uint8_t* bytes, size_t stripes)
 {
-    const size_t pairs = count / 2;
-    const uint8_t* const* const rest = messages + 2 * pairs;
-    uint8_t* const digestsOfRest = digests + 2 * pairs * ROOT_MESSAGE;
-    if (length == 0 || length % STRIPE != 0) {
-        hashLeaves(Widest(), messages, 2 * pairs, length, digests);
-        hashLeaves(OneMessage(), rest, count - 2 * pairs, length, digestsOfRest);
-        return;
-    }
-    if (pairs != 0) {
-        Workspace<Widest> memory;
-        hashLeafGroups(Widest(), {messages, pairs, pairs, length}, digests, memory);
-    }
-    if (count != 2 * pairs) {
-        Workspace<OneMessage> memory;
-        hashLeafGroups(OneMessage(), {rest, 1, 0, length}, digestsOfRest, memory);
+    Workspace<OneMessage> memory;
+    absorbStripes(OneMessage(), {&bytes, 1, 0, stripes * STRIPE}, leaves, memory);
+}
+
+template <class D>
+HWY_NOINLINE void hashRootGroups(D d, const uint8_t* leafDigests, size_t groups, uint8_t* const* digests,
+                                 Workspace<D>& memory)
+{
+    constexpr size_t LANES = hn::MaxLanes(D());
+    const auto at = [=](size_t group, size_t offset) HWY_ATTR {
+        Blocks<D, ROOT_MESSAGE> blocks;
+        for (size_t i = 0; i < blocks.COUNT; ++i) {
+            blocks.start[i] = leafDigests + (group * LANES + i * LEAVES) * ROOT_MESSAGE + offset;
+        }
+        return blocks;
+    };
+    Stream<D> stream(memory, at(0, 0));
+    for (size_t group = 0; group < groups; ++group) {
+        stream.begin(hn::Zero(d), PARAMETER_ROOT);
+        for (size_t offset = 0; offset < ROOT_MESSAGE; offset += NODE_BLOCK) {
+            const bool ends = offset + NODE_BLOCK == ROOT_MESSAGE;
+            const auto isLast = hn::Set(d, ends ? ALL_ONES : 0);
+            const auto next = ends ? at(group + 1 < groups ? group + 1 : group, 0) : at(group, offset + NODE_BLOCK);
+            stream.compress(offset + NODE_BLOCK, isLast, isLast, next);
+        }
+        storeDigests(d, stream.v, digests + group * LANES);
     }
 }
 
-#else
-
-constexpr size_t LEAF_BATCH = hn::MaxLanes(Widest());
-
-HWY_INLINE void hashAllLeaves(const uint8_t* const* messages, size_t count, size_t length, uint8_t* digests)
+size_t streamRoots(const uint8_t* leafDigests, size_t count, uint8_t* const* digests)
 {
-    hashLeaves(OneMessage(), messages, count, length, digests);
+    constexpr size_t LANES = hn::MaxLanes(Widest());
+    if (count >= LANES) {
+        Workspace<Widest> memory;
+        hashRootGroups(Widest(), leafDigests, count / LANES, digests, memory);
+    }
+    return count / LANES * LANES;
 }
 
 #endif
@@ -142,5 +166,3 @@ HWY_INLINE void hashAllLeaves(const uint8_t* const* messages, size_t count, size
 } // namespace HWY_NAMESPACE
 } // namespace kelvane
 HWY_AFTER_NAMESPACE();
-
-#endif

@@ -1,0 +1,35 @@
+// What can keep a file from being used as a hash file.
+#pragma once
+
+#include <cstdint>
+
+namespace kelvane {
+
+// The first check of opening that a file does not pass.
+enum class HashFileFault {
+    None,             // a hash file that fits its header
+    Status,           // the system does not tell anything about the file: it is not there, for instance
+    FileType,         // not a regular file
+    Length,           // too short for a header
+    Opening,          // the system does not open it
+    Reading,          // its header cannot be read
+    MagicNumber,      // not a hash file
+    Version,          // a hash file of another form, with one of the next three too
+    DataRegionOffset, //
+    HashFunction,     //
+    BlockSize,        // 0
+    TargetSize,       // its header is of a target of another size
+    FileSize          // its size does not fit its header: its creation or a change of its size was cut short
+};
+
+// A fault and where it shows.
+struct HashFileFinding {
+    HashFileFault fault = HashFileFault::None;
+    std::uint64_t offset = 0; // of the header's field that the check looks at, in bytes; 0 for those before the header
+    int error = 0;            // the system's error number, for Status, Opening and Reading; 0 where it did not fail
+
+    // Whether the file says that it is a hash file, perhaps a damaged one.
+    bool isHashFile() const { return fault == HashFileFault::None || fault > HashFileFault::MagicNumber; }
+};
+
+} // namespace kelvane
