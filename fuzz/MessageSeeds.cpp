@@ -15,6 +15,7 @@ using kelvane::testing::Kind;
 namespace {
 
 constexpr std::int64_t BLOCK = 4096;
+constexpr std::int64_t SIZE = 1 << 30;
 
 std::string partOfMessage(const auto& write)
 {
@@ -32,7 +33,7 @@ std::string frame(FrameType type, const std::string& payload)
 std::string sent(const Piece& piece, std::uint32_t compression)
 {
     const auto pool = std::make_shared<BytesPool>(Channel::LARGEST_FRAME);
-    const SentPiece sent(piece, compression, *pool);
+    const SentPiece sent(piece, {BLOCK, SIZE, compression}, *pool);
     return std::string(sent.fields()) + std::string(sent.data());
 }
 
@@ -50,7 +51,7 @@ std::vector<std::pair<Kind, std::string>> seeds()
                                  "2 blocks repaired\n"};
     const Digest digest(32, 7);
     const std::string data(BLOCK, 'x');
-    const Digest ofBlocks = digestOfBlocks(data.data(), BLOCK, BLOCK);
+    const DigestBytes ofBlocks = digestsOf(data.data(), BLOCK, BLOCK);
     const std::string frames = frame(FrameType::Hello, Hello().encode()) + frame(FrameType::Alive, "")
         + frame(FrameType::Open, open.encode()) + frame(FrameType::Conclude, "");
     const std::string unfinished("\x83\x01\x09\x00\x00\x00x", 7);
@@ -58,17 +59,17 @@ std::vector<std::pair<Kind, std::string>> seeds()
     return {
         {Kind::Hello, Hello().encode()},
         {Kind::Open, open.encode()},
-        {Kind::Start, encode(Start {BLOCK, 9 * BLOCK, 0640, 8 * BLOCK})},
-        {Kind::Started, encode(Started {1 << 20, 5, {1, 7, 8}})},
+        {Kind::Start, StartSide {{BLOCK, 9 * BLOCK, 0640, 8 * BLOCK}, true}.encode()},
+        {Kind::Started, encode(Started {1 << 20, 5, {1, 7, 8}, true})},
         {Kind::Opening, encode(Opening {9 * BLOCK, 0640, false, true, "disk.img.hashes", BLOCK})},
         {Kind::AskNodes, AskNodes {{18, {0, 3, 5}}, true}.encode()},
         {Kind::AskBytes, AskBytes {{BLOCK, 99}, 10}.encode()},
         {Kind::Digests, Digests {{digest, digest}, {}}.encode()},
         {Kind::Digests, Digests {{}, conclusion}.encode()},
-        {Kind::Read, Read {{{0, BLOCK}, {3 * BLOCK, 2 * BLOCK}}, true}.encode()},
-        {Kind::Data, sent({{BLOCK, 1 << 20}, nullptr, {}}, 0)},
-        {Kind::Data, sent({{BLOCK, 9}, data.data(), {}}, 0)},
-        {Kind::Data, sent({{BLOCK, BLOCK}, data.data(), ofBlocks}, 3)},
+        {Kind::Read, Ranges {{{0, BLOCK}, {3 * BLOCK, 2 * BLOCK}}, true}.encode()},
+        {Kind::Data, sent({{BLOCK, 1 << 20}, nullptr, {}, {}}, 0)},
+        {Kind::Data, sent({{BLOCK, 9}, data.data(), {}, {}}, 0)},
+        {Kind::Data, sent({{BLOCK, BLOCK}, data.data(), ofBlocks, {}}, 3)},
         {Kind::List, "# lines\n4096 + 8192\n0\t1\n# equal; 5 blocks\n"},
         {Kind::List,
          R"({"verdict": "different", "sizes": [], "changedMeanwhile": [], "differing": [{"offset": 4096, "length": 9}]})"},

@@ -69,11 +69,11 @@ void checkPiece(const std::string& text)
     const auto pool = std::make_shared<BytesPool>(Channel::LARGEST_FRAME);
     Bytes payload = pool->take(text.size());
     std::memcpy(payload.data(), text.data(), text.size());
-    const auto received = ReceivedPiece::decode(std::move(payload), BLOCK, form, *pool);
-    require(received.range.offset >= BLOCK && received.range.length > 0 && received.range.end() <= SIZE,
+    const Piece piece = receivedPiece(std::move(payload), BLOCK, form, *pool);
+    require(piece.range.offset >= BLOCK && piece.range.length > 0 && piece.range.end() <= SIZE,
             "data outside of what was asked for");
-    require(isOnePiece(received.range, form), "data of parts of several blocks");
-    require(received.isZeros || std::ssize(received.data) == received.range.length, "data of another length");
+    require(isOnePiece(piece.range, form), "data of parts of several blocks");
+    require(piece.data != nullptr || piece.memory == nullptr, "memory for zeros");
 }
 
 void checkList(const std::string& text, std::optional<ListFormat> format)
@@ -199,13 +199,13 @@ void checkStream(const std::string& text)
 const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
     [](const std::string& text) { Hello::decode(text); },
     [](const std::string& text) { Open::decode(text); },
-    thereAndBack([](const std::string& text) { return decodeStart(text); }),
+    thereAndBack([](const std::string& text) { return StartSide::decode(text); }),
     thereAndBack([](const std::string& text) { return decodeStarted(text); }),
     thereAndBack([](const std::string& text) { return decodeOpening(text); }),
     thereAndBack([](const std::string& text) { return AskNodes::decode(text); }),
     thereAndBack([](const std::string& text) { return AskBytes::decode(text); }),
     thereAndBack([](const std::string& text) { return Digests::decode(text); }),
-    thereAndBack([](const std::string& text) { return Read::decode(text, SIZE); }),
+    thereAndBack([](const std::string& text) { return Ranges::decode(text, SIZE); }),
     checkPiece,
     [](const std::string& text) { checkList(text, std::nullopt); },
     [](const std::string& text) { checkList(text, ListFormat::Bitmap); },

@@ -24,7 +24,7 @@ Conclusions conclude(HashedImage& image, const Common& common, bool isAnsweredFo
             isAnsweredFor || common.trust == Trust::Everything};
 }
 
-Conclusions conclude(Side& first, Side& second, const Common& common)
+Conclusions conclude(StartedSide& first, StartedSide& second, const Common& common)
 {
     return {{{first.name(), first.conclude()}, {second.name(), second.conclude()}}, common.trust == Trust::Everything};
 }

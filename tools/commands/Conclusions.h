@@ -24,7 +24,7 @@ struct Conclusions {
 
 // End the use of the images.
 Conclusions conclude(HashedImage& image, const Common& common, bool isAnsweredFor = false);
-Conclusions conclude(Side& first, Side& second, const Common& common);
+Conclusions conclude(StartedSide& first, StartedSide& second, const Common& common);
 
 // Those that were changed meanwhile; those that could have been without a trace, as far as the user does not answer for
 // that.

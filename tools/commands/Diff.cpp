@@ -19,11 +19,11 @@ DiffResult diffSides(Side& first, Side& second, const PairArguments& arguments, 
     const std::int64_t secondSize = second.opening().size;
     const auto [least, most] = std::minmax(firstSize, secondSize);
     const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
-    Comparison comparison = compare(first, second, {blockSize, 0, 0, least}, [] {});
+    auto [startedFirst, startedSecond, comparison] = compare(first, second, {blockSize, 0, 0, least}, {[] {}, false});
     append(comparison.differing, between(least, most));
-    const Conclusions found = conclude(first, second, common);
+    const Conclusions found = conclude(startedFirst, startedSecond, common);
     for (Range& range : comparison.differing) {
-        range.offset += first.started().partitionOffset;
+        range.offset += startedFirst.started().partitionOffset;
     }
     return {verdictOf(found, comparison.differing.empty()),
             firstSize,

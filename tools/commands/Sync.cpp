@@ -24,25 +24,26 @@ std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, 
     return destination.isFar() && own == options.blockSize.value_or(own.value_or(0)) ? own : std::nullopt;
 }
 
-OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, Reporter& reporter)
+OwnChange copy(StartedSide& source, StartedSide& destination, const std::vector<Range>& ranges, bool isSparse,
+               Reporter& reporter)
 {
     const auto phase = reporter.begin("copy", totalLength(ranges));
-    destination.startWriting(isSparse);
-    source.read(ranges, destination.isFar(), [&](const Piece& piece) {
-        destination.write(piece);
+    WritingSide& writing = destination.startWriting(isSparse);
+    writing.announce(ranges);
+    source.read(ranges, [&](const Piece& piece) {
+        writing.write(piece);
         phase->advance(piece.range.length);
     });
-    return destination.finishWriting();
+    return writing.finish();
 }
 
-std::optional<std::int64_t> reread(Side& source, Side& destination, Reporter& reporter)
+std::optional<std::int64_t> reread(StartedSide& source, StartedSide& destination, std::int64_t size, Reporter& reporter)
 {
     const StartingAnew startingAnew;
     source.dropCache();
     destination.dropCache();
-    const auto phase = reporter.begin("verify", source.opening().size);
-    return firstDifference(source, destination, {0, source.opening().size},
-                           [&](std::int64_t bytes) { phase->advance(bytes); });
+    const auto phase = reporter.begin("verify", size);
+    return firstDifference(source, destination, {0, size}, [&](std::int64_t bytes) { phase->advance(bytes); });
 }
 
 SyncResult syncSides(Side& source, Side& destination, const PairArguments& arguments, const SyncArguments& how,
@@ -55,21 +56,19 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
     };
     const auto foregone = foregoneBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;
-    Comparison found = compare(source, destination,
-                               {foregone ? *foregone : agreedBlockSize(), size, source.opening().permissions, size},
-                               agreedBlockSize);
+    auto [from, to, found] = compare(
+        source, destination, {foregone ? *foregone : agreedBlockSize(), size, source.opening().permissions, size},
+        {agreedBlockSize, true});
     // Holes may have to be filled where nothing differs.
     const bool isWritten = !found.differing.empty() || !how.isSparse;
-    const OwnChange change
-        = isWritten ? copy(source, destination, found.differing, how.isSparse, common.reporter) : OwnChange();
+    const OwnChange change = isWritten ? copy(from, to, found.differing, how.isSparse, common.reporter) : OwnChange();
     // What others wrote at the same time shows in the data alone.
     const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);
-    const std::optional<std::int64_t> difference
-        = isReread ? reread(source, destination, common.reporter) : std::nullopt;
+    const std::optional<std::int64_t> difference = isReread ? reread(from, to, size, common.reporter) : std::nullopt;
     if (difference || !change.wasUnchanged) {
-        destination.distrust();
+        to.distrust();
     }
-    const Conclusions ends = conclude(source, destination, common);
+    const Conclusions ends = conclude(from, to, common);
     const Opening& former = destination.opening();
     const bool isEqual = !difference && change.wasUnchanged && areSure(ends);
     const bool isResized = !former.isMissing && !former.isBlockDevice && former.size != size;

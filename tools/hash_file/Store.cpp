@@ -91,6 +91,11 @@ private:
 Digest Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
 {
     ReadingSource source(image, m_geometry.partitionOffset, bytesRead);
+    return hashWith(source, range);
+}
+
+Digest Store::hashWith(TargetSource& source, Range range)
+{
     const auto stopping = [](kelvane_buf_len_t /*done*/) {
         throwWhenInterrupted();
         return true;
@@ -115,6 +120,12 @@ std::vector<Range> Store::wrong(Range blocks, const char* data)
     return found;
 }
 
+bool Store::has(Range blocks, const DigestBytes& digests)
+{
+    DataSource unused(onDevice(blocks), nullptr);
+    return digests.empty() ? wrong(blocks, nullptr).empty() : hashWith(unused, blocks) == digestOfDigests(digests);
+}
+
 void Store::update(Range blocks, const char* data)
 {
     forgetWhenFailing(blocks, [&] {
@@ -127,9 +138,12 @@ void Store::update(Range blocks, const char* data)
     });
 }
 
-void Store::store(Range blocks, const unsigned char* digests)
+void Store::store(Range blocks, const DigestBytes& digests)
 {
-    forgetWhenFailing(blocks, [&] { writable().store_hashes(onDevice(blocks), blocks.length, digests); });
+    if (digests.empty()) {
+        return update(blocks, nullptr);
+    }
+    forgetWhenFailing(blocks, [&] { writable().store_hashes(onDevice(blocks), blocks.length, digests.data()); });
 }
 
 // A write that was cut short can leave a hash by half.

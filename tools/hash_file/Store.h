@@ -9,13 +9,11 @@
 #include <vector>
 
 #include "base/Range.h"
+#include "hash_file/Digests.h"
 #include "hash_file/Inspection.h"
 #include "image/Image.h"
 
 namespace kelvane::tool {
-
-using Digest = BlockHashStore::HashValue;
-using DigestBytes = std::vector<unsigned char>; // of digests, one behind the other
 
 // One store, for one thread. Failures name the hash file.
 class Store {
@@ -37,9 +35,12 @@ public:
     // Of whole blocks that are known, those whose hash is not the data's; null is zeros.
     std::vector<Range> wrong(Range blocks, const char* data);
 
+    // Whether these are the hashes of whole blocks that are known.
+    bool has(Range blocks, const DigestBytes& digests);
+
     // These fail when the hash file can only be read. The ranges are of whole blocks; null is zeros.
     void update(Range blocks, const char* data);
-    void store(Range blocks, const unsigned char* digests);
+    void store(Range blocks, const DigestBytes& digests);
     void invalidate(Range range);
     void sync();
     std::uint64_t discardTornEntries();
@@ -48,6 +49,7 @@ public:
     void forget(Range range);
 
 private:
+    Digest hashWith(TargetSource& source, Range range);
     BlockHashStore& writable() const;
     std::int64_t onDevice(Range range) const { return m_geometry.partitionOffset + range.offset; }
     void forgetWhenFailing(Range range, const std::function<void()>& operation);

@@ -292,6 +292,7 @@ void Image::create(mode_t permissions)
         throw Failure(m_path, "cannot make: " + errorText(errno));
     }
     take(std::move(file), status);
+    m_direct = {}; // as in beginWriting
     m_isWriting = true;
 }
 

@@ -119,7 +119,7 @@ public:
 
     // Whether a FlushFailed was thrown: what was written may be nowhere.
     bool hasLostWrites() const { return *m_hasLostWrites; }
-    bool punch(Range range);        // into zeros that take no room; false where that cannot be done
+    bool punch(Range range); // into zeros that take no room; false where that cannot be done
 
     // By this program.
     std::int64_t bytesWritten() const { return m_bytesWritten; }

@@ -65,6 +65,17 @@ ImageReader::ImageReader(const Image& image, Cache cache)
 {
 }
 
+// What goes past the system's memory is of whole pages.
+ImageReader::Copy ImageReader::copy(Range range) const
+{
+    const Range pages = pagesOf(range);
+    const Range window = between(pages.offset, std::min(pages.end(), std::max(range.end(), m_image.size())));
+    Copy copy = {m_pool->take(static_cast<std::size_t>(window.length)), nullptr};
+    read(copy.memory.data(), window);
+    copy.data = copy.memory.data() + (range.offset - window.offset);
+    return copy;
+}
+
 void ImageReader::read(char* buffer, Range range) const
 {
     if (m_cache == Cache::Keep) {
@@ -82,13 +93,9 @@ ImageData::ImageData(const ImageReader& reader, Range range)
     , m_range(range)
     , m_window(pagesOf(range))
 {
-    if (map()) {
-        return;
+    if (!map()) {
+        m_copy = reader.copy(range);
     }
-    m_window = between(m_window.offset, std::min(m_window.end(), std::max(range.end(), reader.image().size())));
-    m_memory = reader.memory(static_cast<std::size_t>(m_window.length));
-    m_start = m_memory.data();
-    reader.read(m_start, m_window);
 }
 
 ImageData::~ImageData()
@@ -149,7 +156,7 @@ void ImageData::check() const
 void ImageData::readPieces() const
 {
     constexpr std::int64_t AT_ONCE = 1 << 16;
-    Bytes buffer = m_reader.memory(AT_ONCE);
+    Bytes buffer = m_reader.m_pool->take(AT_ONCE);
     for (Range rest = m_range; rest.length > 0;) {
         const Range piece = {rest.offset, std::min(AT_ONCE, rest.length)};
         m_reader.image().read(buffer.data(), piece);

@@ -21,15 +21,17 @@ public:
 
     const Image& image() const { return m_image; }
 
-    // What is in memory is copied from there, all else comes from the disk past it. The buffer is one of `memory`, or
-    // its pages will be.
-    void read(char* buffer, Range range) const;
-
-    // Memory for data that is read, or on its way.
-    Bytes memory(std::size_t size) const { return m_pool->take(size); }
+    // A copy: what is in memory from there, all else from the disk past it.
+    struct Copy {
+        Bytes memory;
+        const char* data;
+    };
+    Copy copy(Range range) const;
 
 private:
     friend class ImageData;
+
+    void read(char* buffer, Range range) const;
 
     const Image& m_image;
     Cache m_cache;
@@ -46,7 +48,7 @@ public:
     ImageData& operator=(const ImageData&) = delete;
 
     // To be read alone. When the data goes away, for the image is cut short or the disk fails, zeros take its place.
-    const char* get() const { return m_start + (m_range.offset - m_window.offset); }
+    const char* get() const { return m_isMapped ? m_start + (m_range.offset - m_window.offset) : m_copy.data; }
 
     // Fails as Image::read does when the data was not there all the time.
     void check() const;
@@ -61,7 +63,7 @@ private:
     Range m_window; // whole pages
     char* m_start = nullptr;
     bool m_isMapped = false;
-    Bytes m_memory;
+    ImageReader::Copy m_copy;
 };
 
 } // namespace kelvane::tool

@@ -228,7 +228,7 @@ void Channel::takeHeader()
         throw ProtocolError("a frame is damaged, or none");
     }
     if (length > LARGEST_FRAME || type < static_cast<std::uint8_t>(FrameType::Hello)
-        || type > static_cast<std::uint8_t>(FrameType::Note)) {
+        || type > static_cast<std::uint8_t>(FrameType::Announce)) {
         throw ProtocolError("a frame of type " + std::to_string(type) + " with " + std::to_string(length) + " bytes");
     }
     m_arriving = {static_cast<FrameType>(type), m_pool->take(length)};

@@ -46,7 +46,8 @@ enum class FrameType : std::uint8_t {
     Concluded,
     Error,
     Alive,
-    Note
+    Note,
+    Announce
 };
 
 struct Frame {

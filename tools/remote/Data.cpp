@@ -1,12 +1,14 @@
 #include "remote/Data.h"
 
-#include <kelvane/BlakeHash.h>
 #include <zstd.h>
 
 #include <algorithm>
 #include <limits>
+#include <memory>
+#include <utility>
 
 #include "remote/Wire.h"
+#include "work/Pump.h"
 
 namespace kelvane::tool {
 
@@ -14,9 +16,9 @@ namespace {
 
 enum class Form : std::uint8_t { Zeros, Bytes, Compressed };
 
-Digest digestOf(const char* data, std::int64_t length)
+bool isOfWholeBlocks(Range range, std::int64_t blockSize)
 {
-    return BlakeHash().get_hash(const_cast<char*>(data), length); // which is only read
+    return range.offset % blockSize == 0 && range.length % blockSize == 0;
 }
 
 void checkDigest(Range range, const Digest& found, const Digest& told)
@@ -56,17 +58,7 @@ bool isOnePiece(Range range, const DataForm& form)
         || range.offset / form.blockSize == (range.end() - 1) / form.blockSize;
 }
 
-Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize)
-{
-    std::string digests;
-    for (std::int64_t at = 0; at < length; at += blockSize) {
-        const Digest digest = digestOf(data + at, blockSize);
-        digests.append(digest.begin(), digest.end());
-    }
-    return digestOf(digests.data(), std::ssize(digests));
-}
-
-SentPiece::SentPiece(const Piece& piece, std::uint32_t compression, BytesPool& pool)
+SentPiece::SentPiece(const Piece& piece, const DataForm& form, BytesPool& pool)
 {
     m_fields.i64(piece.range.offset).i64(piece.range.length);
     if (piece.data == nullptr) {
@@ -74,10 +66,10 @@ SentPiece::SentPiece(const Piece& piece, std::uint32_t compression, BytesPool& p
         return;
     }
     m_data = {piece.data, static_cast<std::size_t>(piece.range.length)};
-    const bool isOfBlocks = !piece.digest.empty();
-    const Digest digest = isOfBlocks ? piece.digest : digestOf(piece.data, piece.range.length);
-    if (compression > 0) {
-        compress(compression, pool);
+    const bool isOfBlocks = isOfWholeBlocks(piece.range, form.blockSize) && !piece.digests.empty();
+    const Digest digest = isOfBlocks ? digestOfDigests(piece.digests) : digestOf(piece.data, piece.range.length);
+    if (form.compression > 0) {
+        compress(form.compression, pool);
     }
     m_fields.u8(static_cast<std::uint8_t>(m_data.data() == piece.data ? Form::Bytes : Form::Compressed));
     m_fields.flag(isOfBlocks).bytes(digest.data(), digest.size());
@@ -97,69 +89,84 @@ void SentPiece::compress(std::uint32_t level, BytesPool& pool)
 void send(Channel& channel, const Piece& piece, const DataForm& form)
 {
     const std::int64_t longest = longestPiece(channel, piece);
-    const bool isCut = firstOf(piece.range, form, longest).length < piece.range.length;
-    const bool hasDigest = !piece.digest.empty();
-    if (isCut && hasDigest) { // the shorter ones will have hashes of their own
-        checkDigest(piece.range, digestOfBlocks(piece.data, piece.range.length, form.blockSize), piece.digest);
-    }
+    const Range blocks = {piece.range.offset, roundDown(piece.range.length, form.blockSize)};
     for (Range rest = piece.range; rest.length > 0;) {
         const Range next = firstOf(rest, form, longest);
-        const char* const data = piece.data == nullptr ? nullptr : piece.data + (next.offset - piece.range.offset);
-        const Digest digest = isCut && hasDigest ? digestOfBlocks(data, next.length, form.blockSize) : piece.digest;
-        const SentPiece sent({next, data, digest}, form.compression, channel.pool());
+        Piece part = {next, piece.data == nullptr ? nullptr : piece.data + (next.offset - piece.range.offset), {}, {}};
+        if (isOfWholeBlocks(next, form.blockSize)) {
+            part.digests = digestsOfPart(piece.digests, blocks, next, form.blockSize);
+        }
+        const SentPiece sent(part, form, channel.pool());
         channel.send(FrameType::Data, {sent.fields(), sent.data()});
         rest = between(next.end(), rest.end());
     }
 }
 
-ReceivedPiece ReceivedPiece::decode(Bytes payload, std::int64_t start, const DataForm& form, BytesPool& pool)
-{
-    FieldReader from(payload.view());
-    ReceivedPiece received;
-    received.range = from.range(form.end);
-    const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
-    received.isZeros = kind == Form::Zeros;
-    if (received.range.offset < start || received.range.length == 0
-        || (!received.isZeros && received.range.length > LONGEST_PIECE)) {
-        throw ProtocolError("data of a range that was not asked for");
-    }
-    if (!isOnePiece(received.range, form)) {
-        throw ProtocolError("data of parts of several blocks");
-    }
-    if (!received.isZeros) {
-        received.isOfBlocks = from.flag();
-        received.digest = from.digest();
-        received.data = from.rest();
-        received.memory = std::move(payload);
-        if (kind == Form::Compressed) {
-            received.decompress(pool);
-        }
-        received.check(form);
-    }
-    from.end();
-    return received;
-}
+namespace {
 
-void ReceivedPiece::decompress(BytesPool& pool)
+Bytes decompressed(std::string_view data, Range range, BytesPool& pool)
 {
     Bytes bytes = pool.take(static_cast<std::size_t>(range.length));
     if (ZSTD_decompress(bytes.data(), bytes.size(), data.data(), data.size()) != bytes.size()) {
         throw ProtocolError("compressed data is damaged");
     }
-    memory = std::move(bytes);
-    data = memory.view();
+    return bytes;
 }
 
-void ReceivedPiece::check(const DataForm& form) const
+// `isOfBlocks`: the hash is that of the blocks' hashes.
+void check(Piece& piece, bool isOfBlocks, const Digest& digest, const DataForm& form)
 {
-    const bool isOfWholeBlocks = range.offset % form.blockSize == 0 && range.length % form.blockSize == 0;
-    if (std::ssize(data) != range.length || (isOfBlocks && !isOfWholeBlocks)) {
+    if (isOfBlocks && !isOfWholeBlocks(piece.range, form.blockSize)) {
+        throw ProtocolError("hashes of blocks for a part of one");
+    }
+    if (isOfBlocks) {
+        piece.digests = digestsOf(piece.data, piece.range.length, form.blockSize);
+    }
+    checkDigest(piece.range, isOfBlocks ? digestOfDigests(piece.digests) : digestOf(piece.data, piece.range.length),
+                digest);
+}
+
+} // namespace
+
+Piece receivedPiece(Bytes payload, std::int64_t start, const DataForm& form, BytesPool& pool)
+{
+    FieldReader from(payload.view());
+    Piece piece = {from.range(form.end), nullptr, {}, {}};
+    const auto kind = static_cast<Form>(atMost<int>(from.u8(), static_cast<int>(Form::Compressed), "form of data"));
+    if (piece.range.offset < start || piece.range.length == 0
+        || (kind != Form::Zeros && piece.range.length > LONGEST_PIECE)) {
+        throw ProtocolError("data of a range that was not asked for");
+    }
+    if (!isOnePiece(piece.range, form)) {
+        throw ProtocolError("data of parts of several blocks");
+    }
+    if (kind == Form::Zeros) {
+        from.end();
+        return piece;
+    }
+    const bool isOfBlocks = from.flag();
+    const Digest digest = from.digest();
+    std::string_view data = from.rest();
+    auto memory = std::make_shared<Bytes>(kind == Form::Compressed ? decompressed(data, piece.range, pool)
+                                                                   : std::move(payload));
+    data = kind == Form::Compressed ? memory->view() : data;
+    if (std::ssize(data) != piece.range.length) {
         throw ProtocolError("data of another length than told");
     }
-    checkDigest(range,
-                isOfBlocks ? digestOfBlocks(data.data(), range.length, form.blockSize)
-                           : digestOf(data.data(), range.length),
-                digest);
+    piece.data = data.data();
+    piece.memory = std::move(memory);
+    check(piece, isOfBlocks, digest, form);
+    return piece;
+}
+
+void takeIn(Channel& channel, const std::function<void(const Sink& sink)>& receive, const Sink& consume)
+{
+    try {
+        pump(receive, consume, [&] { channel.stopWaiting(true); });
+    } catch (...) {
+        channel.stopWaiting(false);
+        throw;
+    }
 }
 
 } // namespace kelvane::tool

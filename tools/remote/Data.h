@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 
 #include "base/Bytes.h"
@@ -21,14 +22,11 @@ struct DataForm {
 // Whether a range is of whole blocks, or lies in one: all others could be more than a receiver has room for.
 bool isOnePiece(Range range, const DataForm& form);
 
-// The hash of the hashes of whole blocks.
-Digest digestOfBlocks(const char* data, std::int64_t length, std::int64_t blockSize);
-
 // A piece on its way, perhaps compressed, with its hash.
 class SentPiece {
 public:
     // What is not compressed is lent by the piece.
-    SentPiece(const Piece& piece, std::uint32_t compression, BytesPool& pool);
+    SentPiece(const Piece& piece, const DataForm& form, BytesPool& pool);
 
     std::string_view fields() const { return m_fields.done(); }
     std::string_view data() const { return m_data; }
@@ -44,22 +42,11 @@ private:
 // In as many pieces as that takes; where the bandwidth is limited, in shorter ones, so that none takes long.
 void send(Channel& channel, const Piece& piece, const DataForm& form);
 
-struct ReceivedPiece {
-    Range range;
-    bool isZeros = false;
-    bool isOfBlocks = false; // the hash is that of its blocks' hashes
-    Digest digest;
-    Bytes memory; // in which the data is
-    std::string_view data;
+// A piece between `start` and the form's end that has come, with the digests of its blocks where it has whole ones.
+// Fails when the data is not what the hash says.
+Piece receivedPiece(Bytes payload, std::int64_t start, const DataForm& form, BytesPool& pool);
 
-    // Of one piece between `start` and the form's end. Fails when the data is not what the hash says.
-    static ReceivedPiece decode(Bytes payload, std::int64_t start, const DataForm& form, BytesPool& pool);
-
-    Piece piece() const { return {range, isZeros ? nullptr : data.data(), digest}; }
-
-private:
-    void decompress(BytesPool& pool);
-    void check(const DataForm& form) const;
-};
+// As `pump`, for pieces that come through a channel, which `receive` alone uses meanwhile.
+void takeIn(Channel& channel, const std::function<void(const Sink& sink)>& receive, const Sink& consume);
 
 } // namespace kelvane::tool

@@ -131,15 +131,18 @@ Opening decodeOpening(std::string_view payload)
     });
 }
 
-std::string encode(const Start& start)
+std::string StartSide::encode() const
 {
-    return FieldWriter().u32(start.blockSize).i64(start.targetSize).u32(start.permissions).i64(start.compared).done();
+    FieldWriter to;
+    to.u32(start.blockSize).i64(start.targetSize).u32(start.permissions).i64(start.compared);
+    return to.flag(isFirst).done();
 }
 
-Start decodeStart(std::string_view payload)
+StartSide StartSide::decode(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
-        Start start;
+        StartSide side;
+        Start& start = side.start;
         start.blockSize = from.u32();
         if (start.blockSize == 0) {
             throw ProtocolError("blocks of 0 bytes");
@@ -147,14 +150,15 @@ Start decodeStart(std::string_view payload)
         start.targetSize = from.i64();
         start.permissions = atMost(from.u32(), MOST_PERMISSIONS, "permissions");
         start.compared = from.i64();
-        return start;
+        side.isFirst = from.flag();
+        return side;
     });
 }
 
 std::string encode(const Started& started)
 {
     FieldWriter to;
-    to.i64(started.partitionOffset).i64(started.bytesRead);
+    to.i64(started.partitionOffset).i64(started.bytesRead).flag(started.isNew);
     return encodeIndexes(to, started.newBlocks).done();
 }
 
@@ -164,6 +168,7 @@ Started decodeStarted(std::string_view payload)
         Started started;
         started.partitionOffset = from.i64(GREATEST / 2);
         started.bytesRead = from.i64(GREATEST / 4); // so that sums are none too large
+        started.isNew = from.flag();
         started.newBlocks = indexesFrom(from, HashedImage::MOST_NEW_BLOCKS, GREATEST);
         return started;
     });
@@ -182,7 +187,7 @@ AskNodes AskNodes::decode(std::string_view payload)
         AskNodes ask;
         ask.mayBeLast = from.flag();
         ask.nodes.level = static_cast<int>(atMost<std::uint32_t>(from.u32(), Nodes::HIGHEST, "level"));
-        ask.nodes.indexes = indexesFrom(from, Side::MOST_NODES, GREATEST >> ask.nodes.level);
+        ask.nodes.indexes = indexesFrom(from, StartedSide::MOST_NODES, GREATEST >> ask.nodes.level);
         return ask;
     });
 }
@@ -197,7 +202,7 @@ AskBytes AskBytes::decode(std::string_view payload)
     return decodeAll(payload, [](FieldReader& from) {
         const Range range = from.range();
         const std::int64_t unit = from.i64();
-        constexpr auto MOST = static_cast<std::int64_t>(Side::MOST_NODES);
+        constexpr auto MOST = static_cast<std::int64_t>(StartedSide::MOST_NODES);
         if (unit == 0 || (range.length > 0 && (range.length - 1) / unit >= MOST)) {
             throw ProtocolError("units of " + std::to_string(unit) + " bytes");
         }
@@ -264,7 +269,7 @@ Digests Digests::decode(std::string_view payload)
 {
     return decodeAll(payload, [](FieldReader& from) {
         Digests answer;
-        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), Side::MOST_NODES, "digests");
+        const std::uint32_t count = atMost<std::uint32_t>(from.u32(), StartedSide::MOST_NODES, "digests");
         for (std::uint32_t i = 0; i < count; ++i) {
             answer.digests.push_back(from.digest());
         }
@@ -273,21 +278,21 @@ Digests Digests::decode(std::string_view payload)
     });
 }
 
-std::string Read::encode() const
+std::string Ranges::encode() const
 {
     FieldWriter to;
-    to.flag(mayBeLast);
+    to.flag(isLast);
     for (const Range& range : ranges) {
         to.i64(range.offset).i64(range.length);
     }
     return to.done();
 }
 
-Read Read::decode(std::string_view payload, std::int64_t size)
+Ranges Ranges::decode(std::string_view payload, std::int64_t size)
 {
     return decodeAll(payload, [&](FieldReader& from) {
-        Read read;
-        read.mayBeLast = from.flag();
+        Ranges read;
+        read.isLast = from.flag();
         for (std::size_t i = 0; i < payload.size() / 16; ++i) {
             const Range range = from.range(size);
             if (range.length == 0 || (!read.ranges.empty() && range.offset < read.ranges.back().end())) {

@@ -18,7 +18,7 @@ constexpr std::size_t LONGEST_TEXT = 1000; // of what one side tells people thro
 
 struct Hello {
     static constexpr std::uint32_t MAGIC = 0x484b564b; // "KVKH"
-    static constexpr std::uint32_t VERSION = 2;
+    static constexpr std::uint32_t VERSION = 3;
     static constexpr std::uint32_t ZSTD = 1;
 
     std::uint32_t version = VERSION;
@@ -47,8 +47,13 @@ struct Open {
 std::string encode(const Opening& opening);
 Opening decodeOpening(std::string_view payload);
 
-std::string encode(const Start& start);
-Start decodeStart(std::string_view payload);
+struct StartSide {
+    Start start;
+    bool isFirst = false; // see HashedSide::start
+
+    std::string encode() const;
+    static StartSide decode(std::string_view payload);
+};
 
 std::string encode(const Started& started);
 Started decodeStarted(std::string_view payload);
@@ -66,7 +71,7 @@ struct AskBytes {
     std::int64_t unit;
 
     std::string encode() const;
-    static AskBytes decode(std::string_view payload); // at most Side::MOST_NODES units
+    static AskBytes decode(std::string_view payload); // at most StartedSide::MOST_NODES units
 };
 
 void encode(FieldWriter& to, const Conclusion& conclusion);
@@ -84,12 +89,15 @@ struct Digests {
     static Digests decode(std::string_view payload);
 };
 
-struct Read {
+// What is to be read, or will be written.
+struct Ranges {
+    static constexpr std::size_t MOST = 1 << 12;
+
     std::vector<Range> ranges;
-    bool mayBeLast = false; // as in AskNodes
+    bool isLast = false; // no more will come; the answer to what was read says then how the image was found
 
     std::string encode() const;
-    static Read decode(std::string_view payload, std::int64_t size); // ascending, inside an image
+    static Ranges decode(std::string_view payload, std::int64_t size); // ascending, inside an image
 };
 
 struct Written {

@@ -22,7 +22,6 @@ namespace kelvane::tool {
 
 namespace {
 
-constexpr std::size_t RANGES_AT_ONCE = 1 << 12;
 constexpr std::size_t LONGEST_PHASE = 40;
 constexpr int MOST_REMARKS = 10; // lines
 
@@ -40,6 +39,14 @@ struct Pipe {
     Descriptor out; // what is read from
     Descriptor in;
 };
+
+// As many ranges as fit into a message, from one of them on.
+Ranges batchFrom(const std::vector<Range>& ranges, std::size_t first)
+{
+    const auto from = ranges.begin() + static_cast<std::ptrdiff_t>(std::min(first, ranges.size()));
+    const auto count = std::min(std::ssize(ranges) - (from - ranges.begin()), std::ptrdiff_t {Ranges::MOST});
+    return {{from, from + count}, from + count == ranges.end()};
+}
 
 } // namespace
 
@@ -256,10 +263,16 @@ void RemoteSide::show(std::string_view payload)
     m_progress->reach(done);
 }
 
-void RemoteSide::start(const Start& start)
+HashedSide& RemoteSide::openHashes(const Start& start)
 {
     m_start = start;
-    request(FrameType::Start, encode(start));
+    return *this;
+}
+
+StartedSide& RemoteSide::start(bool isFirst)
+{
+    request(FrameType::Start, StartSide {m_start, isFirst}.encode());
+    return *this;
 }
 
 const Started& RemoteSide::started()
@@ -303,48 +316,43 @@ void RemoteSide::dropCache()
     request(FrameType::DropCache);
 }
 
-void RemoteSide::read(const std::vector<Range>& ranges, bool /*withDigests*/, const Sink& sink)
+void RemoteSide::read(const std::vector<Range>& ranges, const Sink& sink)
 {
     if (ranges.empty()) {
         return;
     }
     m_conclusion.reset();
-    transfer(
-        *m_channel, [&](const Deliver& deliver) { receive(ranges, deliver); }, sink);
+    takeIn(
+        *m_channel, [&](const Sink& found) { receive(ranges, found); }, sink);
 }
 
 // The next ranges are asked for before the data of these has come, so that the line is never idle.
-void RemoteSide::receive(const std::vector<Range>& ranges, const Deliver& deliver)
+void RemoteSide::receive(const std::vector<Range>& ranges, const Sink& sink)
 {
-    const auto readFrom = [&](std::size_t first) {
-        const auto from = ranges.begin() + static_cast<std::ptrdiff_t>(first);
-        const auto count = std::min(RANGES_AT_ONCE, ranges.size() - first);
-        return Read {{from, from + static_cast<std::ptrdiff_t>(count)}, first + count == ranges.size()};
-    };
-    Read next = readFrom(0);
+    Ranges next = batchFrom(ranges, 0);
     request(FrameType::Read, next.encode());
-    for (std::size_t done = RANGES_AT_ONCE; !next.ranges.empty(); done += RANGES_AT_ONCE) {
-        const Read read = std::exchange(next, readFrom(std::min(done, ranges.size())));
+    for (std::size_t done = Ranges::MOST; !next.ranges.empty(); done += Ranges::MOST) {
+        const Ranges read = std::exchange(next, batchFrom(ranges, done));
         if (!next.ranges.empty()) {
             sending([&] { m_channel->send(FrameType::Read, next.encode()); });
         }
-        receive(read, deliver);
+        receiveSome(read.ranges, sink);
     }
 }
 
-void RemoteSide::receive(const Read& read, const Deliver& deliver)
+void RemoteSide::receiveSome(const std::vector<Range>& ranges, const Sink& sink)
 {
-    for (Range rest : read.ranges) {
+    for (Range rest : ranges) {
         while (rest.length > 0) {
-            auto received = guarded([&] {
-                return ReceivedPiece::decode(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()},
-                                             m_channel->pool());
+            Piece piece = guarded([&] {
+                return receivedPiece(answer(FrameType::Data), rest.offset, {m_start.blockSize, rest.end()},
+                                     m_channel->pool());
             });
-            if (received.range.offset != rest.offset) {
+            if (piece.range.offset != rest.offset) {
                 throw Failure(m_host, "data is missing");
             }
-            rest = between(received.range.end(), rest.end());
-            deliver(std::move(received));
+            rest = between(piece.range.end(), rest.end());
+            sink(std::move(piece));
         }
     }
     guarded([&] {
@@ -355,10 +363,20 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
     });
 }
 
-void RemoteSide::startWriting(bool isSparse)
+WritingSide& RemoteSide::startWriting(bool isSparse)
 {
     m_conclusion.reset();
     request(FrameType::StartWriting, FieldWriter().flag(isSparse).done());
+    return *this;
+}
+
+void RemoteSide::announce(const std::vector<Range>& ranges)
+{
+    Ranges batch;
+    for (std::size_t done = 0; !batch.isLast; done += Ranges::MOST) {
+        batch = batchFrom(ranges, done);
+        sending([&] { m_channel->send(FrameType::Announce, batch.encode()); });
+    }
 }
 
 void RemoteSide::write(const Piece& piece)
@@ -366,7 +384,7 @@ void RemoteSide::write(const Piece& piece)
     sending([&] { tool::send(*m_channel, piece, {m_start.blockSize, m_start.compared, m_compression}); });
 }
 
-OwnChange RemoteSide::finishWriting()
+OwnChange RemoteSide::finish()
 {
     request(FrameType::End);
     Written written = guarded([&] { return Written::decode(answer(FrameType::Written).view()); });

@@ -10,7 +10,6 @@
 #include "base/Reporter.h"
 #include "remote/Channel.h"
 #include "remote/Messages.h"
-#include "remote/Transfer.h"
 #include "work/Side.h"
 
 namespace kelvane::tool {
@@ -31,7 +30,7 @@ struct RemotePath {
 };
 std::optional<RemotePath> remotePath(const std::string& argument);
 
-class RemoteSide : public Side {
+class RemoteSide : public Side, private HashedSide, private StartedSide, private WritingSide {
 public:
     RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter);
     ~RemoteSide() override;
@@ -41,20 +40,8 @@ public:
     const std::string& name() const override { return m_name; }
     bool isFar() const override { return true; }
     const Opening& opening() override;
-    void openHashes(const Start& /*start*/) override { }
-    void start(const Start& start) override;
-    const Started& started() override;
-    void ask(const Nodes& nodes) override;
-    void askBytes(Range range, std::int64_t unit) override;
-    std::vector<Digest> digests() override;
-    void dropCache() override;
-    void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
-    void startWriting(bool isSparse) override;
-    void write(const Piece& piece) override;
-    OwnChange finishWriting() override;
+    HashedSide& openHashes(const Start& start) override;
     void abandon() override { } // the other machine sees that this one has gone
-    void distrust() override;
-    const Conclusion& conclude() override;
     std::optional<LineTraffic> lineTraffic() const override
     {
         return LineTraffic {m_channel->bytesSent(), m_channel->bytesReceived(), m_roundTrips};
@@ -62,6 +49,20 @@ public:
 
 private:
     class Peer;
+
+    StartedSide& start(bool isFirst) override;
+    const Started& started() override;
+    void ask(const Nodes& nodes) override;
+    void askBytes(Range range, std::int64_t unit) override;
+    std::vector<Digest> digests() override;
+    void dropCache() override;
+    void read(const std::vector<Range>& ranges, const Sink& sink) override;
+    WritingSide& startWriting(bool isSparse) override;
+    void announce(const std::vector<Range>& ranges) override;
+    void write(const Piece& piece) override;
+    OwnChange finish() override;
+    void distrust() override;
+    const Conclusion& conclude() override;
 
     template <class Work>
     auto guarded(Work work); // errors of the protocol name the host
@@ -74,8 +75,8 @@ private:
     void show(std::string_view payload);
     void throwWhatItSaid();
     Conclusion shown(Conclusion conclusion) const;
-    void receive(const std::vector<Range>& ranges, const Deliver& deliver);
-    void receive(const Read& read, const Deliver& deliver);
+    void receive(const std::vector<Range>& ranges, const Sink& sink);
+    void receiveSome(const std::vector<Range>& ranges, const Sink& sink);
 
     std::string m_name;
     std::string m_host;

@@ -10,7 +10,6 @@
 #include "remote/Data.h"
 #include "remote/Messages.h"
 #include "remote/ServedPaths.h"
-#include "remote/Transfer.h"
 #include "work/LocalSide.h"
 
 namespace kelvane::tool {
@@ -87,8 +86,7 @@ public:
         greet();
         m_paths.emplace(m_arguments.root); // a failure is told to a side that was greeted
         open(Open::decode(expect(FrameType::Open).view()));
-        const Start start = decodeStart(expect(FrameType::Start).view());
-        this->start(start);
+        start(StartSide::decode(expect(FrameType::Start).view()));
         for (;;) {
             serve(m_channel.receive());
         }
@@ -156,8 +154,9 @@ private:
         m_channel.send(FrameType::Opened, encode(opening));
     }
 
-    void start(const Start& start)
+    void start(const StartSide& wanted)
     {
+        const Start& start = wanted.start;
         m_size = m_side->sizeAfter(start);
         if (start.compared > m_size) {
             throw ProtocolError("more than there is");
@@ -165,10 +164,9 @@ private:
         m_form.blockSize = start.blockSize;
         m_form.end = start.compared;
         m_frames.setAwaited(true);
-        m_side->openHashes(start);
-        m_side->start(start);
+        m_started = &m_side->openHashes(start).start(wanted.isFirst);
         m_frames.setAwaited(false);
-        m_channel.send(FrameType::Started, encode(m_side->started()));
+        m_channel.send(FrameType::Started, encode(m_started->started()));
     }
 
     void serve(const Frame& frame)
@@ -179,13 +177,13 @@ private:
         case FrameType::AskBytes:
             return answer(AskBytes::decode(frame.payload.view()));
         case FrameType::DropCache:
-            return m_side->dropCache();
+            return m_started->dropCache();
         case FrameType::Read:
-            return read(Read::decode(frame.payload.view(), m_size));
+            return read(Ranges::decode(frame.payload.view(), m_size));
         case FrameType::StartWriting:
             return write(FieldReader(frame.payload.view()).flag());
         case FrameType::Distrust:
-            return m_side->distrust();
+            return m_started->distrust();
         case FrameType::Conclude: {
             FieldWriter to;
             encode(to, conclusion());
@@ -198,7 +196,7 @@ private:
 
     Conclusion conclusion()
     {
-        Conclusion conclusion = m_side->conclude();
+        Conclusion conclusion = m_started->conclude();
         conclusion.remarks = shown(conclusion.remarks);
         conclusion.doubt = shown(conclusion.doubt);
         return conclusion;
@@ -206,8 +204,8 @@ private:
 
     void answer(const AskNodes& ask)
     {
-        m_side->ask(ask.nodes);
-        Digests digests {m_side->digests(), {}};
+        m_started->ask(ask.nodes);
+        Digests digests {m_started->digests(), {}};
         if (ask.mayBeLast) {
             digests.conclusion = conclusion();
         }
@@ -222,19 +220,19 @@ private:
         if (ask.unit > std::max(LONGEST_PIECE, m_form.blockSize)) { // which is in memory as a whole
             throw ProtocolError("units of " + std::to_string(ask.unit) + " bytes");
         }
-        m_side->askBytes(ask.range, ask.unit);
-        m_channel.send(FrameType::Digests, Digests {m_side->digests(), {}}.encode());
+        m_started->askBytes(ask.range, ask.unit);
+        m_channel.send(FrameType::Digests, Digests {m_started->digests(), {}}.encode());
     }
 
-    void read(const Read& read)
+    void read(const Ranges& read)
     {
         for (const Range& range : read.ranges) {
             checkBoundary(range.offset);
             checkBoundary(range.end());
         }
-        m_side->read(read.ranges, true, [this](const Piece& piece) { send(m_channel, piece, m_form); });
+        m_started->read(read.ranges, [this](const Piece& piece) { send(m_channel, piece, m_form); });
         FieldWriter end;
-        encode(end, read.mayBeLast ? std::optional(conclusion()) : std::nullopt);
+        encode(end, read.isLast ? std::optional(conclusion()) : std::nullopt);
         m_channel.send(FrameType::End, end.done());
     }
 
@@ -243,18 +241,22 @@ private:
         if (!m_isDestination) {
             throw ProtocolError("data for an image that is only read");
         }
-        m_side->startWriting(isSparse);
-        transfer(
-            m_channel, [this](const Deliver& deliver) { receive(deliver); },
-            [this](const Piece& piece) { m_side->write(piece); });
+        WritingSide& writing = m_started->startWriting(isSparse);
+        for (bool isMore = true; isMore;) {
+            const Ranges announced = Ranges::decode(expect(FrameType::Announce).view(), m_size);
+            writing.announce(announced.ranges);
+            isMore = !announced.isLast;
+        }
+        takeIn(
+            m_channel, [this](const Sink& sink) { receive(sink); }, [&](const Piece& piece) { writing.write(piece); });
         Written written;
-        written.change = m_side->finishWriting();
+        written.change = writing.finish();
         written.conclusion = conclusion();
         m_channel.send(FrameType::Written, written.encode());
     }
 
     // Data up to its end, in ascending order.
-    void receive(const Deliver& deliver)
+    void receive(const Sink& sink)
     {
         std::int64_t end = 0;
         for (Frame frame = m_channel.receive(); frame.type != FrameType::End; frame = m_channel.receive()) {
@@ -262,13 +264,13 @@ private:
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
             }
-            auto received = ReceivedPiece::decode(std::move(frame.payload), end, m_form, m_channel.pool());
-            if (received.range.offset != end) { // all that goes together are whole blocks
+            Piece piece = receivedPiece(std::move(frame.payload), end, m_form, m_channel.pool());
+            if (piece.range.offset != end) { // all that goes together are whole blocks
                 checkBoundary(end);
-                checkBoundary(received.range.offset);
+                checkBoundary(piece.range.offset);
             }
-            end = received.range.end();
-            deliver(std::move(received));
+            end = piece.range.end();
+            sink(std::move(piece));
         }
         checkBoundary(end);
     }
@@ -286,6 +288,7 @@ private:
     std::optional<ServedPaths> m_paths;
     Common m_common {m_frames};
     std::unique_ptr<LocalSide> m_side;
+    StartedSide* m_started = nullptr; // the same
     bool m_takesZstd = false;
     bool m_isDestination = false;
     DataForm m_form;

@@ -124,9 +124,10 @@ void Belief::leaveRecordOfOther()
     m_leavesRecord = record && ownerOf(*record, m_state.identity) != Owner::Same;
 }
 
-void Belief::dismissAll()
+void Belief::startAnew()
 {
-    m_holds = false;
+    m_holds = true;
+    m_isAssumed = false;
     if (!m_hashFile.wasMade()) {
         m_doubt = {Doubt::Because::JustMade, "it was just made"};
     }

@@ -35,7 +35,7 @@ public:
 
     void confirm() { m_holds = true; }  // they were compared with the data, or somebody answers for them
     void dismiss() { m_holds = false; } // they were found to be wrong, or may be
-    void dismissAll();                  // of an image that was just made: whatever was to be assumed
+    void startAnew();                   // nothing is known any more, whatever was to be assumed
 
     // To be called before the hash file is changed. Any thread.
     void mark();
@@ -50,7 +50,6 @@ public:
     // about.
     void look();
 
-
     // Makes what was stored in the hash file durable.
     void flushHashes();
 
@@ -58,8 +57,8 @@ public:
     // changed up to now is known. The conclusion says nothing of what was checked.
     Conclusion conclude(bool isAnsweredFor = false);
 
-    // To be called after a failure that may be that of a flush: true when it was, which is recorded. Nothing more may be
-    // written then.
+    // To be called after a failure that may be that of a flush: true when it was, which is recorded. Nothing more may
+    // be written then.
     bool hasLostWrites();
 
     // Whether something else has changed the hash file.

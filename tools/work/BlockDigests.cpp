@@ -8,30 +8,6 @@
 
 namespace kelvane::tool {
 
-DigestBytes digestsOf(const char* data, std::int64_t length, std::int64_t blockSize)
-{
-    BlakeHash hash;
-    const auto count = static_cast<std::size_t>(length / blockSize);
-    const auto size = static_cast<std::size_t>(hash.hash_size_in_bytes());
-    DigestBytes digests(count * size);
-    std::vector<kelvane_buf_t> blocks;
-    std::vector<unsigned char*> places;
-    for (std::size_t i = 0; i < count; ++i) {
-        blocks.push_back(const_cast<char*>(data) + static_cast<std::int64_t>(i) * blockSize); // which is only read
-        places.push_back(digests.data() + i * size);
-    }
-    static_cast<void>(hash.get_hashes(blocks.data(), count, blockSize, places.data())); // which hashes all of them
-    return digests;
-}
-
-Digest digestOfDigests(const DigestBytes& digests)
-{
-    BlakeHash hash;
-    const auto message = hash.begin_message();
-    message->add(digests.data(), digests.size());
-    return message->finish();
-}
-
 class BlockDigests::Block {
 public:
     explicit Block(std::int64_t start)
@@ -78,11 +54,10 @@ void BlockDigests::add(const Piece& piece)
         addToBlock(part, dataAt(part));
     }
     if (const Range blocks = takeFirst(rest, roundDown(rest.length, m_blockSize)); blocks.length > 0) {
-        const bool isWhole = blocks.length == piece.range.length && !piece.digests.empty();
+        const bool isThere = blocks.offset == piece.range.offset && !piece.digests.empty();
         m_told(blocks,
-               piece.data == nullptr ? DigestBytes()
-                   : isWhole         ? piece.digests
-                                     : digestsOf(dataAt(blocks), blocks.length, m_blockSize));
+               piece.data == nullptr || isThere ? piece.digests
+                                                : digestsOf(dataAt(blocks), blocks.length, m_blockSize));
     }
     if (rest.length > 0) {
         addToBlock(rest, dataAt(rest));

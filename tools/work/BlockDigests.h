@@ -10,12 +10,6 @@
 
 namespace kelvane::tool {
 
-// Of whole blocks, one behind the other.
-DigestBytes digestsOf(const char* data, std::int64_t length, std::int64_t blockSize);
-
-// The hash of the hashes of blocks.
-Digest digestOfDigests(const DigestBytes& digests);
-
 // For pieces that ascend. Takes no memory for blocks that are larger than a piece.
 class BlockDigests {
 public:

@@ -28,8 +28,9 @@ class TreeComparison {
 public:
     TreeComparison(Side& first, Side& second, const Start& start, const Agreement& agreement)
         : m_sides {&first, &second}
+        , m_destination(agreement.isCopied ? &second : nullptr)
         , m_start(start)
-        , m_agreement(agreement)
+        , m_refuse(agreement.refuse)
         , m_blocks(start.compared / start.blockSize)
         , m_tail(between(m_blocks * start.blockSize, start.compared))
         , m_root {levelFor(m_blocks), {0}}
@@ -39,21 +40,96 @@ public:
         }
     }
 
-    Compared run()
+    Comparison run()
     {
-        const bool isSwapped = m_sides[1]->isFar() != m_sides[0]->isFar() && m_isSwapped;
-        for (std::size_t i = 0; i < m_sides.size(); ++i) {
-            m_hashed[i] = &m_sides[i]->openHashes(m_start);
-        }
         startBoth();
-        ...
+        guess(m_started[1]->started().newBlocks);
+        m_refuse();
+        const bool isFarNew = m_started[0]->started().isNew;
+        const bool isNew = m_isFirst || isFarNew || m_started[1]->started().isNew;
+        if (isNew) {
+            takeAllAsDiffering();
+        } else {
+            compareAll();
+        }
+        Comparison result {std::move(m_differing), m_comparisons, 0};
+        for (StartedSide* const side : m_started) {
+            result.bytesRead += side->started().bytesRead + (isNew ? 0 : m_tail.length);
+        }
+        return result;
     }
+
+    StartedSide& started(const Side& side) const { return *m_started[&side == m_sides[0] ? 0 : 1]; }
+
+private:
+    // The far side in one go with what it is asked, and while that is on its way, the near one. Whatever can be wrong
+    // with one side comes before the other one is changed, or read in vain.
+    void startBoth()
+    {
+        std::array<HashedSide*, 2> hashed = {&m_sides[0]->openHashes(m_start), &m_sides[1]->openHashes(m_start)};
+        const HashedSide::Effects near = hashed[1]->effects();
+        const bool isNearFirst = near.mayFailToStore && !near.changesImage;
+        m_isFirst = m_destination != nullptr && !m_destination->isFar() && isStillToBeMade(*m_destination);
+        if (!isNearFirst) {
+            start(*hashed[0], 0);
+        }
+        if (near.takesLong || near.changesImage) {
+            m_refuse();
+            m_isFirst = m_isFirst || (m_destination != nullptr && isStillToBeMade(*m_destination));
+        }
+        if (near.changesImage) {
+            m_started[0]->started();
+        }
+        start(*hashed[1], 1);
+        if (isNearFirst) {
+            start(*hashed[0], 0);
+        }
+    }
+
+    static bool isStillToBeMade(Side& side) { return !side.opening().isBlockDevice && side.opening().size == 0; }
+
+    void start(HashedSide& side, std::size_t i)
+    {
+        m_started[i] = &side.start(m_isFirst);
+        m_isAsked[i] = !m_isFirst;
+        if (m_isAsked[i] && m_tail.length > 0) { // the hash of a part of a block would be that of a whole one
+            m_started[i]->askBytes(m_tail, m_tail.length);
+        }
+        if (m_isAsked[i] && m_blocks > 0) {
+            m_started[i]->ask(m_root);
+        }
+    }
+
+    // What was asked all the same is answered.
+    void takeAllAsDiffering()
+    {
+        const std::size_t questions = (m_tail.length > 0 ? 1 : 0) + (m_blocks > 0 ? 1 : 0) + m_guesses.size();
+        for (std::size_t i = 0; i < m_started.size(); ++i) {
+            for (std::size_t asked = m_isAsked[i] ? questions : 0; asked > 0; --asked) {
+                m_started[i]->digests();
+            }
+        }
+        append(m_differing, {0, m_start.compared});
+    }
+
+    void compareAll()
+    {
+        const bool tailDiffers = m_tail.length > 0 && !answered(Nodes {0, {0}}).indexes.empty();
+        const Nodes top = m_blocks > 0 ? answered(m_root) : Nodes();
+        if (m_guesses.empty() && !top.indexes.empty()) {
+            guess(m_started[0]->started().newBlocks);
+        }
+        takeGuesses();
+        descend(top);
+        append(m_differing, tailDiffers ? m_tail : Range {});
+    }
+
     // Over a line, what would be asked level by level if just these blocks differed is asked at once.
     void guess(const std::vector<std::int64_t>& blocks)
     {
         std::vector<Nodes> levels;
         std::size_t count = 0;
-        for (int level = m_sides[0]->isFar() ? m_root.level : 0; level > 0; level = levels.back().level) {
+        for (int level = m_sides[0]->isFar() && !m_isFirst ? m_root.level : 0; level > 0; level = levels.back().level) {
             Nodes parents {level, {}};
             for (const std::int64_t block : blocks) {
                 if (block < m_blocks && (parents.indexes.empty() || parents.indexes.back() != block >> level)) {
@@ -63,7 +139,7 @@ public:
             levels.push_back(children(parents));
             count += levels.back().indexes.size();
         }
-        if (count > 0 && count <= Side::MOST_NODES) {
+        if (count > 0 && count <= StartedSide::MOST_NODES) {
             m_guesses = std::move(levels);
             for (const Nodes& nodes : m_guesses) {
                 ask(nodes);
@@ -80,7 +156,7 @@ public:
 
     void ask(const Nodes& nodes)
     {
-        for (Side* const side : m_sides) {
+        for (StartedSide* const side : m_started) {
             side->ask(nodes);
         }
     }
@@ -88,8 +164,8 @@ public:
     // Those that differ, of nodes that were asked for.
     Nodes answered(const Nodes& nodes)
     {
-        const std::vector<Digest> digests = m_sides[0]->digests();
-        const std::vector<Digest> others = m_sides[1]->digests();
+        const std::vector<Digest> digests = m_started[0]->digests();
+        const std::vector<Digest> others = m_started[1]->digests();
         m_comparisons += std::ssize(nodes.indexes);
         Nodes found {nodes.level, {}};
         for (std::size_t i = 0; i < nodes.indexes.size(); ++i) {
@@ -110,7 +186,7 @@ public:
         Nodes rest {nodes.level, {}};
         std::set_difference(nodes.indexes.begin(), nodes.indexes.end(), guessed.asked.begin(), guessed.asked.end(),
                             std::back_inserter(rest.indexes));
-        const std::vector<Nodes> questions = partsOf(rest, Side::MOST_NODES);
+        const std::vector<Nodes> questions = partsOf(rest, StartedSide::MOST_NODES);
         for (const Nodes& question : questions) {
             ask(question);
         }
@@ -133,7 +209,7 @@ public:
             }
             return;
         }
-        for (const Nodes& some : partsOf(parents, QUESTIONS * Side::MOST_NODES >> Nodes::FAN_OUT)) {
+        for (const Nodes& some : partsOf(parents, QUESTIONS * StartedSide::MOST_NODES >> Nodes::FAN_OUT)) {
             descend(differing(children(some)));
         }
     }
@@ -163,10 +239,15 @@ public:
     }
 
     std::array<Side*, 2> m_sides; // the far one first
+    std::array<StartedSide*, 2> m_started = {};
+    std::array<bool, 2> m_isAsked = {}; // the first questions
+    Side* m_destination;
     Start m_start;
     const std::function<void()>& m_refuse;
     std::int64_t m_blocks;
+    Range m_tail; // a part of a block
     Nodes m_root;
+    bool m_isFirst = false;           // known to be, before both were started
     std::vector<Nodes> m_guesses;     // which were asked, and not yet answered
     std::map<int, Guessed> m_guessed; // by their level
     std::int64_t m_comparisons = 0;
@@ -175,12 +256,14 @@ public:
 
 } // namespace
 
-Comparison compare(Side& first, Side& second, const Start& start, const std::function<void()>& refuse)
+Compared compare(Side& first, Side& second, const Start& start, const Agreement& agreement)
 {
-    return TreeComparison(first, second, start, refuse).run();
+    TreeComparison tree(first, second, start, agreement);
+    Comparison comparison = tree.run();
+    return {tree.started(first), tree.started(second), std::move(comparison)};
 }
 
-std::optional<std::int64_t> firstDifference(Side& first, Side& second, Range range,
+std::optional<std::int64_t> firstDifference(StartedSide& first, StartedSide& second, Range range,
                                             const std::function<void(std::int64_t)>& advance)
 {
     constexpr std::array<std::int64_t, 4> UNITS = {1 << 20, 1 << 12, 1 << 6, 1};

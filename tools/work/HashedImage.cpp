@@ -75,6 +75,41 @@ void HashedImage::check(Store& store, Range range, const char* data)
     }
 }
 
+void HashedImage::learn(Range blocks, const DigestBytes& digests)
+{
+    const auto of = [&](Range part) { return digestsOfPart(digests, blocks, part, store().blockSize()); };
+    Range rest = blocks;
+    for (const Range& unknown : store().unknown(blocks)) {
+        const Range known = between(rest.offset, unknown.offset);
+        checkKnown(known, of(known));
+        m_belief.mark();
+        store().store(unknown, of(unknown));
+        rest = between(unknown.end(), rest.end());
+    }
+    checkKnown(rest, of(rest));
+}
+
+void HashedImage::checkKnown(Range blocks, const DigestBytes& digests)
+{
+    m_checked += m_belief.holds() ? 0 : blocks.length / store().blockSize();
+    if (blocks.length == 0 || store().has(blocks, digests)) {
+        return;
+    }
+    for (Range rest = blocks; rest.length > 0;) {
+        const Range block = takeFirst(rest, store().blockSize());
+        const DigestBytes own = digestsOfPart(digests, blocks, block, block.length);
+        if (!store().has(block, own)) {
+            if (m_belief.holds()) {
+                m_belief.contradict();
+                m_contradictedAt = block.offset;
+            }
+            m_belief.mark();
+            store().store(block, own);
+            ++m_repaired;
+        }
+    }
+}
+
 std::string HashedImage::remarks() const
 {
     std::string text;

@@ -37,6 +37,13 @@ public:
     // that was the whole image, its hashes are believed.
     void complete(Range range, const char* phase);
 
+    // Of blocks that were read for another purpose: what is unknown becomes known. Known hashes that turn out to be
+    // wrong are repaired; they contradict those that were believed.
+    void learn(Range blocks, const DigestBytes& digests); // of zeros: none
+
+    // The first block whose hash was believed and turned out to be wrong.
+    std::optional<std::int64_t> contradictedAt() const { return m_contradictedAt; }
+
     // Which blocks `complete` made known or repaired, ascending; none when they are more than this. Where an image
     // differs from its copy, it is likely there.
     static constexpr std::size_t MOST_NEW_BLOCKS = 256;
@@ -70,6 +77,7 @@ private:
     std::string remarks() const;
     void store(Store& store, Range range, const char* data);
     void check(Store& store, Range range, const char* data);
+    void checkKnown(Range blocks, const DigestBytes& digests);
 
     const Image& m_image;
     HashFile m_hashFile;
@@ -79,6 +87,7 @@ private:
     std::mutex m_mutex; // of the next one
     std::vector<std::int64_t> m_newBlocks;
     std::optional<std::int64_t> m_formerSize;
+    std::optional<std::int64_t> m_contradictedAt;
     Traffic m_traffic;
     std::atomic<std::int64_t> m_checked = 0; // blocks
     std::atomic<std::int64_t> m_repaired = 0;

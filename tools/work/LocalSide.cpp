@@ -3,18 +3,21 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <kelvane/BlakeHash.h>
 #include <utility>
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
+#include "work/BlockDigests.h"
+#include "work/Pump.h"
 
 namespace kelvane::tool {
 
 namespace {
 
 constexpr int LOW = 18; // the level up to which the store hashes a node's blocks at once: bounds its memory
+
+constexpr std::int64_t AT_ONCE = 4 << 20; // bytes that are read, so that a disk has enough to do
 
 bool isAllZeros(const char* data, std::int64_t length)
 {
@@ -57,9 +60,10 @@ const Opening& LocalSide::opening()
 }
 
 // A hash file is made once the image can be what it is to describe.
-void LocalSide::openHashes(const Start& start)
+HashedSide& LocalSide::openHashes(const Start& start)
 {
     opening();
+    m_start = start;
     m_options.blockSize = start.blockSize;
     const std::int64_t size = sizeAfter(start);
     if (m_isDestination) {
@@ -69,46 +73,76 @@ void LocalSide::openHashes(const Start& start)
         m_image,
         HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.reporter),
         m_common);
+    return *this;
 }
 
-void LocalSide::start(const Start& start)
+HashedSide::Effects LocalSide::effects() const
 {
-    m_isDestination ? prepare(start) : m_hashed->adaptToImage();
-    const bool believes = m_hashed->belief().holds();
-    m_hashed->complete(believes ? Range {0, start.compared} : Range {0, m_image.size()}, "hash");
+    const bool isNothingKnown = !m_hashed->belief().holds() || m_hashed->hashFile().wasMade();
+    return {m_image.isMissing() || m_image.size() != sizeAfter(m_start), isNothingKnown,
+            !m_hashed->hashFile().isWritable()};
+}
+
+// What is new is all zeros, of which nobody needs the hashes; what cannot be stored is found out here.
+StartedSide& LocalSide::start(bool isFirst)
+{
+    m_started.isNew = isToBeMade();
+    m_isDestination ? prepare() : m_hashed->adaptToImage();
+    if (!m_started.isNew && (!isFirst || !m_hashed->hashFile().isWritable())) {
+        const bool believes = m_hashed->belief().holds();
+        m_hashed->complete(believes ? Range {0, m_start.compared} : Range {0, m_image.size()}, "hash");
+    }
     const Geometry& geometry = m_hashed->hashFile().geometry();
-    m_started = {geometry.partitionOffset, m_hashed->traffic().read, m_hashed->newBlocks()};
+    m_started.partitionOffset = geometry.partitionOffset;
+    m_started.bytesRead = m_hashed->traffic().read;
+    m_started.newBlocks = m_hashed->newBlocks();
     m_blockSize = geometry.blockSize;
-    m_compared = roundDown(start.compared, m_blockSize);
+    m_compared = roundDown(m_start.compared, m_blockSize);
+    return *this;
 }
 
 // Makes the destination what its hash file is to describe: there, and of that size.
-void LocalSide::prepare(const Start& start)
+void LocalSide::prepare()
 {
-    const std::int64_t size = sizeAfter(start);
+    const std::int64_t size = sizeAfter(m_start);
     const bool fits = m_hashed->hashFile().geometry().targetSize == size;
     if (!m_image.isMissing() && m_image.size() == size && fits) {
         return;
     }
     Belief& belief = m_hashed->belief();
     belief.mark();
+    if (m_started.isNew) {
+        forgetAll();
+    }
     if (m_image.isMissing()) {
-        m_image.create(start.permissions);
-        belief.dismissAll();
+        m_image.create(m_start.permissions);
         belief.look();
     }
-    const auto resizeImage = [&] {
-        if (m_image.size() != size) {
-            belief.beginWriting(m_image);
-            disbelieveUnlessAlone(belief.changeImage([&] { m_image.resize(size); }));
-        }
-    };
     if (fits) {
-        resizeImage();
+        resizeImage(size);
     } else {
-        m_hashed->resize(size, resizeImage);
+        m_hashed->resize(size, [&] { resizeImage(size); });
     }
     m_image.endWriting();
+}
+
+// Of which nothing can be wrong then.
+void LocalSide::forgetAll()
+{
+    Belief& belief = m_hashed->belief();
+    m_hashed->store().invalidate({0, m_hashed->hashFile().geometry().targetSize});
+    belief.flushHashes();
+    belief.startAnew();
+}
+
+void LocalSide::resizeImage(std::int64_t size)
+{
+    if (m_image.size() != size) {
+        m_image.beginWriting();
+        ImageChange change(m_hashed->belief());
+        m_image.resize(size);
+        disbelieveUnlessAlone(change.end());
+    }
 }
 
 Range LocalSide::rangeOf(int level, std::int64_t index) const
@@ -120,7 +154,7 @@ Range LocalSide::rangeOf(int level, std::int64_t index) const
     return between(position(index), position(index + 1));
 }
 
-Digest LocalSide::digestOf(Range blocks)
+Digest LocalSide::digestOfBlocks(Range blocks)
 {
     std::atomic<std::int64_t> bytesRead = 0; // all is known
     return m_hashed->store().hash(blocks, m_image, bytesRead);
@@ -131,23 +165,23 @@ Digest LocalSide::digestOfNode(int level, std::int64_t index)
 {
     throwWhenInterrupted();
     const Range range = rangeOf(level, index);
-    if (range.length == 0) {
-        return BlakeHash().get_hash(nullptr, 0);
+    if (range.length == 0 || m_started.isNew) {
+        return digestOf(nullptr, 0);
     }
     if (level <= LOW) {
-        return digestOf(range);
+        return digestOfBlocks(range);
     }
     const std::int64_t size = (std::int64_t {1} << LOW) * m_blockSize;
     m_lowNodes.resize(static_cast<std::size_t>(roundUp(m_compared, size) / size));
-    std::vector<unsigned char> digests;
+    DigestBytes digests;
     for (std::int64_t node = range.offset / size; node * size < range.end(); ++node) {
         Digest& digest = m_lowNodes[static_cast<std::size_t>(node)];
         if (digest.empty()) {
-            digest = digestOf(rangeOf(LOW, node));
+            digest = digestOfBlocks(rangeOf(LOW, node));
         }
         digests.insert(digests.end(), digest.begin(), digest.end());
     }
-    return BlakeHash().get_hash(digests.data(), std::ssize(digests));
+    return digestOfDigests(digests);
 }
 
 void LocalSide::ask(const Nodes& nodes)
@@ -165,7 +199,7 @@ void LocalSide::askBytes(Range range, std::int64_t unit)
         throwWhenInterrupted();
         const Range next = takeFirst(range, unit);
         const ImageData data(m_hashed->reader(), next);
-        digests.push_back(BlakeHash().get_hash(const_cast<char*>(data.get()), next.length)); // which is only read
+        digests.push_back(digestOf(data.get(), next.length));
         data.check();
     }
 }
@@ -187,64 +221,85 @@ LocalSide::Next LocalSide::nextOf(Range rest) const
     if (hole > 0) {
         return {{rest.offset, std::min(hole, holeSliceSize(m_blockSize))}, true};
     }
-    const std::int64_t longest = m_blockSize > LONGEST_PIECE ? std::min(LONGEST_PIECE, m_blockSize - inBlock)
-                                                             : roundDown(LONGEST_PIECE, m_blockSize);
+    const std::int64_t longest
+        = m_blockSize > LONGEST_PIECE ? std::min(AT_ONCE, m_blockSize - inBlock) : roundDown(AT_ONCE, m_blockSize);
     const std::int64_t wanted = roundUp(std::min(longest, data.end() - rest.offset), m_blockSize);
     return {{rest.offset, std::min({rest.length, longest, wanted})}, false};
 }
 
-void LocalSide::read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink)
+// Read, hashed, and taken by the sink on three threads.
+void LocalSide::read(const std::vector<Range>& ranges, const Sink& sink)
 {
+    BlockDigests learnt(m_blockSize,
+                        [this](Range blocks, const DigestBytes& digests) { m_hashed->learn(blocks, digests); });
+    const auto hash = [&](Piece piece, const Sink& hashed) {
+        if (piece.data != nullptr && piece.range.offset % m_blockSize == 0) {
+            piece.digests = digestsOf(piece.data, piece.range.length, m_blockSize);
+        }
+        learnt.add(piece);
+        hashed(std::move(piece));
+    };
+    const auto readAndHash = [&](const Sink& hashed) {
+        pump([&](const Sink& found) { readData(ranges, found); }, [&](Piece piece) { hash(std::move(piece), hashed); });
+    };
+    pump(readAndHash, sink);
+    if (ranges.size() == 1 && ranges.front().length == m_image.size()) {
+        m_hashed->belief().confirm();
+    }
+}
+
+void LocalSide::readData(const std::vector<Range>& ranges, const Sink& sink) const
+{
+    const ImageReader& reader = m_hashed->reader();
     for (Range rest : ranges) {
         while (rest.length > 0) {
             throwWhenInterrupted();
             const Next next = nextOf(rest);
-            next.isHole ? sink({next.range, nullptr, {}}) : readData(next.range, withDigests, sink);
+            if (next.isHole) {
+                sink({next.range, nullptr, {}, {}});
+            } else {
+                cut(next.range, std::make_shared<ImageReader::Copy>(reader.copy(next.range)), sink);
+            }
             rest = between(next.range.end(), rest.end());
         }
     }
 }
 
-// In pieces with content, and of zeros.
-void LocalSide::readData(Range range, bool withDigests, const Sink& sink)
+// Into pieces with content, and of zeros.
+void LocalSide::cut(Range range, const std::shared_ptr<ImageReader::Copy>& copy, const Sink& sink) const
 {
     const std::int64_t unit = std::min(m_blockSize, LONGEST_PIECE);
-    const ImageData data(m_hashed->reader(), range);
-    std::vector<Piece> pieces;
-    for (std::int64_t at = 0; at < range.length; at += unit) {
-        const std::int64_t length = std::min(unit, range.length - at);
-        const char* const content = isAllZeros(data.get() + at, length) ? nullptr : data.get() + at;
-        if (at > 0 && (pieces.back().data == nullptr) == (content == nullptr)) {
-            pieces.back().range.length += length;
-        } else {
-            pieces.push_back({{range.offset + at, length}, content, {}});
+    Piece piece = {{range.offset, 0}, nullptr, {}, copy};
+    for (Range rest = range; rest.length > 0;) {
+        const Range part = takeFirst(rest, unit);
+        const char* const data = copy->data + (part.offset - range.offset);
+        const char* const content = isAllZeros(data, part.length) ? nullptr : data;
+        const bool isSameKind = (piece.data == nullptr) == (content == nullptr);
+        const bool fits = content == nullptr || piece.range.length + part.length <= LONGEST_PIECE;
+        if (piece.range.length > 0 && !(isSameKind && fits)) {
+            sink(piece);
+            piece.range = {part.offset, 0};
         }
+        piece.data = piece.range.length == 0 ? content : piece.data;
+        piece.range.length += part.length;
     }
-    for (Piece& piece : pieces) {
-        if (withDigests && piece.data != nullptr && piece.range.length % m_blockSize == 0) {
-            piece.digest = digestOf(piece.range);
-        }
-        sink(piece);
-    }
-    data.check();
+    sink(std::move(piece));
 }
 
-void LocalSide::startWriting(bool isSparse)
+WritingSide& LocalSide::startWriting(bool isSparse)
 {
-    m_hashed->belief().beginWriting(m_image);
-    m_copier = std::make_unique<Copier>(m_image, *m_hashed, isSparse);
+    m_image.beginWriting();
+    m_writer = std::make_unique<Writer>(m_image, *m_hashed, isSparse, m_common);
+    return *this;
 }
 
-OwnChange LocalSide::finishWriting()
+OwnChange LocalSide::finish()
 {
-    m_copier->flush();
-    if (!m_copier->isSparse()) {
-        m_copier->fillHoles(*m_common.reporter.begin("fill", m_image.size()));
-    }
-    m_hashed->belief().flushHashes();
-    disbelieveUnlessAlone(m_copier->ownChange());
+    const OwnChange change = m_writer->finish();
+    m_writer.reset();
+    disbelieveUnlessAlone(change);
     m_image.endWriting();
-    return m_copier->ownChange();
+    return change;
 }
 
 // What others changed meanwhile is in no hash.
@@ -259,10 +314,8 @@ void LocalSide::abandon()
 {
     const LettingFinish finishing;
     try {
-        if (m_copier && !m_hashed->belief().hasLostWrites()) {
-            m_copier->dropPartOfBlock();
-            m_copier->flush();
-            disbelieveUnlessAlone(m_copier->ownChange());
+        if (m_writer && !m_hashed->belief().hasLostWrites()) {
+            disbelieveUnlessAlone(m_writer->stop());
         }
         m_image.endWriting();
         if (m_hashed) {
@@ -274,9 +327,15 @@ void LocalSide::abandon()
     }
 }
 
-void LocalSide::distrust()
+// What was compared with a hash that was wrong may differ in more than was found.
+const Conclusion& LocalSide::conclude()
 {
-    m_hashed->belief().contradict();
+    m_conclusion = m_hashed->conclude();
+    const std::optional<std::int64_t> wrong = m_hashed->contradictedAt();
+    if (wrong && !m_hashed->belief().holds() && m_conclusion.isUnchanged && !m_conclusion.isOpenForWriting) {
+        throw Failure(name(), *wrong, "its hash was wrong, though recorded as true; the next run checks them all");
+    }
+    return m_conclusion;
 }
 
 } // namespace kelvane::tool

@@ -9,16 +9,16 @@
 
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
-#include "work/Copier.h"
 #include "work/HashedImage.h"
 #include "work/Side.h"
+#include "work/Writer.h"
 
 namespace kelvane::tool {
 
 // Refuses an image that is a hash file, or the record beside one.
 Image openImage(const std::string& path, Image::Access access, AtLink atLink = AtLink::Follow);
 
-class LocalSide : public Side {
+class LocalSide : public Side, private HashedSide, private StartedSide, private WritingSide {
 public:
     // Opens the image alone.
     LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common);
@@ -29,26 +29,8 @@ public:
     const std::string& name() const override { return m_image.path(); }
     bool isFar() const override { return false; }
     const Opening& opening() override;
-    void openHashes(const Start& start) override;
-    void start(const Start& start) override;
-    bool isChangedBy(const Start& start) const override
-    {
-        return m_image.isMissing() || m_image.size() != sizeAfter(start);
-    }
-    bool takesLong() const override { return !m_hashed->belief().holds(); }
-    bool mayFailToStore() const override { return !m_hashed->hashFile().isWritable(); }
-    const Started& started() override { return m_started; }
-    void ask(const Nodes& nodes) override;
-    void askBytes(Range range, std::int64_t unit) override;
-    std::vector<Digest> digests() override;
-    void dropCache() override { static_cast<void>(m_image.dropCache()); }
-    void read(const std::vector<Range>& ranges, bool withDigests, const Sink& sink) override;
-    void startWriting(bool isSparse) override;
-    void write(const Piece& piece) override { m_copier->write(piece.range, piece.data); }
-    OwnChange finishWriting() override;
+    HashedSide& openHashes(const Start& start) override;
     void abandon() override;
-    void distrust() override;
-    const Conclusion& conclude() override { return m_conclusion = m_hashed->conclude(); }
 
     // The image's size once the side is started.
     std::int64_t sizeAfter(const Start& start) const
@@ -56,20 +38,37 @@ public:
         return m_isDestination && !m_image.isBlockDevice() ? start.targetSize : m_image.size();
     }
 
-    // The aggregate hash of whole blocks, from what is known of them.
-    Digest digestOf(Range blocks);
-
 private:
     struct Next {
         Range range;
         bool isHole;
     };
 
-    void prepare(const Start& start);
+    Effects effects() const override;
+    StartedSide& start(bool isFirst) override;
+    const Started& started() override { return m_started; }
+    void ask(const Nodes& nodes) override;
+    void askBytes(Range range, std::int64_t unit) override;
+    std::vector<Digest> digests() override;
+    void dropCache() override { static_cast<void>(m_image.dropCache()); }
+    void read(const std::vector<Range>& ranges, const Sink& sink) override;
+    WritingSide& startWriting(bool isSparse) override;
+    void announce(const std::vector<Range>& ranges) override { m_writer->announce(ranges); }
+    void write(const Piece& piece) override { m_writer->write(piece); }
+    OwnChange finish() override;
+    void distrust() override { m_hashed->belief().contradict(); }
+    const Conclusion& conclude() override;
+
+    bool isToBeMade() const { return m_isDestination && !m_image.isBlockDevice() && m_image.size() == 0; }
+    void prepare();
+    void forgetAll();
+    void resizeImage(std::int64_t size);
     void disbelieveUnlessAlone(const OwnChange& change);
     Next nextOf(Range rest) const;
-    void readData(Range range, bool withDigests, const Sink& sink);
+    void readData(const std::vector<Range>& ranges, const Sink& sink) const;
+    void cut(Range range, const std::shared_ptr<ImageReader::Copy>& copy, const Sink& sink) const;
     Range rangeOf(int level, std::int64_t index) const;
+    Digest digestOfBlocks(Range blocks);
     Digest digestOfNode(int level, std::int64_t index);
 
     Image m_image;
@@ -79,13 +78,14 @@ private:
     std::optional<Opening> m_opening;
     std::optional<HashFile> m_hashFile; // as it was found
     std::optional<HashedImage> m_hashed;
-    Conclusion m_conclusion;
+    Start m_start;
     Started m_started;
     std::int64_t m_blockSize = 0;
     std::int64_t m_compared = 0;    // whole blocks
     std::vector<Digest> m_lowNodes; // their digests, of which those of high nodes are made
     std::deque<std::vector<Digest>> m_digests;
-    std::unique_ptr<Copier> m_copier;
+    std::unique_ptr<Writer> m_writer;
+    Conclusion m_conclusion;
 };
 
 } // namespace kelvane::tool

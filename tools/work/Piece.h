@@ -4,26 +4,27 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <vector>
 
 #include "base/Range.h"
-#include "hash_file/Store.h"
+#include "hash_file/Digests.h"
 
 namespace kelvane::tool {
 
-// Pieces come in ascending order, and none is longer than this, but for zeros, whose data is null.
+// None is longer than this, but for zeros.
 constexpr std::int64_t LONGEST_PIECE = 1 << 20;
 
 struct Piece {
     Range range = {};
-    const char* data = nullptr;
+    const char* data = nullptr; // of zeros: none
 
-    // The digests of its blocks, one behind the other, as they were computed from the data; may be empty.
+    // Of its whole blocks, as they were computed from the data, where the piece begins with one and is not of zeros;
+    // may be missing.
     DigestBytes digests = {};
 
     std::shared_ptr<const void> memory = {}; // in which the data is
 };
 
+// Takes pieces in ascending order.
 using Sink = std::function<void(Piece piece)>;
 
 } // namespace kelvane::tool

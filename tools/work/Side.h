@@ -38,7 +38,6 @@ struct Start {
     std::int64_t targetSize = 0;   // to which a destination is brought; a block device keeps its own
     std::uint32_t permissions = 0; // of one that is made, but for what the umask takes
     std::int64_t compared = 0;     // how much of the image will be compared
-    bool isFirst = false;          // for there is no destination yet, or an empty one: nothing need be hashed before
 };
 
 // What went over the line to a far side, and how often an answer had to be waited for.
@@ -52,7 +51,7 @@ struct Started {
     std::int64_t partitionOffset = 0;
     std::int64_t bytesRead = 0;
     std::vector<std::int64_t> newBlocks; // see HashedImage::newBlocks
-    bool isNew = false;                  // an image that was just made, or was empty: there is nothing to compare
+    bool isNew = false;                  // a destination that was just made, or was empty: there is nothing to compare
 };
 
 // A destination that is written.
@@ -60,7 +59,10 @@ class WritingSide {
 public:
     virtual ~WritingSide() = default;
 
-    virtual void write(Piece piece) = 0;
+    // Ranges of which all data will come, ascending, before any does: so what is known of them is forgotten in one go.
+    virtual void announce(const std::vector<Range>& ranges) = 0;
+
+    virtual void write(const Piece& piece) = 0;
 
     // All is on its disk then. How the image was found is told.
     virtual OwnChange finish() = 0;
@@ -71,6 +73,7 @@ class StartedSide {
 public:
     virtual ~StartedSide() = default;
 
+    virtual const std::string& name() const = 0;
     virtual const Started& started() = 0; // waited for
 
     // The hashes of nodes, at most MOST_NODES; waited for by `digests`, which has as many.
@@ -84,13 +87,12 @@ public:
     // What is read from now on comes from the disk, where the system can be made to read it.
     virtual void dropCache() = 0;
 
-    // Gives the data of ranges of whole blocks, but for the image's end, with the digests of its blocks. Blocks whose
-    // hash is not known become known by that. `isChecked`: what is known must be true.
-    virtual void read(const std::vector<Range>& ranges, bool isChecked, const Sink& sink) = 0;
+    // Gives the data of ranges of whole blocks, but for the image's end, to a sink on this thread, while what follows
+    // is read. Blocks whose hash is not known become known by that.
+    virtual void read(const std::vector<Range>& ranges, const Sink& sink) = 0;
 
-    // Of a destination: the ranges are all that will be written. `isSparse`: zeros become holes; otherwise no hole is
-    // left in the end.
-    virtual WritingSide& startWriting(const std::vector<Range>& ranges, bool isSparse) = 0;
+    // Of a destination. `isSparse`: zeros become holes; otherwise no hole is left in the end.
+    virtual WritingSide& startWriting(bool isSparse) = 0;
 
     // What the hashes say of the data has turned out to be wrong.
     virtual void distrust() = 0;
@@ -112,8 +114,9 @@ public:
     };
     virtual Effects effects() const { return {}; }
 
-    // A destination is brought to its size; then the hashes are made known. A far side is not waited for.
-    virtual StartedSide& start() = 0;
+    // A destination is brought to its size; then the hashes are made known, but of a destination that is new, or was
+    // empty, and where `isFirst`: of a source for such a one. A far side is not waited for.
+    virtual StartedSide& start(bool isFirst) = 0;
 };
 
 // Nothing of the image, or of the other one, has been changed so far. Every failure is a Failure that names the side.

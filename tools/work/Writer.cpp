@@ -15,7 +15,7 @@ constexpr std::chrono::seconds LONGEST(15);
 constexpr std::size_t MOST_DIGEST_BYTES = 16 << 20; // that are kept in memory meanwhile
 constexpr std::size_t MOST_WRITTEN = 1 << 16;       // ranges, the same
 
-constexpr std::int64_t MOST_DIRTY = 128 << 20;      // that may wait for the disk
+constexpr std::int64_t MOST_DIRTY = 128 << 20; // that may wait for the disk
 
 } // namespace
 
@@ -118,7 +118,8 @@ void Writer::flushWhenDue()
     const auto isAbove = [&](int share) {
         return m_batch.digestBytes > MOST_DIGEST_BYTES / 4 * share || m_batch.written.size() > MOST_WRITTEN / 4 * share;
     };
-    const bool isDue = m_batch.bytes > MOST_BYTES || isAbove(1) || std::chrono::steady_clock::now() - m_batch.begin > LONGEST;
+    const bool isDue
+        = m_batch.bytes > MOST_BYTES || isAbove(1) || std::chrono::steady_clock::now() - m_batch.begin > LONGEST;
     const bool isFree = !m_flush.valid() || m_flush.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     if (isDue && (isFree || isAbove(2))) {
         endFlush();
@@ -140,7 +141,7 @@ void Writer::endFlush()
     m_flush.get();
     for (const auto& [blocks, digests] : m_flushed.written) {
         m_hashed.belief().mark();
-        digests.empty() ? m_hashed.store().update(blocks, nullptr) : m_hashed.store().store(blocks, digests.data());
+        m_hashed.store().store(blocks, digests);
     }
     for (const Range& range : m_flushed.uncached) {
         m_destination.drop(range);

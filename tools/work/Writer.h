@@ -16,8 +16,8 @@
 
 namespace kelvane::tool {
 
-// Before a block is overwritten its hash is forgotten, on the disk; its new hash is stored once its data is on the disk.
-// Nothing waits for a disk that can be waited for later.
+// Before a block is overwritten its hash is forgotten, on the disk; its new hash is stored once its data is on the
+// disk. Nothing waits for a disk that can be waited for later.
 class Writer {
 public:
     // `isSparse`: zeros become holes; otherwise no hole is left in the end.
