@@ -39,7 +39,7 @@ std::string sent(const Piece& piece, std::uint32_t compression)
 
 std::vector<std::pair<Kind, std::string>> seeds()
 {
-    const Open open {"disk.img", "disk.hashes", true, true, Trust::Nothing, 4, 1 << 20, 3, 1 << 20};
+    const Open open {"disk.img", "disk.hashes", true, true, Trust::Nothing, Cache::Keep, 4, 1 << 20, 3, 1 << 20};
     const Conclusion conclusion {false,
                                  true,
                                  {{1234, "qemu"}, {0, "/dev/loop3"}},

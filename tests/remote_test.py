@@ -54,7 +54,7 @@ def hello(version=3, capabilities=1, timeout=60):
 
 def opening(path, destination=False, hash_file="", trust=0, jobs=1, level=0, rate=0):
     return frame(OPEN,
-                 string(path) + string(hash_file) + bytes([destination, 0, trust])
+                 string(path) + string(hash_file) + bytes([destination, 0, trust, 0])
                  + struct.pack("<IBqIq", jobs, 0, 0, level, rate))
 
 

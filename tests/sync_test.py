@@ -1,5 +1,5 @@
 """Two images made equal on one machine: sync_test.py PROGRAM SHIM"""
-import os
+import os, resource, subprocess
 from pathlib import Path
 from random import randbytes
 
@@ -10,6 +10,10 @@ FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
 
 def on_disk(name):
     return os.stat(name).st_blocks * 512
+
+
+def in_memory(name):
+    return int(subprocess.run(["fincore", "-bnoRES", name], stdout=subprocess.PIPE, check=True).stdout)
 
 
 class Sync(Case):
@@ -108,6 +112,27 @@ class Sync(Case):
                 os.chmod(unwritable + ".hashes", 0o444)
                 self.check_complaint(command, "cannot be written", preexec_fn=drop_override)
                 self.assertEqual(Path("b").read_bytes(), before, (size, unwritable, command))
+
+    def test_memory_is_left_as_it_was_found(self):
+        """Half of the source was in memory, of DEST nothing. The rest of the source is read from the disk, once."""
+        Path("a").write_bytes(randbytes(40 << 20))
+        os.sync()
+        for command, keeps in (("build a", False), ("sync a b", False), ("sync a h:c", False), ("sync h:a d -j 1", False),
+                               ("verify b", False), ("diff a b", False), ("sync a e --keep-cache", True)):
+            os.system("rm -f a.hashes*")
+            for name in filter(os.path.exists, "abcd"):
+                with open(name, "rb") as image:
+                    os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+                    os.pread(image.fileno(), (16 << 20) if name == "a" else 0, 0)
+            before, disk = in_memory("a"), resource.getrusage(resource.RUSAGE_CHILDREN).ru_inblock
+            if before == 40 << 20:
+                self.skipTest("a file system that is in memory")
+            with self.subTest(command):
+                self.call(f"{command} {FAR if 'sync' in command else ''}")
+                read = (resource.getrusage(resource.RUSAGE_CHILDREN).ru_inblock - disk) * 512
+                self.assertLess(read, (40 << 20) - before + (2 << 20) if "a" in command.split()[1:] else 42 << 20)
+                self.assertEqual(in_memory("a"), 40 << 20 if keeps else before)
+                self.assertFalse(any(in_memory(name) for name in filter(os.path.exists, "bcd")))
 
     def test_sync_keeps_holes(self):
         Path("s").write_bytes(randbytes(1 << 20))

@@ -2,6 +2,7 @@
 // shows another start of the machine and another clock. By the environment:
 //     SHIM_LOG    the file for the names of the calls, each with the file's name: "pwrite disk.img"; "read" is that of
 //                 more than a page, or its mapping
+//     SHIM_RANGES set where what is written is to be told, too: "pwrite disk.img 4096 512"
 //     SHIM_AT     before which calls SHIM_DO is done: numbers and names with commas between; "open a#2" is the second
 //     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
 //                 "each" and a shell command that is done every time
@@ -115,12 +116,21 @@ int timesCalled(const std::string& call)
     return ++times[call];
 }
 
-bool note(const std::string& call)
+std::string toldRange(off64_t offset, off64_t length)
+{
+    std::ostringstream range;
+    if (std::getenv("SHIM_RANGES") != nullptr) {
+        range << ' ' << offset << ' ' << length;
+    }
+    return range.str();
+}
+
+bool note(const std::string& call, const std::string& range = {})
 {
     static std::atomic<int> count = 0;
     if (const char* const path = std::getenv("SHIM_LOG")) {
         const auto fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND, 0600));
-        const std::string line = call + "\n";
+        const std::string line = call + range + "\n";
         ::syscall(SYS_write, fd, line.data(), line.size());
         ::syscall(SYS_close, fd);
     }
@@ -151,12 +161,15 @@ extern "C" {
 
 ssize_t pread64(int fd, void* buffer, size_t length, off64_t offset)
 {
-    return !isOfSystem(fd) && note((length > PAGE ? "read " : "pread ") + nameOf(fd)) ? -1 : next("pread64", pread64)(fd, buffer, length, offset);
+    return !isOfSystem(fd) && note((length > PAGE ? "read " : "pread ") + nameOf(fd))
+        ? -1
+        : next("pread64", pread64)(fd, buffer, length, offset);
 }
 
 ssize_t pwrite64(int fd, const void* buffer, size_t length, off64_t offset)
 {
-    return note("pwrite " + nameOf(fd)) ? -1 : next("pwrite64", pwrite64)(fd, buffer, length, offset);
+    const std::string range = toldRange(offset, static_cast<off64_t>(length));
+    return note("pwrite " + nameOf(fd), range) ? -1 : next("pwrite64", pwrite64)(fd, buffer, length, offset);
 }
 
 void* mmap64(void* address, size_t length, int protection, int flags, int fd, off64_t offset) noexcept
@@ -194,7 +207,9 @@ int ftruncate64(int fd, off64_t length) noexcept
 
 int fallocate64(int fd, int mode, off64_t offset, off64_t length)
 {
-    return note("fallocate " + nameOf(fd)) ? -1 : next("fallocate64", fallocate64)(fd, mode, offset, length);
+    return note("fallocate " + nameOf(fd), toldRange(offset, length))
+        ? -1
+        : next("fallocate64", fallocate64)(fd, mode, offset, length);
 }
 
 int rename(const char* from, const char* to) noexcept

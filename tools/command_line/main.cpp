@@ -135,7 +135,7 @@ private:
         app->callback([this, command] {
             m_command = [this, command] {
                 const auto reporter = standardError(m_progress);
-                return report(command({*reporter, m_jobs, m_trust}));
+                return report(command({*reporter, m_jobs, m_trust, m_cache}));
             };
         });
         return app;
@@ -145,6 +145,9 @@ private:
     {
         addValue(app, "--jobs,-j", "N", "Threads that hash; default: as many as cores",
                  [this](const std::string& text) { m_jobs = parseWithin(text, 1U, 1024U); });
+        app->add_flag_callback(
+            "--keep-cache", [this] { m_cache = Cache::Keep; },
+            "Leave in memory what is read and written; otherwise it is left there as it was found");
         addChoice<ProgressMode>(
             app, "--progress", "HOW", "auto (on a terminal), none or json (lines on standard error)",
             {{"auto", ProgressMode::Automatic}, {"none", ProgressMode::None}, {"json", ProgressMode::Json}},
@@ -358,6 +361,7 @@ private:
     CLI::App m_app;
     ProgressMode m_progress = ProgressMode::Automatic;
     unsigned m_jobs = 0;
+    Cache m_cache = Cache::LeaveAsFound;
     Trust m_trust = Trust::Record;
     PairArguments m_pair;
     VerifyArguments m_verify;

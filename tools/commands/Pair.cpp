@@ -25,6 +25,7 @@ std::unique_ptr<RemoteSide> openFar(const RemotePath& path, const ImageArguments
     open.isDestination = isDestination;
     open.adopts = arguments.hashFile.adopts;
     open.trust = common.trust;
+    open.cache = common.cache;
     open.jobs = common.jobs;
     if (const auto offset = arguments.hashFile.partitionOffset) {
         open.partitionOffset = static_cast<std::int64_t>(*offset);

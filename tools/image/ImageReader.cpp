@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <new>
+#include <cstring>
+#include <utility>
 
 #include "base/Failure.h"
 
@@ -84,83 +85,104 @@ void ImageReader::read(char* buffer, Range range) const
     }
     for (const auto& [run, isInMemory] : m_image.residency(range)) {
         char* const place = buffer + (run.offset - range.offset);
-        isInMemory ? m_image.read(place, run) : m_image.readFromDisk(place, run);
+        isInMemory ? readInMemory(place, run) : m_image.readFromDisk(place, run);
     }
 }
 
+// By a call the system would read ahead what is not there.
+void ImageReader::readInMemory(char* buffer, Range range) const
+{
+    const Range pages = pagesOf(range);
+    const Mapping mapped = mapping(pages);
+    if (mapped) {
+        std::memcpy(buffer, mapped.data() + (range.offset - pages.offset), static_cast<std::size_t>(range.length));
+    }
+    if (!mapped || mapped.areLost() || m_image.currentSize() < range.end()) {
+        m_image.read(buffer, range);
+    }
+}
+
+// Only where what is mapped is what is read.
+Mapping ImageReader::mapping(Range pages) const
+{
+    return m_image.isStamped() && !m_image.isBlockDevice() ? Mapping(m_image, pages) : Mapping();
+}
+
+// Reads piece by piece, for the place and the cause.
+void ImageReader::findFailure(Range range) const
+{
+    constexpr std::int64_t AT_ONCE = 1 << 16;
+    Bytes buffer = m_pool->take(AT_ONCE);
+    for (Range rest = range; rest.length > 0;) {
+        m_image.read(buffer.data(), takeFirst(rest, AT_ONCE));
+    }
+}
+
+Mapping::Mapping(const Image& image, Range pages)
+{
+    [[maybe_unused]] static const bool isInstalled = installHandler();
+    const auto length = static_cast<std::size_t>(pages.length);
+    void* const start = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.file().get(), pages.offset);
+    if (start == MAP_FAILED) {
+        return;
+    }
+    m_start = static_cast<char*>(start);
+    m_length = length;
+    mapped = {m_start, m_start + length, false};
+    ::madvise(start, length, MADV_RANDOM);                                      // nothing is to be read ahead
+    if (::madvise(start, length, MADV_POPULATE_READ) != 0 && errno != EINVAL) { // unknown to old systems
+        mapped.isLost = true;
+    }
+}
+
+Mapping::~Mapping()
+{
+    if (m_start != nullptr) {
+        mapped = {};
+        ::munmap(m_start, m_length);
+    }
+}
+
+Mapping::Mapping(Mapping&& other) noexcept
+    : m_start(std::exchange(other.m_start, nullptr))
+    , m_length(other.m_length)
+{
+}
+
+Mapping& Mapping::operator=(Mapping&& other) noexcept
+{
+    std::swap(m_start, other.m_start);
+    std::swap(m_length, other.m_length);
+    return *this;
+}
+
+bool Mapping::areLost() const
+{
+    return mapped.isLost;
+}
+
+// Nothing is brought into memory that is not to stay there.
 ImageData::ImageData(const ImageReader& reader, Range range)
     : m_reader(reader)
     , m_range(range)
-    , m_window(pagesOf(range))
 {
-    if (!map()) {
+    const Range pages = pagesOf(range);
+    if (reader.m_cache == Cache::Keep || reader.image().isInMemory(pages)) {
+        m_mapping = reader.mapping(pages);
+    }
+    if (!m_mapping) {
         m_copy = reader.copy(range);
     }
-}
-
-ImageData::~ImageData()
-{
-    if (m_isMapped) {
-        mapped = {};
-        ::munmap(m_start, static_cast<std::size_t>(m_window.length));
-    }
-}
-
-// Only where what is mapped is what is read, and where that brings nothing into memory which is not to stay there.
-bool ImageData::map()
-{
-    const Image& image = m_reader.image();
-    const bool isFitting = image.isStamped() && !image.isBlockDevice();
-    if (!isFitting || (m_reader.m_cache == Cache::LeaveAsFound && !image.isInMemory(m_window))) {
-        return false;
-    }
-    [[maybe_unused]] static const bool isInstalled = installHandler();
-    const auto length = static_cast<std::size_t>(m_window.length);
-    void* const start = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.file().get(), m_window.offset);
-    if (start == MAP_FAILED) {
-        return false;
-    }
-    m_isMapped = true;
-    m_start = static_cast<char*>(start);
-    mapped = {m_start, m_start + m_window.length, false};
-    populate();
-    return true;
-}
-
-void ImageData::populate()
-{
-    try {
-        const auto length = static_cast<std::size_t>(m_window.length);
-        if (::madvise(m_start, length, MADV_POPULATE_READ) != 0 && errno != EINVAL) { // unknown to old systems
-            readPieces();
-        }
-    } catch (...) {
-        mapped = {};
-        ::munmap(m_start, static_cast<std::size_t>(m_window.length));
-        throw;
-    }
+    m_data = m_mapping ? m_mapping.data() + (range.offset - pages.offset) : m_copy.data;
 }
 
 // Within a page, zeros stand in for what was cut off.
 void ImageData::check() const
 {
     const Image& image = m_reader.image();
-    const bool isCut = m_isMapped && image.currentSize() < m_range.end();
-    if ((m_isMapped && mapped.isLost) || isCut) {
-        readPieces();
+    if (m_mapping && (m_mapping.areLost() || image.currentSize() < m_range.end())) {
+        m_reader.findFailure(m_range);
         throw Failure(image.path(), m_range.offset, "cannot read: " + errorText(EIO));
-    }
-}
-
-// Finds the place and the cause of a failure.
-void ImageData::readPieces() const
-{
-    constexpr std::int64_t AT_ONCE = 1 << 16;
-    Bytes buffer = m_reader.m_pool->take(AT_ONCE);
-    for (Range rest = m_range; rest.length > 0;) {
-        const Range piece = {rest.offset, std::min(AT_ONCE, rest.length)};
-        m_reader.image().read(buffer.data(), piece);
-        rest = between(piece.end(), rest.end());
     }
 }
 

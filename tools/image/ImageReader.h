@@ -14,6 +14,8 @@ namespace kelvane::tool {
 // What becomes of pages of an image that were not in memory before they were read.
 enum class Cache { LeaveAsFound, Keep };
 
+class Mapping;
+
 // May be used by several threads at once. Fails as Image::read does.
 class ImageReader {
 public:
@@ -31,39 +33,55 @@ public:
 private:
     friend class ImageData;
 
+    Mapping mapping(Range pages) const;
     void read(char* buffer, Range range) const;
+    void readInMemory(char* buffer, Range range) const;
+    void findFailure(Range range) const;
 
     const Image& m_image;
     Cache m_cache;
     std::shared_ptr<BytesPool> m_pool;
 };
 
-// A stretch of an image in memory. Mapped where it is there already, so that nothing is copied. One at a time in a
-// thread.
+// Pages of an image as the system holds them in memory, so that nothing is copied. One at a time in a thread.
+class Mapping {
+public:
+    Mapping() = default;
+    Mapping(const Image& image, Range pages); // none, where that cannot be done
+    ~Mapping();
+    Mapping(Mapping&& other) noexcept;
+    Mapping& operator=(Mapping&& other) noexcept;
+
+    explicit operator bool() const { return m_start != nullptr; }
+
+    // When they go away, for the image is cut short or the disk fails, zeros take their place.
+    const char* data() const { return m_start; }
+    bool areLost() const;
+
+private:
+    char* m_start = nullptr;
+    std::size_t m_length = 0;
+};
+
+// A stretch of an image in memory. Mapped where it is there already. One at a time in a thread.
 class ImageData {
 public:
     ImageData(const ImageReader& reader, Range range);
-    ~ImageData();
     ImageData(const ImageData&) = delete;
     ImageData& operator=(const ImageData&) = delete;
 
-    // To be read alone. When the data goes away, for the image is cut short or the disk fails, zeros take its place.
-    const char* get() const { return m_isMapped ? m_start + (m_range.offset - m_window.offset) : m_copy.data; }
+    // To be read alone.
+    const char* get() const { return m_data; }
 
     // Fails as Image::read does when the data was not there all the time.
     void check() const;
 
 private:
-    bool map();
-    void populate();
-    void readPieces() const;
-
     const ImageReader& m_reader;
     Range m_range;
-    Range m_window; // whole pages
-    char* m_start = nullptr;
-    bool m_isMapped = false;
+    Mapping m_mapping;
     ImageReader::Copy m_copy;
+    const char* m_data;
 };
 
 } // namespace kelvane::tool

@@ -86,6 +86,7 @@ std::string Open::encode() const
 {
     FieldWriter to;
     to.string(path).string(hashFile).flag(isDestination).flag(adopts).u8(static_cast<std::uint8_t>(trust));
+    to.flag(cache == Cache::Keep);
     to.u32(jobs);
     optional(to, partitionOffset);
     return to.u32(compression).i64(bytesPerSecond).done();
@@ -100,6 +101,7 @@ Open Open::decode(std::string_view payload)
         open.isDestination = from.flag();
         open.adopts = from.flag();
         open.trust = static_cast<Trust>(atMost<int>(from.u8(), static_cast<int>(Trust::Everything), "trust"));
+        open.cache = from.flag() ? Cache::Keep : Cache::LeaveAsFound;
         open.jobs = atMost(from.u32(), 1024U, "jobs");
         open.partitionOffset = optional(from);
         open.compression = atMost(from.u32(), 19U, "compression");

@@ -35,6 +35,7 @@ struct Open {
     bool isDestination = false;
     bool adopts = false;
     Trust trust = Trust::Record;
+    Cache cache = Cache::LeaveAsFound;
     std::uint32_t jobs = 0; // 0: as many as the machine has cores
     std::optional<std::int64_t> partitionOffset;
     std::uint32_t compression = 0; // level of zstd, 0: none

@@ -137,6 +137,7 @@ private:
         m_channel.limitBandwidth(open.bytesPerSecond);
         m_common.jobs = open.jobs;
         m_common.trust = open.trust;
+        m_common.cache = open.cache;
         HashFileOptions options;
         options.adopts = open.adopts;
         options.isReadOnly = m_arguments.isReadOnly;
