@@ -2,7 +2,7 @@
 
 In every ```console block, lines that start with "$ " are commands, which must succeed, and what follows is their output,
 but for the seconds that something took.
-A ```python block that starts with "# NAME.py" is a file that they use. Every document has an empty directory of its own.
+Every document has an empty directory of its own.
 """
 import os
 import re
@@ -17,14 +17,10 @@ def without_times(output):
 
 def run(document):
     with open(document, encoding="utf-8") as file:
-        blocks = re.findall(r"^```(console|python)\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL)
+        blocks = re.findall(r"^```console\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL)
     commands = failures = 0
     with tempfile.TemporaryDirectory(dir=os.getcwd()) as directory:
-        for language, text in blocks:
-            if language == "python":
-                with open(f"{directory}/{re.match('# ([a-z_]+[.]py)$', text, re.MULTILINE)[1]}", "w") as file:
-                    file.write(text)
-                continue
+        for text in blocks:
             for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE):
                 done = subprocess.run(["bash", "-c", command], cwd=directory, text=True, check=False,
                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
