@@ -18,7 +18,7 @@ endforeach()
 
 if(TARGET kelvane-hash)
   add_test(NAME document_transcripts COMMAND ${Python3_EXECUTABLE} -B ${PROJECT_SOURCE_DIR}/tests/docs_test.py
-    ${PROJECT_SOURCE_DIR}/docs/hash-file-format.md ${PROJECT_SOURCE_DIR}/docs/program.md)
+    ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/hash-file-format.md)
   set_tests_properties(document_transcripts PROPERTIES ENVIRONMENT_MODIFICATION
     "PATH=path_list_prepend:${PROJECT_SOURCE_DIR}/tests;PATH=path_list_prepend:$<TARGET_FILE_DIR:kelvane-hash>")
 endif()

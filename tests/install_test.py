@@ -124,6 +124,10 @@ class Install(unittest.TestCase):
             section = re.search(rf'^\.SH "KELVANE-HASH {command.upper()}"\n(.*?)(?=^\.SH|\Z)', page, re.M | re.S)[1]
             for option in options:
                 self.assertRegex(section, rf"(?m)(^|,){option}\b")
+        with open(os.path.join(SOURCE, "docs", "program.md"), encoding="utf-8") as file:
+            sections = re.findall("^## (.*)\n", file.read(), re.M)
+        self.assertGreater(len(sections), 5)
+        self.assertEqual(re.findall(r"^\.SH\n(.*)", page, re.M), [title.upper() for title in sections])
 
 
 unittest.main(argv=sys.argv[:1])

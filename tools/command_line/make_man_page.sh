@@ -1,7 +1,9 @@
 #!/bin/sh
-# The manual page, from the program's own help and that of every command.
+# The manual page, from the program's own help and that of every command, and, where lowdown is there, the sections of
+# docs/program.md.
 # Usage: make_man_page.sh PROGRAM DIRECTORY, which must be absolute and gets PROGRAM.1.gz
 set -eu
+text=$(cd "$(dirname "$0")/../.." && pwd)/docs/program.md
 cd "$(dirname "$1")"
 program=./$(basename "$1")
 page=$2/$(basename "$1").1
@@ -16,4 +18,9 @@ for command in $commands; do
     "$page.command" >>"$page.commands"
 done
 help2man --no-info --name='keep and use the hashes of disk images' --include="$page.commands" "$program" >"$page"
+if command -v lowdown >/dev/null; then
+  # From its first section on; of links the text; in a font that terminals have.
+  sed -e '1,/^## /{/^## /!d;}' -e 's/^##/#/' -e 's/\[\([^]]*\)\]([^)]*)/\1/g' "$text" | lowdown -tman |
+    sed -e '/^\.SH$/{n;s/.*/\U&/;}' -e 's/\\fC/\\fB/g' >>"$page"
+fi
 gzip -9nf "$page"
