@@ -22,10 +22,13 @@ ARGUMENTS.add_argument("program", type=os.path.abspath)
 ARGUMENTS.add_argument("--repetitions", type=int, default=7)
 ARGUMENTS.add_argument("--markdown", type=pathlib.Path, help="replaces the table in this file")
 ARGUMENTS.add_argument("--strict", action="store_true", help="fails when a row falls short")
+ARGUMENTS.add_argument("--only", choices=("whole images", "two machines", "first copies"))
 OPTIONS = ARGUMENTS.parse_args()
 SIZE, PIECE, BLOCK = 1 << 30, 8 << 20, 4096
 LINE = f"{sys.executable} -IS {os.path.join(os.path.dirname(os.path.abspath(__file__)), 'line.py')}"  # which starts quickly
-DELAYS = {"": "0", ", 20 ms": "0.02"}
+# Seconds each way, and bytes per second.
+LINES = {"": ("0", "inf"), ", 20 ms": ("0.02", "inf")}
+COPY_LINES = {"": ("0", "inf"), ", 50 ms": ("0.05", "inf"), ", 100 MB/s, 50 ms": ("0.05", "1e8")}
 
 
 def program(command, *arguments):
@@ -88,6 +91,22 @@ def new_destination():
     forget("holes.img.hashes", "copy.img", "copy.img.hashes")
 
 
+def new_copy(is_cold=False):
+    """Twice, for what was just freed is taken up again faster than other memory."""
+    forget("first.img.hashes", "new.img", "new.img.hashes", "far/new.img", "far/new.img.hashes")
+    quietly(["cp", "first.img", "new.img"])
+    forget("new.img")
+    os.sync()
+    if is_cold:
+        drop("first.img", "dense.img")
+
+
+def drop(*images):
+    for image in images:
+        with open(image, "rb") as file:
+            os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+
+
 # What is prepared, untimed, and what is timed: one command after the other.
 COMMANDS = {
     "one job": (nothing_known, build("dense.img", 1)),
@@ -112,6 +131,23 @@ FAR_COMMANDS = {
     "far, nothing changed": (lambda: quietly(SYNC_FAR), SYNC_FAR),
     "rsync of the same, far": (lambda: change("first.img"), RSYNC_FAR),
 }
+# The first copy of 2 GiB, in the page cache or not. Warm again when the next one is to be: `cp` reads it.
+COPY_COMMANDS = {
+    "sync, new DEST": (new_copy, sync("first.img", "new.img")),
+    "cp and sync": (new_copy, ["sh", "-c", "cp --reflink=never --sparse=never first.img new.img && sync new.img"]),
+    "sync, new DEST, cold": (lambda: new_copy(is_cold=True), sync("first.img", "new.img")),
+    "dd of it, cold": (lambda: new_copy(is_cold=True), ["dd", "if=first.img", "of=/dev/null", "iflag=direct", "bs=4M"]),
+    "writing of it, and sync": (new_copy, ["dd", "if=first.img", "of=new.img", "bs=4M", "conv=fsync"]),
+    "one job, cold": (lambda: (nothing_known(), new_copy(is_cold=True)), build("dense.img", 1)),
+    "dd of the same, cold": (lambda: new_copy(is_cold=True), ["dd", "if=dense.img", "of=/dev/null", "iflag=direct", "bs=4M"]),
+}
+FAR_COPY_COMMANDS = {
+    "far, new DEST": (new_copy, [*sync("first.img", "far:new.img"), "--rsh", LINE, "--remote-program", OPTIONS.program]),
+    "rsync -W of it, far": (new_copy, ["rsync", "-W", "--inplace", "--fsync", "-e", LINE, "first.img", "far:new.img"]),
+}
+GROUPS = [("whole images", COMMANDS, {"": LINES[""]}), ("two machines", FAR_COMMANDS, LINES),
+          ("first copies", COPY_COMMANDS, {"": LINES[""]}), ("first copies", FAR_COPY_COMMANDS, COPY_LINES)]
+GROUPS = [(commands, lines) for name, commands, lines in GROUPS if OPTIONS.only in (None, name)]
 with open("/proc/cpuinfo", encoding="utf-8") as cpuinfo:
     IS_WIDE = "avx512dq" in cpuinfo.read()
 # row: numerator and denominator of the ratio of times, what it must be, "at least" or "at most" that
@@ -127,7 +163,14 @@ ROWS = [
     ("rsync / sync, repeated", "rsync of the same", "sync, repeated", 1, True),
     ("rsync / sync, holes", "rsync of holes", "sync of holes", 10, True),
 ]
-for delayed in DELAYS:
+ROWS += [
+    ("sync, new DEST / cp and sync", "sync, new DEST", "cp and sync", 1.2, False),
+    ("the same, cold / reading or writing", "sync, new DEST, cold", "the longer", 1.25, False),
+    ("one job, cold / dd of the same", "one job, cold", "dd of the same, cold", 1.15, False),
+]
+for line, limit in ("", 1.15), (", 50 ms", 1.15), (", 100 MB/s, 50 ms", 1.05):
+    ROWS.append((f"far, new DEST{line} / rsync -W", f"far, new DEST{line}", f"rsync -W of it, far{line}", limit, False))
+for delayed in LINES:
     for name, limit in ("nothing known", 1), ("repeated", 2), ("changes told", 10):
         ROWS.append((f"rsync / far, {name}{delayed}", f"rsync of the same, far{delayed}", f"far, {name}{delayed}",
                      limit, True))
@@ -156,14 +199,14 @@ def make_images():
         quietly(["cat", image])
 
 
-def seconds(prepare, *commands, delay="0"):
+def seconds(prepare, *commands, line=("0", "inf")):
     prepare()
-    os.environ["LINE_DELAY"] = delay
+    os.environ["LINE_DELAY"], os.environ["LINE_RATE"] = line
     start = time.monotonic()
     for command in commands:
         quietly(command)
     taken = time.monotonic() - start
-    os.environ["LINE_DELAY"] = "0"
+    os.environ["LINE_DELAY"], os.environ["LINE_RATE"] = LINES[""]
     return taken
 
 
@@ -174,7 +217,7 @@ def bytes_on_the_line(name):
     for image in "first.img", "far/copy.img":
         with open(image, "rb") as file:
             os.fsync(file.fileno())
-            os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+        drop(image)
 
     def paged_in():
         with open("/proc/vmstat", encoding="utf-8") as file:
@@ -190,19 +233,19 @@ def bytes_on_the_line(name):
 
 
 def measure():
-    times = {name: [] for name in COMMANDS}
+    times = {}
     for _ in range(OPTIONS.repetitions):
-        for name, command in COMMANDS.items():
-            times[name].append(seconds(*command))
-        for delayed, delay in DELAYS.items():
-            for name, command in FAR_COMMANDS.items():
-                times.setdefault(name + delayed, []).append(seconds(*command, delay=delay))
+        for commands, lines in GROUPS:
+            for suffix, line in lines.items():
+                for name, command in commands.items():
+                    times.setdefault(name + suffix, []).append(seconds(*command, line=line))
     return times
 
 
 def main():
     os.environ["PATH"] += ":/usr/sbin:/sbin"
-    missing = [command[0] for _, command in COMMANDS.values() if not shutil.which(command[0])]
+    used = {command[0] for commands, _ in GROUPS for _, *all_of_them in commands.values() for command in all_of_them}
+    missing = [name for name in sorted(used) if not shutil.which(name)]
     if missing:
         sys.exit("missing: " + ", ".join(missing))
     home = os.getcwd()
@@ -211,16 +254,21 @@ def main():
         os.environ["LINE_COUNT"] = os.path.abspath("count")
         make_images()
         times = measure()
-        traffic = [bytes_on_the_line(name) for name in FAR_COMMANDS]
+        traffic = [bytes_on_the_line(name) for name in FAR_COMMANDS] if (FAR_COMMANDS, LINES) in GROUPS else []
         os.chdir(home)
     width = "AVX-512" if IS_WIDE else "no AVX-512"
     lines = [f"{os.cpu_count()} cores, {width}, load {os.getloadavg()[0]:.1f}, {OPTIONS.repetitions} repetitions", ""]
     for name, values in times.items():
         lines.append(f"{name:32}{min(values):6.2f} s  (median {statistics.median(values):.2f})")
-    lines += ["", f"{'':32}{'there':>13}{'back':>13}{'read, cold':>13}", *traffic]
+    if traffic:
+        lines += ["", f"{'':32}{'there':>13}{'back':>13}{'read, cold':>13}", *traffic]
     lines += ["", f"{'ratio of times':34}{'fastest':>8}{'one by one':>23}   must be"]
     times["half a second"] = [0.5] * OPTIONS.repetitions
+    if "dd of it, cold" in times:
+        times["the longer"] = [*map(max, zip(times["dd of it, cold"], times["writing of it, and sync"]))]
     for row, above, below, limit, at_least in ROWS:
+        if not {above, below} <= times.keys():
+            continue
         ratios = sorted(a / b for a, b in zip(times[above], times[below]))
         one_by_one = f"{statistics.median(ratios):.2f} ({ratios[0]:.2f} to {ratios[-1]:.2f})"
         ratio = min(times[above]) / min(times[below])

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Stands for ssh: line.py HOST COMMAND... runs the command in the directory HOST. All that it says and hears is
-delayed by LINE_DELAY seconds each way, and counted in the file LINE_COUNT: bytes to the host, bytes from it.
+delayed by LINE_DELAY seconds each way, no faster than LINE_RATE bytes per second where that is set, and counted in the
+file LINE_COUNT: bytes to the host, bytes from it.
 What it imports it takes from the times that are measured, so it imports little."""
 import collections
 import os
@@ -9,6 +10,7 @@ import sys
 import time
 
 DELAY = float(os.environ.get("LINE_DELAY", "0"))
+RATE = float(os.environ.get("LINE_RATE", "inf"))
 MOST = 64 << 20  # bytes on the way
 
 
@@ -18,6 +20,7 @@ class Direction:
     def __init__(self, source, target):
         self.source, self.target = source, target
         self.on_the_way, self.length, self.count, self.has_ended = collections.deque(), 0, 0, False
+        self.sent = 0  # when the last byte of these has been sent
         os.set_blocking(target, False)
 
     def is_open(self):
@@ -35,7 +38,8 @@ class Direction:
         self.count += len(data)
         self.length += len(data)
         if data:
-            self.on_the_way.append((time.monotonic() + DELAY, data))
+            self.sent = max(self.sent, time.monotonic()) + len(data) / RATE
+            self.on_the_way.append((self.sent + DELAY, data))
 
     def give(self):
         due, data = self.on_the_way.popleft()

@@ -123,6 +123,7 @@ class Sync(Case):
             for name in filter(os.path.exists, "abcd"):
                 with open(name, "rb") as image:
                     os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+                    os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_RANDOM)
                     os.pread(image.fileno(), (16 << 20) if name == "a" else 0, 0)
             before, disk = in_memory("a"), resource.getrusage(resource.RUSAGE_CHILDREN).ru_inblock
             if before == 40 << 20:
