@@ -2,6 +2,7 @@
 
 In every ```console block, lines that start with "$ " are commands, which must succeed, and what follows is their output.
 A ```python block that starts with "# NAME.py" is a file that they use. Every document has an empty directory of its own.
+Where no image is believed, notes say so, and what a document shows of that is not printed.
 """
 import os
 import re
@@ -9,10 +10,15 @@ import subprocess
 import sys
 import tempfile
 
+from file_systems import images_are_believed
+
 
 def run(document):
     with open(document, encoding="utf-8") as file:
         blocks = re.findall(r"^```(console|python)\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL)
+    if not images_are_believed() and any("known hashes are checked" in text for _, text in blocks):
+        print(f"skipped: {os.path.basename(document)}: what its commands print: no image is believed here")
+        return True
     commands = failures = 0
     with tempfile.TemporaryDirectory(dir=os.getcwd()) as directory:
         for language, text in blocks:
@@ -24,6 +30,8 @@ def run(document):
                 done = subprocess.run(["bash", "-c", command], cwd=directory, text=True, check=False,
                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
                 commands += 1
+                if not images_are_believed():
+                    done.stdout = re.sub(r"^kelvane-hash: note: .*\n", "", done.stdout, flags=re.MULTILINE)
                 if done.returncode != 0 or done.stdout != expected:
                     failures += 1
                     print(f"{document}: $ {command}\n{done.stdout}exit code {done.returncode}, instead of\n{expected}")
