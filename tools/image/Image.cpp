@@ -230,7 +230,7 @@ bool Image::dropCache() const
 void Image::mustDropCache() const
 {
     if (!dropCache()) {
-        throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
+        throw Failure(m_path, "a part of it stays in memory, in use or never written, so that the disk cannot be read");
     }
 }
 
