@@ -157,7 +157,7 @@ class Evidence(Disks):
                 if name in ("inode", "covered image"):
                     image, words = "m/disk", "m/disk --hash-file=h"
                 else:
-                    image, held = self.attach("m/disk", "--read-only")
+                    image, held = self.attach("m/disk", "--read-only", "--partscan")  # else partitions outlive it
                     if name == "start":
                         disk, image = image, image + "p1"
                         run(["addpart", disk, "1", "0", str(len(old) // 512)], check=True)

@@ -52,7 +52,7 @@ class Tree:
             compiled = Path(entry["directory"], re.search(r" -o (\S+)", entry["command"])[1])
             if compiled.exists():
                 words = Path(f"{compiled}.d").read_text().replace("\\\n", " ").split()[1:]
-                self.objects[compiled] = entry["command"], {Path(word).resolve() for word in words}
+                self.objects[compiled] = entry["command"], {Path(entry["directory"], word).resolve() for word in words}
         self.links = {path.parts[-2].partition(".dir")[0]: path for path in self.build.rglob("link.txt")}
 
     def compile(self, file, program):

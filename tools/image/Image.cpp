@@ -214,10 +214,13 @@ Range Image::nextData(std::int64_t offset, std::int64_t end) const
 
 void Image::flush() const
 {
-    // What lies on a file system that cannot be written has nothing to be flushed.
-    if (::fsync(m_file.get()) != 0 && errno != EINVAL && errno != EROFS) {
-        const int error = errno;
-        dropFromMemory(m_file);
+    if (::fsync(m_file.get()) == 0 || errno == EINVAL) {
+        return;
+    }
+    const int error = errno;
+    const bool isDropped = dropFromMemory(m_file);
+    // A file system that has stopped writing says that, too, whatever it has taken before.
+    if (error != EROFS || !isDropped) {
         throw FlushFailed(m_path, "cannot flush: " + errorText(error));
     }
 }
