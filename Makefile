@@ -12,7 +12,7 @@ build = cmake --preset $(1) $(2) && cmake --build --preset $(1) --parallel $(BUI
 run_tests = ctest --preset $(1) --parallel $(BUILD_JOBS); result=$$?; \
   grep '^skipped: ' build/$(1)/Testing/Temporary/LastTest.log; exit $$result
 
-.PHONY: demo test install package bench bench-tools check sanitize arm64 valgrind fuzz coverage mutants docs format clean
+.PHONY: demo test test-elsewhere install package bench bench-tools check sanitize arm64 valgrind fuzz coverage mutants docs format clean
 
 demo:
 	$(INSTALL) build demo
@@ -23,6 +23,15 @@ test:
 	$(INSTALL) build test
 	$(call build,release)
 	$(call run_tests,release)
+
+# The tests again where no image is believed. What they make is gone in the end.
+test-elsewhere:
+	mkdir -p build
+	unshare --mount sh -ec 'mount -t tmpfs none build; $(MAKE) test'
+	layers=$$(mktemp -d -p /var/tmp); mkdir $$layers/upper $$layers/work; result=0; \
+	  unshare --mount sh -ec "mount -t overlay none build \
+	    -o lowerdir=build,upperdir=$$layers/upper,workdir=$$layers/work; $(MAKE) test" || result=$$?; \
+	  rm -rf $$layers; exit $$result
 
 # The library, the program and its manual page, under PREFIX; DESTDIR is heeded.
 PREFIX ?= /usr/local

@@ -3,7 +3,7 @@
 Mounts are in a namespace of this process's own, and loop devices are let go with their last user: whatever ends a test,
 neither stays behind."""
 import ctypes, fcntl, json, mmap, os, shutil, signal, struct, tempfile, threading, time, unittest
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, suppress
 from pathlib import Path
 from subprocess import DEVNULL, PIPE, Popen, TimeoutExpired, run
 
@@ -366,6 +366,9 @@ class Disks(Rows):
         except OSError as error:
             raise unittest.SkipTest(f"no mounts of its own: {error}")
         run(["mount", "--make-rprivate", "/"], check=True)
+        with suppress(OSError):  # the numbers of devices are everybody's, so that one run at a time makes them
+            turn = cls.enterClassContext(open("/dev/loop-control"))
+            fcntl.flock(turn, fcntl.LOCK_EX)
 
     def tool(self, command):
         if not shutil.which(command.split()[0]):

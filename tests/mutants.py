@@ -52,7 +52,7 @@ class Tree:
             compiled = Path(entry["directory"], re.search(r" -o (\S+)", entry["command"])[1])
             if compiled.exists():
                 words = Path(f"{compiled}.d").read_text().replace("\\\n", " ").split()[1:]
-                self.objects[compiled] = entry["command"], {Path(word).resolve() for word in words}
+                self.objects[compiled] = entry["command"], {Path(entry["directory"], word).resolve() for word in words}
         self.links = {path.parts[-2].partition(".dir")[0]: path for path in self.build.rglob("link.txt")}
 
     def compile(self, file, program):
@@ -228,7 +228,8 @@ class Judge:
 
 
 def listed_bugs(root, texts):
-    """Those of mutants.txt."""
+    """Those of mutants.txt. Ends the program with a list of those that do not apply."""
+    bugs, stale = [], []
     for line in (TESTS / "mutants.txt").read_text().splitlines():
         if line.startswith("@ "):
             directory = line[2:]
@@ -236,9 +237,14 @@ def listed_bugs(root, texts):
             before, after = (part.strip(" ").replace(r"\n", "\n") for part in line.split("=>", 1))
             found = [(path, match.start()) for path in sorted((root / directory).rglob("*.*")) if path.is_file()
                      for match in re.finditer(re.escape(before), path.read_text(encoding="latin-1"))]
-            assert len(found) == 1, f"{directory}: there {len(found)} times, not once: {line}"
-            (path, start), = found
-            yield Bug(str(path.relative_to(root)), start, start + len(before), after, "listed")
+            if len(found) == 1:
+                path, start = found[0]
+                bugs.append(Bug(str(path.relative_to(root)), start, start + len(before), after, "listed"))
+            else:
+                stale.append(f"there {len(found)} times, not once, in {directory}: {line}")
+    if stale:
+        sys.exit("mutants.txt:\n" + "\n".join(stale))
+    return bugs
 
 
 def known_equivalents():
@@ -299,13 +305,14 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--all", action="store_true")
     options = parser.parse_args()
+    listed = listed_bugs(TESTS.parent, options.texts) if options.sample is None else None
     judge = Judge(options.work, options.all)
     root = judge.base.source
     contents = {str(path.relative_to(root)): path.read_text(encoding="latin-1")
                 for folder in ("src", "include", "tools") for path in (root / folder).rglob("*.*") if path.is_file()}
-    if options.sample is None:
+    if listed is not None:
         report = Report(contents)
-        for result in judge.judge_all(iter(list(listed_bugs(root, options.texts)))):
+        for result in judge.judge_all(iter(listed)):
             report.add(*result)
         report.table("listed bugs")
         return report.count(NOTICED) < len(report.results)

@@ -4,7 +4,7 @@ from pathlib import Path
 from random import randbytes
 from subprocess import run
 
-from program import BLOCK, PROGRAM, Case, main
+from program import BLOCK, PROGRAM, Case, doubt_here, main
 
 NEEDS, BOTH = "this is an image, and the hash file (here/)?[xh] would need its name", "given as an image and as a hash"
 
@@ -41,7 +41,8 @@ class SideFiles(Case):
         for make in "echo mine >", "mkdir", "mkfifo", "truncate -s 1M", "ln -s boot":
             run(f"rm -rf n.hashes.state; {make} n.hashes.state", shell=True, check=True)
             before = os.lstat("n.hashes.state")[:7]
-            self.assertIn("n.hashes.state: cannot write: ", self.call("build n --check").stderr)
+            tells = "n.hashes.state: cannot write: " in self.call("build n --check").stderr
+            self.assertEqual(tells, not doubt_here())  # where nothing is ever recorded as true nothing is written
             os.remove("n.hashes")
             self.call("build n")
             self.assertEqual(os.lstat("n.hashes.state")[:7], before)
@@ -50,7 +51,11 @@ class SideFiles(Case):
             Path("n.hashes.state").write_bytes(left)
             os.chmod("n.hashes.state", 0o666)
             self.call("build n")
-            self.assertTrue(self.json("info n.hashes")["record"]["clean"])
+            record = self.json("info n.hashes")["record"]
+            if doubt_here():
+                self.assertIsNone(record)
+                continue
+            self.assertTrue(record["clean"])
             self.assertEqual(os.stat("n.hashes.state").st_mode & 0o777, 0o600)
 
     def test_a_killed_run_leaves_nothing_in_the_way(self):

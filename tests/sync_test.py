@@ -3,7 +3,7 @@ import os, resource, subprocess
 from pathlib import Path
 from random import randbytes
 
-from program import BLOCK, PROGRAM, RELAY, Case, built, drop_override, flip, main
+from program import BLOCK, PROGRAM, RELAY, Case, built, doubt_here, drop_override, flip, main
 
 FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
 
@@ -174,7 +174,7 @@ class Sync(Case):
                     self.call(f"verify {t}")
                     before = os.stat(t)
                     again = self.json(command)
-                    self.assertEqual((again["bytesCopied"], again["freshness"][1]["doubt"]), (0, ""))
+                    self.assertEqual((again["bytesCopied"], again["freshness"][1]["doubt"]), (0, doubt_here()))
                     self.assertEqual((os.stat(t).st_mtime_ns, on_disk(t)), (before.st_mtime_ns, before.st_blocks * 512))
             self.assertEqual(Path(t).read_bytes(), Path(s).read_bytes())
             self.check_hash_file(t)

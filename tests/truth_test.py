@@ -9,6 +9,7 @@ import contextlib, glob, json, mmap, os, random, shutil, signal, subprocess, sys
 from collections import Counter
 
 from disks import WRITERS
+from file_systems import images_are_believed
 from oracle import aggregate, blake2sp, read_entries
 
 PROGRAM, SHIM = map(os.path.abspath, sys.argv[1:3])
@@ -294,8 +295,7 @@ def main():
     listed = ", ".join(f"{value} {name}" for name, value in sorted(figures.items()))
     counted = ", ".join(f"{COUNTED[kind]} {kind}" for kind in kinds)
     print(f"truth: {ROUNDS} rounds, {listed}; noticed afterwards: {counted}; {disagreements} disagreements")
-    stamps = subprocess.run(["stat", "-f", "-c", "%T", "."], capture_output=True, text=True, check=True).stdout.strip()
-    vacuous = figures["believed"] == 0 and stamps in ("ext2/ext3", "xfs", "btrfs", "f2fs", "bcachefs")
+    vacuous = figures["believed"] == 0 and images_are_believed()
     seldom = min(COUNTED[kind] for kind in kinds) < ROUNDS // 30
     return 1 if disagreements or vacuous or seldom or figures.get("exit 0", 0) < ROUNDS // 5 else 0
 

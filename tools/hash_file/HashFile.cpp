@@ -247,7 +247,7 @@ void HashFile::checkMemory()
     const bool isLeftOpen = m_record
         && (m_record->standing == Record::Standing::Open || m_record->standing == Record::Standing::FlushFailed);
     if ((!m_record || isLeftOpen) && !dropFromMemory(m_lock->file()) && isLeftOpen) {
-        throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
+        throw Failure(m_path, "a part of it stays in memory, in use or never written, so that the disk cannot be read");
     }
 }
 

@@ -171,13 +171,25 @@ Owner ownerOf(const Record& record, const Identity& image)
 
 namespace {
 
+std::string valueOf(const Traits& traits, const char* name)
+{
+    return traits.contains(name) ? traits.at(name) : "";
+}
+
 bool differ(const Traits& a, const Traits& b, const char* name)
 {
-    const auto value = [&](const Traits& traits) { return traits.contains(name) ? traits.at(name) : ""; };
-    return value(a) != value(b);
+    return valueOf(a, name) != valueOf(b, name);
 }
 
 } // namespace
+
+bool hasFailedUntold(const std::optional<Record>& record, const ImageState& image)
+{
+    const bool isTold = record && record->image.identity.traits == image.identity.traits
+        && record->image.identity.instance == image.identity.instance
+        && !differ(record->image.marks.traits, image.marks.traits, FAILURES);
+    return !isTold && !valueOf(image.marks.traits, FAILURES).empty();
+}
 
 Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, const ImageState& image,
                  const Writers& writers)

@@ -74,6 +74,10 @@ struct Doubt {
     bool isAboutMemory() const { return because == Because::FlushFailed || because == Because::CutShort; }
 };
 
+// Whether a file system has failed, and no record of this mounting of it tells of that: what is in memory of the image
+// need not be on the disk then, though the program that wrote it was told and the next flush succeeds.
+bool hasFailedUntold(const std::optional<Record>& record, const ImageState& image);
+
 Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, const ImageState& image,
                  const Writers& writers);
 

@@ -92,6 +92,11 @@ std::string BlockDevice::partition() const
     return lineIn(m_place + "partition");
 }
 
+std::string BlockDevice::start() const
+{
+    return lineIn(m_place + "start");
+}
+
 // What goes to a partition counts for the whole disk, too.
 Counters BlockDevice::counters() const
 {

@@ -43,6 +43,7 @@ public:
     std::string value(const std::string& name) const;
 
     std::string partition() const; // its number, or nothing
+    std::string start() const;     // where it starts on the whole disk, likewise
 
     Counters counters() const;
 

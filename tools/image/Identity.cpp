@@ -72,11 +72,15 @@ std::string uniqueMount(const Descriptor& file)
 void identifyDevice(const BlockDevice& device, const std::string& prefix, Identity& identity)
 {
     setIfAny(identity.traits, prefix + "partition", device.partition());
+    setIfAny(identity.traits, prefix + "start", device.start());
     for (const char* const name : {"wwid", "device/wwid", "device/serial", "serial", "dm/uuid", "md/uuid"}) {
         setIfAny(identity.traits, prefix + name, device.value(name));
     }
     identity.instance[prefix + "number"] = device.number();
     setIfAny(identity.instance, prefix + "diskseq", device.value("diskseq"));
+    if (!identity.instance.contains(prefix + "diskseq")) { // before Linux 5.15
+        identity.doubt = "the system does not tell one device from the next with the same number";
+    }
     if (device.isMapped()) {
         identity.instance[prefix + "mapping"] = device.mapping();
         if (device.mapping().empty()) {
@@ -128,7 +132,12 @@ Traits mountTraits(const Descriptor& file)
 std::string failuresOf(const Descriptor& file)
 {
     const std::string directory = directoryOf(file);
-    return lineIn(directory + "/errors_count") + "+" + lineIn(directory + "/warning_count");
+    std::string failures;
+    for (const char* const name : {"/errors_count", "/warning_count"}) {
+        const std::string count = directory.empty() ? "" : lineIn(directory + name);
+        failures += count.empty() || count == "0" ? "" : name + (" " + count);
+    }
+    return failures;
 }
 
 Identity identityOf(const Image& image)

@@ -214,15 +214,19 @@ Range Image::nextData(std::int64_t offset, std::int64_t end) const
 
 void Image::flush() const
 {
-    // What lies on a file system that cannot be written has nothing to be flushed.
-    if (::fsync(m_file.get()) != 0 && errno != EINVAL && errno != EROFS) {
-        failFlush();
+    if (::fsync(m_file.get()) == 0 || errno == EINVAL) {
+        return;
+    }
+    const int error = errno;
+    const bool isDropped = dropFromMemory(m_file);
+    // A file system that has stopped writing says that, too, whatever it has taken before.
+    if (error != EROFS || !isDropped) {
+        failFlush(error);
     }
 }
 
-void Image::failFlush() const
+void Image::failFlush(int error) const
 {
-    const int error = errno;
     *m_hasLostWrites = true;
     dropFromMemory(m_file);
     throw FlushFailed(m_path, "cannot flush: " + errorText(error));
@@ -241,7 +245,7 @@ void Image::awaitWriteBack(Range range) const
     constexpr unsigned ALL = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
     if (!m_isBlockDevice && ::sync_file_range(m_file.get(), range.offset, range.length, ALL) != 0
         && (errno == EIO || errno == ENOSPC || errno == EDQUOT)) {
-        failFlush();
+        failFlush(errno);
     }
 }
 
@@ -259,7 +263,7 @@ bool Image::dropCache() const
 void Image::mustDropCache() const
 {
     if (!dropCache()) {
-        throw Failure(m_path, "another program keeps a part of it in memory, so that the disk cannot be read");
+        throw Failure(m_path, "a part of it stays in memory, in use or never written, so that the disk cannot be read");
     }
 }
 

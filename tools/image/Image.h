@@ -130,7 +130,7 @@ private:
     void refuseUse() const;
     const Descriptor& fileForDisk() const { return m_isBlockDevice ? m_file : m_direct; }
     void openForDisk();
-    [[noreturn]] void failFlush() const;
+    [[noreturn]] void failFlush(int error) const;
     std::int64_t readAt(const Descriptor& file, char* buffer, Range range) const;
     void writeAt(const Descriptor& file, const char* buffer, Range range);
     void writeToDevice(const char* buffer, Range range);

@@ -29,7 +29,7 @@ Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
     m_holds = !m_doubt.isAny();
     m_isAssumed = common.trust == Trust::Everything && !hashFile.wasMade()
         && doubtAbout(hashFile.record(), hashFile.state(), m_state, m_writers).isAny();
-    if (!hashFile.wasMade() && !image.isMissing()) {
+    if (!image.isMissing()) {
         readFromDiskWhereNeeded();
     }
 }
@@ -37,9 +37,9 @@ Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
 // What no record tells of was most likely left in order.
 void Belief::readFromDiskWhereNeeded() const
 {
-    if (m_doubtOfRecord.isAboutMemory()) {
+    if (m_doubtOfRecord.isAboutMemory() || hasFailedUntold(m_hashFile.record(), m_state)) {
         m_image.mustDropCache();
-    } else if (m_doubtOfRecord.because == Doubt::Because::NoRecord) {
+    } else if (!m_hashFile.wasMade() && m_doubtOfRecord.because == Doubt::Because::NoRecord) {
         static_cast<void>(m_image.dropCache());
     }
 }
