@@ -127,7 +127,7 @@ public:
     // in the hash file, keep their hashes, or the part of them that the cut leaves; a later growth would
     // bring them back as known. So invalidate from the new end on before a target shrinks, or from the old
     // end on once the store is open for the larger size, before hashes there are trusted.
-    // Failures:
+    // Failures, of which those of this list are a HashFileFinding too (see HashFileFault.h):
     //   "failed to stat hash file" (errno)
     //   "path does not represent a hash file"
     //   "file is too small to be valid: " and its size
@@ -140,6 +140,7 @@ public:
     //   "unknown hashing function: " and the number
     //   "block size is invalid: 0"
     //   "the hash file size is incorrect for given target size"
+    // and then:
     //   "target is too large for its block size: ..." as for `create`, of the size given
     // and while adapting the file:
     //   "error in seek while initting file region: " offset ", " length ", errno = " E
@@ -393,9 +394,11 @@ private:
                             uint32_t blockSize, uint32_t hashId);
     void openAndAdapt(const std::string& path, kelvane_size_t targetSizeInBytes);
     uint64_t openAndValidate(const std::string& path, int flags);
-    HashFileFinding openAndExamine(const std::string& path, int flags, uint64_t& fileSize);
+    HashFileFinding openAndExamine(const std::string& path, int flags);
+    HashFileFinding examineHeader(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize);
     HashFileFault headerFault(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize);
-    void throwOnFault(HashFileFault fault, const std::string& path, uint64_t fileSize) const;
+    void throwOnFault(const HashFileFinding& finding, const std::string& path = {}) const;
+    std::string textOf(const HashFileFinding& finding, const std::string& path) const;
     static uint64_t fieldWith(HashFileFault fault);
     void addZeros(uint64_t offset, uint64_t length);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
