@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -222,20 +221,14 @@ void BlockHashStore::initFileRegion(uint64_t offset, uint64_t length)
 
 void BlockHashStore::addZeros(uint64_t offset, uint64_t length)
 {
-    const auto bufferSize = std::min<uint64_t>(length, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
-    const auto zeros = std::make_unique<char[]>(bufferSize);
     const auto whereTo = static_cast<kelvane_ssize_t>(offset);
     if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
         const int error = errno;
         throw std::runtime_error("error in seek while initting file region: " + std::to_string(offset) + ", "
                                  + std::to_string(length) + ", errno = " + std::to_string(error));
     }
-    for (uint64_t written = 0; written < length; written += bufferSize) {
-        const auto bytesToWrite = std::min(bufferSize, length - written);
-        const int bytesWritten = m_file.write(zeros.get(), bytesToWrite);
-        if (!validReadWrite(static_cast<kelvane_ssize_t>(bytesToWrite), bytesWritten)) {
-            throw posix::failure(errno, "error in write while initting file region");
-        }
+    if (!writesZeros(length, [&](const char* zeros, uint64_t count) { return m_file.write(zeros, count); })) {
+        throw posix::failure(errno, "error in write while initting file region");
     }
     if (m_file.sync_file_range(whereTo, static_cast<kelvane_buf_len_t>(length)) != 0) {
         failWithErrno("initFileRegion failed to sync hash file");
