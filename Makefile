@@ -65,7 +65,7 @@ arm64:
 	$(call build,arm64)
 	$(call run_tests,arm64)
 	grep '^digests on NEON: ' build/arm64/Testing/Temporary/LastTest.log
-	@echo 'left out: the program, the examples, and what is installed; these were not built'
+	@echo 'left out: the program with its tests, the examples, what is installed; of the tests of the library, none'
 
 # The tests again, under valgrind, which leaves them their own operator new. Threads only wait there.
 valgrind:
