@@ -58,7 +58,7 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
                     static_cast<uint32_t>(hashType));
     } catch (...) {
         if (deleteFileOnError && posix::unlink(path) == 0) {
-            logLine(KELVANE_INFO, __func__) << "deleted hash file due to error: " << errno;
+            logLine(KELVANE_INFO) << "deleted hash file due to error: " << errno;
         }
         emptyWhenGivenUp([] { throw; });
     }

@@ -199,8 +199,8 @@ bool BlockHashStore::resizeIfTargetChangeDetected(const std::string& path, kelva
     throwOnUnusableSizes(targetSizeInBytes, getBlockSize(), hashSize());
     const uint64_t expectedSize = computeFileSize(targetSizeInBytes, getBlockSize(), hashSize());
     if (expectedSize != fileSize) {
-        logLine(KELVANE_INFO, __func__) << "hash storage resizing because target changed, expected: " << expectedSize
-                                        << ", actual: " << fileSize;
+        logLine(KELVANE_INFO) << "hash storage resizing because target changed, expected: " << expectedSize
+                              << ", actual: " << fileSize;
         if (expectedSize > fileSize) {
             addZeros(fileSize, expectedSize - fileSize);
         } else {
