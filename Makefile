@@ -99,11 +99,11 @@ check:
 	tests/check.py
 
 # Do the tests bite? Plants the bugs of tests/mutants.txt in a copy of the sources, one at a time; with SAMPLE=40 that
-# many that a machine makes, in the library and in the program, at places drawn by SEED.
+# many that a machine makes, in the library and in the program, at places drawn by SEED. IN=src,include: only there.
 SEED ?= 1
 mutants:
 	$(INSTALL) build test mutants
-	tests/mutants.py build/mutants $(if $(SAMPLE),--sample $(SAMPLE) --seed $(SEED))
+	tests/mutants.py build/mutants $(if $(IN),--in $(IN)) $(if $(SAMPLE),--sample $(SAMPLE) --seed $(SEED))
 
 format:
 	$(INSTALL) format
