@@ -217,6 +217,11 @@ TEST_F(HashFileTest, HasABufferThatOnlyGrows)
         EXPECT_EQ(Peer::hashBufferSize(*store), size);
         EXPECT_EQ(std::exchange(buffer, Peer::hashBuffer(*store)) == Peer::hashBuffer(*store), keeps) << request;
     }
+    Peer::header(*store).targetSizeInBytes = 1;
+    Peer::init(*store);
+    EXPECT_EQ(Peer::hashBuffer(*store), nullptr);
+    EXPECT_EQ(Peer::hashBufferSize(*store), 0);
+    EXPECT_EQ(store->target_size_in_bytes(), 0U);
 }
 
 TEST_F(HashFileTest, MovesWithItsStore)
