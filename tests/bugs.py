@@ -229,6 +229,8 @@ def all_bugs(root, commands, processes):
         if path.is_relative_to(root) and path.relative_to(root).parts[0] in FOLDERS:
             arguments = re.findall(r"(?:-isystem |-I|-D|-std=)\S+", entry["command"].replace("\\", ""))
             tasks.append((root, str(path), [word for each in arguments for word in each.split()]))
+    # Headers that no source includes have places, too.
+    tasks += [(root, str(path), ["-xc++", *tasks[0][2]]) for path in sorted((root / "include").glob("*.h"))]
     lines = defaultdict(list)
     with ProcessPoolExecutor(processes) as pool:
         bugs = set().union(*pool.map(bugs_of, tasks))
