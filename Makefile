@@ -74,7 +74,7 @@ arm64:
 	$(call build,arm64)
 	$(call run_tests,arm64)
 	grep '^digests on NEON: ' build/arm64/Testing/Temporary/LastTest.log
-	@echo 'left out: the program, the examples, and what is installed; these were not built'
+	@echo 'left out: the program with its tests, the examples, what is installed; of the tests of the library, none'
 
 # The tests again, under valgrind, which leaves them their own operator new. Threads only wait there.
 valgrind:
@@ -108,11 +108,11 @@ check:
 	tests/check.py
 
 # Do the tests bite? Plants the bugs of tests/mutants.txt in a copy of the sources, one at a time; with SAMPLE=40 that
-# many that a machine makes, in the library and in the program, at places drawn by SEED.
+# many that a machine makes, in the library and in the program, at places drawn by SEED. IN=src,include: only there.
 SEED ?= 1
 mutants:
 	$(INSTALL) build test mutants
-	tests/mutants.py build/mutants $(if $(SAMPLE),--sample $(SAMPLE) --seed $(SEED))
+	tests/mutants.py build/mutants $(if $(IN),--in $(IN)) $(if $(SAMPLE),--sample $(SAMPLE) --seed $(SEED))
 
 format:
 	$(INSTALL) format

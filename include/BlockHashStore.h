@@ -127,7 +127,7 @@ public:
     // in the hash file, keep their hashes, or the part of them that the cut leaves; a later growth would
     // bring them back as known. So invalidate from the new end on before a target shrinks, or from the old
     // end on once the store is open for the larger size, before hashes there are trusted.
-    // Failures:
+    // Failures, of which those of this list are a HashFileFinding too (see HashFileFault.h):
     //   "failed to stat hash file" (errno)
     //   "path does not represent a hash file"
     //   "file is too small to be valid: " and its size
@@ -140,6 +140,7 @@ public:
     //   "unknown hashing function: " and the number
     //   "block size is invalid: 0"
     //   "the hash file size is incorrect for given target size"
+    // and then:
     //   "target is too large for its block size: ..." as for `create`, of the size given
     // and while adapting the file:
     //   "error in seek while initting file region: " offset ", " length ", errno = " E
@@ -240,8 +241,8 @@ public:
 
     // As update_hashes, with hashes that were computed elsewhere: `hashes` holds those of the blocks that lie wholly in
     // the range, in order, each as long as the hash function's. It is only read, and may be null where there is no such
-    // block. Takes at most 1 MiB of memory for entries, at any length. Costs one write for every 31775 blocks that the
-    // range covers wholly, one for the rest of them, and one for each block that it covers in part.
+    // block. Takes at most 1 MiB of memory for entries, at any length. Costs one write for every 31775 blocks that
+    // the range touches, and one for the rest of them.
     // Failures:
     //   that of throwOnAccessViolation, with the tag store_hashes
     //   "store_hashes: length is negative: " and the length
@@ -252,8 +253,7 @@ public:
     // As update_hashes with `length` zeros, for a range of the target that now reads as zeros: discarded, punched,
     // zeroed, or never written. If the hashes are to be true after a crash, the zeros must be on stable storage
     // before the call. Needs no buffer, hashes a single block and takes at most 1 MiB of memory for entries, at any
-    // length. Costs one write for every 31775 blocks that the range covers wholly, one for the rest of them, and one
-    // for each block that it covers in part.
+    // length. Costs one write for every 31775 blocks that the range touches, and one for the rest of them.
     // Failures:
     //   that of throwOnAccessViolation, with the tag store_hashes_of_zeros
     //   "store_hashes_of_zeros: length is negative: " and the length
@@ -389,17 +389,22 @@ private:
     static void throwOnUnusableSizes(kelvane_size_t targetSizeInBytes, uint32_t blockSize, kelvane_size_t hashSize);
     static uint64_t fileSizeOfNew(HashFunctionType hashType, kelvane_size_t targetSizeInBytes, uint32_t blockSize);
     static void makeFile(const std::string& path, kelvane_size_t fileLength);
+    template <class Write>
+    static bool writesZeros(uint64_t length, const Write& write);
     static void writeHeader(const std::string& path, kelvane_size_t targetSizeInBytes, kelvane_off_t partitionOffset,
                             uint32_t blockSize, uint32_t hashId);
     void openAndAdapt(const std::string& path, kelvane_size_t targetSizeInBytes);
     uint64_t openAndValidate(const std::string& path, int flags);
-    HashFileFinding openAndExamine(const std::string& path, int flags, uint64_t& fileSize);
+    HashFileFinding openAndExamine(const std::string& path, int flags);
+    HashFileFinding examineHeader(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize);
     HashFileFault headerFault(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize);
-    void throwOnFault(HashFileFault fault, const std::string& path, uint64_t fileSize) const;
+    void throwOnFault(const HashFileFinding& finding, const std::string& path = {}) const;
+    std::string textOf(const HashFileFinding& finding, const std::string& path) const;
     static uint64_t fieldWith(HashFileFault fault);
     void addZeros(uint64_t offset, uint64_t length);
     Span spanOf(const char* operation, kelvane_off_t offset, kelvane_buf_len_t length) const;
     kelvane_off_t blockOffset(const Span& span, kelvane_ssize_t position) const;
+    kelvane_ssize_t blockSize() const;
     kelvane_ssize_t entrySize() const;
     kelvane_ssize_t entryOffsetInFile(kelvane_ssize_t block) const;
     template <class Transfer>
@@ -422,8 +427,10 @@ private:
     static HashValue checkedAggregate(HashValue hash);
     void storeHashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes);
     void storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length);
-    template <class Prepare>
-    void storeEntries(const Span& span, std::vector<char>& entries, Prepare prepare);
+    template <class Fill>
+    void storeWindow(const Span& span, const Window& window, const Fill& fill);
+    template <class Fill>
+    void storeEntries(const Span& span, const Fill& fill);
     uint64_t discardTornEntries();
     HashValue hashOfRange(kelvane_off_t offset, kelvane_buf_len_t length, const DataRequiredFunc& dataRequiredFunc,
                           bool stores);

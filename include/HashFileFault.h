@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "Export.h"
+
 namespace kelvane {
 
 // The first check of opening that a file does not pass.
@@ -22,11 +24,14 @@ enum class HashFileFault {
     FileSize          // its size does not fit its header: its creation or a change of its size was cut short
 };
 
-// A fault and where it shows.
-struct HashFileFinding {
+// A fault and where it shows. What opening and inspecting throw for one is a std::runtime_error and a HashFileFinding:
+//   catch (const std::runtime_error& failure) {
+//       const auto* const finding = dynamic_cast<const HashFileFinding*>(&failure); // null for other failures
+struct KELVANE_EXPORT HashFileFinding {
     HashFileFault fault = HashFileFault::None;
     std::uint64_t offset = 0; // of the header's field that the check looks at, in bytes; 0 for those before the header
     int error = 0;            // the system's error number, for Status, Opening and Reading; 0 where it did not fail
+    std::uint64_t fileSize = 0; // in bytes; 0 for Status and FileType
 
     // Whether the file says that it is a hash file, perhaps a damaged one.
     bool isHashFile() const { return fault == HashFileFault::None || fault > HashFileFault::MagicNumber; }

@@ -15,7 +15,7 @@ namespace kelvane {
 class KELVANE_EXPORT HashFileInspector {
 public:
     // Opens the hash file at `path` for reading and validates its header and its size as BlockHashStore::open
-    // does, against the target size that it records itself. Allocates as much. Failures:
+    // does, against the target size that it records itself. Allocates as much. Failures, each a HashFileFinding too:
     //   "failed to stat hash file" (errno)
     //   "path does not represent a hash file"
     //   "file is too small to be valid: " and its size

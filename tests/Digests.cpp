@@ -1,5 +1,6 @@
-// Prints the instruction set in use, and then digests as bytes, which digests_test.py checks: of messages of every length
-// to 2100 bytes, and of batches of up to 130 messages of several lengths. Message number i is what begins at byte 37 * i.
+// Prints the instruction set in use, and then digests as bytes, which digests_test.py checks: of messages of every
+// length to 2100 bytes, and of batches of up to 130 messages of several lengths. Message number i is what begins at
+// byte 37 * i.
 #include <cstdio>
 #include <vector>
 

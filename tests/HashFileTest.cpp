@@ -43,12 +43,24 @@ struct HashFileTest : ::testing::Test {
         return text;
     }
 
+    // By who only looks, and by who catches what opening and inspecting throw.
     static void expectFinding(const std::string& file, const HashFileFinding& expected)
     {
-        const HashFileFinding found = HashFileInspector::examine(file);
-        EXPECT_EQ(found.fault, expected.fault);
-        EXPECT_EQ(found.offset, expected.offset);
-        EXPECT_EQ(found.error, expected.error);
+        const auto thrown = [](const auto& operation) {
+            try {
+                operation();
+            } catch (const HashFileFinding& finding) {
+                return finding;
+            }
+            return HashFileFinding();
+        };
+        const kelvane_size_t size = expected.fault > HashFileFault::FileType ? std::filesystem::file_size(file) : 0;
+        for (const HashFileFinding& found :
+             {HashFileInspector::examine(file), thrown([&] { HashFileInspector inspector(file); }),
+              thrown([&] { BlockHashStore::open(file, 10 * BLOCK); })}) {
+            EXPECT_EQ(std::tuple(found.fault, found.offset, found.error, found.fileSize),
+                      std::tuple(expected.fault, expected.offset, expected.error, size));
+        }
     }
 
     TemporaryDirectory directory;
@@ -150,7 +162,7 @@ TEST_F(HashFileTest, IsRefusedByTheFirstOfItsFaults)
 TEST_F(HashFileTest, FailuresOfTheSystemHaveItsErrorNumber)
 {
     create(10);
-    expectFinding(path, {});
+    EXPECT_EQ(HashFileInspector::examine(path).fault, HashFileFault::None);
     expectFinding(directory.file("missing"), {HashFileFault::Status, 0, ENOENT});
     try {
         BlockHashStore::open(directory.file("missing"), 0);
@@ -205,6 +217,11 @@ TEST_F(HashFileTest, HasABufferThatOnlyGrows)
         EXPECT_EQ(Peer::hashBufferSize(*store), size);
         EXPECT_EQ(std::exchange(buffer, Peer::hashBuffer(*store)) == Peer::hashBuffer(*store), keeps) << request;
     }
+    Peer::header(*store).targetSizeInBytes = 1;
+    Peer::init(*store);
+    EXPECT_EQ(Peer::hashBuffer(*store), nullptr);
+    EXPECT_EQ(Peer::hashBufferSize(*store), 0);
+    EXPECT_EQ(store->target_size_in_bytes(), 0U);
 }
 
 TEST_F(HashFileTest, MovesWithItsStore)

@@ -222,6 +222,7 @@ TEST(RequestTest, FailsWithoutItsFile)
     const std::pair<std::function<void()>, std::string> failures[]
         = {{[&] { store->get_hash(1150, 100, supplier); }, "failed to seek in hash file during update: 4129: 9"},
            {[&] { store->get_hash(1150, 100, supplier); }, "failed to seek in hash file: 4129: 9"},
+           {[&] { store->get_hash(1151, 10, supplier); }, "(none)"}, // no entry is wanted
            {[&] { store->invalidate_hashes(1150, 100); }, "failed to seek in hash file: 4129: 9"},
            {[&] { store->discard_torn_entries(); }, "failed to read hash entry: 4591: 9"},
            {[&] { Peer::initFileRegion(*store.store, 10, 20); },

@@ -35,6 +35,7 @@ struct BlockHashStoreTestPeer {
     static const char* hashBuffer(const Store& store) { return store.m_hashBuffer.get(); }
     static kelvane_buf_len_t hashBufferSize(const Store& store) { return store.m_hashBufferSize; }
     static void growHashBufferWhenNeeded(Store& store, kelvane_buf_len_t size) { store.growHashBufferWhenNeeded(size); }
+    static void init(Store& store) { store.init(); }
     static void initFileRegion(Store& store, uint64_t offset, uint64_t length) { store.initFileRegion(offset, length); }
     static void createFile(const std::string& path, uint64_t size) { Store::createFile(path, size); }
     static void openInternal(Store& s, const std::string& path, uint64_t target) { s.open_internal(path, target); }

@@ -1,7 +1,8 @@
 """Bugs made by a machine: what each operator makes of the expressions and statements where libclang finds it a place.
 
 None is in a comment, a string, a character, an #include or a static_assert, and none in what only becomes a text for
-people: what is thrown, what goes to a function that fails or notes, a line of the log."""
+people: what is thrown, what goes to a function that fails or notes, a line of the log. Nor in what only fetches ahead
+into the processor's cache, which nothing but a clock can tell."""
 import json, re, shlex, sys
 from collections import defaultdict
 from concurrent.futures import ProcessPoolExecutor
@@ -12,7 +13,7 @@ sys.path.append("/usr/lib/python3/dist-packages")  # Debian's packages, whicheve
 
 FOLDERS = ("src", "include", "tools")
 TELLS = re.compile(r"(fail|throw)[A-Z]\w*|fail|note")  # functions whose arguments become a text
-LOOKS_LIKE_TEXT = re.compile(r"Logger\(")
+CANNOT_BE_TOLD = re.compile(r"(Logger|logLine)\(|.*[pP]refetch")  # statements
 COMMUTES = re.compile(r"\b(min|max|Add|Xor|And|Or)\s*$")
 SWAPS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&", "+": "-", "-": "+",
          "*": "/", "/": "*", "%": "/", "<<": ">>", ">>": "<<", "&": "|", "|": "&", "^": "|", "+=": "-=", "-=": "+=",
@@ -77,7 +78,7 @@ class Unit:
     def visit(self, cursor, returning):
         """`returning`: the statement that leaves the function around, where there is one."""
         kind, kinds, children = cursor.kind, self.kind, list(cursor.get_children())
-        if kind in (kinds.CXX_THROW_EXPR, kinds.STATIC_ASSERT) or \
+        if kind in (kinds.CXX_THROW_EXPR, kinds.STATIC_ASSERT) or "refetch" in cursor.spelling or \
                 (kind == kinds.CALL_EXPR and TELLS.fullmatch(cursor.spelling)):
             return
         if kind in (kinds.FUNCTION_DECL, kinds.CXX_METHOD, kinds.CONSTRUCTOR, kinds.DESTRUCTOR, kinds.FUNCTION_TEMPLATE,
@@ -87,7 +88,7 @@ class Unit:
             self.condition(cursor, children)
         elif kind == kinds.COMPOUND_STMT:
             self.statements(children, returning)
-            children = [child for child in children if not LOOKS_LIKE_TEXT.match(self.text(child))]
+            children = [child for child in children if not CANNOT_BE_TOLD.match(self.text(child))]
         elif kind in (kinds.CALL_EXPR, kinds.INIT_LIST_EXPR):
             self.arguments(cursor, children)
         elif kind in (kinds.BINARY_OPERATOR, kinds.COMPOUND_ASSIGNMENT_OPERATOR, kinds.UNEXPOSED_EXPR):
@@ -113,7 +114,7 @@ class Unit:
         returning = "" if result.endswith("&") or "auto" in result else "return;" if result == "void" else "return {};"
         body = children[-1] if children and children[-1].kind == kinds.COMPOUND_STMT else None
         for statement in body.get_children() if body and returning else ():
-            if statement.kind != kinds.RETURN_STMT and not LOOKS_LIKE_TEXT.match(self.text(statement)):
+            if statement.kind != kinds.RETURN_STMT and not CANNOT_BE_TOLD.match(self.text(statement)):
                 self.add("return early", *[self.span(statement)[0]] * 2, returning + " ")
         for statement in body.get_children() if body else ():
             name = statement.kind == kinds.DECL_STMT and next(statement.get_children()).spelling
@@ -154,7 +155,7 @@ class Unit:
                 if child.kind != kinds.RETURN_STMT:
                     other = "break" if self.text(child) == "continue" else "continue"
                     self.add("break for continue", *self.span(child), other)
-            elif child.kind.is_expression() and not LOOKS_LIKE_TEXT.match(self.text(child)):
+            elif child.kind.is_expression() and not CANNOT_BE_TOLD.match(self.text(child)):
                 self.add("statement deleted", *self.span(child), "")
 
     def operands(self, children):
@@ -229,6 +230,8 @@ def all_bugs(root, commands, processes):
         if path.is_relative_to(root) and path.relative_to(root).parts[0] in FOLDERS:
             arguments = re.findall(r"(?:-isystem |-I|-D|-std=)\S+", entry["command"].replace("\\", ""))
             tasks.append((root, str(path), [word for each in arguments for word in each.split()]))
+    # Headers that no source includes have places, too.
+    tasks += [(root, str(path), ["-xc++", *tasks[0][2]]) for path in sorted((root / "include").glob("*.h"))]
     lines = defaultdict(list)
     with ProcessPoolExecutor(processes) as pool:
         bugs = set().union(*pool.map(bugs_of, tasks))

@@ -356,9 +356,9 @@ class Swaps(Rows):
         os.mkdir("there")
         if known:
             self.put("there/n", randbytes(3 * BLOCK))
-            if known == "and built":
+            if known.startswith("and "):
                 self.ask("build there/n")
-                write("there/n", BLOCK, OTHER)
+                write("there/n" if known == "and built" else "there/n.hashes", BLOCK, OTHER)
         Path("far").write_text(f"#!/bin/sh\nexec env LD_PRELOAD={SHIM} {PROGRAM} serve --root there\n")
         os.chmod("far", 0o755)
         shutil.copytree("there", "clean")
@@ -381,6 +381,7 @@ class Swaps(Rows):
         named = {"SHIM_NAMED": "1"}  # where no file can be made without a name
         for command, known, self.more in (
                 ("build there/n", "at all", {}), ("build there/n", "at all", named), ("build there/n", "and built", {}),
+                ("build there/n", "and damaged", {}),
                 ("sync source there/n", "", {}), ("sync source h:n --rsh ./far", "", {}),
                 ("sync source h:n --rsh ./far", "and built", {}), ("diff source h:n --rsh ./far", "at all", {})):
             with self.row(command, known, *self.more):

@@ -2,8 +2,9 @@
 """Do the tests bite? Plants one bug at a time, and runs the tests: those of the library for a bug in src/ or include/,
 those of the program for one in tools/. Without --sample the bugs are those of mutants.txt, which must all be noticed.
 
-    mutants.py WORK_DIRECTORY [--sample N [--seed S]] [--all] [TEXT]...
+    mutants.py WORK_DIRECTORY [--in FOLDERS] [--sample N [--seed S]] [--all] [TEXT]...
 
+--in        src,include: only bugs in these folders, and only the tests of these
 --sample N  bugs made by a machine (bugs.py): N in the library and N in the program, from lines drawn by the seed
 --all       names all tests that notice, not only the first
 TEXT        only bugs that hold it in their line of mutants.txt, or in the name of their file"""
@@ -19,13 +20,14 @@ TESTS = Path(__file__).resolve().parent
 SLOW = "*FaultSweep*:CrashTest*:CorruptFile*"
 BROKEN, SAME, NOTICED, SURVIVED, UNDECIDED = "DOES NOT COMPILE", "THE SAME", "noticed", "SURVIVED", "NOT DECIDED"
 LIBRARY, PROGRAM = ("kelvane_tests",), ("kelvane-hash", "message_tests")  # what a bug is built into
+FOLDERS = {LIBRARY: ("src", "include"), PROGRAM: ("tools",)}
 
 
 class Tree:
     """The sources, and what was built of them. One is without bugs, `base`; bugs are planted in others, whose objects
     are their own where they depend on the bug, and the base's otherwise."""
 
-    def __init__(self, directory, base=None):
+    def __init__(self, directory, base=None, targets=()):
         self.directory, self.base = Path(directory), base
         self.source, self.build, self.room = (self.directory / name for name in ("source", "build", "room"))
         shutil.rmtree(self.source, ignore_errors=True)
@@ -36,14 +38,14 @@ class Tree:
             (self.build / "include").mkdir(parents=True)
             (self.build / "include/kelvane").symlink_to(self.source / "include")
         else:
-            self.make()
+            self.make(targets)
 
-    def make(self):
+    def make(self, targets):
         # Objects must be equal where the code is.
         flags = f"-O2 -w -frandom-seed=0 -ffile-prefix-map={self.directory}/="
         configure = ["-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=" + flags, "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
                      "-DKELVANE_BUILD_EXAMPLES=OFF"]
-        build = ["--parallel", str(os.cpu_count()), "--target", *LIBRARY, *PROGRAM, "call_shim"]
+        build = ["--parallel", str(os.cpu_count()), "--target", *targets, "call_shim"]
         for step in ["-S", self.source, "-B", self.build, *configure], ["--build", self.build, *build]:
             subprocess.run(["cmake", *step], check=True, stdout=subprocess.DEVNULL)
         self.commands = self.build / "compile_commands.json"
@@ -137,26 +139,27 @@ class Suite:
         return failed
 
 
-def suites_of(base):
-    """Of the library and of the program. The program's tests are the files that say they are called so."""
+def suites_of(base, part):
+    """Of the library or of the program. The program's tests are the files that say they are called so."""
     shim = base.build / "tests/libcall_shim.so"
-    library = [Suite(name, lambda programs: [programs[0]], LIBRARY, "GTEST_FILTER", chosen)
-               for name, chosen in (("kelvane_tests", "-" + SLOW), ("kelvane_tests, the slow ones", SLOW))]
+    if part == LIBRARY:
+        return [Suite(name, lambda programs: [programs[0]], LIBRARY, "GTEST_FILTER", chosen)
+                for name, chosen in (("kelvane_tests", "-" + SLOW), ("kelvane_tests, the slow ones", SLOW))]
     program = [Suite(path.name, lambda programs, path=path: [sys.executable, "-B", path, programs[0], shim],
                      PROGRAM, "ONLY", "")
                for path in sorted((base.source / "tests").glob("*_test.py"))
                if "_test.py PROGRAM SHIM" in path.read_text()]
-    return library, [Suite("message_tests", lambda programs: [programs[1]], PROGRAM, "GTEST_FILTER", "*"), *program]
+    return [Suite("message_tests", lambda programs: [programs[1]], PROGRAM, "GTEST_FILTER", "*"), *program]
 
 
 class Judge:
-    def __init__(self, work, everything):
-        self.everything, self.base = everything, Tree(work / "base")
+    def __init__(self, work, everything, parts):
+        self.everything, self.base = everything, Tree(work / "base", targets=itertools.chain(*parts))
         self.trees, self.noticed = Queue(), Counter()
         count = os.cpu_count()
         with ThreadPoolExecutor(count) as self_test:
             trees = list(self_test.map(lambda number: Tree(work / f"tree{number}", self.base), range(count)))
-            self.suites = suites_of(self.base)
+            self.suites = {part: suites_of(self.base, part) for part in parts}
             for failed in self_test.map(self.without_bug, trees):  # at once, as later
                 assert not failed, f"the tests fail without any bug: {failed}"
         for tree in trees:
@@ -164,7 +167,7 @@ class Judge:
 
     def without_bug(self, tree):
         failed = []
-        for suite in itertools.chain(*self.suites):
+        for suite in itertools.chain(*self.suites.values()):
             start = time.monotonic()
             programs = [self.base.program(target) for target in suite.targets]
             failing = suite.run(tree, programs, suite.chosen, False)
@@ -201,7 +204,7 @@ class Judge:
 
     def test(self, tree, bug, targets):
         noticed, outcome = [], SURVIVED
-        for suite in self.order(self.suites[targets is PROGRAM], bug.file):
+        for suite in self.order(self.suites[targets], bug.file):
             failing = suite.failing(tree, self.everything, [tree.program(target) for target in targets])
             if failing is None:
                 outcome = UNDECIDED
@@ -301,33 +304,36 @@ def main():
     parser = argparse.ArgumentParser(usage=__doc__)
     parser.add_argument("work", type=lambda name: Path(name).resolve())
     parser.add_argument("texts", nargs="*")
+    parser.add_argument("--in", dest="folders", default=["src", "include", "tools"], type=lambda text: text.split(","))
     parser.add_argument("--sample", type=int)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--all", action="store_true")
     options = parser.parse_args()
     listed = listed_bugs(TESTS.parent, options.texts) if options.sample is None else None
-    judge = Judge(options.work, options.all)
+    parts = [part for part, folders in FOLDERS.items() if set(folders) & set(options.folders)]
+    judge = Judge(options.work, options.all, parts)
     root = judge.base.source
     contents = {str(path.relative_to(root)): path.read_text(encoding="latin-1")
-                for folder in ("src", "include", "tools") for path in (root / folder).rglob("*.*") if path.is_file()}
+                for folder in options.folders for path in (root / folder).rglob("*.*") if path.is_file()}
     if listed is not None:
         report = Report(contents)
-        for result in judge.judge_all(iter(listed)):
+        for result in judge.judge_all(bug for bug in listed if bug.file in contents):
             report.add(*result)
         report.table("listed bugs")
         return report.count(NOTICED) < len(report.results)
-    lines = all_bugs(root, judge.base.commands, os.cpu_count())
-    equivalents = set(known_equivalents())
+    lines = {place: bugs for place, bugs in all_bugs(root, judge.base.commands, os.cpu_count()).items()
+             if place[0] in contents}
+    equivalents = {known for known in known_equivalents() if known[0].split("/")[0] in options.folders}
     known = {(bug.file, bug.operator, *bug.shown(contents[bug.file])) for bugs in lines.values() for bug in bugs}
     many = sum(map(len, lines.values()))
     print(f"{many} bugs can be made in {len(lines)} lines; {len(equivalents & known)} of them are none", flush=True)
-    for part, folders in ("library", ("src/", "include/")), ("program", ("tools/",)):
-        chosen = {place: bugs for place, bugs in lines.items() if place[0].startswith(folders)
+    for part in parts:
+        chosen = {place: bugs for place, bugs in lines.items() if place[0].startswith(FOLDERS[part])
                   and all(text in place[0] for text in options.texts)}
         report = Report(contents)
         for result in judge.judge_all(sampled_bugs(chosen, contents, equivalents, options.seed), options.sample):
             report.add(*result)
-        report.table(f"{part}, seed {options.seed}")
+        report.table(f"{', '.join(FOLDERS[part])}, seed {options.seed}")
     for stale in sorted(equivalents - known):
         print("equivalent_mutants.txt: no such bug:", *stale, sep="\n    ")
     return bool(equivalents - known)

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -59,7 +58,7 @@ void BlockHashStore::create(const std::string& path, HashFunctionType hashType, 
                     static_cast<uint32_t>(hashType));
     } catch (...) {
         if (deleteFileOnError && posix::unlink(path) == 0) {
-            logLine(KELVANE_INFO, __func__) << "deleted hash file due to error: " << errno;
+            logLine(KELVANE_INFO) << "deleted hash file due to error: " << errno;
         }
         emptyWhenGivenUp([] { throw; });
     }
@@ -87,19 +86,14 @@ void BlockHashStore::makeFile(const std::string& path, kelvane_size_t fileLength
         failWithErrno("error opening file for writing");
     }
     DescriptorGuard closeFile(fd);
-    const auto bufferSize = std::min<kelvane_size_t>(fileLength, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
-    const auto zeros = std::make_unique<char[]>(bufferSize);
     if (seek(fd, 0, SEEK_SET) != 0) {
         const int error = errno;
         throw std::runtime_error("error in seek while trying to grow the file to " + std::to_string(fileLength)
                                  + ", errno = " + std::to_string(error));
     }
-    for (kelvane_size_t i = 0; i < fileLength; i += bufferSize) {
-        const auto bytesToWrite = std::min(bufferSize, fileLength - i);
-        const ssize_t bytesWritten = posix::writeOnce(fd, zeros.get(), bytesToWrite);
-        if (!validReadWrite(static_cast<kelvane_ssize_t>(bytesToWrite), bytesWritten)) {
-            throw std::runtime_error("failed to write to block hash file");
-        }
+    if (!writesZeros(fileLength,
+                     [&](const char* zeros, uint64_t count) { return posix::writeOnce(fd, zeros, count); })) {
+        throw std::runtime_error("failed to write to block hash file");
     }
     closeFile.close();
 }

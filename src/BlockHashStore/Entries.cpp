@@ -42,16 +42,14 @@ bool BlockHashStore::throughWindows(const Span& span, kelvane_ssize_t from, kelv
     std::vector<char> entries(static_cast<std::size_t>(std::min(ENTRIES_AT_ONCE, end - from) * entrySize()));
     while (from < end) {
         const Window window = {entries.data(), entrySize(), from, std::min(end, from + ENTRIES_AT_ONCE)};
-        const kelvane_ssize_t first = std::max(from, span.firstFullPosition);
-        const kelvane_ssize_t count = std::min(window.to, span.endFullPosition()) - first;
-        if (count > 0) {
-            readEntries(span.firstBlock + first, count, window.at(first), TransferFailures::ofLooking());
+        const Window full = window.full(span);
+        if (full.count() > 0) {
+            readEntries(span.firstBlock + full.from, full.count(), full.entries, TransferFailures::ofLooking());
         }
         take(window);
         from = window.to;
         const bool isLast = from == end;
-        const kelvane_ssize_t done
-            = isLast ? span.length : from * static_cast<kelvane_ssize_t>(getBlockSize()) - span.partialStart;
+        const kelvane_ssize_t done = isLast ? span.length : from * blockSize() - span.partialStart;
         if (progress && !progress(done) && !isLast) {
             return false;
         }
@@ -66,7 +64,7 @@ kelvane_ssize_t BlockHashStore::entryOffsetInFile(kelvane_ssize_t block) const
 
 BlockHashStore::BlockHasher BlockHashStore::blockHasher(const char* failure)
 {
-    return {*m_hashFunction, static_cast<kelvane_ssize_t>(getBlockSize()), m_blockBuffer.get(), failure};
+    return {*m_hashFunction, blockSize(), m_blockBuffer.get(), failure};
 }
 
 } // namespace kelvane

@@ -14,7 +14,7 @@ void BlockHashStore::throwWithErrno(const std::string& message)
     if (std::uncaught_exceptions() == 0) {
         throw posix::failure(error, message);
     }
-    logLine(KELVANE_ERROR, __func__) << message << ": " << error;
+    logLine(KELVANE_ERROR) << message << ": " << error;
 }
 
 // `errno` must not change while the message is put together: allocations may set it, even those that succeed.

@@ -21,8 +21,7 @@ HashFileInspector::HashFileInspector(const std::string& path)
 
 HashFileFinding HashFileInspector::examine(const std::string& path)
 {
-    uint64_t fileSize = 0;
-    return BlockHashStore().openAndExamine(path, O_RDONLY, fileSize);
+    return BlockHashStore().openAndExamine(path, O_RDONLY);
 }
 
 HashFileInspector::~HashFileInspector() = default;

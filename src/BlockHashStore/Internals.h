@@ -34,6 +34,23 @@ auto emptyWhenGivenUp(Operation operation) -> decltype(operation())
     }
 }
 
+// Writes zeros in pieces; `write` is given each, and returns how many bytes of it were written. False when they were
+// not all.
+template <class Write>
+bool BlockHashStore::writesZeros(uint64_t length, const Write& write)
+{
+    const auto bufferSize = std::min<uint64_t>(length, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
+    const auto zeros = std::make_unique<char[]>(bufferSize);
+    while (length > 0) {
+        const uint64_t count = std::min(bufferSize, length);
+        if (!validReadWrite(static_cast<kelvane_ssize_t>(count), write(zeros.get(), count))) {
+            return false;
+        }
+        length -= count;
+    }
+    return true;
+}
+
 // The geometry of a request in blocks. Span position k is the block firstBlock + k.
 struct BlockHashStore::Span {
     kelvane_ssize_t firstBlock;         // the first block that the range touches
@@ -74,6 +91,16 @@ struct BlockHashStore::Window {
 
     char* at(kelvane_ssize_t position) const { return entries + (position - from) * entrySize; }
     char* end() const { return at(to); }
+    kelvane_ssize_t count() const { return to - from; }
+    std::size_t size() const { return static_cast<std::size_t>(end() - entries); }
+
+    // Those of the blocks that lie wholly in the range.
+    Window full(const Span& span) const
+    {
+        const kelvane_ssize_t first = std::clamp(span.firstFullPosition, from, to);
+        return {at(first), entrySize, first, std::clamp(span.endFullPosition(), first, to)};
+    }
+
     bool isKnown(kelvane_ssize_t position) const { return (*at(position) & InUse) != 0; }
 };
 
@@ -144,8 +171,7 @@ public:
     {
         if (m_start != m_end) {
             const kelvane_ssize_t count = m_end - std::exchange(m_start, m_end);
-            m_onRange(m_store.blockOffset(m_span, m_end - count),
-                      count * static_cast<kelvane_ssize_t>(m_store.getBlockSize()));
+            m_onRange(m_store.blockOffset(m_span, m_end - count), count * m_store.blockSize());
         }
     }
 

@@ -134,18 +134,18 @@ BlockHashStore::Span BlockHashStore::spanOf(const char* operation, kelvane_off_t
     if (length < 0) {
         throw std::runtime_error(std::string(operation) + ": length is negative: " + std::to_string(length));
     }
-    const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
+    const kelvane_ssize_t size = blockSize();
     const kelvane_off_t start = toInternalOffset(offset);
     const kelvane_off_t end = start + length;
-    const kelvane_ssize_t firstBlock = start / blockSize;
-    const kelvane_ssize_t endBlock = divideRoundingUp(end, blockSize);
-    const kelvane_ssize_t firstFullBlock = divideRoundingUp(start, blockSize);
-    const kelvane_ssize_t endFullBlock = end / blockSize;
+    const kelvane_ssize_t firstBlock = start / size;
+    const kelvane_ssize_t endBlock = divideRoundingUp(end, size);
+    const kelvane_ssize_t firstFullBlock = divideRoundingUp(start, size);
+    const kelvane_ssize_t endFullBlock = end / size;
     Span span;
     span.firstBlock = firstBlock;
     span.numberOfBlocks = endBlock - firstBlock;
-    span.partialStart = start % blockSize;
-    span.partialEnd = end % blockSize != 0 ? blockSize - end % blockSize : 0;
+    span.partialStart = start % size;
+    span.partialEnd = end % size != 0 ? size - end % size : 0;
     span.numberOfFullBlocks = std::max<kelvane_ssize_t>(0, endFullBlock - firstFullBlock);
     span.bufferedEntries = endFullBlock - firstFullBlock + 2;
     span.firstFullPosition = firstFullBlock - firstBlock;
@@ -157,7 +157,12 @@ BlockHashStore::Span BlockHashStore::spanOf(const char* operation, kelvane_off_t
 // The external offset of a block of the span. Behind a target's 2^63rd byte it wraps around.
 kelvane_off_t BlockHashStore::blockOffset(const Span& span, kelvane_ssize_t position) const
 {
-    return fromInternalOffset((span.firstBlock + position) * static_cast<kelvane_ssize_t>(getBlockSize()));
+    return fromInternalOffset((span.firstBlock + position) * blockSize());
+}
+
+kelvane_ssize_t BlockHashStore::blockSize() const
+{
+    return static_cast<kelvane_ssize_t>(getBlockSize());
 }
 
 kelvane_ssize_t BlockHashStore::entrySize() const

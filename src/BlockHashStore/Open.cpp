@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -11,6 +10,20 @@
 #include "log/LogLine.h"
 
 namespace kelvane {
+
+namespace {
+
+// A failure that says what is wrong with the file.
+template <class Failure>
+struct Refusal : Failure, HashFileFinding {
+    Refusal(const Failure& failure, const HashFileFinding& finding)
+        : Failure(failure)
+        , HashFileFinding(finding)
+    {
+    }
+};
+
+} // namespace
 
 std::unique_ptr<BlockHashStore> BlockHashStore::open(std::string path, kelvane_size_t targetSizeInBytes)
 {
@@ -41,14 +54,12 @@ void BlockHashStore::openAndAdapt(const std::string& path, kelvane_size_t target
 // Opens the file, which must fit its own header, and reads that. Returns the file's size.
 uint64_t BlockHashStore::openAndValidate(const std::string& path, int flags)
 {
-    uint64_t fileSize = 0;
-    const HashFileFinding finding = openAndExamine(path, flags, fileSize);
-    errno = finding.error;
-    throwOnFault(finding.fault, path, fileSize);
-    return fileSize;
+    const HashFileFinding finding = openAndExamine(path, flags);
+    throwOnFault(finding, path);
+    return finding.fileSize;
 }
 
-HashFileFinding BlockHashStore::openAndExamine(const std::string& path, int flags, uint64_t& fileSize)
+HashFileFinding BlockHashStore::openAndExamine(const std::string& path, int flags)
 {
     struct stat status;
     if (posix::stat(path, status) < 0) {
@@ -57,20 +68,25 @@ HashFileFinding BlockHashStore::openAndExamine(const std::string& path, int flag
     if (!S_ISREG(status.st_mode)) {
         return {HashFileFault::FileType};
     }
-    fileSize = static_cast<uint64_t>(status.st_size);
+    const auto fileSize = static_cast<uint64_t>(status.st_size);
     if (fileSize < sizeof(Header)) {
-        return {HashFileFault::Length};
+        return {HashFileFault::Length, 0, 0, fileSize};
     }
     m_file = SimpleCachedReader(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES);
     if (m_file.open(path, flags) < 0) {
-        return {HashFileFault::Opening, 0, errno};
+        return {HashFileFault::Opening, 0, errno, fileSize};
     }
     const kelvane_ssize_t bytesRead = m_file.read(&m_header, sizeof(Header));
     if (!validReadWrite(sizeof(Header), bytesRead)) {
-        return {HashFileFault::Reading, 0, bytesRead < 0 ? errno : 0};
+        return {HashFileFault::Reading, 0, bytesRead < 0 ? errno : 0, fileSize};
     }
-    const HashFileFault fault = headerFault(m_header.targetSizeInBytes, fileSize);
-    return {fault, fieldWith(fault)};
+    return examineHeader(m_header.targetSizeInBytes, fileSize);
+}
+
+HashFileFinding BlockHashStore::examineHeader(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize)
+{
+    const HashFileFault fault = headerFault(targetSizeInBytes, fileSize);
+    return {fault, fieldWith(fault), 0, fileSize};
 }
 
 // Makes the hash function on the way.
@@ -100,37 +116,56 @@ HashFileFault BlockHashStore::headerFault(kelvane_size_t targetSizeInBytes, kelv
     return isFitting ? HashFileFault::None : HashFileFault::FileSize;
 }
 
-void BlockHashStore::throwOnFault(HashFileFault fault, const std::string& path, uint64_t fileSize) const
+void BlockHashStore::throwOnFault(const HashFileFinding& finding, const std::string& path) const
 {
-    switch (fault) {
-    case HashFileFault::None:
+    if (finding.fault == HashFileFault::None) {
         return;
-    case HashFileFault::Status:
-        failWithErrno("failed to stat hash file");
-    case HashFileFault::FileType:
-        throw std::runtime_error("path does not represent a hash file");
-    case HashFileFault::Length:
-        throw std::runtime_error("file is too small to be valid: " + std::to_string(fileSize));
-    case HashFileFault::Opening:
-        failWithErrno("failed to open file: ", path);
-    case HashFileFault::Reading:
-        failWithErrno("failed to read header");
-    case HashFileFault::MagicNumber:
-        throw std::runtime_error("header magic number does not match expected");
-    case HashFileFault::Version:
-        throw std::runtime_error("header version does not match the expected value");
-    case HashFileFault::TargetSize:
-        throw std::runtime_error("the target size managed by the hash store has changed");
-    case HashFileFault::DataRegionOffset:
-        throw std::runtime_error("hash data offset is invalid: " + std::to_string(m_header.dataRegionOffsetInBytes)
-                                 + " " + std::to_string(computeHeaderSize()));
-    case HashFileFault::HashFunction:
-        throw std::runtime_error("unknown hashing function: " + std::to_string(m_header.hashId));
-    case HashFileFault::BlockSize:
-        throw std::runtime_error(BLOCK_SIZE_OF_ZERO);
-    case HashFileFault::FileSize:
-        throw std::runtime_error("the hash file size is incorrect for given target size");
     }
+    const std::string text = textOf(finding, path);
+    if (finding.fault != HashFileFault::Status && finding.fault != HashFileFault::Opening
+        && finding.fault != HashFileFault::Reading) {
+        throw Refusal(std::runtime_error(text), finding);
+    }
+    try {
+        errno = finding.error;
+        failWithErrno(text);
+    } catch (const std::system_error& failure) {
+        throw Refusal(failure, finding);
+    }
+}
+
+std::string BlockHashStore::textOf(const HashFileFinding& finding, const std::string& path) const
+{
+    switch (finding.fault) {
+    case HashFileFault::None:
+        break;
+    case HashFileFault::Status:
+        return "failed to stat hash file";
+    case HashFileFault::FileType:
+        return "path does not represent a hash file";
+    case HashFileFault::Length:
+        return "file is too small to be valid: " + std::to_string(finding.fileSize);
+    case HashFileFault::Opening:
+        return "failed to open file: " + path;
+    case HashFileFault::Reading:
+        return "failed to read header";
+    case HashFileFault::MagicNumber:
+        return "header magic number does not match expected";
+    case HashFileFault::Version:
+        return "header version does not match the expected value";
+    case HashFileFault::TargetSize:
+        return "the target size managed by the hash store has changed";
+    case HashFileFault::DataRegionOffset:
+        return "hash data offset is invalid: " + std::to_string(m_header.dataRegionOffsetInBytes) + " "
+            + std::to_string(computeHeaderSize());
+    case HashFileFault::HashFunction:
+        return "unknown hashing function: " + std::to_string(m_header.hashId);
+    case HashFileFault::BlockSize:
+        return BLOCK_SIZE_OF_ZERO;
+    case HashFileFault::FileSize:
+        return "the hash file size is incorrect for given target size";
+    }
+    return {};
 }
 
 // Where the header has what a check looks at.
@@ -155,7 +190,7 @@ uint64_t BlockHashStore::fieldWith(HashFileFault fault)
 
 void BlockHashStore::validateHeader(kelvane_size_t targetSizeInBytes, kelvane_size_t fileSize)
 {
-    throwOnFault(headerFault(targetSizeInBytes, fileSize), {}, fileSize);
+    throwOnFault(examineHeader(targetSizeInBytes, fileSize));
 }
 
 bool BlockHashStore::resizeIfTargetChangeDetected(const std::string& path, kelvane_size_t targetSizeInBytes,
@@ -164,8 +199,8 @@ bool BlockHashStore::resizeIfTargetChangeDetected(const std::string& path, kelva
     throwOnUnusableSizes(targetSizeInBytes, getBlockSize(), hashSize());
     const uint64_t expectedSize = computeFileSize(targetSizeInBytes, getBlockSize(), hashSize());
     if (expectedSize != fileSize) {
-        logLine(KELVANE_INFO, __func__) << "hash storage resizing because target changed, expected: " << expectedSize
-                                        << ", actual: " << fileSize;
+        logLine(KELVANE_INFO) << "hash storage resizing because target changed, expected: " << expectedSize
+                              << ", actual: " << fileSize;
         if (expectedSize > fileSize) {
             addZeros(fileSize, expectedSize - fileSize);
         } else {
@@ -186,20 +221,14 @@ void BlockHashStore::initFileRegion(uint64_t offset, uint64_t length)
 
 void BlockHashStore::addZeros(uint64_t offset, uint64_t length)
 {
-    const auto bufferSize = std::min<uint64_t>(length, MAXIMUM_CREATE_FILE_BUFFER_SIZE);
-    const auto zeros = std::make_unique<char[]>(bufferSize);
     const auto whereTo = static_cast<kelvane_ssize_t>(offset);
     if (m_file.seek(whereTo, SEEK_SET) != whereTo) {
         const int error = errno;
         throw std::runtime_error("error in seek while initting file region: " + std::to_string(offset) + ", "
                                  + std::to_string(length) + ", errno = " + std::to_string(error));
     }
-    for (uint64_t written = 0; written < length; written += bufferSize) {
-        const auto bytesToWrite = std::min(bufferSize, length - written);
-        const int bytesWritten = m_file.write(zeros.get(), bytesToWrite);
-        if (!validReadWrite(static_cast<kelvane_ssize_t>(bytesToWrite), bytesWritten)) {
-            throw posix::failure(errno, "error in write while initting file region");
-        }
+    if (!writesZeros(length, [&](const char* zeros, uint64_t count) { return m_file.write(zeros, count); })) {
+        throw posix::failure(errno, "error in write while initting file region");
     }
     if (m_file.sync_file_range(whereTo, static_cast<kelvane_buf_len_t>(length)) != 0) {
         failWithErrno("initFileRegion failed to sync hash file");

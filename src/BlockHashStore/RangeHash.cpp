@@ -50,10 +50,9 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
     }
     growHashBufferWhenNeeded(span.bufferedEntries * entrySize());
     const Window window = {m_hashBuffer.get(), entrySize(), 0, length == 0 ? 0 : span.numberOfBlocks};
-    char* const fullEntries = window.at(span.firstFullPosition);
-    const kelvane_ssize_t firstFullBlock = span.firstBlock + span.firstFullPosition;
-    if (span.numberOfFullBlocks > 0) {
-        readEntries(firstFullBlock, span.numberOfFullBlocks, fullEntries,
+    const Window full = window.full(span);
+    if (full.count() > 0) {
+        readEntries(span.firstBlock + full.from, full.count(), full.entries,
                     {"failed to seek in hash file: ", "failed to read hash value: ", offset});
     }
     const Runs runs = planRuns(span, window, 0);
@@ -66,8 +65,8 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
             failWithErrno("expected more image data than was returned while hashing");
         }
         hashRuns(runs, window, data);
-        if (stores && span.numberOfFullBlocks > 0) {
-            writeEntries(firstFullBlock, span.numberOfFullBlocks, fullEntries,
+        if (stores && full.count() > 0) {
+            writeEntries(span.firstBlock + full.from, full.count(), full.entries,
                          {"failed to seek in hash file during update: ", "failed to write hash: ", offset});
         }
     }
@@ -77,27 +76,27 @@ BlockHashStore::HashValue BlockHashStore::hashOfRange(kelvane_off_t offset, kelv
 // The data that those whole blocks need whose flag InUse is so, and partial blocks.
 BlockHashStore::Runs BlockHashStore::planRuns(const Span& span, const Window& window, uint8_t flag) const
 {
-    const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
-    const kelvane_ssize_t fullEnd = std::min(span.endFullPosition(), window.to);
-    kelvane_ssize_t position = window.from;
+    const kelvane_ssize_t size = blockSize();
+    const Window full = window.full(span);
     Runs runs;
-    if (position < std::min(span.firstFullPosition, window.to)) {
-        runs.append(span.offset, std::min(span.length, blockSize - span.partialStart), position++);
+    if (window.from < full.from) {
+        runs.append(span.offset, std::min(span.length, size - span.partialStart), 0);
     }
-    for (const char* flags = window.at(position); position < fullEnd; ++position, flags += window.entrySize) {
+    const char* flags = full.entries;
+    for (kelvane_ssize_t position = full.from; position < full.to; ++position, flags += full.entrySize) {
         if ((*flags & InUse) == flag) {
-            runs.appendFull(blockOffset(span, position), blockSize, position - window.from);
+            runs.appendFull(blockOffset(span, position), size, position - window.from);
         }
     }
-    if (position < window.to) {
-        runs.append(blockOffset(span, position), blockSize - span.partialEnd, position - window.from);
+    if (full.to < window.to) {
+        runs.append(blockOffset(span, full.to), size - span.partialEnd, full.to - window.from);
     }
     return runs;
 }
 
 kelvane_ssize_t BlockHashStore::positionInBlock(kelvane_off_t offset) const
 {
-    return toInternalOffset(offset) % static_cast<kelvane_ssize_t>(getBlockSize());
+    return toInternalOffset(offset) % blockSize();
 }
 
 void BlockHashStore::hashRuns(const Runs& runs, const Window& window, const std::vector<std::unique_ptr<char[]>>& data)

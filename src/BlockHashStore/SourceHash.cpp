@@ -57,7 +57,7 @@ bool BlockHashStore::find_wrong_hashes(kelvane_off_t offset, kelvane_buf_len_t l
         Stretches wrong(*this, span, onWrong);
         std::vector<char> entries;
         const auto compare = [&](const Window& window) {
-            entries.resize(static_cast<std::size_t>(window.end() - window.entries));
+            entries.resize(window.size());
             const Window right = {entries.data(), window.entrySize, window.from, window.to};
             hashRuns(planRuns(span, window, InUse), right, hasher, source);
             for (kelvane_ssize_t position = window.from; position < window.to; ++position) {

@@ -7,9 +7,7 @@
 namespace kelvane {
 
 BlockHashStore::BlockHashStore()
-    : m_header()
-    , m_file(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES)
-    , m_hashBufferSize(0)
+    : m_file(SimpleCachedReader::CACHE_BUFFER_SIZE_IN_BYTES)
 {
     init();
 }

@@ -43,23 +43,45 @@ void BlockHashStore::update_hashes_internal(kelvane_off_t offset, kelvane_buf_t 
     if (!invalidate_only && buffer == nullptr) {
         throw std::runtime_error("encountered a null buffer while updating hashes");
     }
-    const TransferFailures failures = TransferFailures::ofStoring(offset);
     if (span.numberOfBlocks > MAXIMUM_WRITE / entrySize()) { // no use to hash what cannot be written
         errno = EFBIG;
-        failWithErrno(failures.ofTransfer, offset);
+        failWithErrno(TransferFailures::ofStoring(offset).ofTransfer, offset);
     }
-    const kelvane_ssize_t bytesToWrite = entrySize() * span.numberOfBlocks;
-    growHashBufferWhenNeeded(bytesToWrite);
-    std::memset(m_hashBuffer.get(), 0, static_cast<std::size_t>(bytesToWrite)); // every block unknown
-    if (!invalidate_only && span.numberOfFullBlocks > 0) {
-        const auto blockSize = static_cast<kelvane_ssize_t>(getBlockSize());
-        BlockHasher hasher = blockHasher(HASHING_FAILED);
-        hasher.begin(m_hashBuffer.get() + span.firstFullPosition * entrySize(), 0);
-        hasher.add(static_cast<const char*>(buffer) + (span.firstFullPosition * blockSize - span.partialStart),
-                   span.numberOfFullBlocks * blockSize);
-        hasher.flush();
+    growHashBufferWhenNeeded(entrySize() * span.numberOfBlocks);
+    const Window window = {m_hashBuffer.get(), entrySize(), 0, span.numberOfBlocks};
+    storeWindow(span, window, [&](const Window& full) {
+        if (!invalidate_only) {
+            BlockHasher hasher = blockHasher(HASHING_FAILED);
+            hasher.begin(full.entries, 0);
+            hasher.add(static_cast<const char*>(buffer) + (full.from * blockSize() - span.partialStart),
+                       full.count() * blockSize());
+            hasher.flush();
+        }
+    });
+}
+
+// The entries of whole blocks are what `fill` makes of unknown ones; partial blocks are unknown.
+template <class Fill>
+void BlockHashStore::storeWindow(const Span& span, const Window& window, const Fill& fill)
+{
+    std::memset(window.entries, 0, window.size());
+    const Window full = window.full(span);
+    if (full.count() > 0) {
+        fill(full);
     }
-    writeEntries(span.firstBlock, span.numberOfBlocks, m_hashBuffer.get(), failures);
+    writeEntries(span.firstBlock + window.from, window.count(), window.entries,
+                 TransferFailures::ofStoring(span.offset));
+}
+
+// The same for a whole span, in pieces.
+template <class Fill>
+void BlockHashStore::storeEntries(const Span& span, const Fill& fill)
+{
+    const kelvane_ssize_t atOnce = std::min(span.numberOfBlocks, BYTES_AT_ONCE / entrySize());
+    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()));
+    for (kelvane_ssize_t from = 0; from < span.numberOfBlocks; from += atOnce) {
+        storeWindow(span, {entries.data(), entrySize(), from, std::min(from + atOnce, span.numberOfBlocks)}, fill);
+    }
 }
 
 void BlockHashStore::store_hashes_of_zeros(kelvane_off_t offset, kelvane_buf_len_t length)
@@ -67,36 +89,15 @@ void BlockHashStore::store_hashes_of_zeros(kelvane_off_t offset, kelvane_buf_len
     emptyWhenGivenUp([&] { storeHashesOfZeros(offset, length); });
 }
 
-// In pieces of as many entries as there is room for; `prepare` is told which of the full blocks come next.
-template <class Prepare>
-void BlockHashStore::storeEntries(const Span& span, std::vector<char>& entries, Prepare prepare)
-{
-    const TransferFailures failures = TransferFailures::ofStoring(span.offset);
-    const std::vector<char> unknown(static_cast<std::size_t>(entrySize()), 0);
-    const kelvane_ssize_t atOnce = static_cast<kelvane_ssize_t>(entries.size()) / entrySize();
-    if (span.startsPartial()) {
-        writeEntries(span.firstBlock, 1, unknown.data(), failures);
-    }
-    for (kelvane_ssize_t done = 0; done < span.numberOfFullBlocks; done += atOnce) {
-        const kelvane_ssize_t count = std::min(atOnce, span.numberOfFullBlocks - done);
-        prepare(done, count);
-        writeEntries(span.firstBlock + span.firstFullPosition + done, count, entries.data(), failures);
-    }
-    if (span.endsPartial()) {
-        writeEntries(span.firstBlock + span.endFullPosition(), 1, unknown.data(), failures);
-    }
-}
-
 void BlockHashStore::storeHashesOfZeros(kelvane_off_t offset, kelvane_buf_len_t length)
 {
     throwWithinDataCallback();
     const Span span = spanOf("store_hashes_of_zeros", offset, length);
-    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
-    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()));
     BlockHasher hasher = blockHasher(HASHING_FAILED);
-    hasher.begin(entries.data(), 0);
-    hasher.addZeros(atOnce * static_cast<kelvane_ssize_t>(getBlockSize()));
-    storeEntries(span, entries, [](kelvane_ssize_t, kelvane_ssize_t) {});
+    storeEntries(span, [&](const Window& full) {
+        hasher.begin(full.entries, 0);
+        hasher.addZeros(full.count() * blockSize());
+    });
 }
 
 void BlockHashStore::store_hashes(kelvane_off_t offset, kelvane_buf_len_t length, const unsigned char* hashes)
@@ -108,13 +109,11 @@ void BlockHashStore::storeHashes(kelvane_off_t offset, kelvane_buf_len_t length,
 {
     throwWithinDataCallback();
     const Span span = spanOf("store_hashes", offset, length);
-    const auto size = static_cast<kelvane_ssize_t>(hashSize());
-    const kelvane_ssize_t atOnce = std::min(span.numberOfFullBlocks, BYTES_AT_ONCE / entrySize());
-    std::vector<char> entries(static_cast<std::size_t>(atOnce * entrySize()), static_cast<char>(InUse));
-    storeEntries(span, entries, [&](kelvane_ssize_t first, kelvane_ssize_t count) {
-        for (kelvane_ssize_t i = 0; i < count; ++i) {
-            std::memcpy(entries.data() + i * entrySize() + 1, hashes + (first + i) * size,
-                        static_cast<std::size_t>(size));
+    const auto size = static_cast<std::size_t>(hashSize());
+    storeEntries(span, [&](const Window& full) {
+        for (char* entry = full.entries; entry != full.end(); entry += full.entrySize, hashes += size) {
+            *entry = InUse;
+            std::memcpy(entry + 1, hashes, size);
         }
     });
 }

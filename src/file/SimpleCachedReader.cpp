@@ -76,33 +76,26 @@ SimpleCachedReader::~SimpleCachedReader()
 }
 
 SimpleCachedReader::SimpleCachedReader(SimpleCachedReader&& other) noexcept
-    : m_seek_offset(std::exchange(other.m_seek_offset, 0))
-    , m_fd(std::exchange(other.m_fd, INVALID_FD))
-    , m_read_buffer(std::move(other.m_read_buffer))
-    , m_read_buffer_start_offset(std::exchange(other.m_read_buffer_start_offset, 0))
-    , m_read_buffer_end_offset(std::exchange(other.m_read_buffer_end_offset, 0))
-    , m_cache_size(std::exchange(other.m_cache_size, 0))
-    , m_on_write(std::exchange(other.m_on_write, nullptr))
-    , m_on_read(std::exchange(other.m_on_read, nullptr))
-    , m_path(std::exchange(other.m_path, {}))
-    , m_last_read_end(std::exchange(other.m_last_read_end, -1))
+    : m_cache_size()
 {
+    *this = std::move(other);
 }
 
+// Where the source stood, and what it had cached, does not matter without a file: opening one forgets it.
 SimpleCachedReader& SimpleCachedReader::operator=(SimpleCachedReader&& other) noexcept
 {
     if (this != &other) {
         close();
-        m_seek_offset = std::exchange(other.m_seek_offset, 0);
+        m_seek_offset = other.m_seek_offset;
         m_fd = std::exchange(other.m_fd, INVALID_FD);
         m_read_buffer = std::move(other.m_read_buffer);
-        m_read_buffer_start_offset = std::exchange(other.m_read_buffer_start_offset, 0);
-        m_read_buffer_end_offset = std::exchange(other.m_read_buffer_end_offset, 0);
+        m_read_buffer_start_offset = other.m_read_buffer_start_offset;
+        m_read_buffer_end_offset = other.m_read_buffer_end_offset;
         m_cache_size = std::exchange(other.m_cache_size, 0);
         m_on_write = std::exchange(other.m_on_write, nullptr);
         m_on_read = std::exchange(other.m_on_read, nullptr);
-        m_path = std::exchange(other.m_path, {});
-        m_last_read_end = std::exchange(other.m_last_read_end, -1);
+        m_path = std::move(other.m_path);
+        m_last_read_end = other.m_last_read_end;
     }
     return *this;
 }
@@ -116,7 +109,6 @@ int SimpleCachedReader::open(const std::string& path, int flags)
     }
     close();
     m_fd = fd;
-    m_seek_offset = 0;
     m_path = std::move(ownPath);
     return m_fd;
 }
@@ -245,8 +237,7 @@ void SimpleCachedReader::close()
 
 void SimpleCachedReader::dropCache()
 {
-    m_read_buffer_start_offset = 0;
-    m_read_buffer_end_offset = 0;
+    m_read_buffer_end_offset = m_read_buffer_start_offset;
 }
 
 // Copies what the cache holds of the `length` bytes at `offset`, from their first byte on.

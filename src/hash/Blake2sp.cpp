@@ -129,7 +129,7 @@ void Blake2spMessage::add(const void* bytes, size_t length)
         }
     };
     if (m_restLength + length >= 2 * STRIPE) {
-        keep((2 * STRIPE - m_restLength) % STRIPE); // up to whole stripes
+        keep(-m_restLength % STRIPE); // up to whole stripes
         const size_t kept = length < STRIPE ? 1 : m_restLength / STRIPE;
         absorb(m_rest, kept);
         m_restLength -= kept * STRIPE;

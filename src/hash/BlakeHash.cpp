@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 #include <typeinfo>
 
 #include "hash/Blake2sp.h"
@@ -19,36 +20,6 @@ bool isAllZeros(const void* buffer, std::size_t length)
     const auto* bytes = static_cast<const unsigned char*>(buffer);
     return length != 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, length - 1) == 0;
 }
-
-// Puts buffers off until there are enough to be hashed side by side.
-class SideBySide {
-public:
-    explicit SideBySide(std::size_t length)
-        : m_length(length)
-    {
-    }
-
-    void add(const void* buffer, unsigned char* digest)
-    {
-        m_buffers[m_count] = buffer;
-        m_digests[m_count] = digest;
-        if (++m_count == m_buffers.size()) {
-            flush();
-        }
-    }
-
-    void flush()
-    {
-        blake2spMany(m_buffers.data(), m_count, m_length, m_digests.data());
-        m_count = 0;
-    }
-
-private:
-    std::size_t m_length;
-    std::size_t m_count = 0;
-    std::array<const void*, BLAKE2SP_BATCH> m_buffers;
-    std::array<unsigned char*, BLAKE2SP_BATCH> m_digests;
-};
 
 class BlakeMessage : public IHashFunction::Message {
 public:
@@ -97,23 +68,27 @@ std::size_t BlakeHash::get_hashes(const kelvane_buf_t* buffers, std::size_t coun
         return 0;
     }
     const auto size = static_cast<std::size_t>(length);
-    SideBySide pending(size);
-    Digest zeroDigest;
-    bool haveZeroDigest = false;
-    std::size_t done = 0;
-    for (; done < count && (buffers[done] != nullptr || size == 0); ++done) {
-        if (!isAllZeros(buffers[done], size)) {
-            pending.add(buffers[done], digests[done]);
-            continue;
+    const std::size_t end
+        = size == 0 ? count : static_cast<std::size_t>(std::find(buffers, buffers + count, nullptr) - buffers);
+    std::array<const void*, BLAKE2SP_BATCH> messages;
+    std::array<unsigned char*, BLAKE2SP_BATCH> places;
+    std::optional<Digest> ofZeros;
+    for (std::size_t next = 0; next < end;) {
+        std::size_t waiting = 0; // to be hashed side by side
+        for (; next < end && waiting < BLAKE2SP_BATCH; ++next) {
+            if (!isAllZeros(buffers[next], size)) {
+                messages[waiting] = buffers[next];
+                places[waiting++] = digests[next];
+                continue;
+            }
+            if (!ofZeros) {
+                blake2sp(buffers[next], size, ofZeros.emplace().data());
+            }
+            std::copy(ofZeros->begin(), ofZeros->end(), digests[next]);
         }
-        if (!haveZeroDigest) {
-            blake2sp(buffers[done], size, zeroDigest.data());
-            haveZeroDigest = true;
-        }
-        std::copy(zeroDigest.begin(), zeroDigest.end(), digests[done]);
+        blake2spMany(messages.data(), waiting, size, places.data());
     }
-    pending.flush();
-    return done;
+    return end;
 }
 
 std::unique_ptr<IHashFunction::Message> BlakeHash::begin_message()

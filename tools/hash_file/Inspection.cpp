@@ -1,18 +1,11 @@
 #include "hash_file/Inspection.h"
 
-#include <filesystem>
 #include <limits>
 #include <system_error>
 
 namespace kelvane::tool {
 
 namespace {
-
-std::string sizeOf(const std::string& path)
-{
-    std::error_code error;
-    return std::to_string(std::filesystem::file_size(path, error));
-}
 
 Failure noHashFile(const std::string& path)
 {
@@ -31,7 +24,8 @@ std::string named(const std::system_error& error)
 
 Failure explained(const std::string& path, const std::runtime_error& error)
 {
-    const HashFileFinding finding = HashFileInspector::examine(path);
+    const auto* const refusal = dynamic_cast<const HashFileFinding*>(&error);
+    const HashFileFinding finding = refusal != nullptr ? *refusal : HashFileFinding();
     switch (finding.fault) {
     case HashFileFault::Status:
     case HashFileFault::Opening:
@@ -48,20 +42,14 @@ Failure explained(const std::string& path, const std::runtime_error& error)
                 "a hash file of a form that is not known here; remove it to start anew"};
     case HashFileFault::FileSize:
         return {path,
-                "its size of " + sizeOf(path)
+                "its size of " + std::to_string(finding.fileSize)
                     + " does not fit its header: a change of it was cut short, unless one is under way; "
                       "remove it to start anew"};
     default:
         break;
     }
     const auto* const ofSystem = dynamic_cast<const std::system_error*>(&error);
-    if (ofSystem == nullptr) {
-        return {path, error.what()};
-    }
-    const bool isRefused = ofSystem->code() == std::errc::permission_denied
-        || ofSystem->code() == std::errc::operation_not_permitted
-        || ofSystem->code() == std::errc::read_only_file_system; // for writing
-    return {path, isRefused ? "cannot open the hash file: " + errorText(ofSystem->code().value()) : named(*ofSystem)};
+    return {path, ofSystem != nullptr ? named(*ofSystem) : error.what()};
 }
 
 Descriptor openHashFile(const std::string& path)
