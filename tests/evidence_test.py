@@ -72,6 +72,17 @@ class Evidence(Disks):
             if (how, when) == ("direct", "before"):
                 self.assertIn(writes[0].process, self.writers(answer))
 
+    def test_writes_that_began_before_and_end_meanwhile(self):
+        """Behind what was read already, and nobody has the image open in the end."""
+        with self.row():
+            throttle = self.stack.enter_context(closing(Throttle(self.file_system("ext4"))))
+            self.images()
+            held = Held(throttle, "m/a", PLACE, OTHER)
+            with self.asked(held.go) as words:
+                code, answer = self.ask("build m/a --check", {"SHIM_AT": "fsync a#2", "SHIM_DO": words}, [])
+            self.assertEqual((held.is_over, code, self.writers(answer)), (True, 1, [held.process]), answer)
+            self.later("")
+
     def test_pages_that_are_dirty_already(self):
         """Only the first store into a page of a mapping leaves a stamp, until the page is written to the disk."""
         for kind in "ext4", "xfs", "btrfs":
@@ -231,6 +242,7 @@ class Evidence(Disks):
                         if name != "file":
                             fresh = answer["freshness"]
                             self.assertTrue(not fresh["believed"] and fresh["doubt"], answer)
+                            self.assertEqual("is it mounted?" in fresh["doubt"], name == "mounted", answer)
 
     def test_a_disk_that_does_not_take_what_is_written(self):
         """It is full for a while, beneath the file system. What could not be written is gone once it leaves memory."""
