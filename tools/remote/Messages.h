@@ -92,6 +92,9 @@ struct Read {
     static Read decode(std::string_view payload, std::int64_t size); // ascending, inside an image
 };
 
+std::string encodeStartWriting(bool isSparse);
+bool decodeStartWriting(std::string_view payload); // whether it is sparse
+
 struct Written {
     OwnChange change;
     std::optional<Conclusion> conclusion;

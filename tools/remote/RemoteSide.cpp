@@ -24,7 +24,10 @@ namespace {
 
 constexpr std::size_t RANGES_AT_ONCE = 1 << 12;
 constexpr std::size_t LONGEST_PHASE = 40;
+constexpr std::size_t LONGEST_GREETING = 200;
 constexpr int MOST_REMARKS = 10; // lines
+constexpr int MOST_NOTES = 100;
+constexpr std::chrono::minutes LATEST_GREETING(10); // somebody may have to type a password before
 
 struct Pipe {
     Pipe()
@@ -53,7 +56,14 @@ std::optional<RemotePath> remotePath(const std::string& argument)
     if (colon == std::string::npos || argument.find('/') < colon) {
         return std::nullopt;
     }
-    std::string host = argument.substr(0, colon);
+    const std::string shownHost = argument.substr(0, colon);
+    std::string path = argument.substr(colon + 1);
+    if (path.starts_with(':') || path.starts_with("//")) {
+        throw Failure(argument,
+                      "there is no such address; HOST:PATH is a file on another machine, reached by ssh, and ./"
+                          + argument + " one here");
+    }
+    std::string host = shownHost;
     if (isBracketed) {
         host.erase(closed, 1).erase(open, 1);
     }
@@ -61,7 +71,7 @@ std::optional<RemotePath> remotePath(const std::string& argument)
     if (host.empty() || host.front() == '-' || host.back() == '@' || host.find("@-") != std::string::npos) {
         throw Failure(argument, "the host before the colon is none; a file here is ./" + argument);
     }
-    return RemotePath {host, argument.substr(colon + 1)};
+    return RemotePath {host, shownHost, path};
 }
 
 // The command that leads to the other machine, and its ends of the pipes.
@@ -93,7 +103,7 @@ public:
         const auto begin = Clock::now();
         auto pause = std::chrono::milliseconds(1);
         bool isTold = false;
-        while (::waitpid(m_process, nullptr, WNOHANG) == 0) {
+        while (!hasEnded()) {
             if (Clock::now() - begin >= patience + (isTold ? std::chrono::seconds(2) : std::chrono::seconds(0))) {
                 ::kill(m_process, std::exchange(isTold, true) ? SIGKILL : SIGTERM);
             }
@@ -105,8 +115,28 @@ public:
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
+    // With what it has ended, once its output has.
+    std::string end()
+    {
+        for (int i = 0; i < 100 && !hasEnded(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return !hasEnded()        ? "closed the connection"
+            : WIFEXITED(m_status) ? "ended with " + std::to_string(WEXITSTATUS(m_status))
+                                  : "was ended by signal " + std::to_string(WTERMSIG(m_status));
+    }
+
 private:
-    pid_t m_process = 0;
+    bool hasEnded()
+    {
+        if (m_process != 0 && ::waitpid(m_process, &m_status, WNOHANG) != 0) {
+            m_process = 0;
+        }
+        return m_process == 0;
+    }
+
+    pid_t m_process = 0; // until it has ended
+    int m_status = 0;
     int m_exceptions = std::uncaught_exceptions();
 };
 
@@ -121,8 +151,10 @@ auto RemoteSide::guarded(Work work)
 }
 
 RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter)
-    : m_name(path.host + ":" + path.path)
-    , m_host(path.host)
+    : m_name(path.shownHost + ":" + path.path)
+    , m_host(path.shownHost)
+    , m_program(options.program)
+    , m_isDestination(open.isDestination)
     , m_compression(options.compression)
     , m_reporter(reporter)
 {
@@ -143,6 +175,7 @@ RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& o
     m_channel->limitBandwidth(options.bytesPerSecond);
     Hello hello;
     hello.timeout = static_cast<std::uint32_t>(options.timeout.count());
+    m_channel->expectLateBeginning(LATEST_GREETING);
     m_channel->setTimeout(options.timeout);
     request(FrameType::Hello, hello.encode());
     request(FrameType::Open, open.encode());
@@ -158,6 +191,10 @@ const Opening& RemoteSide::opening()
     if (!m_opening) {
         beGreeted();
         m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened).view()); });
+        if (m_opening->isMissing && !m_isDestination) {
+            throw Failure(m_name, "the program there says that it is missing, and goes on");
+        }
+        m_channel->allowTimeFor(m_opening->size);
         m_opening->hashFile = m_host + ":" + printable(m_opening->hashFile, LONGEST_TEXT);
     }
     return *m_opening;
@@ -165,13 +202,37 @@ const Opening& RemoteSide::opening()
 
 void RemoteSide::beGreeted()
 {
+    const Hello hello = greeting();
+    if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
+        throw Failure(m_host, "the program there has no zstd; leave --compress away");
+    }
+}
+
+Hello RemoteSide::greeting()
+{
     try {
-        const Hello hello = Hello::decode(m_channel->receive().payload.view());
-        if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
-            throw Failure(m_host, "the program there has no zstd; leave --compress away");
-        }
+        return Hello::decode(m_channel->receive().payload.view());
+    } catch (const std::runtime_error&) {
+        throwWhyNotGreeted();
+    }
+}
+
+// For the failure that is being handled.
+void RemoteSide::throwWhyNotGreeted()
+{
+    if (const auto text = m_channel->textInsteadOfFrames()) {
+        throw Failure(m_host,
+                      "before the program there answers, something else does, such as a login shell that greets: \""
+                          + printable(*text, LONGEST_GREETING) + '"');
+    }
+    try {
+        throw;
     } catch (const ProtocolError& error) {
         throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
+    } catch (const ChannelClosed&) {
+        throw Failure(m_host,
+                      "the way there " + m_peer->end() + " before " + m_program
+                          + " there had answered; if it is not in the PATH there, see --remote-program");
     }
 }
 
@@ -206,12 +267,15 @@ void RemoteSide::throwWhatItSaid()
 }
 
 // What it says is not of this program: a line of a length that can be read, behind the host's name.
-bool RemoteSide::tell(const Frame& frame) const
+bool RemoteSide::tell(const Frame& frame)
 {
     if (frame.type == FrameType::Error) {
         throw Failure(m_host, printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     if (frame.type == FrameType::Note) {
+        if (++m_notes > MOST_NOTES) {
+            throw ProtocolError("notes without end");
+        }
         m_reporter.note(m_host + ": " + printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     return frame.type == FrameType::Note;
@@ -259,6 +323,7 @@ void RemoteSide::show(std::string_view payload)
 void RemoteSide::start(const Start& start)
 {
     m_start = start;
+    m_channel->allowTimeFor(start.targetSize);
     request(FrameType::Start, encode(start));
 }
 
@@ -358,7 +423,7 @@ void RemoteSide::receive(const Read& read, const Deliver& deliver)
 void RemoteSide::startWriting(bool isSparse)
 {
     m_conclusion.reset();
-    request(FrameType::StartWriting, FieldWriter().flag(isSparse).done());
+    request(FrameType::StartWriting, encodeStartWriting(isSparse));
 }
 
 void RemoteSide::write(const Piece& piece)

@@ -24,9 +24,10 @@ struct RemoteOptions {
 };
 
 // "[USER@]HOST:PATH", as with rsync: a colon before any slash; around a host with colons "[" and "]". A Failure for
-// what no host is called.
+// what no host is called, and for what other programs understand and this one does not: "HOST::PATH", "SCHEME://...".
 struct RemotePath {
     std::string host;
+    std::string shownHost; // as it was given, with "[" and "]"
     std::string path;
 };
 std::optional<RemotePath> remotePath(const std::string& argument);
@@ -68,9 +69,11 @@ private:
     template <class Work>
     void sending(Work work); // an error that the other side told is what comes out
     void beGreeted();
+    Hello greeting();
+    [[noreturn]] void throwWhyNotGreeted();
     void request(FrameType type, const std::string& payload = {});
     Bytes answer(FrameType type);
-    bool tell(const Frame& frame) const; // an error, or a note: true
+    bool tell(const Frame& frame); // an error, or a note: true
     void show(std::string_view payload);
     void throwWhatItSaid();
     Conclusion shown(Conclusion conclusion) const;
@@ -78,7 +81,9 @@ private:
     void receive(const Read& read, const Deliver& deliver);
 
     std::string m_name;
-    std::string m_host;
+    std::string m_host; // as it is shown
+    std::string m_program;
+    bool m_isDestination;
     std::uint32_t m_compression;
     Reporter& m_reporter;
     std::unique_ptr<Peer> m_peer;
@@ -88,6 +93,7 @@ private:
     std::optional<Started> m_started;
     bool m_hasAsked = false; // since the last answer
     std::int64_t m_roundTrips = 0;
+    int m_notes = 0;
     std::deque<std::size_t> m_asked;        // how many digests each question will have
     std::optional<Conclusion> m_conclusion; // the last one, as it was told
     Conclusion m_shown;

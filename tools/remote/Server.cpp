@@ -115,6 +115,8 @@ private:
         return std::move(frame.payload);
     }
 
+    static void expectNothing(const Frame& frame) { FieldReader(frame.payload.view()).end(); }
+
     void greet()
     {
         const Bytes payload = expect(FrameType::Hello);
@@ -162,6 +164,7 @@ private:
         if (start.compared > m_size) {
             throw ProtocolError("more than there is");
         }
+        m_channel.allowTimeFor(m_size);
         m_form.blockSize = start.blockSize;
         m_form.end = start.compared;
         m_frames.setAwaited(true);
@@ -179,14 +182,17 @@ private:
         case FrameType::AskBytes:
             return answer(AskBytes::decode(frame.payload.view()));
         case FrameType::DropCache:
+            expectNothing(frame);
             return m_side->dropCache();
         case FrameType::Read:
             return read(Read::decode(frame.payload.view(), m_size));
         case FrameType::StartWriting:
-            return write(FieldReader(frame.payload.view()).flag());
+            return write(decodeStartWriting(frame.payload.view()));
         case FrameType::Distrust:
+            expectNothing(frame);
             return m_side->distrust();
         case FrameType::Conclude: {
+            expectNothing(frame);
             FieldWriter to;
             encode(to, conclusion());
             return m_channel.send(FrameType::Concluded, to.done());
@@ -257,7 +263,8 @@ private:
     void receive(const Deliver& deliver)
     {
         std::int64_t end = 0;
-        for (Frame frame = m_channel.receive(); frame.type != FrameType::End; frame = m_channel.receive()) {
+        Frame frame = m_channel.receive();
+        while (frame.type != FrameType::End) {
             if (frame.type != FrameType::Data) {
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
@@ -269,7 +276,9 @@ private:
             }
             end = received.range.end();
             deliver(std::move(received));
+            frame = m_channel.receive();
         }
+        expectNothing(frame);
         checkBoundary(end);
     }
 

@@ -30,7 +30,8 @@ protected:
     std::optional<double> secondsLeft() const
     {
         const double rate = bytesPerSecond();
-        const double left = rate > 0 ? static_cast<double>(total().value_or(0) - done()) / rate : 0;
+        const std::int64_t rest = std::max<std::int64_t>(0, total().value_or(0) - done()); // others tell of it, too
+        const double left = rate > 0 ? static_cast<double>(rest) / rate : 0;
         return age() > std::chrono::seconds(1) ? std::optional(left) : std::nullopt; // before, a rate says little
     }
 };

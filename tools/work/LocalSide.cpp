@@ -114,6 +114,9 @@ void LocalSide::prepare(const Start& start)
 Range LocalSide::rangeOf(int level, std::int64_t index) const
 {
     const std::int64_t blocks = m_compared / m_blockSize;
+    if (index > blocks >> level) { // behind the end
+        return between(m_compared, m_compared);
+    }
     const auto position = [&](std::int64_t node) {
         return node > blocks >> level ? m_compared : std::min(m_compared, (node << level) * m_blockSize);
     };
