@@ -3,7 +3,7 @@ import os
 from pathlib import Path
 from random import randbytes
 
-from program import BLOCK, PROGRAM, RELAY, Case, built, drop_override, flip, main
+from program import BLOCK, DEVICE, PROGRAM, RELAY, Case, built, drop_override, flip, main
 
 FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
 
@@ -32,6 +32,76 @@ class Sync(Case):
         self.call("build other --hash-file small --block-size 512")
         self.call("diff source other --hash-file-a made --hash-file-b small")
         self.assertEqual([self.json(f"info {name}")["blockSize"] for name in ("other.hashes", "made")], [65536, 512])
+
+    def test_what_would_be_done_is_told_and_not_done(self):
+        a = randbytes(70 * BLOCK + 300)
+        Path("source").write_bytes(a)
+        for number, (old, copied, verdict) in enumerate((
+                (a, 0, "equal"), (a[:9 * BLOCK] + b"x" + a[9 * BLOCK + 1:], BLOCK, "different"),
+                (a + bytes(9000), 0, "different"), (a[:40 * BLOCK + 5], len(a) - 40 * BLOCK - 5, "different"),
+                (None, len(a), "different"), (b"", len(a), "different"))):
+            for source, destination in ("source", "t"), ("h:source", "t"), ("source", "h:t"):
+                with self.subTest(f"{number} {source} {destination}"):
+                    for path in Path().glob("t*"):
+                        path.unlink()
+                    if old is not None:
+                        Path("t").write_bytes(old)
+                    before = {name: os.stat(name) for name in os.listdir() if ".hashes" not in name}
+                    told = self.json(f"sync -n {source} {destination} {FAR}", verdict != "equal")
+                    self.assertEqual((told["verdict"], told["bytesCopied"], told["dryRun"]), (verdict, copied, True))
+                    after = {name: os.stat(name) for name in os.listdir() if ".hashes" not in name}
+                    self.assertEqual({name: (s.st_mtime_ns, s.st_size, s.st_ino) for name, s in before.items()},
+                                     {name: (s.st_mtime_ns, s.st_size, s.st_ino) for name, s in after.items()})
+                    self.assertEqual(os.path.exists("t.hashes"), old is not None)
+                    words = self.call(f"sync --dry-run {source} {destination} {FAR}", verdict != "equal").stdout
+                    self.assertRegex(words, f"{copied:,} bytes? to be copied in [01] ranges?, ")
+                    self.assertEqual(("t: to be made\n" in words, " bytes, to be resized\n" in words),
+                                     (old is None, len(old or a) != len(a) and bool(old) or old == b""))
+                    done = self.json(f"sync {source} {destination} {FAR}")
+                    self.assertIn(told["bytesCopied"], range(done["bytesCopied"] - BLOCK, len(a) + 1))
+                    self.assertEqual((done.get("formerSize", ""), "dryRun" in done), (told.get("formerSize", ""), False))
+                    self.assertEqual(Path("t").read_bytes(), a)
+        os.truncate("t", BLOCK)
+        for command, cause in ("source t --verify", "excludes"), ("source no/t", "no/t: .*No such file"), ("t t", "itself"):
+            self.check_complaint(f"sync -n {command}", cause)
+
+    def test_changes_are_told_in_the_same_run(self):
+        built()
+        self.call("sync a b")
+        Path("list").write_text(f"{DEVICE + 3 * BLOCK} + 1\n{DEVICE + 12 * BLOCK} {BLOCK}\n")
+        for destination in "b", "h:b":
+            flip("a", 3 * BLOCK, 12 * BLOCK, 17 * BLOCK)
+            told = self.json(f"sync a {destination} --changes list {FAR}")
+            source = told["freshness"][0]
+            self.assertEqual((told["told"], told["bytesCopied"]), ({"bytes": BLOCK + 1, "ranges": 2}, 2 * BLOCK))
+            self.assertEqual((source["believed"], source["recorded"], source["checkedBlocks"]), (True, True, 0))
+            flip("a", 17 * BLOCK)  # what was not told is as it was: that was promised
+            self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+            self.call("build a")
+        with open("a", "r+b"):  # as the disk of a machine that is paused: again and again
+            for block in 5, 6:
+                flip("a", block * BLOCK)
+                Path("list").write_text(f"{DEVICE + block * BLOCK} + 1\n")
+                source = self.json("sync a b --changes list --assume-unchanged")["freshness"][0]
+                self.assertEqual((source["believed"], source["recorded"], source["checkedBlocks"]), (True, True, 0))
+                self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+            source = self.json("sync a b --changes list", 1)["freshness"][0]
+            self.assertEqual((source["believed"], source["openForWriting"], source["recorded"]), (True, True, False))
+        self.call("build a")
+        before = Path("b").read_bytes()
+        flip("a", 3 * BLOCK)
+        Path("wrong").write_text("12 13 x\n")
+        for command, cause in (
+                ("a b --changes wrong", "wrong: line 1"), ("h:a b --changes list", "h:a: .*on this machine"),
+                ("a b --changes list --check", "excludes"), ("a b --format lines", "--format.*--changes"),
+                ("a new --changes none", "none: cannot read"), ("a h:new --changes wrong", "wrong: line 1")):
+            self.check_complaint(f"sync {command} {FAR}", cause)
+        Path("a.hashes.state").unlink()
+        self.check_complaint("sync a b --changes list", "may be of another image")
+        self.assertEqual((Path("b").read_bytes(), os.path.exists("new")), (before, False))
+        Path("a.hashes").unlink()  # nothing is known, so nothing is to be forgotten
+        self.json(f"sync a b --changes list --partition-offset {DEVICE}")
+        self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
 
     def test_pieces_never_take_more_room_than_there_is(self):
         """Blocks that are larger than a piece, or no multiple of what a file system keeps; data, zeros and holes."""

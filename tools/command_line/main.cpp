@@ -288,16 +288,32 @@ private:
     void addSync()
     {
         CLI::App* const app = add("sync", "Make an image equal to another one, copying only what differs",
-                                  "sync today.img backup.img --verify",
-                                  [this](const Common& common) { return sync(m_pair, m_sync, common); });
+                                  "sync today.img backup.img --verify", [this](const Common& common) {
+                                      if (!m_changes.list.empty()) {
+                                          m_sync.changes = m_changes;
+                                      }
+                                      return sync(m_pair, m_sync, common);
+                                  });
         addRemote(app);
         addImage(app, m_pair.first, "SOURCE", "--source-hash-file", NEAR_OR_FAR);
         addImage(app, m_pair.second, "DEST", "--dest-hash-file", NEAR_OR_FAR);
         addGeometry(app);
         app->add_flag("--verify", m_sync.reread, "Read both images again afterwards and compare every byte");
+        app->add_flag("--dry-run,-n", m_sync.isDryRun,
+                      "Tell what would be done, and leave DEST alone; only hash files learn what had to be read")
+            ->excludes("--verify");
         app->add_flag_callback(
             "--no-sparse", [this] { m_sync.isSparse = false; }, "Leave no holes in DEST: write zeros there");
+        CLI::Option* const changes
+            = app->add_option("--changes", m_changes.list,
+                              "The list of all ranges of SOURCE that have changed since its hashes were true, as for "
+                              "invalidate; - is standard input")
+                  ->type_name("FILE");
+        addListOptions(app, m_changes);
+        app->get_option("--format")->needs(changes);
+        app->get_option("--what")->needs(changes);
         addTrust(app);
+        changes->excludes("--check");
         addWork(app);
     }
 
@@ -331,6 +347,20 @@ private:
         app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
     }
 
+    static void addListOptions(CLI::App* app, InvalidateArguments& arguments)
+    {
+        addChoice<ListFormat>(app, "--format", "HOW",
+                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
+                              {{"lines", ListFormat::Lines},
+                               {"diff", ListFormat::Diff},
+                               {"nbdinfo", ListFormat::Bitmap},
+                               {"qemu-img", ListFormat::Map}},
+                              arguments.format);
+        addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
+                              {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
+                              arguments.entries);
+    }
+
     void addInvalidate()
     {
         CLI::App* const app = add("invalidate", "Forget the hashes of ranges that are known to have changed",
@@ -341,16 +371,7 @@ private:
         app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
             ->required()
             ->type_name("FILE");
-        addChoice<ListFormat>(app, "--format", "HOW",
-                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
-                              {{"lines", ListFormat::Lines},
-                               {"diff", ListFormat::Diff},
-                               {"nbdinfo", ListFormat::Bitmap},
-                               {"qemu-img", ListFormat::Map}},
-                              m_invalidate.format);
-        addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
-                              {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
-                              m_invalidate.entries);
+        addListOptions(app, m_invalidate);
         addTrust(app);
         addWork(app);
     }
@@ -365,6 +386,7 @@ private:
     bool m_afterCrash = false;
     SyncArguments m_sync;
     InvalidateArguments m_invalidate;
+    InvalidateArguments m_changes; // for sync
     ServeArguments m_serve;
     bool m_json = false;
     std::function<int()> m_command;

@@ -66,6 +66,16 @@ Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& comm
     }
 }
 
+void Pair::whenFirstIsOpened(std::function<void(HashedImage& hashed)> work) const
+{
+    auto* const side = dynamic_cast<LocalSide*>(first.get());
+    if (side == nullptr) {
+        throw Failure(first->name(),
+                      "what has changed is told where the image is: --changes takes one on this machine");
+    }
+    side->whenOpened(std::move(work));
+}
+
 std::optional<PairTraffic> Pair::traffic() const
 {
     for (const Side* const side : {first.get(), second.get()}) {

@@ -160,8 +160,8 @@ std::string jsonOf(const InvalidateResult& result)
 {
     return dumped({{"verdict", nameOf(result.verdict)},
                    {"hashFile", result.hashFile},
-                   {"bytes", result.bytes},
-                   {"ranges", result.ranges},
+                   {"bytes", result.forgotten.bytes},
+                   {"ranges", result.forgotten.ranges},
                    {"freshness", freshness(result.found)},
                    {"changedMeanwhile", changedMeanwhile(result.found)}});
 }
@@ -183,6 +183,12 @@ std::string jsonOf(const SyncResult& result)
                  {"verified", result.isReread},
                  {"freshness", freshness(result.found)},
                  {"changedMeanwhile", changed}};
+    if (result.isForeseen) {
+        json["dryRun"] = true;
+    }
+    if (result.told) {
+        json["told"] = {{"bytes", result.told->bytes}, {"ranges", result.told->ranges}};
+    }
     if (result.wasMade) {
         json["formerSize"] = nullptr;
     }

@@ -1,5 +1,7 @@
 #include "commands/Sync.h"
 
+#include <algorithm>
+
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
@@ -87,7 +89,45 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
             isReread,
             difference,
             {},
-            ends};
+            ends,
+            false,
+            {}};
+}
+
+SyncResult foresee(Side& source, Side& destination, const PairArguments& arguments, const Common& common)
+{
+    const auto start = std::chrono::steady_clock::now();
+    refuseUnfitPair(source, destination);
+    const std::uint32_t blockSize = commonBlockSize(source, destination, arguments.first.hashFile);
+    const Opening& found = destination.opening();
+    const std::int64_t size = source.opening().size;
+    const std::int64_t compared = std::min(size, found.size);
+    Comparison comparison;
+    Conclusions ends = {{}, common.trust == Trust::Everything};
+    if (!found.isMissing) {
+        comparison = compare(source, destination, {blockSize, found.size, found.permissions, compared}, [] {});
+        ends = conclude(source, destination, common);
+    }
+    append(comparison.differing, between(compared, size));
+    const bool isResized = !found.isMissing && !found.isBlockDevice && found.size != size;
+    const bool isEqual = comparison.differing.empty() && !found.isMissing && !isResized;
+    return {.verdict = !areSure(ends) ? Verdict::Undecided
+                : isEqual             ? Verdict::Equal
+                                      : Verdict::Different,
+            .source = source.name(),
+            .destination = destination.name(),
+            .size = compared,
+            .comparison = std::move(comparison),
+            .time = std::chrono::steady_clock::now() - start,
+            .wasMade = found.isMissing,
+            .formerSize = isResized ? std::optional(found.size) : std::nullopt,
+            .wasChangedByOthers = false,
+            .isReread = false,
+            .firstDifference = {},
+            .traffic = {},
+            .found = ends,
+            .isForeseen = true,
+            .told = {}};
 }
 
 } // namespace
@@ -95,9 +135,16 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
 SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
 {
     const Pair pair(arguments, true, common);
-    SyncResult result = pair.run(
-        [&](Side& source, Side& destination) { return syncSides(source, destination, arguments, how, common); });
+    std::optional<Forgotten> told;
+    if (how.changes) {
+        pair.whenFirstIsOpened([&](HashedImage& hashed) { told = forget(hashed, *how.changes, common); });
+    }
+    SyncResult result = pair.run([&](Side& source, Side& destination) {
+        return how.isDryRun ? foresee(source, destination, arguments, common)
+                            : syncSides(source, destination, arguments, how, common);
+    });
     result.traffic = pair.traffic();
+    result.told = std::move(told);
     return result;
 }
 

@@ -130,6 +130,13 @@ void Belief::contradict()
     }
 }
 
+void Belief::believeTold()
+{
+    m_holds = true;
+    m_isAssumed = false;
+    m_doubt = {};
+}
+
 void Belief::mark()
 {
     const std::scoped_lock lock(m_marking);

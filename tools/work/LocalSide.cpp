@@ -69,6 +69,9 @@ void LocalSide::openHashes(const Start& start)
         m_image,
         HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.reporter),
         m_common);
+    if (m_whenOpened) {
+        m_whenOpened(*m_hashed);
+    }
 }
 
 void LocalSide::start(const Start& start)
@@ -275,6 +278,12 @@ void LocalSide::abandon()
     } catch (const std::exception&) {
         // The failure that came first is told.
     }
+}
+
+// Whose user has told what changed, and that nobody writes to it, has answered for all.
+const Conclusion& LocalSide::conclude()
+{
+    return m_conclusion = m_hashed->conclude(m_whenOpened && m_common.trust == Trust::Everything);
 }
 
 void LocalSide::distrust()

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,9 @@ class LocalSide : public Side {
 public:
     // Opens the image alone.
     LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common);
+
+    // What is done with the hashes once they are open: those are forgotten of which the user knows that they are old.
+    void whenOpened(std::function<void(HashedImage& hashed)> work) { m_whenOpened = std::move(work); }
 
     const Image& image() const { return m_image; }
     std::string hashFilePath() const { return m_options.pathFor(m_image); }
@@ -48,7 +52,7 @@ public:
     OwnChange finishWriting() override;
     void abandon() override;
     void distrust() override;
-    const Conclusion& conclude() override { return m_conclusion = m_hashed->conclude(); }
+    const Conclusion& conclude() override;
 
     // The image's size once the side is started.
     std::int64_t sizeAfter(const Start& start) const
@@ -76,6 +80,7 @@ private:
     bool m_isDestination;
     HashFileOptions m_options;
     const Common& m_common;
+    std::function<void(HashedImage& hashed)> m_whenOpened;
     std::optional<Opening> m_opening;
     std::optional<HashFile> m_hashFile; // as it was found
     std::optional<HashedImage> m_hashed;
