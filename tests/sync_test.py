@@ -1,5 +1,5 @@
 """Two images made equal on one machine: sync_test.py PROGRAM SHIM"""
-import os
+import json, os
 from pathlib import Path
 from random import randbytes
 
@@ -102,6 +102,20 @@ class Sync(Case):
         Path("a.hashes").unlink()  # nothing is known, so nothing is to be forgotten
         self.json(f"sync a b --changes list --partition-offset {DEVICE}")
         self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+
+    def test_progress_counts_what_goes_over_the_line(self):
+        data = (b"0123456789abcdef" * 60000)[:200 * BLOCK] + randbytes(20 * BLOCK) + bytes(300 * BLOCK)
+        for source, destination in ("a", "h:b"), ("h:a", "b"):
+            Path("a").write_bytes(data)
+            Path("b").write_bytes(b"x" * len(data))
+            done = self.call(f"sync {source} {destination} -z --json --progress json {FAR}")
+            last = json.loads([line for line in done.stderr.splitlines() if '"phase":"copy"' in line][-1])
+            line = json.loads(done.stdout)["line"]
+            self.assertEqual((last["done"], last["total"]), (len(data), len(data)))
+            self.assertIn(last["onTheLine"], range(20 * BLOCK, line["bytesSent"] + line["bytesReceived"] + 1))
+            self.assertLess(last["onTheLine"], 40 * BLOCK)
+        done = self.call("sync a c --progress json")
+        self.assertNotIn("onTheLine", done.stderr)
 
     def test_pieces_never_take_more_room_than_there_is(self):
         """Blocks that are larger than a piece, or no multiple of what a file system keeps; data, zeros and holes."""

@@ -333,7 +333,7 @@ private:
             })
             ->description("Compress data on its way, with =LEVEL from 1 (fast) to 19 (small)");
         addValue(app, "--bwlimit", "SIZE",
-                 "Bytes of data per second at most, on their way to the other machine or back",
+                 "Bytes per second at most that go to the other machine, or back, as they go: compressed ones, too",
                  [this](const std::string& text) { m_pair.remote.bytesPerSecond = parseSize(text); });
     }
 

@@ -26,13 +26,42 @@ std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, 
     return destination.isFar() && own == options.blockSize.value_or(own.value_or(0)) ? own : std::nullopt;
 }
 
+// What goes over it from now on.
+class Line {
+public:
+    Line(const Side& source, const Side& destination)
+        : m_side(source.isFar() ? source : destination)
+        , m_before(bytes().value_or(0))
+    {
+    }
+
+    void show(Phase& phase) const
+    {
+        if (const auto now = bytes()) {
+            phase.carry(*now - m_before);
+        }
+    }
+
+private:
+    std::optional<std::int64_t> bytes() const
+    {
+        const auto traffic = m_side.lineTraffic();
+        return traffic ? std::optional(traffic->bytesSent + traffic->bytesReceived) : std::nullopt;
+    }
+
+    const Side& m_side;
+    std::int64_t m_before;
+};
+
 OwnChange copy(Side& source, Side& destination, const std::vector<Range>& ranges, bool isSparse, Reporter& reporter)
 {
     const auto phase = reporter.begin("copy", totalLength(ranges));
+    const Line line(source, destination);
     destination.startWriting(isSparse);
     source.read(ranges, destination.isFar(), [&](const Piece& piece) {
         destination.write(piece);
-        phase->advance(piece.range.length);
+        line.show(*phase);
+        piece.data == nullptr ? phase->skip(piece.range.length) : phase->advance(piece.range.length);
     });
     return destination.finishWriting();
 }

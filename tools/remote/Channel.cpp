@@ -84,14 +84,21 @@ std::uint32_t checkOfHeader(std::string_view header, std::int64_t number)
     return checkOf({header, FieldWriter().i64(number).done()}, number);
 }
 
+std::size_t sizeOf(Channel::Parts payload)
+{
+    std::size_t size = 0;
+    for (const std::string_view part : payload) {
+        size += part.size();
+    }
+    return size;
+}
+
 std::string headerOf(FrameType type, Channel::Parts payload, std::int64_t number)
 {
-    std::size_t length = 0;
-    for (const std::string_view part : payload) {
-        length += part.size();
-    }
     FieldWriter header;
-    header.u32(static_cast<std::uint32_t>(length)).u8(static_cast<std::uint8_t>(type)).u32(checkOf(payload, number));
+    header.u32(static_cast<std::uint32_t>(sizeOf(payload)))
+        .u8(static_cast<std::uint8_t>(type))
+        .u32(checkOf(payload, number));
     return header.u32(checkOfHeader(header.done(), number)).done();
 }
 
@@ -313,6 +320,7 @@ void Channel::sendAll(std::vector<iovec> parts)
     m_givesUp.reset();
 }
 
+// Until what was sent before has had its time.
 void Channel::holdBack(std::size_t bytes)
 {
     if (m_bytesPerSecond == 0) {
@@ -326,14 +334,11 @@ void Channel::holdBack(std::size_t bytes)
     m_mayBeSent = Clock::now() + std::chrono::duration_cast<Clock::duration>(taken);
 }
 
+// An error does not wait: it is the last frame.
 void Channel::send(FrameType type, Parts payload)
 {
-    if (type == FrameType::Data) {
-        std::size_t size = 0;
-        for (const std::string_view part : payload) {
-            size += part.size();
-        }
-        holdBack(size);
+    if (type != FrameType::Error) {
+        holdBack(HEADER + sizeOf(payload));
     }
     const std::scoped_lock lock(m_sending);
     const std::string header = headerOf(type, payload, m_sent++);

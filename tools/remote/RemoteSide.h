@@ -1,6 +1,7 @@
 // A side on another machine: a `kelvane-hash serve` at the other end of a command like ssh.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <memory>
@@ -92,7 +93,7 @@ private:
     Start m_start;
     std::optional<Started> m_started;
     bool m_hasAsked = false; // since the last answer
-    std::int64_t m_roundTrips = 0;
+    std::atomic<std::int64_t> m_roundTrips = 0;
     int m_notes = 0;
     std::deque<std::size_t> m_asked;        // how many digests each question will have
     std::optional<Conclusion> m_conclusion; // the last one, as it was told
