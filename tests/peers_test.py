@@ -74,15 +74,15 @@ class Peers(Case):
         """By a clock that runs fast. The timeout is a day, but for those who have not yet said anything."""
         begun = hello() + opened()
         for name, first, more, cause, clock in (
-                ("alive", begun, frame(ALIVE), "nothing but signs of life for 24 hours", 30000),
+                ("alive", begun, frame(ALIVE), "nothing but signs of life for 24 hours", "30000 1"),
                 ("progress", begun, frame(PROGRESS, string("hash") + struct.pack("<qq", 1, 2)),
-                 "nothing but signs of life for 24 hours", 30000),
-                ("notes", begun, frame(NOTE, b"x"), "notes without end", 1),
-                ("silence", [], [], "no sign of life for 600 seconds", 200)):
+                 "nothing but signs of life for 24 hours", "30000 1"),
+                ("notes", begun, frame(NOTE, b"x"), "notes without end", "1"),
+                ("silence", [], [], "no sign of life for 600 seconds", "200 1")):
             self.prepare(first, 2000 * more)
             with self.subTest(name):
                 told = self.against("sync h:far near", TALK + "60", "--timeout", "1" if name == "silence" else "86400",
-                                    LD_PRELOAD=SHIM, SHIM_CLOCK=str(clock))
+                                    LD_PRELOAD=SHIM, SHIM_CLOCK=clock)
                 self.assertRegex(told, rf"\A(.* note: .*\n)*kelvane-hash: h: .*{cause}.*\n\Z")
                 self.assertLessEqual(told.count("note:"), 100)
         self.prepare(hello(timeout=86400) + opening("near"), 2000 * frame(ALIVE))  # and the other way round
@@ -92,7 +92,7 @@ class Peers(Case):
         with subprocess.Popen([sys.executable, "-c", TALKER, "60"], stdout=writing, stderr=subprocess.DEVNULL) as talker:
             os.close(writing)
             server = subprocess.run([PROGRAM, "serve"], stdin=reading, stdout=subprocess.PIPE,
-                                    env=dict(os.environ, LD_PRELOAD=SHIM, SHIM_CLOCK="30000",
+                                    env=dict(os.environ, LD_PRELOAD=SHIM, SHIM_CLOCK="30000 2",
                                              ASAN_OPTIONS="verify_asan_link_order=0"))
             talker.kill()
         os.close(reading)

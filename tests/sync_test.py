@@ -1,5 +1,5 @@
 """Two images made equal on one machine: sync_test.py PROGRAM SHIM"""
-import json, os
+import json, os, shutil
 from pathlib import Path
 from random import randbytes
 
@@ -102,6 +102,56 @@ class Sync(Case):
         Path("a.hashes").unlink()  # nothing is known, so nothing is to be forgotten
         self.json(f"sync a b --changes list --partition-offset {DEVICE}")
         self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+
+    def test_several_images_go_into_a_directory(self):
+        names = [f"{number}.img" for number in range(4)]
+        for near, far, directory in ("", "", "d"), ("", "", "d/"), ("", "h:", "h:d/"), ("", "h:", "h:"), ("h:", "", "d"):
+            with self.subTest(near + directory):
+                shutil.rmtree("d", ignore_errors=True)
+                os.mkdir("d")
+                place = "" if directory == "h:" else "d/"
+                os.makedirs("s", exist_ok=True)
+                for number, name in enumerate(names):
+                    Path("s/" + name).write_bytes(randbytes(10 * BLOCK + number))
+                shutil.copy("s/1.img", place + "1.img")
+                shutil.rmtree(place + "2.img", ignore_errors=True)
+                os.mkdir(place + "2.img")  # which is no image
+                Path("log").unlink(missing_ok=True)
+                command = f"sync {' '.join(near + 's/' + name for name in names)} {directory} {FAR}"
+                log = {"env": dict(os.environ, RELAY_LOG="log")}
+                done = self.call(command, 2, **log)
+                self.assertRegex(done.stderr, r"(?m)^kelvane-hash: .*2.img: .*regular file")
+                copied = [f"{10 * BLOCK:,}", "0", f"{10 * BLOCK + 3:,}"]
+                self.assertRegex(done.stdout, r"\A" + "".join(
+                    rf"{far}{place}{names[i]}: equal, {copied.pop(0)} of .* copied, .* s\n" for i in (0, 1, 3)) + r"\Z")
+                if near + far:  # a connection ends with what fails there
+                    self.assertEqual([line.split()[1] for line in Path("log").read_text().splitlines()
+                                      if line[0] == ">"].count("1"), 2 if far else 1)
+                os.rmdir(place + "2.img")
+                Path("log").unlink(missing_ok=True)
+                all_done = json.loads(self.call(command + " --json", **log).stdout)
+                self.assertEqual([each["bytesCopied"] for each in all_done], [0, 0, 10 * BLOCK + 2, 0])
+                self.assertEqual([each["destination"] for each in all_done], [far + place + name for name in names])
+                if near + far:
+                    frames = [line.split() for line in Path("log").read_text().splitlines()]
+                    self.assertEqual([kind for way, kind, _ in frames if way == ">"].count("1"), 1)
+                    for way, total in ("<", "bytesReceived"), (">", "bytesSent"):
+                        self.assertEqual(sum(int(size) for found, _, size in frames if found == way),
+                                         sum(each["line"][total] for each in all_done))
+                for name in names:
+                    self.assertEqual(Path(place + name).read_bytes(), Path("s/" + name).read_bytes())
+                    self.check_hash_file(place + name)
+                    os.remove(place + name)
+        shutil.rmtree("d")
+        os.mkdir("d")
+        self.assertEqual(self.json("sync s/1.img d")["bytesCopied"], 10 * BLOCK + 1)  # one alone: as ever
+        told = json.loads(self.call("sync -n s/0.img s/1.img d --json", 1).stdout)
+        self.assertEqual([each["verdict"] for each in told], ["different", "equal"])
+        for command, cause in (("s/0.img s/1.img new", "comes a directory.*not new"), ("s/0.img s/1.img h:d", "not h:d"),
+                               ("s/0.img d/0.img d", "another image of that name"), ("s/0.img s/ d", "no image"),
+                               ("s/0.img s/1.img d --changes x", "one SOURCE at a time"),
+                               ("s/0.img s/1.img d --dest-hash-file x", "one SOURCE at a time")):
+            self.check_complaint("sync " + command, cause)
 
     def test_progress_counts_what_goes_over_the_line(self):
         data = (b"0123456789abcdef" * 60000)[:200 * BLOCK] + randbytes(20 * BLOCK) + bytes(300 * BLOCK)

@@ -28,7 +28,8 @@ struct PairTraffic {
 
 // At most one of them on another machine.
 struct Pair {
-    Pair(const PairArguments& arguments, bool writesSecond, const Common& common);
+    // `line`: the connection for this one and the next; see RemoteSide.
+    Pair(const PairArguments& arguments, bool writesSecond, const Common& common, RemoteSide::Line* line = nullptr);
 
     // Calls a command for them. When it fails, what was done on this machine is kept, and recorded.
     template <class Command>

@@ -202,6 +202,18 @@ std::string textOf(const SyncResult& result)
     return text + textOf(result.traffic);
 }
 
+std::string textOf(const SyncedInto& synced)
+{
+    if (!synced.result) {
+        return "";
+    }
+    const SyncResult& result = *synced.result;
+    const std::string doubts = doubtsOf(result.found);
+    return doubts + result.destination + ": " + nameOf(result.verdict) + ", "
+        + grouped(totalLength(result.comparison.differing)) + " of " + counted(result.size, "byte")
+        + (result.isForeseen ? " to be copied, " : " copied, ") + human(result.time) + "\n";
+}
+
 std::string textOf(const VerifyResult& result)
 {
     std::string text;

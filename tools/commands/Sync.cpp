@@ -161,9 +161,9 @@ SyncResult foresee(Side& source, Side& destination, const PairArguments& argumen
 
 } // namespace
 
-SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
+SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common, RemoteSide::Line* line)
 {
-    const Pair pair(arguments, true, common);
+    const Pair pair(arguments, true, common, line);
     std::optional<Forgotten> told;
     if (how.changes) {
         pair.whenFirstIsOpened([&](HashedImage& hashed) { told = forget(hashed, *how.changes, common); });

@@ -40,6 +40,7 @@ struct SyncResult {
 
 // With `isDryRun` it only finds out what it would do, and stores the hashes that this takes, as `diff` does. Of a
 // destination that is missing it counts all of the source; Different is then the verdict for whatever is to be done.
-SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common);
+SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common,
+                RemoteSide::Line* line = nullptr);
 
 } // namespace kelvane::tool

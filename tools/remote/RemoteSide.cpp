@@ -1,22 +1,13 @@
 #include "remote/RemoteSide.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <exception>
 #include <sstream>
-#include <thread>
 #include <utility>
 
 #include "base/Text.h"
 #include "remote/Data.h"
 #include "remote/Words.h"
-
-extern char** environ;
 
 namespace kelvane::tool {
 
@@ -28,21 +19,6 @@ constexpr std::size_t LONGEST_GREETING = 200;
 constexpr int MOST_REMARKS = 10; // lines
 constexpr int MOST_NOTES = 100;
 constexpr std::chrono::minutes LATEST_GREETING(10); // somebody may have to type a password before
-
-struct Pipe {
-    Pipe()
-    {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) {
-            throw Failure("pipe", errorText(errno));
-        }
-        out = Descriptor(ends[0]);
-        in = Descriptor(ends[1]);
-    }
-
-    Descriptor out; // what is read from
-    Descriptor in;
-};
 
 } // namespace
 
@@ -74,72 +50,6 @@ std::optional<RemotePath> remotePath(const std::string& argument)
     return RemotePath {host, shownHost, path};
 }
 
-// The command that leads to the other machine, and its ends of the pipes.
-class RemoteSide::Peer {
-public:
-    Peer(const std::vector<std::string>& words, int input, int output)
-    {
-        std::vector<char*> arguments;
-        for (const std::string& word : words) {
-            arguments.push_back(const_cast<char*>(word.c_str()));
-        }
-        arguments.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-        const int error = ::posix_spawnp(&m_process, arguments[0], &actions, nullptr, arguments.data(), environ);
-        ::posix_spawn_file_actions_destroy(&actions);
-        if (error != 0) {
-            throw Failure(words[0], "cannot run: " + errorText(error));
-        }
-    }
-
-    // It ends when its input does; what hangs is told to, and then made to. After a failure nobody waits long.
-    ~Peer()
-    {
-        using Clock = std::chrono::steady_clock;
-        const auto patience = std::chrono::milliseconds(std::uncaught_exceptions() > m_exceptions ? 200 : 5000);
-        const auto begin = Clock::now();
-        auto pause = std::chrono::milliseconds(1);
-        bool isTold = false;
-        while (!hasEnded()) {
-            if (Clock::now() - begin >= patience + (isTold ? std::chrono::seconds(2) : std::chrono::seconds(0))) {
-                ::kill(m_process, std::exchange(isTold, true) ? SIGKILL : SIGTERM);
-            }
-            std::this_thread::sleep_for(pause);
-            pause = std::min(2 * pause, std::chrono::milliseconds(20));
-        }
-    }
-
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-    // With what it has ended, once its output has.
-    std::string end()
-    {
-        for (int i = 0; i < 100 && !hasEnded(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return !hasEnded()        ? "closed the connection"
-            : WIFEXITED(m_status) ? "ended with " + std::to_string(WEXITSTATUS(m_status))
-                                  : "was ended by signal " + std::to_string(WTERMSIG(m_status));
-    }
-
-private:
-    bool hasEnded()
-    {
-        if (m_process != 0 && ::waitpid(m_process, &m_status, WNOHANG) != 0) {
-            m_process = 0;
-        }
-        return m_process == 0;
-    }
-
-    pid_t m_process = 0; // until it has ended
-    int m_status = 0;
-    int m_exceptions = std::uncaught_exceptions();
-};
-
 template <class Work>
 auto RemoteSide::guarded(Work work)
 {
@@ -150,39 +60,57 @@ auto RemoteSide::guarded(Work work)
     }
 }
 
-RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter)
+RemoteSide::Line::Line() = default;
+RemoteSide::Line::~Line() = default;
+
+RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter, Line* line)
     : m_name(path.shownHost + ":" + path.path)
     , m_host(path.shownHost)
     , m_program(options.program)
     , m_isDestination(open.isDestination)
     , m_compression(options.compression)
     , m_reporter(reporter)
+    , m_line(line)
+{
+    open.path = path.path;
+    open.compression = options.compression;
+    open.bytesPerSecond = options.bytesPerSecond;
+    if (line != nullptr && line->m_channel && line->m_host == m_host) {
+        m_peer = std::move(line->m_peer);
+        m_channel = std::move(line->m_channel);
+        m_before = {m_channel->bytesSent(), m_channel->bytesReceived(), 0};
+        m_isGreeted = true;
+    } else {
+        connect(options, path.host);
+    }
+    request(FrameType::Open, open.encode());
+}
+
+void RemoteSide::connect(const RemoteOptions& options, const std::string& host)
 {
     std::vector<std::string> words = splitWords(options.rsh);
     if (words.empty()) {
         throw Failure("--rsh", "no command");
     }
-    words.insert(words.end(), {path.host, options.program, "serve"});
-    {
-        Pipe there;
-        Pipe back;
-        m_peer = std::make_unique<Peer>(words, there.out.get(), back.in.get());
-        m_channel = std::make_unique<Channel>(std::move(back.out), std::move(there.in), m_host);
-    }
-    open.path = path.path;
-    open.compression = options.compression;
-    open.bytesPerSecond = options.bytesPerSecond;
+    words.insert(words.end(), {host, options.program, "serve"});
+    m_peer = std::make_unique<Peer>(words);
+    m_channel = std::make_unique<Channel>(m_peer->takeOutput(), m_peer->takeInput(), m_host);
     m_channel->limitBandwidth(options.bytesPerSecond);
-    Hello hello;
-    hello.timeout = static_cast<std::uint32_t>(options.timeout.count());
     m_channel->expectLateBeginning(LATEST_GREETING);
     m_channel->setTimeout(options.timeout);
+    Hello hello;
+    hello.timeout = static_cast<std::uint32_t>(options.timeout.count());
     request(FrameType::Hello, hello.encode());
-    request(FrameType::Open, open.encode());
 }
 
 RemoteSide::~RemoteSide()
 {
+    if (m_line != nullptr && m_isConcluded) {
+        m_line->m_channel.reset(); // of another host
+        m_line->m_host = m_host;
+        m_line->m_peer = std::move(m_peer);
+        m_line->m_channel = std::move(m_channel);
+    }
     m_channel.reset(); // before the process is waited for
 }
 
@@ -202,6 +130,9 @@ const Opening& RemoteSide::opening()
 
 void RemoteSide::beGreeted()
 {
+    if (std::exchange(m_isGreeted, true)) {
+        return;
+    }
     const Hello hello = greeting();
     if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
         throw Failure(m_host, "the program there has no zstd; leave --compress away");
@@ -251,6 +182,7 @@ void RemoteSide::sending(Work work)
 void RemoteSide::request(FrameType type, const std::string& payload)
 {
     m_hasAsked = true;
+    m_isConcluded = false;
     sending([&] { m_channel->send(type, payload); });
 }
 
@@ -258,9 +190,7 @@ void RemoteSide::request(FrameType type, const std::string& payload)
 // greeted by it may be no such side at all.
 void RemoteSide::throwWhatItSaid()
 {
-    if (!m_opening) {
-        beGreeted();
-    }
+    beGreeted();
     for (;;) {
         tell(m_channel->receive());
     }
@@ -456,6 +386,7 @@ const Conclusion& RemoteSide::conclude()
             from.end();
         });
     }
+    m_isConcluded = m_asked.empty();
     m_shown = shown(*m_conclusion);
     return m_shown;
 }

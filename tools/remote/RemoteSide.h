@@ -11,6 +11,7 @@
 #include "base/Reporter.h"
 #include "remote/Channel.h"
 #include "remote/Messages.h"
+#include "remote/Peer.h"
 #include "remote/Transfer.h"
 #include "work/Side.h"
 
@@ -35,7 +36,13 @@ std::optional<RemotePath> remotePath(const std::string& argument);
 
 class RemoteSide : public Side {
 public:
-    RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter);
+    // A connection that is kept for the next image.
+    class Line;
+
+    // Through the connection that a line holds, if it leads to the same host; it takes that back once all has been
+    // concluded. The line must outlive the side; null: a connection for this image alone.
+    RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter,
+               Line* line = nullptr);
     ~RemoteSide() override;
     RemoteSide(const RemoteSide&) = delete;
     RemoteSide& operator=(const RemoteSide&) = delete;
@@ -59,16 +66,16 @@ public:
     const Conclusion& conclude() override;
     std::optional<LineTraffic> lineTraffic() const override
     {
-        return LineTraffic {m_channel->bytesSent(), m_channel->bytesReceived(), m_roundTrips};
+        return LineTraffic {m_channel->bytesSent() - m_before.bytesSent,
+                            m_channel->bytesReceived() - m_before.bytesReceived, m_roundTrips};
     }
 
 private:
-    class Peer;
-
     template <class Work>
     auto guarded(Work work); // errors of the protocol name the host
     template <class Work>
     void sending(Work work); // an error that the other side told is what comes out
+    void connect(const RemoteOptions& options, const std::string& host);
     void beGreeted();
     Hello greeting();
     [[noreturn]] void throwWhyNotGreeted();
@@ -87,8 +94,12 @@ private:
     bool m_isDestination;
     std::uint32_t m_compression;
     Reporter& m_reporter;
+    Line* m_line;
+    bool m_isGreeted = false;
+    bool m_isConcluded = false; // and nothing was asked since
     std::unique_ptr<Peer> m_peer;
     std::unique_ptr<Channel> m_channel;
+    LineTraffic m_before; // for other images
     std::optional<Opening> m_opening;
     Start m_start;
     std::optional<Started> m_started;
@@ -100,6 +111,21 @@ private:
     Conclusion m_shown;
     std::string m_phase; // as it was told
     std::unique_ptr<Phase> m_progress;
+};
+
+class RemoteSide::Line {
+public:
+    Line();
+    ~Line();
+    Line(const Line&) = delete;
+    Line& operator=(const Line&) = delete;
+
+private:
+    friend class RemoteSide;
+
+    std::string m_host;
+    std::unique_ptr<Peer> m_peer;
+    std::unique_ptr<Channel> m_channel; // is closed before that is waited for
 };
 
 } // namespace kelvane::tool

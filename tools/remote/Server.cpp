@@ -86,9 +86,7 @@ public:
     {
         greet();
         m_paths.emplace(m_arguments.root); // a failure is told to a side that was greeted
-        open(Open::decode(expect(FrameType::Open).view()));
-        const Start start = decodeStart(expect(FrameType::Start).view());
-        this->start(start);
+        begin(Open::decode(expect(FrameType::Open).view()));
         for (;;) {
             serve(m_channel.receive());
         }
@@ -124,6 +122,14 @@ private:
         const Hello hello = Hello::decode(payload.view());
         m_channel.setTimeout(std::chrono::seconds(hello.timeout));
         m_takesZstd = (hello.capabilities & Hello::ZSTD) != 0;
+    }
+
+    // Of one image after the other.
+    void begin(const Open& open)
+    {
+        m_side.reset();
+        this->open(open);
+        start(decodeStart(expect(FrameType::Start).view()));
     }
 
     void open(const Open& open)
@@ -177,6 +183,8 @@ private:
     void serve(const Frame& frame)
     {
         switch (frame.type) {
+        case FrameType::Open:
+            return begin(Open::decode(frame.payload.view()));
         case FrameType::AskNodes:
             return answer(AskNodes::decode(frame.payload.view()));
         case FrameType::AskBytes:
