@@ -26,7 +26,8 @@ bool isDirectory(const std::string& destination)
 {
     const auto far = remotePath(destination);
     std::error_code error;
-    return far ? far->path.empty() || far->path.ends_with('/') : std::filesystem::is_directory(destination, error);
+    return far ? far->path.empty() || far->path == "~" || far->path.ends_with('/')
+               : std::filesystem::is_directory(destination, error);
 }
 
 std::vector<PairArguments> pairsInto(const std::string& directory, const std::vector<std::string>& sources,

@@ -10,11 +10,12 @@
 
 namespace kelvane::tool {
 
-// Whether images are put into it, under their own names, not in its place: a directory here; what ends in a slash, or
-// is all of a path after a colon, on another machine.
+// Whether images are put into it, under their own names, not in its place: a directory here; on another machine what
+// ends in a slash, is empty or is "~".
 bool isDirectory(const std::string& destination);
 
-// A pair for each source, with options like those of `like`. A Failure for a source without a name and for two with the same.
+// A pair for each source, with options like those of `like`. A Failure for a source without a name, and for two with
+// the same one.
 std::vector<PairArguments> pairsInto(const std::string& directory, const std::vector<std::string>& sources,
                                      const PairArguments& like);
 

@@ -160,6 +160,7 @@ private:
         m_side = std::make_unique<LocalSide>(path, access, options, m_common);
         m_isDestination = open.isDestination;
         Opening opening = m_side->opening();
+        m_channel.allowTimeFor(opening.size);
         opening.hashFile = shown(opening.hashFile);
         m_channel.send(FrameType::Opened, encode(opening));
     }
