@@ -49,7 +49,7 @@ def rsync(source, destination, *options):
 
 SYNC_FAR = [*sync("first.img", "far:copy.img"), "--rsh", LINE, "--remote-program", OPTIONS.program]
 RSYNC_FAR = rsync("first.img", "far:copy.img", "-e", LINE)
-TELL = [OPTIONS.program, "invalidate", "first.img", "--from", "changes"]
+TOLD_FAR = [*SYNC_FAR, "--changes", "changes"]
 
 
 def quietly(command):
@@ -127,7 +127,7 @@ COMMANDS = {
 FAR_COMMANDS = {
     "far, nothing known": (lambda: changed_and_unknown("first.img", "first.img", "far/copy.img"), SYNC_FAR),
     "far, repeated": (changed_far, SYNC_FAR),
-    "far, changes told": (changed_far, TELL, SYNC_FAR),
+    "far, changes told": (changed_far, TOLD_FAR),
     "far, nothing changed": (lambda: quietly(SYNC_FAR), SYNC_FAR),
     "rsync of the same, far": (lambda: change("first.img"), RSYNC_FAR),
 }

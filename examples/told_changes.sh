@@ -28,10 +28,9 @@ qemu-nbd --fork --read-only --format=qcow2 --bitmap=changes --socket="$PWD/nbd" 
 echo '$ nbdinfo --map=qemu:dirty-bitmap:changes --json nbd+unix:///?socket=nbd >changes.json'
 nbdinfo --map=qemu:dirty-bitmap:changes --json "nbd+unix:///?socket=$PWD/nbd" >changes.json
 kill "$(cat nbd.pid)"
-show kelvane-hash invalidate disk.raw --from changes.json
 
 step 'That alone is read, compared and copied.'
-show kelvane-hash sync disk.raw second:backup.raw --rsh ./there.sh --json
+show kelvane-hash sync disk.raw second:backup.raw --changes changes.json --rsh ./there.sh --json
 show cmp disk.raw second/backup.raw
 
 step 'The next time starts from here.'

@@ -144,11 +144,12 @@ Heard expectedOf(const std::string& stream)
             break;
         }
         const std::string payload = stream.substr(at + HEADER, length);
-        heard.isBroken = checkOf(payload, number) != check;
+        const bool isAlive = type == static_cast<std::uint8_t>(FrameType::Alive);
+        heard.isBroken = checkOf(payload, number) != check || (isAlive && length > 0);
         if (heard.isBroken) {
             break;
         }
-        if (type != static_cast<std::uint8_t>(FrameType::Alive)) {
+        if (!isAlive) {
             heard.frames.emplace_back(type, payload);
         }
         at += HEADER + length;

@@ -197,10 +197,11 @@ public:
         } else if (kind < 45) {
             inspect(start, length);
         } else if (kind < 83) {
-            change(start, length, kind < 60   ? Change::Update
-                                  : kind < 65 ? Change::Zero
-                                  : kind < 70 ? Change::Store
-                                              : Change::Invalidate);
+            change(start, length,
+                   kind < 60       ? Change::Update
+                       : kind < 65 ? Change::Zero
+                       : kind < 70 ? Change::Store
+                                   : Change::Invalidate);
         } else if (kind < 88) {
             resize();
         } else if (kind < 92) {

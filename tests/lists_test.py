@@ -1,5 +1,5 @@
 """Lists of changed ranges, as `invalidate` takes them: lists_test.py PROGRAM SHIM"""
-import os, shutil, unittest
+import json, os, re, shutil, unittest
 from pathlib import Path
 from subprocess import PIPE, Popen, run
 
@@ -14,6 +14,50 @@ class Lists(Case):
         self.assertEqual(done.returncode, 0, done)
         self.assertIn('"bytesCopied": 106496,', done.stdout)
         self.assertEqual('"bytesRead": 135168,' in done.stdout, not doubt_here())
+
+    @unittest.skipUnless(shutil.which("qemu-system-x86_64") and shutil.which("qemu-img") and shutil.which("nbdinfo"),
+                         "no qemu-system-x86, no qemu-utils, or no libnbd-bin")
+    def test_a_running_machine_as_the_document_has_it(self):
+        """A machine without a processor, whose monitor writes to its disk."""
+        document = (ORACLE.parent.with_name("docs") / "program.md").read_text()
+        once, each_time = re.findall(r"^```qmp\n(.*?)^```$", document, re.MULTILINE | re.DOTALL)
+        for command in ("qemu-img create -q -f qcow2 -o data_file=disk.raw,data_file_raw=on disk.qcow2 8M",
+                        "qemu-io -f qcow2 -c 'write -q -P 1 0 3M' disk.qcow2"):
+            run(command, shell=True, check=True)
+        os.mkdir("bin")
+        Path("bin/kelvane-hash").write_text(f'#!/bin/sh\nexec {PROGRAM} "$@" --rsh ./there --json >result')
+        Path("there").write_text(f'#!/bin/sh\nmkdir -p "$1" && cd "$1" && exec {PROGRAM} serve')
+        for script in "bin/kelvane-hash", "there":
+            os.chmod(script, 0o755)
+        machine = Popen(["qemu-system-x86_64", "-M", "none", "-nodefaults", "-display", "none", "-qmp", "stdio", "-blockdev",
+                         "driver=qcow2,node-name=disk,file.driver=file,file.filename=disk.qcow2"], text=True, stdin=PIPE,
+                        stdout=PIPE, bufsize=1)
+        self.addCleanup(machine.communicate)
+        self.addCleanup(machine.kill)
+
+        def tell(line):
+            machine.stdin.write(line + "\n")
+            while "return" not in (answer := json.loads(machine.stdout.readline())):
+                self.assertNotIn("error", answer, line)
+
+        def do(block):
+            for kind, line in re.findall(r"^(->|\$) (.*)$", block, re.MULTILINE):
+                if kind == "->":
+                    tell(line)
+                else:
+                    run(line, shell=True, check=True, env=dict(os.environ, PATH=os.path.abspath("bin") + ":" + os.environ["PATH"]))
+
+        tell('{"execute": "qmp_capabilities"}')
+        do(once)
+        for offset, read in ("1M", 8 << 20), ("5M", 128 << 10), ("6M", 128 << 10):
+            tell(json.dumps({"execute": "human-monitor-command",
+                             "arguments": {"command-line": f'qemu-io disk "write -q -P 7 {offset} 100k"'}}))
+            do(each_time)
+            self.assertEqual(Path("disk.raw").read_bytes(), Path("host/disk.raw").read_bytes())
+            result = json.loads(Path("result").read_text())
+            self.assertTrue(result["equal"] and result["freshness"][0]["recorded"], result)
+            self.assertLessEqual(result["bytesRead"], 2 * read)
+            self.assertEqual(result["told"]["bytes"], 128 << 10)
 
     def test_what_is_listed_is_forgotten(self):
         built()

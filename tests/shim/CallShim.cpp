@@ -8,7 +8,8 @@
 //                 "each" and a shell command that is done every time
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
 //     SHIM_NAMED  set where the file system cannot make files without names
-//     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took
+//     SHIM_CLOCK  how many times too fast the clock runs that tells how long something took; perhaps a space, and after
+//                 how many seconds that begins
 //     SHIM_LATE   how many seconds the clock is late that files get their times from
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -17,6 +18,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -285,7 +287,9 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
         const std::int64_t now = time->tv_sec * SECOND + time->tv_nsec;
         std::int64_t first = 0;
         first = start.compare_exchange_strong(first, now) ? now : first;
-        const std::int64_t shown = first + (now - first) * std::atoi(factor);
+        static const char* const space = std::strchr(factor, ' ');
+        const std::int64_t truly = std::min(now - first, space == nullptr ? 0 : std::atoi(space + 1) * SECOND);
+        const std::int64_t shown = first + truly + (now - first - truly) * std::atoi(factor);
         time->tv_sec = shown / SECOND;
         time->tv_nsec = shown % SECOND;
     }

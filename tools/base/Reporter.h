@@ -36,6 +36,8 @@ public:
         showAfter(INTERVAL);
     }
 
+    void carry(std::int64_t bytes) { m_carried = bytes; } // in all, over a line, where that is another number
+
     void skip(std::int64_t bytes) // done before, at no cost: says nothing about the time left
     {
         m_skipped += bytes;
@@ -48,6 +50,11 @@ protected:
     const std::string& name() const { return m_name; }
     std::optional<std::int64_t> total() const { return m_total; } // none of what has no steps
     std::int64_t worked() const { return m_worked; }
+    std::optional<std::int64_t> carried() const
+    {
+        const std::int64_t bytes = m_carried;
+        return bytes < 0 ? std::nullopt : std::optional(bytes);
+    }
     std::int64_t done() const { return m_worked + m_skipped; }
     std::chrono::duration<double> age() const { return Clock::now() - m_start; }
 
@@ -71,6 +78,7 @@ private:
     std::optional<std::int64_t> m_total;
     std::atomic<std::int64_t> m_worked = 0; // bytes
     std::atomic<std::int64_t> m_skipped = 0;
+    std::atomic<std::int64_t> m_carried = -1;
     Clock::time_point m_start = Clock::now();
     Clock::time_point m_shown = m_start;
     std::mutex m_showing;

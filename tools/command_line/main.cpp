@@ -26,6 +26,12 @@ constexpr int ERROR = 2;
 
 constexpr const char* NEAR_OR_FAR = "A regular file or a block device; HOST:PATH for one on another machine";
 
+int complain(const std::string& text, int code)
+{
+    std::fprintf(stderr, "kelvane-hash: %s\n", text.c_str());
+    return code;
+}
+
 // The functions that read a value throw a ValidationError, to which the name of the option is added.
 template <class Number>
 Number parseWithin(const std::string& text, Number least, Number most)
@@ -120,6 +126,8 @@ private:
         std::cout << (m_json ? jsonOf(result) : textOf(result));
         return isGood(result.verdict) ? 0 : DIFFERS;
     }
+
+    static int report(int code) { return code; } // of what was told already
 
     static int report(bool isDone) // what failed was told to the other side
     {
@@ -290,18 +298,79 @@ private:
 
     void addSync()
     {
-        CLI::App* const app = add("sync", "Make an image equal to another one, copying only what differs",
-                                  "sync today.img backup.img --verify",
-                                  [this](const Common& common) { return sync(m_pair, m_sync, common); });
+        CLI::App* const app
+            = add("sync", "Make an image equal to another one, copying only what differs",
+                  "sync today.img backup.img --verify", [this](const Common& common) { return runSync(common); });
         addRemote(app);
         addImage(app, m_pair.first, "SOURCE", "--source-hash-file", NEAR_OR_FAR);
         addImage(app, m_pair.second, "DEST", "--dest-hash-file", NEAR_OR_FAR);
+        app->add_option("MORE", m_more, "After more than one SOURCE, at the end a directory: DIR or HOST:DIR/")
+            ->type_name("");
         addGeometry(app);
         app->add_flag("--verify", m_sync.reread, "Read both images again afterwards and compare every byte");
+        app->add_flag("--dry-run,-n", m_sync.isDryRun,
+                      "Tell what would be done, and leave DEST alone; only hash files learn what had to be read")
+            ->excludes("--verify");
         app->add_flag_callback(
             "--no-sparse", [this] { m_sync.isSparse = false; }, "Leave no holes in DEST: write zeros there");
+        CLI::Option* const changes
+            = app->add_option("--changes", m_changes.list,
+                              "The list of all ranges of SOURCE that have changed since its hashes were true, as for "
+                              "invalidate; - is standard input")
+                  ->type_name("FILE");
+        addListOptions(app, m_changes);
+        app->get_option("--format")->needs(changes);
+        app->get_option("--what")->needs(changes);
         addTrust(app);
+        changes->excludes("--check");
         addWork(app);
+    }
+
+    int runSync(const Common& common)
+    {
+        if (!m_changes.list.empty()) {
+            m_sync.changes = m_changes;
+        }
+        std::vector<std::string> images = {m_pair.first.image, m_pair.second.image};
+        images.insert(images.end(), m_more.begin(), m_more.end());
+        const std::string destination = std::exchange(images.back(), "");
+        images.pop_back();
+        if (!isDirectory(destination)) {
+            if (images.size() > 1) {
+                throw CLI::ValidationError("behind several images comes a directory, as DIR or HOST:DIR/, not "
+                                           + destination);
+            }
+            return report(sync(m_pair, m_sync, common));
+        }
+        const std::vector<PairArguments> pairs = pairsInto(destination, images, m_pair);
+        if (pairs.size() == 1) {
+            return report(sync(pairs[0], m_sync, common));
+        }
+        const bool isForOne
+            = !m_changes.list.empty() || !m_pair.first.hashFile.path.empty() || !m_pair.second.hashFile.path.empty();
+        if (isForOne) {
+            throw CLI::ValidationError("--changes and the options for hash files take one SOURCE at a time");
+        }
+        return runSyncInto(pairs, common);
+    }
+
+    // The exit code is that of the worst.
+    int runSyncInto(const std::vector<PairArguments>& pairs, const Common& common) const
+    {
+        int code = 0;
+        const auto all = syncInto(pairs, m_sync, common, [&](const SyncedInto& each) {
+            code = std::max(code,
+                            !each.result                       ? complain(each.failure, ERROR)
+                                : isGood(each.result->verdict) ? 0
+                                                               : DIFFERS);
+            if (!m_json) {
+                std::cout << textOf(each) << std::flush;
+            }
+        });
+        if (m_json) {
+            std::cout << jsonOf(all);
+        }
+        return code;
     }
 
     void addRemote(CLI::App* app)
@@ -320,7 +389,7 @@ private:
             })
             ->description("Compress data on its way, with =LEVEL from 1 (fast) to 19 (small)");
         addValue(app, "--bwlimit", "SIZE",
-                 "Bytes of data per second at most, on their way to the other machine or back",
+                 "Bytes per second at most that go to the other machine, or back, as they go: compressed ones, too",
                  [this](const std::string& text) { m_pair.remote.bytesPerSecond = parseSize(text); });
     }
 
@@ -334,6 +403,20 @@ private:
         app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
     }
 
+    static void addListOptions(CLI::App* app, InvalidateArguments& arguments)
+    {
+        addChoice<ListFormat>(app, "--format", "HOW",
+                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
+                              {{"lines", ListFormat::Lines},
+                               {"diff", ListFormat::Diff},
+                               {"nbdinfo", ListFormat::Bitmap},
+                               {"qemu-img", ListFormat::Map}},
+                              arguments.format);
+        addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
+                              {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
+                              arguments.entries);
+    }
+
     void addInvalidate()
     {
         CLI::App* const app = add("invalidate", "Forget the hashes of ranges that are known to have changed",
@@ -344,16 +427,7 @@ private:
         app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
             ->required()
             ->type_name("FILE");
-        addChoice<ListFormat>(app, "--format", "HOW",
-                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
-                              {{"lines", ListFormat::Lines},
-                               {"diff", ListFormat::Diff},
-                               {"nbdinfo", ListFormat::Bitmap},
-                               {"qemu-img", ListFormat::Map}},
-                              m_invalidate.format);
-        addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
-                              {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
-                              m_invalidate.entries);
+        addListOptions(app, m_invalidate);
         addTrust(app);
         addWork(app);
     }
@@ -368,17 +442,13 @@ private:
     std::optional<Range> m_range;
     bool m_afterCrash = false;
     SyncArguments m_sync;
+    std::vector<std::string> m_more; // images and a directory
     InvalidateArguments m_invalidate;
+    InvalidateArguments m_changes; // for sync
     ServeArguments m_serve;
     bool m_json = false;
     std::function<int()> m_command;
 };
-
-int complain(const std::string& text, int code)
-{
-    std::fprintf(stderr, "kelvane-hash: %s\n", text.c_str());
-    return code;
-}
 
 int run(int argc, char** argv)
 {

@@ -80,33 +80,45 @@ std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedIma
 
 } // namespace
 
-InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
+Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Common& common)
 {
-    const Image image = openImage(arguments.image, Image::Access::Read);
-    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
-    const std::vector<Range> ranges = listedRanges(what, hashed);
     using Because = Doubt::Because;
+    const std::vector<Range> ranges = listedRanges(what, hashed);
+    Forgotten forgotten = {totalLength(ranges), std::ssize(ranges), {}};
+    if (hashed.hashFile().wasMade()) { // in which nothing is known yet
+        return forgotten;
+    }
     Belief& belief = hashed.belief();
     const Doubt& doubt = belief.doubtOfRecord();
     if (common.trust != Trust::Everything
         && (doubt.because == Because::NoRecord || doubt.because == Because::AnotherImage)) {
-        throw Failure(image.path(), "what was told may be of another image: " + doubt.text + "; build checks it");
+        throw Failure(hashed.image().path(),
+                      "what was told may be of another image: " + doubt.text + "; build checks it");
     }
-    const bool isBelieved = doubt.because == Because::Nothing || doubt.because == Because::Changed;
     hashed.adaptToImage();
     belief.mark();
     for (const Range& range : ranges) {
         hashed.store().invalidate(range);
     }
     belief.flushHashes();
-    isBelieved ? belief.confirm() : belief.dismiss(); // all that changed was told
+    if (doubt.because == Because::Nothing || doubt.because == Because::Changed) {
+        belief.believeTold();
+    } else {
+        forgotten.doubt = doubt.text;
+    }
+    return forgotten;
+}
+
+InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
+{
+    const Image image = openImage(arguments.image, Image::Access::Read);
+    HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
+    Forgotten forgotten = forget(hashed, what, common);
+    if (!forgotten.doubt.empty()) {
+        hashed.belief().dismiss();
+    }
     const Conclusions found = conclude(hashed, common, true);
-    return {areSure(found) ? Verdict::Done : Verdict::Undecided,
-            hashed.hashFile().path(),
-            totalLength(ranges),
-            std::ssize(ranges),
-            isBelieved ? "" : doubt.text,
-            found};
+    return {areSure(found) ? Verdict::Done : Verdict::Undecided, hashed.hashFile().path(), std::move(forgotten), found};
 }
 
 } // namespace kelvane::tool

@@ -17,14 +17,21 @@ struct InvalidateArguments {
     MapEntries entries = MapEntries::Data;
 };
 
+struct Forgotten {
+    std::int64_t bytes;
+    std::int64_t ranges;
+    std::string doubt; // why all hashes must be checked all the same; empty when they need not
+};
+
 struct InvalidateResult {
     Verdict verdict;
     std::string hashFile;
-    std::int64_t bytes;
-    std::int64_t ranges;
-    std::string doubt; // why the next run checks all the same; empty when it does not
+    Forgotten forgotten;
     Conclusions found;
 };
+
+// As a part of another command, with an image whose hash file is open. Fails when what was told may be of another one.
+Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Common& common);
 
 InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common);
 

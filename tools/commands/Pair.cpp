@@ -18,7 +18,7 @@ std::unique_ptr<LocalSide> openNear(const ImageArguments& arguments, bool isDest
 }
 
 std::unique_ptr<RemoteSide> openFar(const RemotePath& path, const ImageArguments& arguments, bool isDestination,
-                                    const RemoteOptions& remote, const Common& common)
+                                    const RemoteOptions& remote, const Common& common, RemoteSide::Line* line)
 {
     Open open;
     open.hashFile = arguments.hashFile.path;
@@ -30,7 +30,7 @@ std::unique_ptr<RemoteSide> openFar(const RemotePath& path, const ImageArguments
     if (const auto offset = arguments.hashFile.partitionOffset) {
         open.partitionOffset = static_cast<std::int64_t>(*offset);
     }
-    return std::make_unique<RemoteSide>(path, std::move(open), remote, common.reporter);
+    return std::make_unique<RemoteSide>(path, std::move(open), remote, common.reporter, line);
 }
 
 void keepSidesApart(const LocalSide& first, const LocalSide& second, bool writesSecond)
@@ -46,7 +46,7 @@ void keepSidesApart(const LocalSide& first, const LocalSide& second, bool writes
 } // namespace
 
 // The near one first: what is wrong with it needs no connection.
-Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& common)
+Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& common, RemoteSide::Line* line)
 {
     const std::optional<RemotePath> farFirst = remotePath(arguments.first.image);
     const std::optional<RemotePath> farSecond = remotePath(arguments.second.image);
@@ -61,10 +61,20 @@ Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& comm
     first = std::move(nearFirst);
     second = std::move(nearSecond);
     if (farFirst) {
-        first = openFar(*farFirst, arguments.first, false, arguments.remote, common);
+        first = openFar(*farFirst, arguments.first, false, arguments.remote, common, line);
     } else if (farSecond) {
-        second = openFar(*farSecond, arguments.second, writesSecond, arguments.remote, common);
+        second = openFar(*farSecond, arguments.second, writesSecond, arguments.remote, common, line);
     }
+}
+
+void Pair::whenFirstIsOpened(std::function<void(HashedImage& hashed)> work) const
+{
+    auto* const side = dynamic_cast<LocalSide*>(first.get());
+    if (side == nullptr) {
+        throw Failure(first->name(),
+                      "what has changed is told where the image is: --changes takes one on this machine");
+    }
+    side->whenOpened(std::move(work));
 }
 
 std::optional<PairTraffic> Pair::traffic() const

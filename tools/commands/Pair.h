@@ -1,6 +1,7 @@
 // The two images of a command.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 #include "commands/ImageArguments.h"
 #include "remote/RemoteSide.h"
 #include "work/Common.h"
+#include "work/HashedImage.h"
 #include "work/Side.h"
 
 namespace kelvane::tool {
@@ -26,7 +28,8 @@ struct PairTraffic {
 
 // At most one of them on another machine.
 struct Pair {
-    Pair(const PairArguments& arguments, bool writesSecond, const Common& common);
+    // `line`: the connection for this one and the next; see RemoteSide.
+    Pair(const PairArguments& arguments, bool writesSecond, const Common& common, RemoteSide::Line* line = nullptr);
 
     // Calls a command for them. When it fails, what was done on this machine is kept, and recorded.
     template <class Command>
@@ -42,6 +45,9 @@ struct Pair {
     }
 
     std::optional<PairTraffic> traffic() const; // nothing when both are here
+
+    // Forgets what is known of the first image, once its hashes are open, as a list says. Fails when it is not here.
+    void whenFirstIsOpened(std::function<void(HashedImage& hashed)> work) const;
 
     std::unique_ptr<Side> first;
     std::unique_ptr<Side> second;

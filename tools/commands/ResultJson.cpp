@@ -87,6 +87,38 @@ Json jsonOf(const std::optional<InfoResult::Recorded>& recorded)
             {"verdict", doubt.isAny() ? doubt.text : "unchanged"}};
 }
 
+Json treeOf(const SyncResult& result)
+{
+    Json changed = changedMeanwhile(result.found);
+    if (result.wasChangedByOthers && changed.empty()) {
+        changed.push_back(result.destination);
+    }
+    Json json = {{"verdict", nameOf(result.verdict)},
+                 {"equal", isGood(result.verdict)},
+                 {"bytesCompared", result.size},
+                 {"bytesCopied", totalLength(result.comparison.differing)},
+                 {"ranges", result.comparison.differing.size()},
+                 {"comparisons", result.comparison.comparisons},
+                 {"bytesRead", result.comparison.bytesRead},
+                 {"seconds", seconds(result.time)},
+                 {"verified", result.isReread},
+                 {"freshness", freshness(result.found)},
+                 {"changedMeanwhile", changed}};
+    if (result.isForeseen) {
+        json["dryRun"] = true;
+    }
+    if (result.told) {
+        json["told"] = {{"bytes", result.told->bytes}, {"ranges", result.told->ranges}};
+    }
+    if (result.wasMade) {
+        json["formerSize"] = nullptr;
+    }
+    addIfAny(json, "formerSize", result.formerSize);
+    addIfAny(json, "firstDifference", result.firstDifference);
+    addIfAny(json, result.traffic);
+    return json;
+}
+
 } // namespace
 
 std::string jsonOf(const BuildResult& result)
@@ -160,36 +192,26 @@ std::string jsonOf(const InvalidateResult& result)
 {
     return dumped({{"verdict", nameOf(result.verdict)},
                    {"hashFile", result.hashFile},
-                   {"bytes", result.bytes},
-                   {"ranges", result.ranges},
+                   {"bytes", result.forgotten.bytes},
+                   {"ranges", result.forgotten.ranges},
                    {"freshness", freshness(result.found)},
                    {"changedMeanwhile", changedMeanwhile(result.found)}});
 }
 
 std::string jsonOf(const SyncResult& result)
 {
-    Json changed = changedMeanwhile(result.found);
-    if (result.wasChangedByOthers && changed.empty()) {
-        changed.push_back(result.destination);
+    return dumped(treeOf(result));
+}
+
+std::string jsonOf(const std::vector<SyncedInto>& all)
+{
+    Json list = Json::array();
+    for (const SyncedInto& each : all) {
+        Json json = {{"source", each.source}, {"destination", each.destination}};
+        each.result ? json.update(treeOf(*each.result)) : json.update({{"error", each.failure}});
+        list.push_back(json);
     }
-    Json json = {{"verdict", nameOf(result.verdict)},
-                 {"equal", isGood(result.verdict)},
-                 {"bytesCompared", result.size},
-                 {"bytesCopied", totalLength(result.comparison.differing)},
-                 {"ranges", result.comparison.differing.size()},
-                 {"comparisons", result.comparison.comparisons},
-                 {"bytesRead", result.comparison.bytesRead},
-                 {"seconds", seconds(result.time)},
-                 {"verified", result.isReread},
-                 {"freshness", freshness(result.found)},
-                 {"changedMeanwhile", changed}};
-    if (result.wasMade) {
-        json["formerSize"] = nullptr;
-    }
-    addIfAny(json, "formerSize", result.formerSize);
-    addIfAny(json, "firstDifference", result.firstDifference);
-    addIfAny(json, result.traffic);
-    return dumped(json);
+    return dumped(list);
 }
 
 std::string jsonOf(const VerifyResult& result)

@@ -166,25 +166,32 @@ std::string textOf(const InfoResult& result)
 
 std::string textOf(const InvalidateResult& result)
 {
-    return result.hashFile + ": " + counted(result.bytes, "byte") + " in " + counted(result.ranges, "range")
-        + " forgotten\n" + doubtsOf(result.found)
-        + (result.doubt.empty() ? "" : "the next run checks all the same: " + result.doubt + "\n");
+    const auto& [bytes, ranges, doubt] = result.forgotten;
+    return result.hashFile + ": " + counted(bytes, "byte") + " in " + counted(ranges, "range") + " forgotten\n"
+        + doubtsOf(result.found) + (doubt.empty() ? "" : "the next run checks all the same: " + doubt + "\n");
 }
 
 std::string textOf(const SyncResult& result)
 {
-    std::string text = remarksOf(result.found) + doubtsOf(result.found);
+    std::string text;
+    if (result.told) {
+        text += result.source + ": " + counted(result.told->bytes, "byte") + " in "
+            + counted(result.told->ranges, "range") + " told to have changed\n";
+    }
+    text += remarksOf(result.found) + doubtsOf(result.found);
     if (result.wasChangedByOthers) {
         text += "changed: " + result.destination + " was changed by something else while this ran; run it again\n";
     }
     const Comparison& comparison = result.comparison;
     text += counted(result.size, "byte") + " compared by " + counted(comparison.comparisons, "comparison") + " and "
         + counted(comparison.bytesRead, "byte") + " of data read, " + counted(totalLength(comparison.differing), "byte")
-        + " copied in " + counted(std::ssize(comparison.differing), "range") + ", " + human(result.time) + "\n";
+        + (result.isForeseen ? " to be copied in " : " copied in ") + counted(std::ssize(comparison.differing), "range")
+        + ", " + human(result.time) + "\n";
     if (result.wasMade) {
-        text += result.destination + ": made\n";
+        text += result.destination + (result.isForeseen ? ": to be made\n" : ": made\n");
     } else if (result.formerSize) {
-        text += result.destination + ": " + counted(*result.formerSize, "byte") + " before\n";
+        text += result.destination + ": " + counted(*result.formerSize, "byte")
+            + (result.isForeseen ? ", to be resized\n" : " before\n");
     }
     if (result.firstDifference) {
         text += "reread: " + result.destination + " differs from " + result.source + " at offset "
@@ -193,6 +200,18 @@ std::string textOf(const SyncResult& result)
         text += isGood(result.verdict) ? "reread: equal\n" : "reread: no difference seen\n";
     }
     return text + textOf(result.traffic);
+}
+
+std::string textOf(const SyncedInto& synced)
+{
+    if (!synced.result) {
+        return "";
+    }
+    const SyncResult& result = *synced.result;
+    const std::string doubts = doubtsOf(result.found);
+    return doubts + result.destination + ": " + nameOf(result.verdict) + ", "
+        + grouped(totalLength(result.comparison.differing)) + " of " + counted(result.size, "byte")
+        + (result.isForeseen ? " to be copied, " : " copied, ") + human(result.time) + "\n";
 }
 
 std::string textOf(const VerifyResult& result)

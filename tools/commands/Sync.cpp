@@ -1,5 +1,7 @@
 #include "commands/Sync.h"
 
+#include <algorithm>
+
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
@@ -24,15 +26,43 @@ std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, 
     return destination.isFar() && own == options.blockSize.value_or(own.value_or(0)) ? own : std::nullopt;
 }
 
+// What goes over it from now on.
+class Line {
+public:
+    Line(const Side& source, const Side& destination)
+        : m_side(source.isFar() ? source : destination)
+        , m_before(bytes().value_or(0))
+    {
+    }
+
+    void show(Phase& phase) const
+    {
+        if (const auto now = bytes()) {
+            phase.carry(*now - m_before);
+        }
+    }
+
+private:
+    std::optional<std::int64_t> bytes() const
+    {
+        const auto traffic = m_side.lineTraffic();
+        return traffic ? std::optional(traffic->bytesSent + traffic->bytesReceived) : std::nullopt;
+    }
+
+    const Side& m_side;
+    std::int64_t m_before;
+};
+
 OwnChange copy(StartedSide& source, StartedSide& destination, const std::vector<Range>& ranges, bool isSparse,
-               Reporter& reporter)
+               const Line& line, Reporter& reporter)
 {
     const auto phase = reporter.begin("copy", totalLength(ranges));
     WritingSide& writing = destination.startWriting(isSparse);
     writing.announce(ranges);
     source.read(ranges, [&](const Piece& piece) {
         writing.write(piece);
-        phase->advance(piece.range.length);
+        line.show(*phase);
+        piece.data == nullptr ? phase->skip(piece.range.length) : phase->advance(piece.range.length);
     });
     return writing.finish();
 }
@@ -61,7 +91,9 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
         {agreedBlockSize, true});
     // Holes may have to be filled where nothing differs.
     const bool isWritten = !found.differing.empty() || !how.isSparse;
-    const OwnChange change = isWritten ? copy(from, to, found.differing, how.isSparse, common.reporter) : OwnChange();
+    const OwnChange change = isWritten
+        ? copy(from, to, found.differing, how.isSparse, Line(source, destination), common.reporter)
+        : OwnChange();
     // What others wrote at the same time shows in the data alone.
     const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);
     const std::optional<std::int64_t> difference = isReread ? reread(from, to, size, common.reporter) : std::nullopt;
@@ -86,17 +118,64 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
             isReread,
             difference,
             {},
-            ends};
+            ends,
+            false,
+            {}};
+}
+
+SyncResult foresee(Side& source, Side& destination, const PairArguments& arguments, const Common& common)
+{
+    const auto start = std::chrono::steady_clock::now();
+    refuseUnfitPair(source, destination);
+    const std::uint32_t blockSize = commonBlockSize(source, destination, arguments.first.hashFile);
+    const Opening& found = destination.opening();
+    const std::int64_t size = source.opening().size;
+    const std::int64_t compared = std::min(size, found.size);
+    Comparison comparison;
+    Conclusions ends = {{}, common.trust == Trust::Everything};
+    if (!found.isMissing) {
+        const Start compares = {blockSize, found.size, found.permissions, compared};
+        Compared both = compare(source, destination, compares, {[] {}, false});
+        comparison = std::move(both.comparison);
+        ends = conclude(both.first, both.second, common);
+    }
+    append(comparison.differing, between(compared, size));
+    const bool isResized = !found.isMissing && !found.isBlockDevice && found.size != size;
+    const bool isEqual = comparison.differing.empty() && !found.isMissing && !isResized;
+    return {.verdict = !areSure(ends) ? Verdict::Undecided
+                : isEqual             ? Verdict::Equal
+                                      : Verdict::Different,
+            .source = source.name(),
+            .destination = destination.name(),
+            .size = compared,
+            .comparison = std::move(comparison),
+            .time = std::chrono::steady_clock::now() - start,
+            .wasMade = found.isMissing,
+            .formerSize = isResized ? std::optional(found.size) : std::nullopt,
+            .wasChangedByOthers = false,
+            .isReread = false,
+            .firstDifference = {},
+            .traffic = {},
+            .found = ends,
+            .isForeseen = true,
+            .told = {}};
 }
 
 } // namespace
 
-SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common)
+SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common, RemoteSide::Line* line)
 {
-    const Pair pair(arguments, true, common);
-    SyncResult result = pair.run(
-        [&](Side& source, Side& destination) { return syncSides(source, destination, arguments, how, common); });
+    const Pair pair(arguments, true, common, line);
+    std::optional<Forgotten> told;
+    if (how.changes) {
+        pair.whenFirstIsOpened([&](HashedImage& hashed) { told = forget(hashed, *how.changes, common); });
+    }
+    SyncResult result = pair.run([&](Side& source, Side& destination) {
+        return how.isDryRun ? foresee(source, destination, arguments, common)
+                            : syncSides(source, destination, arguments, how, common);
+    });
     result.traffic = pair.traffic();
+    result.told = std::move(told);
     return result;
 }
 

@@ -30,8 +30,8 @@ Identity identityOf(const Image& image);
 Traits fileTraits(const Descriptor& file);
 Traits mountTraits(const Descriptor& file);
 
-// How often the file system has failed so far, where it counts that; empty when it never has. A write of data that fails
-// is a warning.
+// How often the file system has failed so far, where it counts that; empty when it never has. A write of data that
+// fails is a warning.
 std::string failuresOf(const Descriptor& file);
 
 } // namespace kelvane::tool

@@ -36,6 +36,7 @@ Image::Image(std::string path, Access access, AtLink atLink)
     if (!found) {
         const int error = errno;
         if (error == ENOENT && access == Access::WriteOrMissing && ::lstat(m_path.c_str(), &status) != 0) {
+            checkDirectory();
             return;
         }
         throw Failure(m_path, "cannot open: " + errorText(error));
@@ -46,6 +47,15 @@ Image::Image(std::string path, Access access, AtLink atLink)
         if (::faccessat(AT_FDCWD, found.place().c_str(), W_OK, AT_EACCESS) != 0) {
             throw Failure(m_path, "cannot write: " + errorText(errno));
         }
+    }
+}
+
+// In which it can be made.
+void Image::checkDirectory() const
+{
+    const std::string directory = std::filesystem::path(m_path).parent_path().string();
+    if (::faccessat(AT_FDCWD, directory.empty() ? "." : directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+        throw Failure(m_path, "cannot make: " + errorText(errno));
     }
 }
 

@@ -125,6 +125,7 @@ public:
     std::int64_t bytesWritten() const { return m_bytesWritten; }
 
 private:
+    void checkDirectory() const;
     void openForReading(const Descriptor& found);
     void take(Descriptor file, const struct stat& status);
     void refuseUse() const;

@@ -26,6 +26,10 @@ namespace {
 constexpr std::size_t HEADER = 13;               // a frame's length, type, check of its payload, check of all this
 constexpr std::size_t AT_ONCE = 1 << 16;         // bytes per read of what may be several frames
 constexpr std::chrono::milliseconds MOMENT(100); // after which a signal is noticed at the latest
+constexpr std::int64_t SLOWEST = 1 << 20;        // bytes per second at which an image is read
+constexpr std::chrono::hours LONGEST_WAIT(31 * 24);
+constexpr std::size_t LONGEST_LINE = 1000; // that is looked at where there are no frames
+constexpr const char* BLANK = " \t\r\n";
 
 void makeNonBlocking(int fd)
 {
@@ -80,15 +84,33 @@ std::uint32_t checkOfHeader(std::string_view header, std::int64_t number)
     return checkOf({header, FieldWriter().i64(number).done()}, number);
 }
 
+std::size_t sizeOf(Channel::Parts payload)
+{
+    std::size_t size = 0;
+    for (const std::string_view part : payload) {
+        size += part.size();
+    }
+    return size;
+}
+
 std::string headerOf(FrameType type, Channel::Parts payload, std::int64_t number)
 {
-    std::size_t length = 0;
-    for (const std::string_view part : payload) {
-        length += part.size();
-    }
     FieldWriter header;
-    header.u32(static_cast<std::uint32_t>(length)).u8(static_cast<std::uint8_t>(type)).u32(checkOf(payload, number));
+    header.u32(static_cast<std::uint32_t>(sizeOf(payload)))
+        .u8(static_cast<std::uint8_t>(type))
+        .u32(checkOf(payload, number));
     return header.u32(checkOfHeader(header.done(), number)).done();
+}
+
+// Of a text, behind which frames may begin.
+std::optional<std::string> firstLineOf(const std::string& beginning)
+{
+    const std::size_t start = std::min(beginning.find_first_not_of(BLANK), beginning.size());
+    const std::size_t end = std::min(beginning.find_first_of(std::string_view("\n\0", 2), start), beginning.size());
+    const bool isCut = end < beginning.size() && beginning[end] == 0; // by a length, of which the first byte is none
+    std::string line = beginning.substr(start, end - start - (isCut && end > start ? 1 : 0));
+    const bool isText = std::any_of(line.begin(), line.end(), [](char c) { return c > ' ' && c < 0x7f; });
+    return isText ? std::optional(std::move(line)) : std::nullopt;
 }
 
 iovec vectorOf(std::string_view part)
@@ -114,6 +136,12 @@ void Channel::setTimeout(std::chrono::seconds timeout)
 {
     m_timeout = timeout;
     m_life = std::jthread([this](const std::stop_token& stop) { showLife(stop); });
+}
+
+void Channel::allowTimeFor(std::int64_t bytes)
+{
+    const std::chrono::seconds patience = std::chrono::hours(24) + std::chrono::seconds(bytes / SLOWEST);
+    m_patience = std::clamp<std::chrono::seconds>(patience, m_patience, LONGEST_WAIT);
 }
 
 void Channel::showLife(const std::stop_token& stop)
@@ -158,14 +186,26 @@ bool Channel::waitShortly(Wait wait, std::chrono::milliseconds most)
     if (ready > 0 && both[0].revents != 0) {
         readSome();
     }
-    if (Clock::now() - m_heard > m_timeout) {
-        throw Failure(m_peer, "no sign of life for " + counted(m_timeout.count(), "second"));
-    }
+    endWhenLate();
     return ready > 0 && (!isWriting || both[1].revents != 0);
+}
+
+void Channel::endWhenLate()
+{
+    const auto timeout = m_bytesReceived > 0 ? m_timeout : std::max(m_timeout, m_beginsWithin);
+    if (Clock::now() - m_heard > timeout) {
+        throw Failure(m_peer, "no sign of life for " + counted(timeout.count(), "second"));
+    }
+    if (m_givesUp && Clock::now() > *m_givesUp) {
+        throw Failure(m_peer,
+                      "nothing but signs of life for "
+                          + counted(std::chrono::duration_cast<std::chrono::hours>(m_patience).count(), "hour"));
+    }
 }
 
 void Channel::waitFor(Wait wait)
 {
+    m_givesUp = m_givesUp.value_or(Clock::now() + m_patience);
     while (!waitShortly(wait, MOMENT)) { }
 }
 
@@ -185,6 +225,9 @@ void Channel::readSome()
     }
     m_bytesReceived += count;
     m_heard = Clock::now();
+    if (m_taken == 0 && m_beginning.size() < LONGEST_LINE) {
+        m_beginning.append(place, std::min(static_cast<std::size_t>(count), LONGEST_LINE));
+    }
     try {
         if (isToPlace) {
             m_arrived += static_cast<std::size_t>(count);
@@ -247,7 +290,9 @@ void Channel::takePayload()
     if (checkOf({frame.payload.view()}, m_taken++) != m_check) {
         throw ProtocolError("a frame is damaged");
     }
-    if (frame.type != FrameType::Alive) {
+    if (frame.type == FrameType::Alive) {
+        FieldReader(frame.payload.view()).end();
+    } else {
         m_held += HEADER + frame.payload.size();
         m_frames.push_back(std::move(frame));
     }
@@ -272,8 +317,10 @@ void Channel::sendAll(std::vector<iovec> parts)
             parts[first].iov_len -= static_cast<std::size_t>(count);
         }
     }
+    m_givesUp.reset();
 }
 
+// Until what was sent before has had its time.
 void Channel::holdBack(std::size_t bytes)
 {
     if (m_bytesPerSecond == 0) {
@@ -287,14 +334,11 @@ void Channel::holdBack(std::size_t bytes)
     m_mayBeSent = Clock::now() + std::chrono::duration_cast<Clock::duration>(taken);
 }
 
+// An error does not wait: it is the last frame.
 void Channel::send(FrameType type, Parts payload)
 {
-    if (type == FrameType::Data) {
-        std::size_t size = 0;
-        for (const std::string_view part : payload) {
-            size += part.size();
-        }
-        holdBack(size);
+    if (type != FrameType::Error) {
+        holdBack(HEADER + sizeOf(payload));
     }
     const std::scoped_lock lock(m_sending);
     const std::string header = headerOf(type, payload, m_sent++);
@@ -314,7 +358,27 @@ Frame Channel::receive()
     Frame frame = std::move(m_frames.front());
     m_frames.pop_front();
     m_held -= HEADER + frame.payload.size();
+    if (frame.type != FrameType::Progress && frame.type != FrameType::Note) {
+        m_givesUp.reset();
+    }
     return frame;
+}
+
+// A frame begins with two zeros at least behind its first bytes. The rest of a line comes within a second, or not at
+// all.
+std::optional<std::string> Channel::textInsteadOfFrames()
+{
+    const auto isLineWhole
+        = [this] { return m_beginning.find('\n', m_beginning.find_first_not_of(BLANK)) < std::string::npos; };
+    try {
+        const auto until = Clock::now() + std::chrono::seconds(1);
+        while (m_taken == 0 && m_beginning.size() < LONGEST_LINE && !isLineWhole() && Clock::now() < until) {
+            waitShortly(Wait::ToRead, MOMENT);
+        }
+    } catch (const Failure&) {
+        // What has come is all there is.
+    }
+    return m_taken > 0 ? std::nullopt : firstLineOf(m_beginning);
 }
 
 } // namespace kelvane::tool

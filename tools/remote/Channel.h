@@ -62,7 +62,8 @@ public:
 };
 
 // Everything that waits ends with Interrupted at a signal, and with a Failure when the other side has said nothing for
-// the timeout. To be used by one thread at a time; one of its own tells the other side that this one is alive.
+// the timeout, or nothing but that it is alive and busy for far longer. To be used by one thread at a time; one of its
+// own tells the other side that this one is alive.
 class Channel {
 public:
     static constexpr std::uint32_t LARGEST_FRAME = (1 << 20) + (1 << 12);
@@ -72,7 +73,14 @@ public:
 
     const std::string& peer() const { return m_peer; }
     void setTimeout(std::chrono::seconds timeout);
-    void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of data; 0: no limit
+
+    // Until the first byte has come, the timeout is this long at least.
+    void expectLateBeginning(std::chrono::seconds time) { m_beginsWithin = time; }
+
+    // What is waited for comes within a day, or later where one side may have to read an image of so many bytes first.
+    void allowTimeFor(std::int64_t bytes);
+
+    void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of what is sent; 0: none
     std::int64_t bytesPerSecond() const { return m_bytesPerSecond; }
 
     // The payload is what its parts hold, one behind the other; they are only read.
@@ -93,6 +101,9 @@ public:
     // The next frame that is no sign of life.
     Frame receive();
 
+    // The first line of what has come instead of frames, when that looks like a text.
+    std::optional<std::string> textInsteadOfFrames();
+
     // Whether all that waits ends with Interrupted, without a signal. From any thread.
     void stopWaiting(bool stops) { m_stops = stops; }
 
@@ -105,6 +116,7 @@ private:
     void showLife(const std::stop_token& stop);
     void waitFor(Wait wait);
     bool waitShortly(Wait wait, std::chrono::milliseconds most);
+    void endWhenLate();
     void readSome();
     void take(std::string_view received);
     void takeHeader();
@@ -115,10 +127,14 @@ private:
     Descriptor m_out;
     std::string m_peer;
     std::chrono::seconds m_timeout {60};
+    std::chrono::seconds m_beginsWithin {0};
+    std::chrono::seconds m_patience {std::chrono::hours(24)};
+    std::optional<Clock::time_point> m_givesUp; // what is waited for
     std::int64_t m_bytesPerSecond = 0;
     Clock::time_point m_mayBeSent = Clock::now();
     Clock::time_point m_heard = Clock::now();
     std::shared_ptr<BytesPool> m_pool = std::make_shared<BytesPool>(LARGEST_FRAME);
+    std::string m_beginning;         // of what has come, up to the first frame
     std::string m_header;            // of the next frame, as much of it as has come
     std::optional<Frame> m_arriving; // once its header has come
     std::uint32_t m_check = 0;       // of its payload

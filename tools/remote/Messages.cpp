@@ -129,6 +129,9 @@ Opening decodeOpening(std::string_view payload)
         opening.hashFile = from.string();
         const std::uint32_t blockSize = from.u32();
         opening.blockSize = blockSize == 0 ? std::nullopt : std::optional(blockSize);
+        if (opening.isMissing && (opening.size != 0 || opening.isBlockDevice)) {
+            throw ProtocolError("an image that is missing and is not");
+        }
         return opening;
     });
 }
@@ -304,6 +307,16 @@ Ranges Ranges::decode(std::string_view payload, std::int64_t size)
         }
         return read;
     });
+}
+
+std::string encodeStartWriting(bool isSparse)
+{
+    return FieldWriter().flag(isSparse).done();
+}
+
+bool decodeStartWriting(std::string_view payload)
+{
+    return decodeAll(payload, [](FieldReader& from) { return from.flag(); });
 }
 
 std::string Written::encode() const

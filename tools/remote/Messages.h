@@ -101,6 +101,9 @@ struct Ranges {
     static Ranges decode(std::string_view payload, std::int64_t size); // ascending, inside an image
 };
 
+std::string encodeStartWriting(bool isSparse);
+bool decodeStartWriting(std::string_view payload); // whether it is sparse
+
 struct Written {
     OwnChange change;
     std::optional<Conclusion> conclusion;

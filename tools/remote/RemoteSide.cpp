@@ -1,44 +1,23 @@
 #include "remote/RemoteSide.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <exception>
 #include <sstream>
-#include <thread>
 #include <utility>
 
 #include "base/Text.h"
 #include "remote/Data.h"
 #include "remote/Words.h"
 
-extern char** environ;
-
 namespace kelvane::tool {
 
 namespace {
 
 constexpr std::size_t LONGEST_PHASE = 40;
+constexpr std::size_t LONGEST_GREETING = 200;
 constexpr int MOST_REMARKS = 10; // lines
-
-struct Pipe {
-    Pipe()
-    {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) {
-            throw Failure("pipe", errorText(errno));
-        }
-        out = Descriptor(ends[0]);
-        in = Descriptor(ends[1]);
-    }
-
-    Descriptor out; // what is read from
-    Descriptor in;
-};
+constexpr int MOST_NOTES = 100;
+constexpr std::chrono::minutes LATEST_GREETING(10); // somebody may have to type a password before
 
 // As many ranges as fit into a message, from one of them on.
 Ranges batchFrom(const std::vector<Range>& ranges, std::size_t first)
@@ -60,7 +39,14 @@ std::optional<RemotePath> remotePath(const std::string& argument)
     if (colon == std::string::npos || argument.find('/') < colon) {
         return std::nullopt;
     }
-    std::string host = argument.substr(0, colon);
+    const std::string shownHost = argument.substr(0, colon);
+    std::string path = argument.substr(colon + 1);
+    if (path.starts_with(':') || path.starts_with("//")) {
+        throw Failure(argument,
+                      "there is no such address; HOST:PATH is a file on another machine, reached by ssh, and ./"
+                          + argument + " one here");
+    }
+    std::string host = shownHost;
     if (isBracketed) {
         host.erase(closed, 1).erase(open, 1);
     }
@@ -68,54 +54,8 @@ std::optional<RemotePath> remotePath(const std::string& argument)
     if (host.empty() || host.front() == '-' || host.back() == '@' || host.find("@-") != std::string::npos) {
         throw Failure(argument, "the host before the colon is none; a file here is ./" + argument);
     }
-    return RemotePath {host, argument.substr(colon + 1)};
+    return RemotePath {host, shownHost, path};
 }
-
-// The command that leads to the other machine, and its ends of the pipes.
-class RemoteSide::Peer {
-public:
-    Peer(const std::vector<std::string>& words, int input, int output)
-    {
-        std::vector<char*> arguments;
-        for (const std::string& word : words) {
-            arguments.push_back(const_cast<char*>(word.c_str()));
-        }
-        arguments.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-        const int error = ::posix_spawnp(&m_process, arguments[0], &actions, nullptr, arguments.data(), environ);
-        ::posix_spawn_file_actions_destroy(&actions);
-        if (error != 0) {
-            throw Failure(words[0], "cannot run: " + errorText(error));
-        }
-    }
-
-    // It ends when its input does; what hangs is told to, and then made to. After a failure nobody waits long.
-    ~Peer()
-    {
-        using Clock = std::chrono::steady_clock;
-        const auto patience = std::chrono::milliseconds(std::uncaught_exceptions() > m_exceptions ? 200 : 5000);
-        const auto begin = Clock::now();
-        auto pause = std::chrono::milliseconds(1);
-        bool isTold = false;
-        while (::waitpid(m_process, nullptr, WNOHANG) == 0) {
-            if (Clock::now() - begin >= patience + (isTold ? std::chrono::seconds(2) : std::chrono::seconds(0))) {
-                ::kill(m_process, std::exchange(isTold, true) ? SIGKILL : SIGTERM);
-            }
-            std::this_thread::sleep_for(pause);
-            pause = std::min(2 * pause, std::chrono::milliseconds(20));
-        }
-    }
-
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-private:
-    pid_t m_process = 0;
-    int m_exceptions = std::uncaught_exceptions();
-};
 
 template <class Work>
 auto RemoteSide::guarded(Work work)
@@ -127,36 +67,57 @@ auto RemoteSide::guarded(Work work)
     }
 }
 
-RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter)
-    : m_name(path.host + ":" + path.path)
-    , m_host(path.host)
+RemoteSide::Line::Line() = default;
+RemoteSide::Line::~Line() = default;
+
+RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& options, Reporter& reporter, Line* line)
+    : m_name(path.shownHost + ":" + path.path)
+    , m_host(path.shownHost)
+    , m_program(options.program)
+    , m_isDestination(open.isDestination)
     , m_compression(options.compression)
     , m_reporter(reporter)
+    , m_line(line)
+{
+    open.path = path.path;
+    open.compression = options.compression;
+    open.bytesPerSecond = options.bytesPerSecond;
+    if (line != nullptr && line->m_channel && line->m_host == m_host) {
+        m_peer = std::move(line->m_peer);
+        m_channel = std::move(line->m_channel);
+        m_before = {m_channel->bytesSent(), m_channel->bytesReceived(), 0};
+        m_isGreeted = true;
+    } else {
+        connect(options, path.host);
+    }
+    request(FrameType::Open, open.encode());
+}
+
+void RemoteSide::connect(const RemoteOptions& options, const std::string& host)
 {
     std::vector<std::string> words = splitWords(options.rsh);
     if (words.empty()) {
         throw Failure("--rsh", "no command");
     }
-    words.insert(words.end(), {path.host, options.program, "serve"});
-    {
-        Pipe there;
-        Pipe back;
-        m_peer = std::make_unique<Peer>(words, there.out.get(), back.in.get());
-        m_channel = std::make_unique<Channel>(std::move(back.out), std::move(there.in), m_host);
-    }
-    open.path = path.path;
-    open.compression = options.compression;
-    open.bytesPerSecond = options.bytesPerSecond;
+    words.insert(words.end(), {host, options.program, "serve"});
+    m_peer = std::make_unique<Peer>(words);
+    m_channel = std::make_unique<Channel>(m_peer->takeOutput(), m_peer->takeInput(), m_host);
     m_channel->limitBandwidth(options.bytesPerSecond);
+    m_channel->expectLateBeginning(LATEST_GREETING);
+    m_channel->setTimeout(options.timeout);
     Hello hello;
     hello.timeout = static_cast<std::uint32_t>(options.timeout.count());
-    m_channel->setTimeout(options.timeout);
     request(FrameType::Hello, hello.encode());
-    request(FrameType::Open, open.encode());
 }
 
 RemoteSide::~RemoteSide()
 {
+    if (m_line != nullptr && m_isConcluded) {
+        m_line->m_channel.reset(); // of another host
+        m_line->m_host = m_host;
+        m_line->m_peer = std::move(m_peer);
+        m_line->m_channel = std::move(m_channel);
+    }
     m_channel.reset(); // before the process is waited for
 }
 
@@ -165,6 +126,10 @@ const Opening& RemoteSide::opening()
     if (!m_opening) {
         beGreeted();
         m_opening = guarded([&] { return decodeOpening(answer(FrameType::Opened).view()); });
+        if (m_opening->isMissing && !m_isDestination) {
+            throw Failure(m_name, "the program there says that it is missing, and goes on");
+        }
+        m_channel->allowTimeFor(m_opening->size);
         m_opening->hashFile = m_host + ":" + printable(m_opening->hashFile, LONGEST_TEXT);
     }
     return *m_opening;
@@ -172,13 +137,40 @@ const Opening& RemoteSide::opening()
 
 void RemoteSide::beGreeted()
 {
+    if (std::exchange(m_isGreeted, true)) {
+        return;
+    }
+    const Hello hello = greeting();
+    if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
+        throw Failure(m_host, "the program there has no zstd; leave --compress away");
+    }
+}
+
+Hello RemoteSide::greeting()
+{
     try {
-        const Hello hello = Hello::decode(m_channel->receive().payload.view());
-        if (m_compression > 0 && (hello.capabilities & Hello::ZSTD) == 0) {
-            throw Failure(m_host, "the program there has no zstd; leave --compress away");
-        }
+        return Hello::decode(m_channel->receive().payload.view());
+    } catch (const std::runtime_error&) {
+        throwWhyNotGreeted();
+    }
+}
+
+// For the failure that is being handled.
+void RemoteSide::throwWhyNotGreeted()
+{
+    if (const auto text = m_channel->textInsteadOfFrames()) {
+        throw Failure(m_host,
+                      "before the program there answers, something else does, such as a login shell that greets: \""
+                          + printable(*text, LONGEST_GREETING) + '"');
+    }
+    try {
+        throw;
     } catch (const ProtocolError& error) {
         throw Failure(m_host, std::string("what answers there does not do so as it should: ") + error.what());
+    } catch (const ChannelClosed&) {
+        throw Failure(m_host,
+                      "the way there " + m_peer->end() + " before " + m_program
+                          + " there had answered; if it is not in the PATH there, see --remote-program");
     }
 }
 
@@ -197,6 +189,7 @@ void RemoteSide::sending(Work work)
 void RemoteSide::request(FrameType type, const std::string& payload)
 {
     m_hasAsked = true;
+    m_isConcluded = false;
     sending([&] { m_channel->send(type, payload); });
 }
 
@@ -204,21 +197,22 @@ void RemoteSide::request(FrameType type, const std::string& payload)
 // greeted by it may be no such side at all.
 void RemoteSide::throwWhatItSaid()
 {
-    if (!m_opening) {
-        beGreeted();
-    }
+    beGreeted();
     for (;;) {
         tell(m_channel->receive());
     }
 }
 
 // What it says is not of this program: a line of a length that can be read, behind the host's name.
-bool RemoteSide::tell(const Frame& frame) const
+bool RemoteSide::tell(const Frame& frame)
 {
     if (frame.type == FrameType::Error) {
         throw Failure(m_host, printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     if (frame.type == FrameType::Note) {
+        if (++m_notes > MOST_NOTES) {
+            throw ProtocolError("notes without end");
+        }
         m_reporter.note(m_host + ": " + printable(std::string(frame.payload.view()), LONGEST_TEXT));
     }
     return frame.type == FrameType::Note;
@@ -271,6 +265,7 @@ HashedSide& RemoteSide::openHashes(const Start& start)
 
 StartedSide& RemoteSide::start(bool isFirst)
 {
+    m_channel->allowTimeFor(m_start.targetSize);
     request(FrameType::Start, StartSide {m_start, isFirst}.encode());
     return *this;
 }
@@ -366,7 +361,7 @@ void RemoteSide::receiveSome(const std::vector<Range>& ranges, const Sink& sink)
 WritingSide& RemoteSide::startWriting(bool isSparse)
 {
     m_conclusion.reset();
-    request(FrameType::StartWriting, FieldWriter().flag(isSparse).done());
+    request(FrameType::StartWriting, encodeStartWriting(isSparse));
     return *this;
 }
 
@@ -409,6 +404,7 @@ const Conclusion& RemoteSide::conclude()
             from.end();
         });
     }
+    m_isConcluded = m_asked.empty();
     m_shown = shown(*m_conclusion);
     return m_shown;
 }

@@ -2,10 +2,17 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <optional>
 #include <utility>
 
 #include "base/Failure.h"
@@ -31,13 +38,28 @@ bool isOutside(const std::filesystem::path& relative)
     return relative.empty() || *relative.begin() == "..";
 }
 
-// Itself, if it is a link.
-bool isSame(const Descriptor& directory, const std::string& name, const Descriptor& file)
+// Where the text of a link leads, if the file is one.
+std::optional<std::string> linkIn(const Descriptor& file)
 {
-    struct stat there;
-    struct stat own;
-    return ::fstatat(directory.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 && ::fstat(file.get(), &own) == 0
-        && numberOf(there) == numberOf(own);
+    std::array<char, PATH_MAX> text;
+    const ssize_t length = ::readlinkat(file.get(), "", text.data(), text.size());
+    return length < 0 ? std::nullopt : std::optional(std::string(text.data(), static_cast<std::size_t>(length)));
+}
+
+// With "~" or "~USER" at its beginning as the directory that a shell means by it.
+std::filesystem::path atHome(const std::string& path)
+{
+    if (!path.starts_with('~')) {
+        return path;
+    }
+    const std::size_t end = std::min(path.find('/'), path.size());
+    const std::string user = path.substr(1, end - 1);
+    const char* const home = user.empty() ? std::getenv("HOME") : nullptr;
+    const passwd* const entry = user.empty() ? ::getpwuid(::geteuid()) : ::getpwnam(user.c_str());
+    if (home == nullptr && entry == nullptr) {
+        throw Failure(path, "there is no such user; a file of that name is ./" + path);
+    }
+    return (home != nullptr ? home : entry->pw_dir) + path.substr(end);
 }
 
 } // namespace
@@ -68,14 +90,14 @@ std::filesystem::path ServedPaths::fromRoot(const std::filesystem::path& path) c
 }
 
 // What older kernels opened is looked at afterwards.
-Descriptor ServedPaths::openBeneath(const std::filesystem::path& path) const
+Descriptor ServedPaths::openBeneath(const std::filesystem::path& path, int flags) const
 {
     struct open_how how = {};
-    how.flags = O_PATH | O_CLOEXEC;
+    how.flags = static_cast<std::uint64_t>(flags | O_PATH | O_CLOEXEC);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     Descriptor file(static_cast<int>(::syscall(SYS_openat2, m_descriptor.get(), path.c_str(), &how, sizeof(how))));
     if (!file && errno == ENOSYS) {
-        file = Descriptor(::openat(m_descriptor.get(), path.c_str(), O_PATH | O_CLOEXEC));
+        file = Descriptor(::openat(m_descriptor.get(), path.c_str(), flags | O_PATH | O_CLOEXEC));
         if (file && isOutside(pathOf(file).lexically_relative(m_root))) {
             file = Descriptor();
             errno = EXDEV;
@@ -84,35 +106,68 @@ Descriptor ServedPaths::openBeneath(const std::filesystem::path& path) const
     return file;
 }
 
+// One name after the other, so that a link to an absolute path in the root is none that leads out of it.
+ServedPaths::Place ServedPaths::follow(const std::filesystem::path& path, const std::string& asked) const
+{
+    constexpr int MOST_LINKS = 40; // as the system has it
+    std::deque<std::filesystem::path> names(path.begin(), path.end());
+    std::filesystem::path done;
+    bool isLink = false; // what was asked for, and its directory may be
+    for (int links = 0; !names.empty();) {
+        const std::filesystem::path name = names.front();
+        names.pop_front();
+        if (name == ".." && done.empty()) {
+            refuse(asked);
+        }
+        if (name.empty() || name == "." || name == "..") {
+            done = name == ".." ? done.parent_path() : done;
+            continue;
+        }
+        const Descriptor file = openBeneath(done / name, O_NOFOLLOW);
+        if (!file && errno == ENOENT && names.empty() && !isLink) {
+            return {done / name, false};
+        }
+        if (!file) {
+            errno == EXDEV ? refuse(asked) : throw Failure(asked, errorText(errno));
+        }
+        const std::optional<std::string> target = linkIn(file);
+        if (!target) {
+            done /= name;
+            continue;
+        }
+        const std::filesystem::path inside = fromRoot(*target);
+        isLink = isLink || names.empty();
+        if (++links > MOST_LINKS || inside.empty()) {
+            refuse(asked);
+        }
+        done = std::filesystem::path(*target).is_absolute() ? "" : done;
+        names.insert(names.begin(), inside.begin(), inside.end());
+    }
+    return {done, true};
+}
+
 std::string ServedPaths::resolve(const std::string& path)
 {
+    const std::filesystem::path given = atHome(path);
     if (!m_descriptor) {
-        return path;
+        return given;
     }
-    const std::filesystem::path given = path;
-    std::filesystem::path relative = fromRoot(given);
+    const std::filesystem::path relative = fromRoot(given);
     const std::string asked = relative.filename().string();
     if (asked.empty() || asked == "." || asked == ".." || path.find('\0') != std::string::npos) {
         refuse(path);
     }
-    const Descriptor file = openBeneath(relative);
-    if (!file && errno != ENOENT) {
-        refuse(path);
-    }
-    if (file) {
-        relative = pathOf(file).lexically_relative(m_root); // behind all links
-    }
-    const std::filesystem::path parent = relative.has_parent_path() ? relative.parent_path() : ".";
-    Descriptor directory = openBeneath(parent);
-    const std::string name = relative.filename().string();
+    const Place place = follow(relative, path);
+    const std::filesystem::path parent = place.path.has_parent_path() ? place.path.parent_path() : ".";
+    Descriptor directory = openBeneath(parent, 0);
     struct stat status;
     // What is not there may be made, if nothing has its name.
-    if (!directory
-        || (file ? !isSame(directory, name, file)
-                 : ::fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)) {
+    const bool isThere
+        = directory && ::fstatat(directory.get(), place.path.filename().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!directory || place.path.empty() || isThere != place.isThere || (isThere && S_ISLNK(status.st_mode))) {
         refuse(path);
     }
-    return placeIn(std::move(directory), relative, given.is_absolute());
+    return placeIn(std::move(directory), place.path, given.is_absolute());
 }
 
 // The directory stays open for as long as the path is used.
@@ -129,7 +184,7 @@ std::string ServedPaths::resolveHashFile(const std::string& path, const std::str
     struct stat status;
     const bool isOfDevice = ::stat(image.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
     if (!m_descriptor || (path.empty() && isOfDevice)) { // which has none unless it is named
-        return path;
+        return path.empty() ? path : atHome(path).string();
     }
     const std::string place = resolve(path.empty() ? shown(image) + ".hashes" : path);
     for (const std::string& file : filesOf(place)) {

@@ -85,8 +85,7 @@ public:
     {
         greet();
         m_paths.emplace(m_arguments.root); // a failure is told to a side that was greeted
-        open(Open::decode(expect(FrameType::Open).view()));
-        start(StartSide::decode(expect(FrameType::Start).view()));
+        begin(Open::decode(expect(FrameType::Open).view()));
         for (;;) {
             serve(m_channel.receive());
         }
@@ -113,6 +112,8 @@ private:
         return std::move(frame.payload);
     }
 
+    static void expectNothing(const Frame& frame) { FieldReader(frame.payload.view()).end(); }
+
     void greet()
     {
         const Bytes payload = expect(FrameType::Hello);
@@ -120,6 +121,15 @@ private:
         const Hello hello = Hello::decode(payload.view());
         m_channel.setTimeout(std::chrono::seconds(hello.timeout));
         m_takesZstd = (hello.capabilities & Hello::ZSTD) != 0;
+    }
+
+    // Of one image after the other.
+    void begin(const Open& open)
+    {
+        m_started = nullptr;
+        m_side.reset();
+        this->open(open);
+        start(StartSide::decode(expect(FrameType::Start).view()));
     }
 
     void open(const Open& open)
@@ -151,6 +161,7 @@ private:
         m_side = std::make_unique<LocalSide>(path, access, options, m_common);
         m_isDestination = open.isDestination;
         Opening opening = m_side->opening();
+        m_channel.allowTimeFor(opening.size);
         opening.hashFile = shown(opening.hashFile);
         m_channel.send(FrameType::Opened, encode(opening));
     }
@@ -162,6 +173,7 @@ private:
         if (start.compared > m_size) {
             throw ProtocolError("more than there is");
         }
+        m_channel.allowTimeFor(m_size);
         m_form.blockSize = start.blockSize;
         m_form.end = start.compared;
         m_frames.setAwaited(true);
@@ -173,19 +185,24 @@ private:
     void serve(const Frame& frame)
     {
         switch (frame.type) {
+        case FrameType::Open:
+            return begin(Open::decode(frame.payload.view()));
         case FrameType::AskNodes:
             return answer(AskNodes::decode(frame.payload.view()));
         case FrameType::AskBytes:
             return answer(AskBytes::decode(frame.payload.view()));
         case FrameType::DropCache:
+            expectNothing(frame);
             return m_started->dropCache();
         case FrameType::Read:
             return read(Ranges::decode(frame.payload.view(), m_size));
         case FrameType::StartWriting:
-            return write(FieldReader(frame.payload.view()).flag());
+            return write(decodeStartWriting(frame.payload.view()));
         case FrameType::Distrust:
+            expectNothing(frame);
             return m_started->distrust();
         case FrameType::Conclude: {
+            expectNothing(frame);
             FieldWriter to;
             encode(to, conclusion());
             return m_channel.send(FrameType::Concluded, to.done());
@@ -260,7 +277,8 @@ private:
     void receive(const Sink& sink)
     {
         std::int64_t end = 0;
-        for (Frame frame = m_channel.receive(); frame.type != FrameType::End; frame = m_channel.receive()) {
+        Frame frame = m_channel.receive();
+        while (frame.type != FrameType::End) {
             if (frame.type != FrameType::Data) {
                 throw ProtocolError("a frame of type " + std::to_string(static_cast<int>(frame.type))
                                     + " between data");
@@ -272,7 +290,9 @@ private:
             }
             end = piece.range.end();
             sink(std::move(piece));
+            frame = m_channel.receive();
         }
+        expectNothing(frame);
         checkBoundary(end);
     }
 

@@ -25,13 +25,21 @@ public:
     using Phase::Phase;
 
 protected:
-    double bytesPerSecond() const { return age().count() > 0 ? static_cast<double>(worked()) / age().count() : 0; }
+    // Of what goes over the line, where there is one.
+    double bytesPerSecond() const { return perSecond(carried().value_or(worked())); }
 
     std::optional<double> secondsLeft() const
     {
-        const double rate = bytesPerSecond();
-        const double left = rate > 0 ? static_cast<double>(total().value_or(0) - done()) / rate : 0;
+        const double rate = perSecond(worked());
+        const std::int64_t rest = std::max<std::int64_t>(0, total().value_or(0) - done()); // others tell of it, too
+        const double left = rate > 0 ? static_cast<double>(rest) / rate : 0;
         return age() > std::chrono::seconds(1) ? std::optional(left) : std::nullopt; // before, a rate says little
+    }
+
+private:
+    double perSecond(std::int64_t bytes) const
+    {
+        return age().count() > 0 ? static_cast<double>(bytes) / age().count() : 0;
     }
 };
 
@@ -90,11 +98,14 @@ private:
     {
         using Json = nlohmann::ordered_json;
         const std::optional<double> left = secondsLeft();
-        const Json line = {{"phase", name()},
-                           {"done", done()},
-                           {"total", total().value_or(0)},
-                           {"bytesPerSecond", bytesPerSecond()},
-                           {"secondsLeft", left ? Json(*left) : Json()}};
+        Json line = {{"phase", name()},
+                     {"done", done()},
+                     {"total", total().value_or(0)},
+                     {"bytesPerSecond", bytesPerSecond()},
+                     {"secondsLeft", left ? Json(*left) : Json()}};
+        if (const auto bytes = carried()) {
+            line["onTheLine"] = *bytes;
+        }
         const auto replacing = Json::error_handler_t::replace; // the phase may be another machine's
         std::fprintf(stderr, "%s\n", line.dump(-1, ' ', false, replacing).c_str());
         std::fflush(stderr);

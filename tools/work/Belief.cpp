@@ -144,6 +144,13 @@ void Belief::contradict()
     }
 }
 
+void Belief::believeTold()
+{
+    m_holds = true;
+    m_isAssumed = false;
+    m_doubt = {};
+}
+
 void Belief::mark()
 {
     const std::scoped_lock lock(m_marking);

@@ -35,6 +35,7 @@ public:
 
     void confirm() { m_holds = true; }  // they were compared with the data, or somebody answers for them
     void dismiss() { m_holds = false; } // they were found to be wrong, or may be
+    void believeTold();                 // all that has changed since they were true was told, and forgotten
     void startAnew();                   // nothing is known any more, whatever was to be assumed
 
     // To be called before the hash file is changed. Any thread.

@@ -78,6 +78,9 @@ HashedSide& LocalSide::openHashes(const Start& start)
         m_image,
         HashFile::foundOrMade(std::exchange(m_hashFile, std::nullopt), m_image, m_options, size, m_common.reporter),
         m_common);
+    if (m_whenOpened) {
+        m_whenOpened(*m_hashed);
+    }
     return *this;
 }
 
@@ -153,6 +156,9 @@ void LocalSide::resizeImage(std::int64_t size)
 Range LocalSide::rangeOf(int level, std::int64_t index) const
 {
     const std::int64_t blocks = m_compared / m_blockSize;
+    if (index > blocks >> level) { // behind the end
+        return between(m_compared, m_compared);
+    }
     const auto position = [&](std::int64_t node) {
         return node > blocks >> level ? m_compared : std::min(m_compared, (node << level) * m_blockSize);
     };
@@ -332,10 +338,11 @@ void LocalSide::abandon()
     }
 }
 
-// What was compared with a hash that was wrong may differ in more than was found.
+// Whose user has told what changed, and that nobody writes to it, has answered for all. What was compared with a hash
+// that was wrong may differ in more than was found.
 const Conclusion& LocalSide::conclude()
 {
-    m_conclusion = m_hashed->conclude();
+    m_conclusion = m_hashed->conclude(m_whenOpened && m_common.trust == Trust::Everything);
     const std::optional<std::int64_t> wrong = m_hashed->contradictedAt();
     if (wrong && !m_hashed->belief().holds() && m_conclusion.isUnchanged && !m_conclusion.isOpenForWriting) {
         throw Failure(name(), *wrong, "its hash was wrong, though recorded as true; the next run checks them all");

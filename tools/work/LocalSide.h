@@ -2,6 +2,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +23,9 @@ class LocalSide : public Side, private HashedSide, private StartedSide, private 
 public:
     // Opens the image alone.
     LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common);
+
+    // What is done with the hashes once they are open: those are forgotten of which the user knows that they are old.
+    void whenOpened(std::function<void(HashedImage& hashed)> work) { m_whenOpened = std::move(work); }
 
     const Image& image() const { return m_image; }
     std::string hashFilePath() const { return m_options.pathFor(m_image); }
@@ -75,6 +79,7 @@ private:
     bool m_isDestination;
     HashFileOptions m_options;
     const Common& m_common;
+    std::function<void(HashedImage& hashed)> m_whenOpened;
     std::optional<Opening> m_opening;
     std::optional<HashFile> m_hashFile; // as it was found
     std::optional<HashedImage> m_hashed;
