@@ -39,6 +39,8 @@ public:
     void flush();
 
 private:
+    static constexpr std::size_t BATCH = 128;
+
     void place(const char* bytes, kelvane_ssize_t length);
     void addBlock(const char* block);
     void addZeroBlock();
@@ -54,8 +56,8 @@ private:
     kelvane_ssize_t m_placedStart = 0, m_placedEnd = 0; // where the buffer holds other bytes than zeros
     IHashFunction::HashValue m_zeroDigest;              // of a block of zeros, once there was one
     std::size_t m_count = 0;                            // of blocks that wait
-    std::array<kelvane_buf_t, 128> m_blocks;
-    std::array<unsigned char*, 128> m_digests;
+    std::array<kelvane_buf_t, BATCH> m_blocks;
+    std::array<unsigned char*, BATCH> m_digests;
 };
 
 } // namespace kelvane
