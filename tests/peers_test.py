@@ -152,12 +152,12 @@ class Peers(Case):
         for link, target in (("abs", f"{here}/there/sub/far"), ("dir", f"{here}/there/sub"), ("up", "sub/../sub/far"),
                              ("round", f"{here}/there/round"), ("nowhere", f"{here}/there/none"), ("out", f"{here}"),
                              ("out2", f"{here}/there/../near"), ("two", "dir/far"), ("root", f"{here}/there"),
-                             ("linked", f"{here}/link/sub/far")):
+                             ("linked", f"{here}/link/sub/far"), ("sub/inner", f"{here}/there/sub/far")):
             os.symlink(target, f"there/{link}")
         os.symlink("there", "link")
         outside, missing = "outside of what is served", "No such file or directory"
         for root in "there", "link":
-            for path, answer in (("abs", ""), ("dir/far", ""), ("two", ""), ("up", ""), ("root/dir/../sub/far", ""),
+            for path, answer in (("abs", ""), ("sub/inner", ""), ("dir/far", ""), ("two", ""), ("up", ""), ("root/dir/../sub/far", ""),
                                  ("dir/new", ""), ("round", outside), ("nowhere", missing), ("out", outside),
                                  ("out/there/sub/far", outside), ("out2", outside), ("dir/../../near", outside),
                                  ("no/such", missing), ("sub/no/such", missing), ("sub/far/new", "Not a directory"),
