@@ -81,7 +81,7 @@ std::string Peer::end()
     for (int i = 0; i < 100 && !hasEnded(); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return !hasEnded() ? "closed the connection"
+    return !hasEnded()        ? "closed the connection"
         : WIFEXITED(m_status) ? "ended with " + std::to_string(WEXITSTATUS(m_status))
                               : "was ended by signal " + std::to_string(WTERMSIG(m_status));
 }
