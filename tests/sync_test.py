@@ -272,7 +272,7 @@ class Sync(Case):
                     self.skipTest("a file system that is in memory")
                 if after == (40 << 20 if "keep" in command else before):
                     break
-made = command.split()[2].replace("h:", "") if command.startswith("sync") else "none"
+                made = command.split()[2].replace("h:", "") if command.startswith("sync") else "none"
                 os.system(f"rm -f {made} {made}.*")
             with self.subTest(command):
                 self.assertEqual((after, others), (40 << 20 if "keep" in command else before, 0))
