@@ -224,8 +224,8 @@ class KelvaneHash(Case):
         known = dict(targetEnd=start + size, partitionOffset=start, knownBlocks=2000, partialBlockBytes=777)
         info = self.json("info p3")
         self.assertLessEqual(known.items(), info.items())
-        self.assertEqual((info["record"]["clean"], info["record"]["verdict"]),
-                         (False, doubt_here()) if doubt_here() else (True, "unchanged"))
+        self.assertEqual((info["record"]["clean"], info["freshness"]["believed"], info["freshness"]["doubt"]),
+                         (not doubt_here(), not doubt_here(), doubt_here()))
         ranges = [f"{start + at}:{n}" for at, n in ((0, size), (5000, size - 5000), (block, block), (17, 10), (7, 0))]
         hashes = [self.json(f"hash p --hash-file p3 --range {at}")["hash"] for at in ranges]
         self.assertEqual(self.call(f"p3 p {' '.join(ranges)}".replace(":", " "), program=ORACLE).stdout.split(), hashes)

@@ -79,12 +79,21 @@ Json jsonOf(const std::optional<InfoResult::Recorded>& recorded)
     if (!recorded) {
         return nullptr;
     }
-    const auto& [record, doubt] = *recorded;
+    const Record& record = recorded->record;
     return {{"clean", record.standing == Record::Standing::True},
             {"image", record.image.identity.path},
             {"size", record.image.marks.size},
-            {"marks", record.image.marks.traits},
-            {"verdict", doubt.isAny() ? doubt.text : "unchanged"}};
+            {"marks", record.image.marks.traits}};
+}
+
+// What another command would find now.
+Json freshness(const std::optional<InfoResult::Recorded>& recorded)
+{
+    if (!recorded) {
+        return {{"image", nullptr}, {"believed", false}, {"doubt", "there is no record"}};
+    }
+    const auto& [record, doubt] = *recorded;
+    return {{"image", record.image.identity.path}, {"believed", !doubt.isAny()}, {"doubt", doubt.text}};
 }
 
 Json treeOf(const SyncResult& result)
@@ -185,7 +194,8 @@ std::string jsonOf(const InfoResult& result)
                    {"fileSize", result.fileSize},
                    {"sizeOnDisk", result.sizeOnDisk},
                    {"map", result.map},
-                   {"record", jsonOf(result.recorded)}});
+                   {"record", jsonOf(result.recorded)},
+                   {"freshness", freshness(result.recorded)}});
 }
 
 std::string jsonOf(const InvalidateResult& result)
