@@ -253,6 +253,7 @@ void LocalSide::read(const std::vector<Range>& ranges, const Sink& sink)
     const auto readAndHash = [&](const Sink& hashed) {
         pump([&](const Sink& found) { readData(ranges, found); }, [&](Piece piece) { hash(std::move(piece), hashed); });
     };
+    m_hasLearnt = true;
     pump(readAndHash, sink);
     if (ranges.size() == 1 && ranges.front().length == m_image.size()) {
         m_hashed->belief().confirm();
@@ -342,6 +343,9 @@ void LocalSide::abandon()
 // that was wrong may differ in more than was found.
 const Conclusion& LocalSide::conclude()
 {
+    if (std::exchange(m_hasLearnt, false)) {
+        m_hashed->belief().flushHashes();
+    }
     m_conclusion = m_hashed->conclude(m_whenOpened && m_common.trust == Trust::Everything);
     const std::optional<std::int64_t> wrong = m_hashed->contradictedAt();
     if (wrong && !m_hashed->belief().holds() && m_conclusion.isUnchanged && !m_conclusion.isOpenForWriting) {

@@ -89,6 +89,7 @@ private:
     std::int64_t m_compared = 0;    // whole blocks
     std::vector<Digest> m_lowNodes; // their digests, of which those of high nodes are made
     std::deque<std::vector<Digest>> m_digests;
+    bool m_hasLearnt = false; // hashes that are not yet on the disk
     std::unique_ptr<Writer> m_writer;
     Conclusion m_conclusion;
 };
