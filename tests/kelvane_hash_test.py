@@ -352,9 +352,15 @@ class KelvaneHash(Case):
             flushes = calls.count("fsync b")
             self.assertTrue(flushes <= 10 if clock == "1" else flushes > 10, (command, flushes))
             flip("b" if "-j 1" in command else "a", *range(0, 90 << 20, 1 << 20))
-        for name in "b", "b.hashes":
-            fails = {"SHIM_AT": f"fsync {name}", "SHIM_DO": "fail"}
-            self.check_complaint("sync a b", "b.*: cannot flush: Input/output", shim=fails)
+        Path("a").write_bytes(randbytes(130 << 20))
+        for size, at, error in (
+                (90 << 20, "fsync b", 5), (90 << 20, "fsync b.hashes", 5), (BLOCK, "fsync b", 30), (0, "await b", 30),
+                (BLOCK, "fsync b.hashes#2", 5), (0, "pwrite b.hashes#4,pwrite b.hashes#5", 5)):
+            os.truncate("b", size)
+            self.call("build b --adopt")
+            fails = {"SHIM_AT": at, "SHIM_DO": f"fail {error}"}
+            self.check_complaint("sync a b", f"b.*: {os.strerror(error)}", shim=fails)
+            self.assertRegex(Path("b.hashes.state").read_text(), "open|flush failed", at)
         self.call("verify b --mark")
 
     def test_a_failed_store_leaves_no_half_hash(self):

@@ -4,7 +4,8 @@
 //                 more than a page, or its mapping
 //     SHIM_RANGES set where what is written is to be told, too: "pwrite disk.img 4096 512"
 //     SHIM_AT     before which calls SHIM_DO is done: numbers and names with commas between; "open a#2" is the second
-//     SHIM_DO     "fail" (all of them, with EIO); or, once, numbers of signals that are raised, or a shell command; or
+//     SHIM_DO     "fail" (all of them, with EIO or the number of an error behind it); or, once, numbers of signals that
+//     are raised, or a shell command; or
 //                 "each" and a shell command that is done every time
 //     SHIM_BOOT   the file that stands for the identity of this start of the machine
 //     SHIM_NAMED  set where the file system cannot make files without names
@@ -79,8 +80,8 @@ bool isOfSystem(int fd)
 bool act(const std::string& action)
 {
     static std::atomic_flag isDone;
-    if (action == "fail") {
-        errno = EIO;
+    if (action.starts_with("fail")) {
+        errno = action == "fail" ? EIO : std::stoi(action.substr(5));
         return true;
     }
     const bool isEach = action.starts_with("each ");
@@ -200,6 +201,14 @@ int fsync(int fd)
     note("fsynced " + nameOf(fd));
     errno = error;
     return result;
+}
+
+int sync_file_range(int fd, off64_t offset, off64_t length, unsigned flags)
+{
+    const bool isAwaited = (flags & SYNC_FILE_RANGE_WAIT_AFTER) != 0;
+    return isAwaited && note("await " + nameOf(fd))
+        ? -1
+        : next("sync_file_range", sync_file_range)(fd, offset, length, flags);
 }
 
 int ftruncate64(int fd, off64_t length) noexcept

@@ -104,7 +104,7 @@ Json treeOf(const SyncResult& result)
     }
     Json json = {{"verdict", nameOf(result.verdict)},
                  {"equal", isGood(result.verdict)},
-                 {"bytesCompared", result.size},
+                 {"bytesCompared", result.comparison.bytes},
                  {"bytesCopied", totalLength(result.comparison.differing)},
                  {"ranges", result.comparison.differing.size()},
                  {"comparisons", result.comparison.comparisons},

@@ -183,10 +183,10 @@ std::string textOf(const SyncResult& result)
         text += "changed: " + result.destination + " was changed by something else while this ran; run it again\n";
     }
     const Comparison& comparison = result.comparison;
-    text += counted(result.size, "byte") + " compared by " + counted(comparison.comparisons, "comparison") + " and "
-        + counted(comparison.bytesRead, "byte") + " of data read, " + counted(totalLength(comparison.differing), "byte")
-        + (result.isForeseen ? " to be copied in " : " copied in ") + counted(std::ssize(comparison.differing), "range")
-        + ", " + human(result.time) + "\n";
+    text += counted(comparison.bytes, "byte") + " compared by " + counted(comparison.comparisons, "comparison")
+        + " and " + counted(comparison.bytesRead, "byte") + " of data read, "
+        + counted(totalLength(comparison.differing), "byte") + (result.isForeseen ? " to be copied in " : " copied in ")
+        + counted(std::ssize(comparison.differing), "range") + ", " + human(result.time) + "\n";
     if (result.wasMade) {
         text += result.destination + (result.isForeseen ? ": to be made\n" : ": made\n");
     } else if (result.formerSize) {

@@ -147,7 +147,7 @@ SyncResult foresee(Side& source, Side& destination, const PairArguments& argumen
                                       : Verdict::Different,
             .source = source.name(),
             .destination = destination.name(),
-            .size = compared,
+            .size = size,
             .comparison = std::move(comparison),
             .time = std::chrono::steady_clock::now() - start,
             .wasMade = found.isMissing,

@@ -24,7 +24,7 @@ struct SyncResult {
     Verdict verdict;
     std::string source;
     std::string destination;
-    std::int64_t size; // of the source, or as much of it as was compared
+    std::int64_t size; // of the source
     Comparison comparison;
     std::chrono::nanoseconds time;
     bool wasMade;                           // the destination

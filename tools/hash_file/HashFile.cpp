@@ -382,7 +382,7 @@ void HashFile::dropCache() const
 
 Store HashFile::anotherStore(Store::Access access) const
 {
-    return {m_path, m_lock->file().place(), m_geometry, access};
+    return {m_path, m_lock->file().place(), m_geometry, access, m_hasLostWrites};
 }
 
 void HashFile::reopenStore()

@@ -89,6 +89,9 @@ public:
     // the next run checks the hashes. Fails when the old one stands all the same, and says that they are true.
     void write(Record record);
 
+    // Whether a change of its hashes may not have reached the disk, or done so by half.
+    bool hasLostWrites() const { return *m_hasLostWrites; }
+
     // Forgets what the system holds of it in memory, as far as that can be done.
     void dropCache() const;
 
@@ -113,6 +116,7 @@ private:
     std::optional<Record> m_record;
     Geometry m_geometry;
     Traits m_state;
+    std::shared_ptr<std::atomic<bool>> m_hasLostWrites = std::make_shared<std::atomic<bool>>(false);
     std::unique_ptr<Store> m_store;
 };
 

@@ -4,15 +4,18 @@
 #include <cerrno>
 #include <kelvane/TargetSource.h>
 #include <span>
+#include <utility>
 
 #include "base/Bytes.h"
 #include "base/Interrupt.h"
 
 namespace kelvane::tool {
 
-Store::Store(const std::string& path, const std::string& place, const Geometry& geometry, Access access)
+Store::Store(const std::string& path, const std::string& place, const Geometry& geometry, Access access,
+             std::shared_ptr<std::atomic<bool>> hasLostWrites)
     : m_path(path)
     , m_geometry(geometry)
+    , m_hasLostWrites(std::move(hasLostWrites))
 {
     explaining(path, [&] {
         if (access == Access::Write) {
@@ -159,13 +162,16 @@ void Store::forgetWhenFailing(Range range, const std::function<void()>& operatio
 
 void Store::forget(Range range)
 {
-    if (m_store) {
-        try {
-            m_store->invalidate_hashes(onDevice(range), range.length);
-        } catch (const std::runtime_error&) {
-            // The failure that came first is reported.
-        }
-        static_cast<void>(m_store->sync_to_disk());
+    if (!m_store) {
+        return;
+    }
+    try {
+        m_store->invalidate_hashes(onDevice(range), range.length);
+    } catch (const std::runtime_error&) { // the failure that came first is reported
+        *m_hasLostWrites = true;
+    }
+    if (!m_store->sync_to_disk()) {
+        *m_hasLostWrites = true;
     }
 }
 
@@ -182,6 +188,7 @@ void Store::invalidate(Range range)
 void Store::sync()
 {
     if (m_store && !m_store->sync_to_disk()) {
+        *m_hasLostWrites = true;
         throw FlushFailed(m_path, "cannot flush: " + errorText(errno));
     }
 }

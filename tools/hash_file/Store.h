@@ -20,8 +20,10 @@ class Store {
 public:
     enum class Access { Write, Read };
 
-    // The path names the file in failures; `place` is where it is opened.
-    Store(const std::string& path, const std::string& place, const Geometry& geometry, Access access);
+    // The path names the file in failures; `place` is where it is opened. `hasLostWrites` is set when what was changed
+    // may not be on the disk, or a hash be there by half.
+    Store(const std::string& path, const std::string& place, const Geometry& geometry, Access access,
+          std::shared_ptr<std::atomic<bool>> hasLostWrites);
 
     std::int64_t blockSize() const { return m_geometry.blockSize; }
 
@@ -56,6 +58,7 @@ private:
 
     std::string m_path;
     Geometry m_geometry;
+    std::shared_ptr<std::atomic<bool>> m_hasLostWrites;
     std::unique_ptr<BlockHashStore> m_store; // one of these
     std::unique_ptr<HashFileInspector> m_inspector;
 };

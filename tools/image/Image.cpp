@@ -229,8 +229,9 @@ void Image::flush() const
     }
     const int error = errno;
     const bool isDropped = dropFromMemory(m_file);
-    // A file system that has stopped writing says that, too, whatever it has taken before.
-    if (error != EROFS || !isDropped) {
+    // A file system that has stopped writing says that, too, whatever it has taken before. What it had not taken it may
+    // have thrown away.
+    if (error != EROFS || !isDropped || m_isWriting) {
         failFlush(error);
     }
 }
@@ -253,9 +254,12 @@ void Image::beginWriteBack(Range range) const
 void Image::awaitWriteBack(Range range) const
 {
     constexpr unsigned ALL = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    if (!m_isBlockDevice && ::sync_file_range(m_file.get(), range.offset, range.length, ALL) != 0
-        && (errno == EIO || errno == ENOSPC || errno == EDQUOT)) {
-        failFlush(errno);
+    if (m_isBlockDevice || ::sync_file_range(m_file.get(), range.offset, range.length, ALL) == 0) {
+        return;
+    }
+    const int error = errno; // of the file system's own choice; no flush tells of it once more
+    if (error != ENOSYS && error != EINVAL && error != ESPIPE) {
+        failFlush(error);
     }
 }
 

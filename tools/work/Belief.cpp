@@ -100,7 +100,7 @@ void Belief::recordLostWrites()
 
 bool Belief::hasLostWrites()
 {
-    if (m_image.hasLostWrites() && !m_hasLostWrites) {
+    if ((m_image.hasLostWrites() || m_hashFile.hasLostWrites()) && !m_hasLostWrites) {
         recordLostWrites();
     }
     return m_hasLostWrites;
@@ -208,9 +208,10 @@ Conclusion Belief::conclude(bool isAnsweredFor)
     m_state.marks.doubt = now.marks.doubt; // whether a device counts is seen once it was read
     const std::string reason = reasonAgainst(found.isUnchanged, isAnsweredFor);
     const Doubt doubt = doubtAbout(m_hashFile.record(), m_hashFile.state(), m_state, {});
-    found.isRecorded = reason.empty() && (m_hashFile.isWritable() || !doubt.isAny());
+    const bool isKept = !hasLostWrites();
+    found.isRecorded = isKept && reason.empty() && (m_hashFile.isWritable() || !doubt.isAny());
     const bool saysMore = m_isMarked || (reason.empty() && doubt.isAny());
-    if (m_hasLostWrites || !m_hashFile.isWritable() || !saysMore) {
+    if (!isKept || !m_hashFile.isWritable() || !saysMore) {
         return found;
     }
     record(reason.empty() ? Record::Standing::True : Record::Standing::Unproven, reason);

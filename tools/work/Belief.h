@@ -58,8 +58,8 @@ public:
     // changed up to now is known. The conclusion says nothing of what was checked.
     Conclusion conclude(bool isAnsweredFor = false);
 
-    // To be called after a failure that may be that of a flush: true when it was, which is recorded. Nothing more may
-    // be written then.
+    // To be called after a failure that may be that of a flush: true when it was, of the image or of the hash file, or
+    // when a hash may be stored by half. That is recorded, and nothing more may be written then.
     bool hasLostWrites();
 
     // Whether something else has changed the hash file.

@@ -52,7 +52,7 @@ public:
         } else {
             compareAll();
         }
-        Comparison result {std::move(m_differing), m_comparisons, 0};
+        Comparison result {std::move(m_differing), isNew ? 0 : m_start.compared, m_comparisons, 0};
         for (StartedSide* const side : m_started) {
             result.bytesRead += side->started().bytesRead + (isNew ? 0 : m_tail.length);
         }

@@ -13,8 +13,9 @@ namespace kelvane::tool {
 
 struct Comparison {
     std::vector<Range> differing; // ascending, of whole blocks but for the images' ends
+    std::int64_t bytes = 0;       // that were compared: none where the second image was still to be made
     std::int64_t comparisons = 0; // pairs of hashes
-    std::int64_t bytesRead = 0;   // from both images
+    std::int64_t bytesRead = 0;   // from both images, to compare them
 };
 
 // Both sides, started, and what they differ in.

@@ -329,6 +329,7 @@ void LocalSide::abandon()
         if (m_writer && !m_hashed->belief().hasLostWrites()) {
             disbelieveUnlessAlone(m_writer->stop());
         }
+        m_writer.reset(); // once its last flush has ended
         m_image.endWriting();
         if (m_hashed) {
             m_hashed->belief().flushHashes();

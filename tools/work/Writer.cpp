@@ -55,6 +55,7 @@ void Writer::announce(const std::vector<Range>& ranges)
 void Writer::write(const Piece& piece)
 {
     throwWhenInterrupted();
+    m_hashed.belief().mark(); // also where no hash is known: what a run that is cut short leaves in memory may be lost
     m_hasForgotten = forget(piece.range) || m_hasForgotten; // nobody need have announced it
     if (std::exchange(m_hasForgotten, false)) {
         m_hashed.belief().flushHashes();
@@ -112,7 +113,8 @@ void Writer::remember(Range blocks, const DigestBytes& digests)
     }
 }
 
-// What is written meanwhile is flushed next.
+// What is written meanwhile is flushed next. How a flush has ended is looked at soon: until then nothing but this
+// program knows that it has failed.
 void Writer::flushWhenDue()
 {
     const auto isAbove = [&](int share) {
@@ -121,9 +123,11 @@ void Writer::flushWhenDue()
     const bool isDue
         = m_batch.bytes > MOST_BYTES || isAbove(1) || std::chrono::steady_clock::now() - m_batch.begin > LONGEST;
     const bool isFree = !m_flush.valid() || m_flush.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    if (isDue && (isFree || isAbove(2))) {
+    if (isFree || isAbove(2)) {
         endFlush();
-        beginFlush();
+        if (isDue) {
+            beginFlush();
+        }
     }
 }
 
@@ -138,7 +142,7 @@ void Writer::endFlush()
     if (!m_flush.valid()) {
         return;
     }
-    m_flush.get();
+    awaitFlush();
     for (const auto& [blocks, digests] : m_flushed.written) {
         m_hashed.belief().mark();
         m_hashed.store().store(blocks, digests);
@@ -147,6 +151,16 @@ void Writer::endFlush()
         m_destination.drop(range);
     }
     m_flushed = {};
+}
+
+void Writer::awaitFlush()
+{
+    try {
+        m_flush.get();
+    } catch (const FlushFailed&) {
+        m_hashed.belief().hasLostWrites(); // which records it
+        throw;
+    }
 }
 
 // No hash is forgotten: the bytes are the same before and after.

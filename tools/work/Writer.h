@@ -59,6 +59,7 @@ private:
     void flushWhenDue();
     void beginFlush();
     void endFlush();
+    void awaitFlush();
 
     Image& m_destination;
     HashedImage& m_hashed;
