@@ -28,7 +28,7 @@ enum class HashFileFault {
 //   catch (const std::runtime_error& failure) {
 //       const auto* const finding = dynamic_cast<const HashFileFinding*>(&failure); // null for other failures
 struct KELVANE_EXPORT HashFileFinding {
-    HashFileFault fault = HashFileFault::None;
+    HashFileFault fault = HashFileFault::None; // None: a hash file that fits its header
     std::uint64_t offset = 0; // of the header's field that the check looks at, in bytes; 0 for those before the header
     int error = 0;            // the system's error number, for Status, Opening and Reading; 0 where it did not fail
     std::uint64_t fileSize = 0; // in bytes; 0 for Status and FileType

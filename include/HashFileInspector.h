@@ -36,6 +36,7 @@ public:
 
     // One that was moved from can only be destroyed or assigned to.
     HashFileInspector(HashFileInspector&& other) noexcept;
+    // Closes its own hash file, and takes the other one's.
     HashFileInspector& operator=(HashFileInspector&& other) noexcept;
 
     // Looks whether the file at `path` can be opened as a hash file, and why not, without the failures of opening:
@@ -45,13 +46,13 @@ public:
 
     // What the header held when the file was opened.
     uint64_t magic_number() const;
-    uint64_t version() const;
+    uint64_t version() const;                         // 0, the only one there is
     uint64_t data_region_offset_in_bytes() const;     // where the entries start in the file
     uint32_t block_size_in_bytes() const;             // above 0
     kelvane_size_t target_size_in_bytes() const;      // the target's end, an external offset
     kelvane_size_t partition_offset_in_bytes() const; // the external offset of block 0; not checked against the end
-    HashFunctionType hash_function_type() const;
-    kelvane_size_t hash_size_in_bytes() const; // of one digest
+    HashFunctionType hash_function_type() const;      // by which the blocks were hashed
+    kelvane_size_t hash_size_in_bytes() const;        // of one digest
 
     kelvane_size_t file_size_in_bytes() const; // when it was opened
 

@@ -16,6 +16,7 @@ namespace kelvane {
 // A stretch of target data: bytes in the lender's memory, or zeros, which need no memory at all.
 class LentData {
 public:
+    // The `length` bytes at `bytes`, which stay the lender's.
     LentData(const void* bytes, kelvane_buf_len_t length)
         : m_bytes(static_cast<const char*>(bytes))
         , m_length(length)
@@ -23,6 +24,7 @@ public:
     }
 
 #if __cplusplus >= 202002L
+    // The same, as a span.
     LentData(std::span<const std::byte> bytes)
         : LentData(bytes.data(), static_cast<kelvane_buf_len_t>(bytes.size()))
     {
@@ -37,14 +39,17 @@ public:
         return data;
     }
 
+    // The first byte, in the lender's memory; null for zeros.
     const char* bytes() const
     {
         return m_bytes;
-    } // null for zeros
+    }
+    // In bytes, for zeros too.
     kelvane_buf_len_t length() const
     {
         return m_length;
     }
+    // Whether it is zeros without memory; bytes that happen to be zero are not.
     bool areZeros() const
     {
         return m_areZeros;
@@ -86,6 +91,7 @@ public:
     }
 
 #if __cplusplus >= 202002L
+    // The same, as a span.
     MemorySource(kelvane_off_t offset, std::span<const std::byte> bytes)
         : MemorySource(offset, bytes.data(), static_cast<kelvane_buf_len_t>(bytes.size()))
     {
