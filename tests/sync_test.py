@@ -3,9 +3,7 @@ import json, os, resource, shutil, subprocess
 from pathlib import Path
 from random import randbytes
 
-from program import BLOCK, DEVICE, PROGRAM, RELAY, Case, built, doubt_here, drop_override, flip, main
-
-FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
+from program import BLOCK, DEVICE, FAR, Case, built, doubt_here, drop_override, flip, main
 
 
 def on_disk(name):

@@ -10,9 +10,9 @@ from collections import Counter
 
 from disks import WRITERS
 from file_systems import images_are_believed
-from oracle import aggregate, blake2sp, read_entries
+from oracle import aggregate, known_are_true
+from program import PROGRAM, shimmed
 
-PROGRAM, SHIM = map(os.path.abspath, sys.argv[1:3])
 ROUNDS, SEED = (list(map(int, sys.argv[3:])) + [300, 1][len(sys.argv) - 3:])[:2]
 BLOCK, NAMES = 1024, ("a", "b")
 CALLS = {}  # how many a command made when nothing happened to it, of the last few times
@@ -76,14 +76,9 @@ def known_hashes_are_true(name, images):
     """For the image as it is, or as it was when the command began."""
     hash_file = content(name + ".hashes")
     for image in images:
-        try:
-            with contextlib.redirect_stdout(None):
-                block, _, entries = read_entries(hash_file, image)
-        except SystemExit:  # another size
-            continue
-        if all(entry[0] & 1 == 0 or entry[1:] == blake2sp(image[i * block:(i + 1) * block])
-               for i, entry in enumerate(entries[:len(image) // block])):
-            return True
+        with contextlib.suppress(SystemExit), contextlib.redirect_stdout(None):  # another size
+            if known_are_true(hash_file, image):
+                return True
     return False
 
 
@@ -211,8 +206,7 @@ def run_command(figures):
         options += ["--adopt"] if adopts and trust <= 0.95 else []
         options += ["--check"] if trust < 0.05 else ["--assume-unchanged"] if trust > 0.95 else []
         options += [f"--block-size={BLOCK}"]
-    environment = dict(os.environ, LD_PRELOAD=SHIM, SHIM_BOOT="boot", SHIM_LOG="calls",
-                       ASAN_OPTIONS="verify_asan_link_order=0")
+    environment = shimmed(SHIM_BOOT="boot", SHIM_LOG="calls")
     action = CHOICE.choice(("none", "kill", "change", "change", "change", "change"))
     what = action
     if action != "none":
