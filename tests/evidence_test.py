@@ -12,7 +12,7 @@ from subprocess import PIPE, STDOUT, Popen, TimeoutExpired, run
 
 from disks import (LIBC, MAKE, SIZE, WRITERS, Direct, Disks, Held, Mapped, Rows, SlowSource, Throttle, shut_down,
                    write)
-from program import BLOCK, FAR, PROGRAM, SHIM, drop_override, main, shimmed
+from program import BLOCK, FAR, PROGRAM, SHIM, doubt_here, drop_override, flip, main, shimmed
 
 BLOCKS = 50
 OTHER = b"written by somebody else".ljust(2 * BLOCK, b"!")
@@ -327,6 +327,27 @@ class Evidence(Disks):
                 write("m/a", PLACE, OTHER)
                 self.ask("hash m/a --hash-file=m/h")
 
+    def decay(self):
+        """A block of the image, on the disk."""
+        with open("m/a", "rb") as image:
+            disk = Path("m.disk").read_bytes()
+            write("m.disk", disk.index(image.read(BLOCK)), OTHER[:BLOCK])
+            os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+
+    def test_a_hash_found_wrong_by_copying(self):
+        for destination in "m/b", f"h:m/b {FAR}":
+            with self.row(destination):
+                self.file_system("ext4")
+                content = randbytes(BLOCKS * BLOCK)
+                self.put("m/a", content)
+                self.put("m/b", randbytes(BLOCK) + content[BLOCK:])
+                self.ask("build m/a")
+                self.believed("hash m/a")
+                self.decay()
+                self.check_complaint(f"sync m/a {destination}", "m/a: at offset 0: its hash was wrong, though recorded")
+                self.assertEqual(self.json(f"sync m/a {destination}")["freshness"][0]["checkedBlocks"], BLOCKS)
+                self.ask("diff m/a m/b")
+
     def test_hashes_found_wrong_in_a_hash_file_that_cannot_be_written(self):
         for name, options in ("mode", {"preexec_fn": drop_override}), ("mount", {}):
             with self.row(name):
@@ -339,12 +360,26 @@ class Evidence(Disks):
                 if name == "mount":
                     self.mount("m/h", "m/h", "--bind")
                     run(["mount", "-o", "remount,bind,ro", "m/h"], check=True)
-                with open("m/a", "rb") as image:  # a block decays on the disk
-                    disk = Path("m.disk").read_bytes()
-                    write("m.disk", disk.index(image.read(BLOCK)), OTHER[:BLOCK])
-                    os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+                self.decay()
                 self.assertEqual(self.ask("verify m/a --hash-file=m/h", **options)[0], 1)
                 self.ask("hash m/a --hash-file=m/h", **options)
+
+    def test_block_devices(self):
+        for access, believed in ("--read-only", not doubt_here()), ("--partscan", False):
+            with self.row(access):
+                self.put("disk", randbytes(200 * BLOCK + 512))
+                device, _ = self.attach("disk", access)
+                self.check_complaint(f"build {device}", "say where its hash file is, with --hash-file")
+                build = f"build {device} --hash-file hashes --adopt"
+                self.call(build)
+                self.assertEqual(self.json(build)["bytesRead"], 0 if believed else 200 * BLOCK)
+                flip("disk", 7 * BLOCK)  # the device, and what the system holds of it, know nothing of that
+                self.assertEqual(self.json(build)["freshness"]["repairedBlocks"], 1)
+                if access == "--partscan":
+                    self.put("new", randbytes(200 * BLOCK + 512))
+                    self.call(f"sync new {device} --dest-hash-file hashes --verify --adopt")
+                    self.assertEqual(Path("disk").read_bytes(), Path("new").read_bytes())
+                    self.assertIn(f"by {device};", self.call("build disk", 1).stdout)
 
     def test_the_file_beneath_a_mounted_disk_is_no_destination(self):
         with self.row():
