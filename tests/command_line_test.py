@@ -62,7 +62,7 @@ class CommandLine(Case):
         images()
         self.call("build a")
         Path("list").write_text("0 + 1\n")
-        for closed in (0, 1, 2), (2,), (0, 2), (1,):
+        for closed in (0, 1, 2), (2,), (0, 2), (1,), (0,), (1, 2):
             flip("a", 5 * BLOCK)  # so that a note is made
             expect = 2 if 1 in closed else 0
             for command, code in (("sync a b --progress json", expect), ("build a --check", expect),

@@ -8,7 +8,7 @@ from pathlib import Path
 from subprocess import DEVNULL, PIPE, Popen, TimeoutExpired, run
 
 import oracle
-from program import BLOCK, PROGRAM, SHIM, Case
+from program import BLOCK, PROGRAM, Case, shimmed
 
 LIBC = ctypes.CDLL(None, use_errno=True)
 CALLS = {"x86_64": {"userfaultfd": 323, "io_setup": 206, "io_destroy": 207, "io_getevents": 208, "io_submit": 209},
@@ -52,14 +52,6 @@ def on_disk(path):
         return memory[:size]
     finally:
         os.close(reader)
-
-
-def known_are_true(hash_file, image):
-    """Whether every known hash is that of the image's bytes."""
-    block, _, entries = oracle.read_entries(hash_file, image)
-    whole = len(image) // block
-    return all(entry[0] & 1 == 0 or entry[1:] == oracle.blake2sp(image[i * block:(i + 1) * block])
-               for i, entry in enumerate(entries[:whole]))
 
 
 # How other programs write. Each has the image open from the start until `close`.
@@ -279,7 +271,7 @@ class Rows(Case):
         """A command's exit code and its answer, which is true where that is 0, of what the disks hold. Not so while
         there is a list of writes that begin: these go on when the command does not end without them."""
         if shim:
-            options["env"] = dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
+            options["env"] = shimmed(**shim)
         with Popen([PROGRAM, *command.split(), "--json"], stdout=PIPE, stderr=PIPE, text=True, **options) as process:
             try:
                 output, complaint = process.communicate(timeout=60 if writes is None else 1)
@@ -304,7 +296,7 @@ class Rows(Case):
             return True
         if kind in ("diff", "sync") and contents[0] != contents[1][:len(contents[0])]:
             return False
-        return all(map(known_are_true, map(on_disk, hash_files), contents))
+        return all(map(oracle.known_are_true, map(on_disk, hash_files), contents))
 
     @staticmethod
     def writers(answer):

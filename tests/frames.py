@@ -1,13 +1,15 @@
 """What two sides say to each other, byte by byte, as docs/protocol.md has it."""
-import struct
+import os, struct
+from pathlib import Path
+from subprocess import DEVNULL, run
 
 from oracle import blake2sp
-from program import BLOCK
+from program import BLOCK, PROGRAM, Case, shimmed
 
 HELLO, OPEN, OPENED, START, STARTED, PROGRESS, ASK_NODES, ASK_BYTES, DIGESTS, READ, DATA, END, START_WRITING = \
     1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14
 DROP_CACHE, DISTRUST, CONCLUDE = 10, 16, 17
-ERROR, NOTE, ANNOUNCE = 19, 21, 22
+ERROR, ALIVE, NOTE, ANNOUNCE = 19, 20, 21, 22
 
 
 def string(text):
@@ -64,6 +66,34 @@ def data(offset, content, of_blocks=False):
     blocks = (content[i:i + BLOCK] for i in range(0, len(content), BLOCK))
     digest = blake2sp(b"".join(map(blake2sp, blocks)) if of_blocks else content)
     return frame(DATA, struct.pack("<qqBB", offset, len(content), 1, of_blocks) + digest + content)
+
+
+def opened(size, missing=0, device=0):
+    return frame(OPENED, struct.pack("<qIBB", size, 0o600, missing, device) + string("h") + struct.pack("<I", BLOCK))
+
+
+class OneSided(Case):
+    """Tests that play the other side."""
+
+    def against(self, command, script, *options, expect=2, **environment):
+        """What the program says when this script is what leads to the other machine."""
+        Path("peer").write_text(f"#!/bin/sh\n{script}\n")
+        os.chmod("peer", 0o755)
+        done = run([PROGRAM, *command.split(), "--rsh", "./peer", *options], capture_output=True, text=True, timeout=60,
+                   stdin=DEVNULL, env=shimmed(**environment) if environment else None)
+        self.assertEqual(done.returncode, expect, done)
+        return done.stderr
+
+    def serve(self, frames, *arguments, **environment):
+        """What a server answers last, as a type and its bytes."""
+        done = run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=60,
+                   env=shimmed(**environment) if environment else None)
+        answer, rest = (0, b""), done.stdout
+        while rest:
+            length, kind = struct.unpack("<IB", rest[:5])
+            answer, rest = (kind, rest[13:13 + length]), rest[13 + length:]
+        self.assertEqual(done.returncode, 2 if answer[0] == ERROR else 0)
+        return answer
 
 
 # Pieces that begin inside a block and reach beyond its end: what they add up to has no limit.

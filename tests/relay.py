@@ -12,21 +12,11 @@ HOLD_TYPE, HOLD_COUNT = map(int, os.environ.get("RELAY_HOLD", "0 0").split())
 count, came, lock, released = 0, 0, threading.Lock(), threading.Event()
 
 
-def exactly(source, size):
-    data = b""
-    while len(data) < size:
-        piece = source.read(size - len(data))
-        if not piece:
-            return None
-        data += piece
-    return data
-
-
 def pass_on(direction, source, target, server):
     global count, came
-    while header := exactly(source, 13):
-        payload = exactly(source, struct.unpack("<I", header[:4])[0])
-        if payload is None:
+    while len(header := source.read(13)) == 13:
+        size = struct.unpack("<I", header[:4])[0]
+        if len(payload := source.read(size)) < size:
             break
         frame = bytearray(header + payload)
         if direction == "<" and header[4] == HOLD_TYPE:

@@ -1,13 +1,15 @@
 """kelvane-hash between two machines: remote_test.py PROGRAM SHIM. The other machine is reached through relay.py, which
 disturbs the line, or it is played by this test, which then does not keep to the protocol."""
 import fcntl, json, os, shlex, shutil, struct, subprocess, sys, time
+from itertools import product
 from pathlib import Path
 from random import randbytes
 
-from frames import (ANNOUNCE, ASKEW, ASK_BYTES, ASK_NODES, DATA, DIGESTS, END, ERROR, HELLO, NOTE, OPENED, PROGRESS, READ,
-                    STARTED, START_WRITING, data, encoded, frame, hello, opening, start, string)
-from oracle import blake2sp, read_entries
-from program import BLOCK, PROGRAM, RELAY, SHIM, Case, doubt_here, flip, main
+from frames import (ALIVE, ANNOUNCE, ASKEW, ASK_BYTES, ASK_NODES, CONCLUDE, DATA, DIGESTS, DISTRUST, DROP_CACHE, END,
+                    ERROR, HELLO, NOTE, OPENED, PROGRESS, READ, STARTED, START_WRITING, OneSided, encoded, frame, hello,
+                    opened, opening, start)
+from oracle import known_are_true
+from program import BLOCK, FAR, PROGRAM, RELAY, doubt_here, flip, main
 
 # Runs a command and tells the memory of its largest process in KiB. Python in between, for a process begins with the
 # peak of the one that it was forked from.
@@ -17,7 +19,7 @@ print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
 sys.exit(code)"""
 
 
-class RemoteCase(Case):
+class RemoteCase(OneSided):
     def images(self):
         shutil.rmtree("there", ignore_errors=True)
         for path in Path().glob("near*"):
@@ -33,20 +35,13 @@ class RemoteCase(Case):
         for name in "near", "there/far":
             self.call(f"build {name}")
 
-    def remote(self, command, expect=0, timeout=60, **relay):
+    def remote(self, command, expect=0, **relay):
         environment = dict(os.environ, **{"RELAY_" + name.upper(): str(value) for name, value in relay.items()})
-        done = subprocess.run([PROGRAM, *command.split(), "--rsh", str(RELAY), "--remote-program", PROGRAM,
-                               "--timeout", "1" if relay.get("do") == "silence" else "30"],
-                              capture_output=True, text=True, timeout=timeout, env=environment)
-        if expect is not None:
-            self.assertEqual(done.returncode, expect, done)
-        return done
+        timeout = 1 if relay.get("do") == "silence" else 30
+        return self.call(f"{command} {FAR} --timeout {timeout}", expect, env=environment)
 
     def check_known(self, name):
-        image = Path(name).read_bytes()
-        block, _, entries = read_entries(Path(name + ".hashes").read_bytes(), image)
-        for i, entry in enumerate(entries[:len(image) // block]):
-            self.assertTrue(entry[0] == 0 or entry[1:] == blake2sp(image[i * block:(i + 1) * block]), (name, i))
+        self.assertTrue(known_are_true(Path(name + ".hashes").read_bytes(), Path(name).read_bytes()), name)
 
 
 class Remote(RemoteCase):
@@ -187,14 +182,11 @@ class Remote(RemoteCase):
     def test_options_reach_the_other_side(self):
         self.images()
         told = encoded(hello(timeout=9) + opening("x", True, "y", trust=1, jobs=3, level=7, rate=1 << 20))
-        Path("liar").write_text(f"#!/bin/sh\nhead -c {len(told)} >got; cat answer; exec cat >/dev/null\n")
-        os.chmod("liar", 0o755)
         for capabilities, text in (0xFFFFFFFF, "enough"), (0xFFFFFFFE, "has no zstd"):
             Path("answer").write_bytes(encoded(hello(capabilities=capabilities) + frame(ERROR, b"enough")))
-            done = subprocess.run([PROGRAM, "sync", "near", "h:x", "--rsh", "./liar", "--jobs", "3", "--compress=7",
-                                   "--bwlimit", "1M", "--check", "--timeout", "9", "--dest-hash-file", "y"],
-                                  capture_output=True, text=True)
-            self.assertRegex(done.stderr, rf"\Akelvane-hash: h: .*{text}.*\n\Z")
+            complaint = self.against("sync near h:x --jobs 3 --compress=7 --bwlimit 1M --check --timeout 9 "
+                                     "--dest-hash-file y", f"head -c {len(told)} >got; cat answer; exec cat >/dev/null")
+            self.assertRegex(complaint, rf"\Akelvane-hash: h: .*{text}.*\n\Z")
             self.assertEqual(Path("got").read_bytes(), told)
 
     def test_whatever_happens_to_the_line_nothing_is_untrue(self):
@@ -207,23 +199,22 @@ class Remote(RemoteCase):
             frames = len(Path("log").read_text().splitlines())
             for at in range(1, frames + 1):
                 for do in ("cut", "truncate", "flip") + (("silence",) if at % 9 == 4 else ()):
-                    for name in "near", "near.hashes", "near.hashes.state", "there":
-                        path = Path(name)
-                        shutil.rmtree(name) if path.is_dir() else path.unlink()
-                    for name in os.listdir("kept"):
-                        copy = shutil.copytree if os.path.isdir("kept/" + name) else shutil.copy2
-                        copy("kept/" + name, name)
+                    subprocess.run("rm -rf near* there; cp -a kept/. .", shell=True, check=True)
                     with self.subTest(f"{command}, {do} at {at} of {frames}"):
                         done = self.remote(command, None, at=at, do=do)
                         self.assertIn(done.returncode, (2,) if do == "flip" else (0, 1, 2), done)
                         if done.returncode == 0:
                             self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
-                        self.wait_for_server(destination)
-                        for name in "near", "there/far":
-                            self.check_known(name)
-                        self.remote(command)
-                        self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
-                        self.check_known(destination)
+                        self.recover(command, destination)
+
+    def recover(self, command, destination):
+        """What is known after a failure is true, and the same command makes all good."""
+        self.wait_for_server(destination)
+        for name in "near", "there/far":
+            self.check_known(name)
+        self.remote(command)
+        self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+        self.check_known(destination)
 
     def wait_for_server(self, name):
         released = subprocess.run(["flock", "--wait", "60", name + ".hashes", "true"])
@@ -255,25 +246,18 @@ class Remote(RemoteCase):
             flip("near", *range(0, 60 * BLOCK, BLOCK))
             self.call("build near")
             Path("log").write_text("")
-            client = subprocess.Popen([PROGRAM, *command.split(), "--rsh", RELAY, "--remote-program", PROGRAM,
-                                       f"--bwlimit={BLOCK}"], stdout=subprocess.DEVNULL,
-                                      env=dict(os.environ, RELAY_LOG="log"))
+            client = subprocess.Popen([PROGRAM, *f"{command} {FAR} --bwlimit={BLOCK}".split()],
+                                      stdout=subprocess.DEVNULL, env=dict(os.environ, RELAY_LOG="log"))
             while client.poll() is None and Path("log").read_text().count(f" {DATA} ") < 2:  # of 60, a second each
                 time.sleep(0.01)
             client.kill()
             self.assertEqual(client.wait(), -9)
-            self.wait_for_server("there/far")
-            for name in "near", "there/far":
-                self.check_known(name)
-            self.remote(command)
-            self.assertEqual(Path("near").read_bytes(), Path("there/far").read_bytes())
+            self.recover(command, "there/far")
             for name in "near", "there/far":
                 self.check_hash_file(name)
 
     def test_no_more_bytes_per_second_than_are_allowed(self):
         """By the program's own clock, which runs fast here; the limit is far below what it does without one."""
-        fast = dict(os.environ, LD_PRELOAD=SHIM, SHIM_CLOCK="20", RELAY_LOG="log",
-                    ASAN_OPTIONS="verify_asan_link_order=0")
         for command in self.PUSH, self.PULL:
             seconds, rate = 0, 0
             for _ in "without", "with":
@@ -281,10 +265,9 @@ class Remote(RemoteCase):
                 flip("near", *range(0, 20 * BLOCK, BLOCK))
                 self.call("build near")
                 Path("log").write_text("")
-                done = subprocess.run([PROGRAM, *command.split(), "--rsh", RELAY, "--remote-program", PROGRAM, "--json",
-                                       "--timeout", "86400", f"--bwlimit={rate}"], capture_output=True, text=True, env=fast)
-                self.assertEqual(done.returncode, 0, done)
-                free, limit, seconds = seconds, rate, json.loads(done.stdout)["seconds"]
+                done = self.json(f"{command} {FAR} --timeout 86400 --bwlimit={rate}",
+                                 shim={"SHIM_CLOCK": "20", "RELAY_LOG": "log"})
+                free, limit, seconds = seconds, rate, done["seconds"]
                 rate = int(20 * BLOCK / seconds / 5)
             frames = [line.split() for line in Path("log").read_text().splitlines()]
             sent = [int(size) for way, kind, size in frames  # of which each one waits for those before it
@@ -295,10 +278,10 @@ class Remote(RemoteCase):
 
     def test_a_server_that_does_not_keep_to_the_protocol(self):
         self.images()
-        opened = frame(OPENED, struct.pack("<qIBB", 60 * BLOCK + 99, 0o600, 0, 0) + string("h") + struct.pack("<I", BLOCK))
+        there = opened(60 * BLOCK + 99)
         started = frame(STARTED, struct.pack("<qqBI", 0, 0, 0, 0))
         digests = [frame(DIGESTS, struct.pack("<I", count) + bytes(32 * count) + b"\0") for count in range(61)]
-        answers = hello() + opened + started + digests[1] + digests[1]  # of the end, of all, of pairs, of blocks
+        answers = hello() + there + started + digests[1] + digests[1]  # of the end, of all, of pairs, of blocks
         reading = answers + digests[30] + digests[60]
         lies = {
             "closed": ([], "ended with 0"), "text": ([b"Welcome to this machine!\n" * 10], "Welcome to this machine!"),
@@ -308,18 +291,22 @@ class Remote(RemoteCase):
             "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"),
             "order": (hello() + started, "type 5"),
             "short": (hello() + frame(OPENED, bytes(9)), "too short"),
-            "excess": (hello() + opened + started + started, "type 5"),
+            "excess": (hello() + there + started + started, "type 5"),
             "negative": (hello() + frame(OPENED, b"\xff" * 50), "too large"),
-            "silence": (hello() + opened, "no sign of life"),
-            "error": (hello() + opened + frame(PROGRESS, struct.pack("<I", 2) + b"\xff\n" + bytes(16))
+            "silence": (hello() + there, "no sign of life"),
+            "error": (hello() + there + frame(PROGRESS, struct.pack("<I", 2) + b"\xff\n" + bytes(16))
                       + frame(NOTE, b"h\n\x1b") + frame(ERROR, b"on\n\x1b\xc2\x9bfire" + bytes(9999)),
                       r"on\?\?\?fire\?{100,999}\.\.\."),
-            "sum": (hello() + opened + frame(STARTED, struct.pack("<qqBI", 0, (1 << 63) - 1, 0, 0)), "too large"),
-            "new blocks": (hello() + opened + frame(STARTED, struct.pack("<qqBI2q", 0, 0, 0, 2, 7, 7)), "out of order"),
-            "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + opened + opened, "type 3"),
+            "sum": (hello() + there + frame(STARTED, struct.pack("<qqBI", 0, (1 << 63) - 1, 0, 0)), "too large"),
+            "new blocks": (hello() + there + frame(STARTED, struct.pack("<qqBI2q", 0, 0, 0, 2, 7, 7)), "out of order"),
+            "count": (answers + digests[7], "another number of hashes"), "lost": (hello() + there + there, "type 3"),
             "unasked": (reading + frame(DATA, struct.pack("<qqB", 5 * BLOCK, 9 << 40, 0)), "too large"),
             "behind": (reading + frame(DATA, struct.pack("<qqB", 1 << 40, BLOCK, 0)), "too large"),
             "gap": (reading + frame(DATA, struct.pack("<qqB", BLOCK, BLOCK, 0)), "data is missing"),
+            "missing": (hello() + opened(0, 1), "far: the program there says that it is missing"),
+            "missing, a size": (hello() + opened(60 * BLOCK, 1), "missing and is not"),
+            "missing, a device": (hello() + opened(0, 1, 1), "missing and is not"),
+            "alive": (hello() + frame(ALIVE, b"x"), "too long"),
             "bomb": (reading + frame(DATA, struct.pack("<qqBB", 0, 60 * BLOCK, 2, 1) + bytes(64)),
                      "compressed data is damaged"),
             "askew": (reading + ASKEW[0], "parts of several blocks"),
@@ -330,28 +317,13 @@ class Remote(RemoteCase):
         for name, (answer, text) in lies.items():
             Path("answer").write_bytes(encoded(answer))
             deaf = "exec <&-; " if name == "error" else ""  # what is sent to it fails before its error is read
-            Path("liar").write_text(f"#!/bin/sh\n{deaf}cat answer; {ends.get(name, 'cat >/dev/null')}\n")
-            os.chmod("liar", 0o755)
             with self.subTest(name):
-                done = subprocess.run([PROGRAM, "sync", "h:there/far", "near", "--rsh", "./liar", "--timeout",
-                                       "1" if name == "silence" else "30", "--progress", "json"],
-                                      capture_output=True, text=True, timeout=60)
-                self.assertEqual(done.returncode, 2, done)
-                self.assertRegex(done.stderr, rf"\A(.* note: .*\n|{{.*\n)*kelvane-hash: h: .*{text}.*\n\Z")
+                told = self.against("sync h:there/far near --progress json",
+                                    f"{deaf}cat answer; {ends.get(name, 'cat >/dev/null')}",
+                                    "--timeout", "1" if name == "silence" else "30")
+                self.assertRegex(told, rf"\A(.* note: .*\n|{{.*\n)*kelvane-hash: h: ?.*{text}.*\n\Z")
                 self.assertEqual(Path("near").read_bytes()[BLOCK:], before[BLOCK:])
                 self.check_known("near")
-
-    def serve(self, frames, *arguments, **environment):
-        """What a server answers last, as a type and a text."""
-        done = subprocess.run([PROGRAM, "serve", *arguments], input=encoded(frames), capture_output=True, timeout=20,
-                              env=dict(os.environ, ASAN_OPTIONS="verify_asan_link_order=0", **environment))
-        answers, rest = [(0, "")], done.stdout
-        while rest:
-            length, kind = struct.unpack("<IB", rest[:5])
-            answers.append((kind, rest[13:13 + length].decode(errors="replace")))
-            rest = rest[13 + length:]
-        self.assertEqual(done.returncode, 2 if answers[-1][0] == ERROR else 0)
-        return answers[-1]
 
     def test_a_client_that_does_not_keep_to_the_protocol(self):
         self.images()
@@ -392,12 +364,15 @@ class Remote(RemoteCase):
                 writing + frame(DATA, struct.pack("<qqB", 0, 7, 0)) + frame(END),
                 *(writing + askew + frame(END) for askew in ASKEW),
                 writing + frame(DATA, struct.pack("<qqB", 0, 1, 0)) + frame(DATA, struct.pack("<qqB", 1, size - 1, 0))
-                + frame(END)]
+                + frame(END),
+                *(ready + frame(kind, b"x") for kind in (DROP_CACHE, DISTRUST, CONCLUDE, ALIVE)),
+                ready + frame(START_WRITING, b"\0x"), writing + frame(END, b"x")]
         before = Path("there/far").read_bytes()
         for number, lie in enumerate(lies):
             with self.subTest(number):
                 kind, text = self.serve(lie)
                 self.assertTrue(kind == ERROR and text or number == 1, (kind, text))
+                self.assertEqual(text == b"a frame is too long", number >= len(lies) - 6, text)
                 self.assertEqual(Path("there/far").read_bytes()[BLOCK:], before[BLOCK:])  # a part of one may come first
                 self.check_known("there/far")
 
@@ -412,50 +387,55 @@ class Remote(RemoteCase):
 
     def test_serves_what_lies_in_the_root(self):
         self.images()
-        os.mkdir("there/sub")
+        here, outside, missing = os.getcwd(), "outside of what is served", "No such file or directory"
+        os.makedirs("there/sub")
+        os.mkdir("outside2")
         os.rename("near", "outside")
-        Path("outside2").mkdir()
-        Path("there/sub/inside").write_bytes(bytes(BLOCK))
-        for link, target in (("out", "../outside"), ("out.new", "../fresh"), ("dir", "../outside2"),
-                             ("in", "sub/inside"),
-                             ("abs", os.path.abspath("outside")), ("back", ".."), ("self", "/proc/self/cwd/outside")):
+        for name in "sub/inside", "trap", "trap2":
+            Path("there/" + name).write_bytes(bytes(BLOCK))
+        for link, target in (("out", "../outside"), ("out.new", "../fresh"), ("dir", "../outside2"), ("in", "sub/inside"),
+                             ("abs", f"{here}/outside"), ("back", ".."), ("self", "/proc/self/cwd/outside"),
+                             ("trap.hashes", "../planted"), ("trap2.hashes.state", "../planted"),
+                             ("abs.in", f"{here}/there/sub/inside"), ("dir.in", f"{here}/there/sub"),
+                             ("updown", "sub/../sub/inside"), ("round", f"{here}/there/round"),
+                             ("nowhere", f"{here}/there/none"), ("here", here), ("out2", f"{here}/there/../outside"),
+                             ("two", "dir.in/inside"), ("root", f"{here}/there"), ("linked", f"{here}/link/sub/inside"),
+                             ("sub/inner", f"{here}/there/sub/inside"), ("../link", "there"), ("../up", ".")):
             os.symlink(target, f"there/{link}")
-        Path("there/trap").write_bytes(bytes(BLOCK))
-        os.symlink("../planted", "there/trap.hashes")
-        Path("there/trap2").write_bytes(bytes(BLOCK))
-        os.symlink("../planted", "there/trap2.hashes.state")
-        root = ("--root", "there")
-        for path in ("../outside", "out", "abs", "back/outside", "sub/../../outside", os.path.abspath("outside"), ".",
-                     "..", "", "sub/..", "dir/new", "out.new", "self", "/etc/passwd", "trap", "trap2", "no/such",
-                     "sub/", "\0far"):
-            for destination in False, True:
-                kind, text = self.serve(hello() + opening(path, destination), *root)
-                self.assertEqual(kind, ERROR, (path, text))
-        self.assertEqual(self.serve(hello() + opening("far", False, "../outside.hashes"), *root)[0], ERROR)
-        for path in "far", "in", "sub/../far", "sub/inside", os.path.abspath("there/far"):
-            self.assertEqual(self.serve(hello() + opening(path), *root)[0], OPENED, path)
-        self.assertEqual(self.serve(hello() + opening("sub/fresh", True), *root)[0], OPENED)
-        os.symlink("there", "link")  # the root itself behind one, which absolute paths may name or not
-        os.symlink(".", "up")
-        for linked in "link", "link/", "up/there", os.path.abspath("link"):
-            given = os.path.abspath(linked)
-            for path, answer in (("/far", OPENED), ("/in", OPENED), ("/sub/../far", OPENED), ("/../outside", ERROR),
-                                 ("/out", ERROR), ("/back/outside", ERROR), ("", ERROR), ("/..", ERROR)):
-                for root_path in given, os.path.abspath("there"):
-                    self.assertEqual(self.serve(hello() + opening(root_path + path), "--root", linked)[0], answer,
-                                     (linked, root_path + path))
         files = {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()}
+        answers = {outside: ("../outside", "out", "abs", "back/outside", "sub/../../outside", f"{here}/outside", "..",
+                             "dir/new", "out.new", "self", "/etc/passwd", "round", "here", "here/there/sub/inside",
+                             "out2", "dir.in/../../outside"),
+                   missing: ("no/such", "sub/no/such", "nowhere"), "Not a directory": ("far/new",),
+                   None: (".", "", "sub/..", "trap", "trap2", "sub/", "\0far"),
+                   "": ("far", "in", "sub/../far", "sub/inside", "abs.in", "sub/inner", "dir.in/inside", "two", "updown",
+                        "root/dir.in/../sub/inside")}
+        for root in "there", "link", "link/", "up/there", f"{here}/link":  # which absolute paths may name, or the links
+            named = [os.path.abspath(root) + "/", f"{here}/there/"]
+            for answer, paths in answers.items():
+                for prefix, path, destination in product(["", *named], paths, {False, root == "there"}):
+                    if prefix and (path.startswith("/") or "\0" in path):
+                        continue
+                    kind, text = self.serve(hello() + opening(prefix + path, destination), "--root", root)
+                    self.assertEqual(kind, OPENED if answer == "" else ERROR, (root, prefix, path, text))
+                    self.assertTrue(not answer or text.decode().endswith(f": {answer}"), (root, prefix, path, text))
+            kind, text = self.serve(hello() + opening("linked"), "--root", root)
+            self.assertEqual(kind, OPENED if "link" in root else ERROR, (root, text))
+        root = ("--root", "there")
+        self.assertEqual(self.serve(hello() + opening("far", False, "../outside.hashes"), *root)[0], ERROR)
+        for new in "sub/fresh", "dir.in/new":
+            self.assertEqual(self.serve(hello() + opening(new, True), *root)[0], OPENED)
         read_only = (*root, "--read-only")
         self.assertEqual(self.serve(hello() + opening("far", True), *read_only)[0], ERROR)
         self.assertEqual(self.serve(hello() + opening("sub/inside") + start(0, BLOCK), *read_only)[0], ERROR)
         self.assertEqual(self.serve(hello() + opening("far") + start(0, BLOCK), *read_only)[0], STARTED)
         self.assertEqual(files, {path: path.stat().st_mtime_ns for path in Path(".").rglob("*") if path.is_file()})
-        swap = {"LD_PRELOAD": SHIM, "SHIM_AT": "link fresh.hashes,ftruncate fresh",
+        swap = {"SHIM_AT": "link fresh.hashes,ftruncate fresh",
                 "SHIM_DO": "mv there/sub there/moved; ln -s ../outside2 there/sub"}
         self.assertEqual(self.serve(hello() + opening("sub/fresh", True) + start(BLOCK, BLOCK), *root, **swap)[0], STARTED)
         self.assertEqual(os.listdir("outside2"), [])
         self.assertLess({"fresh", "fresh.hashes"}, set(os.listdir("there/moved")))
-        self.assertIn("sub/fresh: ", self.serve(hello() + opening("moved/no/sub/fresh"), *root)[1])
+        self.assertIn(b"sub/fresh: ", self.serve(hello() + opening("moved/no/sub/fresh"), *root)[1])
 
     def test_through_ssh(self):
         self.images()

@@ -1,5 +1,6 @@
 """What is made beside an image, and what stands there already: side_files_test.py PROGRAM SHIM"""
 import os, signal
+from itertools import product
 from pathlib import Path
 from random import randbytes
 from subprocess import run
@@ -14,15 +15,16 @@ class SideFiles(Case):
         return {path: path.is_file() and path.read_bytes() for path in Path().rglob("*")}
 
     def test_nothing_is_overwritten_but_what_is_its_own(self):
-        for name in "n", "x.state", "y":
+        for name in "n", "x.state", "y", "z":
             Path(name).write_bytes(randbytes(2 * BLOCK))
         os.link("n", "n2")
         os.symlink(".", "here")
         os.symlink("nowhere", "link")
+        os.symlink("nowhere", "z.hashes")
         before = self.files()
         for command, cause in (
                 ("build x.state --hash-file here/x", NEEDS), ("verify x.state --hash-file x", NEEDS),
-                ("build n --hash-file link", "link: .*a link that leads nowhere"), ("build n --hash-file n2", "n2: " + BOTH), ("sync n b --dest-hash-file here/b", "here/b: " + BOTH),
+                ("build n --hash-file link", "link: .*a link that leads nowhere"), ("build z", "z.hashes: .*nowhere"), ("build n --hash-file n2", "n2: " + BOTH), ("sync n b --dest-hash-file here/b", "here/b: " + BOTH),
                 ("sync n b --source-hash-file b", "b: " + BOTH), ("sync n h.state --source-hash-file h", NEEDS),
                 ("sync n b --source-hash-file h --dest-hash-file h", "h: given as the hash file of both"),
                 ("diff n y --hash-file-a h --hash-file-b h.state", "h.state: .* h needs the same"),
@@ -33,6 +35,8 @@ class SideFiles(Case):
         self.call("build n")
         for command in "sync y n.hashes.state", "build n.hashes.state":
             self.check_complaint(command, "n.hashes.state: this is the record beside a hash file")
+        self.check_complaint("sync n x.state --dest-hash-file link", "link: .*a link that leads nowhere")
+        self.assertFalse(os.path.lexists("nowhere"))
 
     def test_a_record_takes_the_place_of_nothing_else(self):
         Path("n").write_bytes(randbytes(2 * BLOCK))
@@ -46,11 +50,12 @@ class SideFiles(Case):
             os.remove("n.hashes")
             self.call("build n")
             self.assertEqual(os.lstat("n.hashes.state")[:7], before)
-        for left in b"", record[:9], record[:99], bytes(99):  # a crash may leave that
-            run("rm -rf n.hashes.state", shell=True, check=True)
-            Path("n.hashes.state").write_bytes(left)
-            os.chmod("n.hashes.state", 0o666)
+        for left, name in product((b"", record[:9], record[:99], bytes(99)), ("state", "state.new", "new")):
+            run("rm -rf n.hashes*", shell=True, check=True)  # a crash may leave that
+            Path(f"n.hashes.{name}").write_bytes(left)
+            os.chmod(f"n.hashes.{name}", 0o666)
             self.call("build n")
+            self.assertEqual(os.stat("n.hashes").st_mode & 0o777, 0o600)
             record = self.json("info n.hashes")["record"]
             if doubt_here():
                 self.assertIsNone(record)

@@ -3,13 +3,16 @@ import json, os, resource, shutil, subprocess
 from pathlib import Path
 from random import randbytes
 
-from program import BLOCK, DEVICE, PROGRAM, RELAY, Case, built, doubt_here, drop_override, flip, main
-
-FAR = f"--rsh {RELAY} --remote-program {PROGRAM}"
+from program import BLOCK, DEVICE, FAR, Case, built, doubt_here, drop_override, flip, main
 
 
 def on_disk(name):
     return os.stat(name).st_blocks * 512
+
+
+def stamps():
+    images = {name: os.stat(name) for name in os.listdir() if ".hashes" not in name}
+    return {name: (image.st_mtime_ns, image.st_size, image.st_ino) for name, image in images.items()}
 
 
 def in_memory(name):
@@ -37,6 +40,29 @@ class Sync(Case):
         self.call("diff source other --hash-file-a made --hash-file-b small")
         self.assertEqual([self.json(f"info {name}")["blockSize"] for name in ("other.hashes", "made")], [65536, 512])
 
+    def test_a_new_destination_teaches_both_sides_what_is_read(self):
+        """Of the source nothing was known, or some, of which some was wrong; DEST is missing, or was emptied."""
+        Path("list").write_text(f"{20 * BLOCK} + 1\n")
+        for source, destination in ("a", "t"), ("a", "h:t"), ("h:a", "t"):
+            for path in [*Path().glob("a*"), *Path().glob("t*")]:
+                path.unlink()
+            for unknown in 50, 1:
+                Path("a").write_bytes(bytes(9 * BLOCK) + randbytes(41 * BLOCK + 9))
+                if unknown == 1:
+                    self.call("build a")
+                    self.call("invalidate a --from list --format lines")
+                    flip("a", 2 * BLOCK, 40 * BLOCK)
+                    os.truncate("t", 0)
+                answer = self.json(f"sync {source} {destination} {FAR}")
+                with self.subTest(f"{source} {destination}", unknown=unknown):
+                    self.assertEqual((answer["bytesRead"], answer["comparisons"]), (0, 0))
+                    fresh = answer["freshness"]
+                    self.assertEqual(fresh[0]["repairedBlocks"], 0 if unknown == 50 else 2)
+                    self.assertEqual((fresh[1]["doubt"], fresh[1]["recorded"]),
+                                     ("" if unknown == 50 else "it was just made", not doubt_here()))
+                    for name in "at":
+                        self.check_hash_file(name)
+
     def test_what_would_be_done_is_told_and_not_done(self):
         a = randbytes(70 * BLOCK + 300)
         Path("source").write_bytes(a)
@@ -50,12 +76,10 @@ class Sync(Case):
                         path.unlink()
                     if old is not None:
                         Path("t").write_bytes(old)
-                    before = {name: os.stat(name) for name in os.listdir() if ".hashes" not in name}
+                    before = stamps()
                     told = self.json(f"sync -n {source} {destination} {FAR}", verdict != "equal")
                     self.assertEqual((told["verdict"], told["bytesCopied"], told["dryRun"]), (verdict, copied, True))
-                    after = {name: os.stat(name) for name in os.listdir() if ".hashes" not in name}
-                    self.assertEqual({name: (s.st_mtime_ns, s.st_size, s.st_ino) for name, s in before.items()},
-                                     {name: (s.st_mtime_ns, s.st_size, s.st_ino) for name, s in after.items()})
+                    self.assertEqual(stamps(), before)
                     self.assertEqual(os.path.exists("t.hashes"), old is not None)
                     words = self.call(f"sync --dry-run {source} {destination} {FAR}", verdict != "equal").stdout
                     self.assertRegex(words, f"{copied:,} bytes? to be copied in [01] ranges?, ")

@@ -5,14 +5,15 @@ replacement, by writers of every kind that have them open, from one command to t
 machine is started again, hash files and records come from backups, in the middle of a run, too. After every command
 that ended with 0, the answer is held against the images by Python's own BLAKE2s. What happened to an image counts once
 a later command on it ended well; every kind of it must have counted often enough."""
-import contextlib, glob, json, mmap, os, random, shutil, signal, subprocess, sys, tempfile, time
+import contextlib, glob, json, os, random, shutil, signal, subprocess, sys, tempfile, time
 from collections import Counter
+from pathlib import Path
 
-from disks import WRITERS
+from disks import WRITERS, Mapped, Pwrite, write
 from file_systems import images_are_believed
-from oracle import aggregate, blake2sp, read_entries
+from oracle import aggregate, known_are_true
+from program import PROGRAM, shimmed
 
-PROGRAM, SHIM = map(os.path.abspath, sys.argv[1:3])
 ROUNDS, SEED = (list(map(int, sys.argv[3:])) + [300, 1][len(sys.argv) - 3:])[:2]
 BLOCK, NAMES = 1024, ("a", "b")
 CALLS = {}  # how many a command made when nothing happened to it, of the last few times
@@ -24,25 +25,7 @@ BYTES = random.Random(SEED + 1)
 
 
 def content(name):
-    with open(name, "rb") as file:
-        return file.read()
-
-
-def write(name, offset, data):
-    with open(name, "r+b") as file:
-        file.seek(offset)
-        file.write(data)
-
-
-def write_mapped(name, offset, data):
-    with open(name, "r+b") as file, mmap.mmap(file.fileno(), 0) as image:
-        image[offset:offset + len(data)] = data
-
-
-def write_and_restore_times(name, offset, data):
-    before = os.stat(name)
-    write(name, offset, data)
-    os.utime(name, ns=(before.st_atime_ns, before.st_mtime_ns))
+    return Path(name).read_bytes()
 
 
 def change(name):
@@ -52,7 +35,10 @@ def change(name):
     data = data[:size - offset]
     kind = CHOICE.randrange(12)
     if kind < 6:
-        (write, write_mapped, write_and_restore_times)[kind % 3](name, offset, data)
+        before = os.stat(name)
+        write(name, offset, data, Mapped if kind % 3 == 1 else Pwrite)
+        if kind % 3 == 2:
+            os.utime(name, ns=(before.st_atime_ns, before.st_mtime_ns))
     elif kind == 6:
         os.truncate(name, CHOICE.randrange(size // 2, size) + 1)
     elif kind == 7:
@@ -61,29 +47,20 @@ def change(name):
         shutil.copy2(name, "next")
         write("next", offset, data)
         os.replace("next", name) if kind == 8 else shutil.copyfile("next", name)
-    elif kind == 10:
-        for end in (".hashes", ".hashes.state"):
-            if os.path.exists(name + end):
-                shutil.copy2(name + end, name + end + ".backup")
     else:
-        for end in (".hashes", ".hashes.state"):
-            if os.path.exists(name + end + ".backup"):
-                shutil.copy2(name + end + ".backup", name + end)
-    return kind
+        for file in (name + ".hashes", name + ".hashes.state"):
+            old, new = (file, file + ".backup") if kind == 10 else (file + ".backup", file)
+            if os.path.exists(old):
+                shutil.copy2(old, new)
 
 
 def known_hashes_are_true(name, images):
     """For the image as it is, or as it was when the command began."""
     hash_file = content(name + ".hashes")
     for image in images:
-        try:
-            with contextlib.redirect_stdout(None):
-                block, _, entries = read_entries(hash_file, image)
-        except SystemExit:  # another size
-            continue
-        if all(entry[0] & 1 == 0 or entry[1:] == blake2sp(image[i * block:(i + 1) * block])
-               for i, entry in enumerate(entries[:len(image) // block])):
-            return True
+        with contextlib.suppress(SystemExit), contextlib.redirect_stdout(None):  # another size
+            if known_are_true(hash_file, image):
+                return True
     return False
 
 
@@ -156,8 +133,7 @@ def disturbance(victim):
     """A shell command that does to an image, or its hash file, in the middle of a run what others do."""
     size = os.path.getsize(victim)
     offset = CHOICE.randrange(size - 200)
-    with open("bytes", "wb") as file:
-        file.write(BYTES.randbytes(200))
+    Path("bytes").write_bytes(BYTES.randbytes(200))
     keep = f"cp {victim} {victim}.between; "
     patch = f"dd if=bytes bs=1 seek={offset} conv=notrunc status=none of="
     waits = "for i in $(seq 500); do [ -e written ] && break; sleep 0.002; done"
@@ -187,7 +163,7 @@ def disturbance(victim):
             else:
                 os.pwrite(image, b"written by somebody who has it open", offset)
                 os.close(image)
-            open("written", "wb").close()
+            Path("written").touch()
 
         signal.signal(signal.SIGUSR1, write_through)
     return kind, kinds[kind]
@@ -201,18 +177,16 @@ def run_command(figures):
     else:
         command = [kind, names[0]]
         if kind == "hash":
-            offset = CHOICE.randrange(os.path.getsize(names[0]) - 100)
-            command += ["--range", f"{offset}:{CHOICE.choice((0, 100, BLOCK, 10 * BLOCK))}"]
-            offset, length = map(int, command[3].split(":"))
-            command[3] = f"{offset}:{min(length, os.path.getsize(names[0]) - offset)}"
+            size = os.path.getsize(names[0])
+            offset = CHOICE.randrange(size - 100)
+            command += ["--range", f"{offset}:{min(CHOICE.choice((0, 100, BLOCK, 10 * BLOCK)), size - offset)}"]
     options = [f"--jobs={CHOICE.choice('12')}", "--json"]
     if kind != "verify":
         adopts, trust = CHOICE.random() < 0.7, CHOICE.random()
         options += ["--adopt"] if adopts and trust <= 0.95 else []
         options += ["--check"] if trust < 0.05 else ["--assume-unchanged"] if trust > 0.95 else []
         options += [f"--block-size={BLOCK}"]
-    environment = dict(os.environ, LD_PRELOAD=SHIM, SHIM_BOOT="boot", SHIM_LOG="calls",
-                       ASAN_OPTIONS="verify_asan_link_order=0")
+    environment = shimmed(SHIM_BOOT="boot", SHIM_LOG="calls")
     action = CHOICE.choice(("none", "kill", "change", "change", "change", "change"))
     what = action
     if action != "none":
@@ -269,17 +243,14 @@ def order_is_safe(calls):
 def main():
     figures, disagreements = {"believed": 0}, 0
     for name in NAMES:
-        with open(name, "wb") as file:
-            file.write(BYTES.randbytes(60 * BLOCK + 77))
-    with open("boot", "w") as file:
-        file.write("first\n")
+        Path(name).write_bytes(BYTES.randbytes(60 * BLOCK + 77))
+    Path("boot").write_text("first\n")
     for number in range(ROUNDS):
         for _ in range(CHOICE.choice((0, 0, 1, 2))):
             change(CHOICE.choice(NAMES))
         hold_and_let_go()
         if CHOICE.random() < 0.05:
-            with open("boot", "w") as file:
-                file.write(f"{number}\n")
+            Path("boot").write_text(f"{number}\n")
         good, command, done = run_command(figures)
         if not good:
             disagreements += 1
