@@ -15,6 +15,7 @@ class Lists(Case):
         self.assertIn('"bytesCopied": 106496,', done.stdout)
         self.assertEqual('"bytesRead": 135168,' in done.stdout, not doubt_here())
 
+    @unittest.skipIf(doubt_here(), f"no image is believed here: {doubt_here()}")
     @unittest.skipUnless(shutil.which("qemu-system-x86_64") and shutil.which("qemu-img") and shutil.which("nbdinfo"),
                          "no qemu-system-x86, no qemu-utils, or no libnbd-bin")
     def test_a_running_machine_as_the_document_has_it(self):
