@@ -16,6 +16,7 @@ constexpr std::size_t MOST_DIGEST_BYTES = 16 << 20; // that are kept in memory m
 constexpr std::size_t MOST_WRITTEN = 1 << 16;       // ranges, the same
 
 constexpr std::int64_t MOST_DIRTY = 128 << 20; // that may wait for the disk
+constexpr std::int64_t WINDOW = 1 << 20;       // in which the disk begins with all that was written at once
 
 } // namespace
 
@@ -84,20 +85,36 @@ void Writer::putZeros(Range range)
     }
 }
 
-// The disk begins at once, and is waited for when too much is on its way to it.
 void Writer::putData(Range range, const char* data)
 {
-    if (m_common.cache == Cache::LeaveAsFound && !m_destination.isAnyInMemory(range)) {
+    if (range.offset < m_window.offset || range.end() > m_window.end()) {
+        beginWindow(range);
+    }
+    if (m_isWindowUncached || (m_isWindowMixed && !m_destination.isAnyInMemory(range))) {
         append(m_batch.uncached, range);
     }
     m_destination.write(data, range);
     m_batch.bytes += range.length;
-    m_destination.beginWriteBack(range);
-    m_dirty.push_back(range);
-    for (m_dirtyBytes += range.length; m_dirtyBytes > MOST_DIRTY; m_dirty.pop_front()) {
-        m_destination.awaitWriteBack(m_dirty.front());
-        m_dirtyBytes -= m_dirty.front().length;
+    m_windowBytes += range.length;
+}
+
+// The disk begins with the last one at once, and is waited for when too much is on its way to it. What is asked of the
+// system is asked for many small pieces together.
+void Writer::beginWindow(Range range)
+{
+    if (m_windowBytes > 0) {
+        m_destination.beginWriteBack(m_window);
+        m_dirty.push_back({m_window, m_windowBytes});
     }
+    for (m_dirtyBytes += m_windowBytes; m_dirtyBytes > MOST_DIRTY; m_dirty.pop_front()) {
+        m_destination.awaitWriteBack(m_dirty.front().window);
+        m_dirtyBytes -= m_dirty.front().bytes;
+    }
+    m_windowBytes = 0;
+    m_window = between(range.offset, std::max(range.end(), roundUp(range.end(), WINDOW)));
+    const bool leavesAsFound = m_common.cache == Cache::LeaveAsFound;
+    m_isWindowUncached = leavesAsFound && !m_destination.isAnyInMemory(m_window);
+    m_isWindowMixed = leavesAsFound && !m_isWindowUncached;
 }
 
 void Writer::remember(Range blocks, const DigestBytes& digests)

@@ -50,10 +50,16 @@ private:
         std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     };
 
+    struct Dirty {
+        Range window;
+        std::int64_t bytes; // that were written there
+    };
+
     bool forget(Range range);
     void put(const Piece& piece);
     void putZeros(Range range);
     void putData(Range range, const char* data);
+    void beginWindow(Range range);
     void fillHoles();
     void remember(Range blocks, const DigestBytes& digests);
     void flushWhenDue();
@@ -68,7 +74,11 @@ private:
     ImageChange m_change;
     BlockDigests m_digests;
     bool m_hasForgotten = false; // what is not yet on the disk
-    std::deque<Range> m_dirty;   // what the disk was told to begin with, oldest first
+    Range m_window = {};         // in which data comes now
+    std::int64_t m_windowBytes = 0;
+    bool m_isWindowUncached = false; // nothing of it was in memory
+    bool m_isWindowMixed = false;
+    std::deque<Dirty> m_dirty; // what the disk was told to begin with, oldest first
     std::int64_t m_dirtyBytes = 0;
     Batch m_batch;
     Batch m_flushed;           // the one before
