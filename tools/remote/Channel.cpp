@@ -36,6 +36,12 @@ void makeNonBlocking(int fd)
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
+// A pipe takes as much at once as it is allowed to, so that whoever carries it on is called seldom.
+void makeLarge(int fd)
+{
+    static_cast<void>(::fcntl(fd, F_SETPIPE_SZ, 1 << 20));
+}
+
 // CRC-32C, whatever its parts. The greeting has another check, which all versions understand.
 class CheckSum {
 public:
@@ -125,8 +131,10 @@ Channel::Channel(Descriptor in, Descriptor out, std::string peer)
     , m_out(std::move(out))
     , m_peer(std::move(peer))
 {
-    makeNonBlocking(m_in.get());
-    makeNonBlocking(m_out.get());
+    for (const Descriptor* const end : {&m_in, &m_out}) {
+        makeNonBlocking(end->get());
+        makeLarge(end->get());
+    }
     std::signal(SIGPIPE, SIG_IGN); // writing fails then
 }
 
