@@ -277,6 +277,8 @@ class Sync(Case):
 
     def test_memory_is_left_as_it_was_found(self):
         """Half of the source was in memory, of DEST nothing. The rest of the source is read from the disk, once."""
+        if doubt_here():
+            self.skipTest("a file system of which what is in memory is left there")
         Path("a").write_bytes(randbytes(40 << 20))
         os.sync()
 
@@ -295,8 +297,6 @@ class Sync(Case):
         for command in "build a", "sync a b", "sync a h:c", "sync h:a d -j 1", "verify b", "diff a b", "sync a e --keep-cache":
             for _ in range(5):  # whatever else runs on this machine may empty its memory
                 before, after, others, read = seen(command)
-                if before == 40 << 20:
-                    self.skipTest("a file system that is in memory")
                 if after == (40 << 20 if "keep" in command else before):
                     break
                 made = command.split()[2].replace("h:", "") if command.startswith("sync") else "none"
