@@ -143,12 +143,6 @@ Mapping::~Mapping()
     }
 }
 
-Mapping::Mapping(Mapping&& other) noexcept
-    : m_start(std::exchange(other.m_start, nullptr))
-    , m_length(other.m_length)
-{
-}
-
 Mapping& Mapping::operator=(Mapping&& other) noexcept
 {
     std::swap(m_start, other.m_start);

@@ -49,7 +49,6 @@ public:
     Mapping() = default;
     Mapping(const Image& image, Range pages); // none, where that cannot be done
     ~Mapping();
-    Mapping(Mapping&& other) noexcept;
     Mapping& operator=(Mapping&& other) noexcept;
 
     explicit operator bool() const { return m_start != nullptr; }

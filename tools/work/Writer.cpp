@@ -90,7 +90,8 @@ void Writer::putData(Range range, const char* data)
     if (range.offset < m_window.offset || range.end() > m_window.end()) {
         beginWindow(range);
     }
-    if (m_isWindowUncached || (m_isWindowMixed && !m_destination.isAnyInMemory(range))) {
+    const bool leavesAsFound = m_common.cache == Cache::LeaveAsFound;
+    if (leavesAsFound && (m_isWindowUncached || !m_destination.isAnyInMemory(range))) {
         append(m_batch.uncached, range);
     }
     m_destination.write(data, range);
@@ -112,9 +113,7 @@ void Writer::beginWindow(Range range)
     }
     m_windowBytes = 0;
     m_window = between(range.offset, std::max(range.end(), roundUp(range.end(), WINDOW)));
-    const bool leavesAsFound = m_common.cache == Cache::LeaveAsFound;
-    m_isWindowUncached = leavesAsFound && !m_destination.isAnyInMemory(m_window);
-    m_isWindowMixed = leavesAsFound && !m_isWindowUncached;
+    m_isWindowUncached = !m_destination.isAnyInMemory(m_window);
 }
 
 void Writer::remember(Range blocks, const DigestBytes& digests)

@@ -77,8 +77,7 @@ private:
     Range m_window = {};         // in which data comes now
     std::int64_t m_windowBytes = 0;
     bool m_isWindowUncached = false; // nothing of it was in memory
-    bool m_isWindowMixed = false;
-    std::deque<Dirty> m_dirty; // what the disk was told to begin with, oldest first
+    std::deque<Dirty> m_dirty;       // what the disk was told to begin with, oldest first
     std::int64_t m_dirtyBytes = 0;
     Batch m_batch;
     Batch m_flushed;           // the one before
