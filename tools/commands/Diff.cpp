@@ -18,7 +18,7 @@ DiffResult diffSides(Side& first, Side& second, const PairArguments& arguments, 
     const std::int64_t firstSize = first.opening().size;
     const std::int64_t secondSize = second.opening().size;
     const auto [least, most] = std::minmax(firstSize, secondSize);
-    const std::uint32_t blockSize = commonBlockSize(first, second, arguments.first.hashFile);
+    const std::uint32_t blockSize = chooseBlockSize(first, second, arguments.first.hashFile);
     auto [startedFirst, startedSecond, comparison] = compare(first, second, {blockSize, 0, 0, least}, {[] {}, false});
     append(comparison.differing, between(least, most));
     const Conclusions found = conclude(startedFirst, startedSecond, common);

@@ -87,7 +87,7 @@ std::optional<PairTraffic> Pair::traffic() const
     return std::nullopt;
 }
 
-std::uint32_t commonBlockSize(Side& first, Side& second, const HashFileOptions& options)
+std::uint32_t chooseBlockSize(Side& first, Side& second, const HashFileOptions& options)
 {
     const auto own = first.opening().blockSize;
     const auto other = second.opening().blockSize;

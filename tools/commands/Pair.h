@@ -54,6 +54,6 @@ struct Pair {
 };
 
 // The block size for both: what was asked for, or that of a hash file that is there; they must not differ.
-std::uint32_t commonBlockSize(Side& first, Side& second, const HashFileOptions& options);
+std::uint32_t chooseBlockSize(Side& first, Side& second, const HashFileOptions& options);
 
 } // namespace kelvane::tool

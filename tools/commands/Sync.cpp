@@ -82,7 +82,7 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
     const auto start = std::chrono::steady_clock::now();
     const auto agreedBlockSize = [&] {
         refuseUnfitPair(source, destination);
-        return commonBlockSize(source, destination, arguments.first.hashFile);
+        return chooseBlockSize(source, destination, arguments.first.hashFile);
     };
     const auto foregone = foregoneBlockSize(source, destination, arguments.first.hashFile);
     const std::int64_t size = source.opening().size;
@@ -127,7 +127,7 @@ SyncResult foresee(Side& source, Side& destination, const PairArguments& argumen
 {
     const auto start = std::chrono::steady_clock::now();
     refuseUnfitPair(source, destination);
-    const std::uint32_t blockSize = commonBlockSize(source, destination, arguments.first.hashFile);
+    const std::uint32_t blockSize = chooseBlockSize(source, destination, arguments.first.hashFile);
     const Opening& found = destination.opening();
     const std::int64_t size = source.opening().size;
     const std::int64_t compared = std::min(size, found.size);

@@ -80,7 +80,7 @@ public:
     // What is waited for comes within a day, or later where one side may have to read an image of so many bytes first.
     void allowTimeFor(std::int64_t bytes);
 
-    void limitBandwidth(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of what is sent; 0: none
+    void limitSending(std::int64_t bytesPerSecond) { m_bytesPerSecond = bytesPerSecond; } // of what is sent; 0: none
     std::int64_t bytesPerSecond() const { return m_bytesPerSecond; }
 
     // The payload is what its parts hold, one behind the other; they are only read.

@@ -102,7 +102,7 @@ void RemoteSide::connect(const RemoteOptions& options, const std::string& host)
     words.insert(words.end(), {host, options.program, "serve"});
     m_peer = std::make_unique<Peer>(words);
     m_channel = std::make_unique<Channel>(m_peer->takeOutput(), m_peer->takeInput(), m_host);
-    m_channel->limitBandwidth(options.bytesPerSecond);
+    m_channel->limitSending(options.bytesPerSecond);
     m_channel->expectLateBeginning(LATEST_GREETING);
     m_channel->setTimeout(options.timeout);
     Hello hello;

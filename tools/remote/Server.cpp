@@ -144,7 +144,7 @@ private:
             throw ProtocolError("zstd for a side that has none");
         }
         m_form.compression = open.compression;
-        m_channel.limitBandwidth(open.bytesPerSecond);
+        m_channel.limitSending(open.bytesPerSecond);
         m_common.jobs = open.jobs;
         m_common.trust = open.trust;
         m_common.cache = open.cache;
