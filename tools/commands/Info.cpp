@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "base/Failure.h"
+#include "base/Uri.h"
 #include "hash_file/HashFile.h"
+#include "image/FileImage.h"
 
 namespace kelvane::tool {
 
@@ -39,10 +41,12 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
 
 Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
+    if (isExport(record.image.identity.path)) { // whose server need not be there
+        return {Doubt::Because::Untold, EXPORT_DOUBT};
+    }
     try {
-        const Image image(record.image.identity.path, Image::Access::Read);
-        const ImageState state = stateOf(image);
-        return doubtAbout(record, hashFileState(hashFile), state, writersOf(image));
+        const FileImage image(record.image.identity.path, Image::Access::Read);
+        return doubtAbout(record, hashFileState(hashFile), image.state(), image.writers());
     } catch (const Failure& failure) {
         return {Doubt::Because::Untold, failure.what()};
     }

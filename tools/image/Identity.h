@@ -3,10 +3,14 @@
 
 #include <string>
 
-#include "image/Image.h"
+#include "base/Descriptor.h"
+#include "image/BlockDevice.h"
 #include "image/Traits.h"
 
 namespace kelvane::tool {
+
+// Of what another program serves.
+constexpr const char* EXPORT_DOUBT = "an export shows no evidence";
 
 // Never the same for two images. Names are no part of it: an image can be renamed, and another one take its name.
 struct Identity {
@@ -24,7 +28,8 @@ struct Identity {
     std::string doubt; // why another image could have the same; empty when none can
 };
 
-Identity identityOf(const Image& image);
+// Of the file that holds the bytes, if there is one, and of the device by which they are reached, if they are.
+Identity identityOf(const std::string& path, const Descriptor& bytes, const BlockDevice* device);
 
 // The same of a regular file, but for the start of the machine.
 Traits fileTraits(const Descriptor& file);
