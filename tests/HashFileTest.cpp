@@ -262,30 +262,5 @@ TEST_F(HashFileTest, IsInspectedWithTheFailuresOfOpening)
     EXPECT_EQ(failureOf([&] { HashFileInspector none(path); }), "header magic number does not match expected");
 }
 
-// What only logs, because another exception propagates, returns to its caller, who goes on or not.
-TEST_F(HashFileTest, HelpersReturnAfterTheLogLineWhileUnwinding)
-{
-    create(10);
-    const auto store = open(10);
-    const std::string missing = directory.file("missing/hashes");
-    const std::pair<std::function<void()>, std::string> failures[]
-        = {{[&] { Peer::createFile(missing, 4096); }, "error opening file for writing: 2"},
-           {[&] { Peer::openInternal(*store, missing, 0); }, "failed to stat hash file: 2"},
-           {[&] {
-                const CallHook hook([](const CallRecord& call) { return Outcome {call.call == Call::Seek ? EIO : 0}; });
-                Peer::initHeader(path, 10 * BLOCK, 0, BLOCK, 1);
-            },
-            "failed to seek to beginning of file to write header.: 5"},
-           {[&] {
-                const CallHook hook(
-                    [](const CallRecord& call) { return Outcome {call.call == Call::SyncFileRange ? EIO : 0}; });
-                Peer::initFileRegion(*store, 8192, 4096);
-            },
-            "initFileRegion failed to sync hash file: 5"}};
-    for (const auto& [operation, text] : failures) {
-        EXPECT_THAT(logWhileUnwinding(operation), ElementsAre("3 throwWithErrno: " + text));
-    }
-}
-
 } // namespace
 } // namespace kelvane::testing

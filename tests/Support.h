@@ -37,8 +37,6 @@ struct BlockHashStoreTestPeer {
     static void growHashBufferWhenNeeded(Store& store, kelvane_buf_len_t size) { store.growHashBufferWhenNeeded(size); }
     static void init(Store& store) { store.init(); }
     static void initFileRegion(Store& store, uint64_t offset, uint64_t length) { store.initFileRegion(offset, length); }
-    static void createFile(const std::string& path, uint64_t size) { Store::createFile(path, size); }
-    static void openInternal(Store& s, const std::string& path, uint64_t target) { s.open_internal(path, target); }
     static void initHeader(const std::string& path, uint64_t target, int64_t partition, uint32_t block, uint32_t id)
     {
         Store::initHeader(path, target, partition, block, id);
