@@ -183,20 +183,6 @@ TEST_F(HashFileTest, FailuresOfTheSystemHaveItsErrorNumber)
     expectFinding(path, {HashFileFault::Reading});
 }
 
-TEST_F(HashFileTest, IsCheckedAgainstItsTarget)
-{
-    create(10);
-    const auto store = open(10);
-    const auto failure = [&] { return failureOf([&] { Peer::validateHeader(*store, 11 * BLOCK, 8192); }); };
-    Peer::header(*store).dataRegionOffsetInBytes = 1;
-    EXPECT_EQ(failure(), "the target size managed by the hash store has changed");
-    Peer::header(*store).version = 1;
-    EXPECT_EQ(failure(), "header version does not match the expected value");
-    BlockHashStore::create(path, Blake2dHashFunctionType, 100, 0, 1, false);
-    EXPECT_THAT(logOf([&] { BlockHashStore::open(path, LARGEST); }),
-                ElementsAre("thrown: target is too large for its block size: 18446744073709551615, 1"));
-}
-
 TEST_F(HashFileTest, ChangesItsSizeWithALogLine)
 {
     const std::string prefix
@@ -205,23 +191,9 @@ TEST_F(HashFileTest, ChangesItsSizeWithALogLine)
     EXPECT_THAT(logOf([&] { open(2000); }), ElementsAre(prefix + "73728, actual: 8192"));
     EXPECT_THAT(logOf([&] { open(2000), open(2001); }), ElementsAre()); // the last page has room
     EXPECT_THAT(logOf([&] { open(0); }), ElementsAre(prefix + "4096, actual: 73728"));
-}
-
-TEST_F(HashFileTest, HasABufferThatOnlyGrows)
-{
-    const auto store = Peer::make();
-    const char* buffer = nullptr;
-    for (const auto& [request, size, keeps] :
-         {std::tuple(0, 0, true), {-5, 0, true}, {100, 100, false}, {40, 100, true}, {101, 101, false}}) {
-        Peer::growHashBufferWhenNeeded(*store, request);
-        EXPECT_EQ(Peer::hashBufferSize(*store), size);
-        EXPECT_EQ(std::exchange(buffer, Peer::hashBuffer(*store)) == Peer::hashBuffer(*store), keeps) << request;
-    }
-    Peer::header(*store).targetSizeInBytes = 1;
-    Peer::init(*store);
-    EXPECT_EQ(Peer::hashBuffer(*store), nullptr);
-    EXPECT_EQ(Peer::hashBufferSize(*store), 0);
-    EXPECT_EQ(store->target_size_in_bytes(), 0U);
+    BlockHashStore::create(path, Blake2dHashFunctionType, 100, 0, 1, false);
+    EXPECT_THAT(logOf([&] { BlockHashStore::open(path, LARGEST); }),
+                ElementsAre("thrown: target is too large for its block size: 18446744073709551615, 1"));
 }
 
 TEST_F(HashFileTest, MovesWithItsStore)
