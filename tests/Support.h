@@ -31,9 +31,7 @@ struct BlockHashStoreTestPeer {
     static Header& header(Store& store) { return store.m_header; }
     static SimpleCachedReader& file(Store& store) { return store.m_file; }
     static std::unique_ptr<IHashFunction>& hashFunction(Store& store) { return store.m_hashFunction; }
-    static const char* hashBuffer(const Store& store) { return store.m_hashBuffer.get(); }
     static kelvane_buf_len_t hashBufferSize(const Store& store) { return store.m_hashBufferSize; }
-    static void growHashBufferWhenNeeded(Store& store, kelvane_buf_len_t size) { store.growHashBufferWhenNeeded(size); }
     static void initFileRegion(Store& store, uint64_t offset, uint64_t length) { store.initFileRegion(offset, length); }
     static void initHeader(const std::string& path, uint64_t target, int64_t partition, uint32_t block, uint32_t id)
     {
