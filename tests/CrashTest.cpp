@@ -14,7 +14,6 @@
 #include <iostream>
 #include <limits>
 #include <map>
-#include <optional>
 #include <span>
 
 #include "Support.h"
@@ -165,10 +164,9 @@ public:
         return BlockHashStore::open(m_hashPath, targetSize);
     }
 
-    void writeTarget(std::size_t offset, const Bytes& bytes)
+    void writeTarget(kelvane_off_t offset, const Bytes& bytes)
     {
-        ASSERT_EQ(::pwrite(m_targetFd, bytes.data(), bytes.size(), static_cast<off_t>(offset)),
-                  static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(::pwrite(m_targetFd, bytes.data(), bytes.size(), offset), std::ssize(bytes));
     }
     [[nodiscard]] bool flushesTarget() { return ::fsync(m_targetFd) == 0; }
     void flushTarget() { EXPECT_TRUE(flushesTarget()); }
@@ -296,13 +294,13 @@ private:
 // Whole blocks, many of them, parts of blocks, and the last block.
 void writeInSafeOrder(CrashLab& lab)
 {
-    constexpr std::pair<std::size_t, std::size_t> WRITES[]
+    constexpr std::pair<kelvane_off_t, std::size_t> WRITES[]
         = {{0, BLOCK},           {5 * BLOCK, 40 * BLOCK}, {1000, 3000}, {14 * BLOCK, 3 * BLOCK}, {SIZE - BLOCK, BLOCK},
            {30 * BLOCK + 7, 100}};
     const auto store = lab.open(SIZE);
     for (const auto& [offset, length] : WRITES) {
         Bytes bytes = randomBytes(length, static_cast<unsigned>(offset));
-        TargetWriteGuard guard(*store, static_cast<kelvane_off_t>(offset), static_cast<kelvane_buf_len_t>(length));
+        TargetWriteGuard guard(*store, offset, static_cast<kelvane_buf_len_t>(length));
         lab.writeTarget(offset, bytes);
         lab.flushTarget();
         guard.commit(bytes.data());
@@ -310,130 +308,98 @@ void writeInSafeOrder(CrashLab& lab)
     EXPECT_TRUE(store->sync_to_disk());
 }
 
-void writeTheTargetFirst(CrashLab& lab)
-{
-    Bytes bytes = randomBytes(4 * BLOCK, 3);
-    lab.writeTarget(8 * BLOCK, bytes);
-    lab.open(SIZE)->update_hashes(8 * BLOCK, bytes.data(), 4 * BLOCK);
-}
-
-// Two writes, each step for both.
-void writeBoth(CrashLab& lab)
-{
-    const auto store = lab.open(SIZE);
-    const std::pair<std::size_t, Bytes> writes[]
-        = {{OFFSET, randomBytes(LENGTH, 4)}, {20 * BLOCK, randomBytes(LENGTH, 5)}};
-    for (const auto& [offset, bytes] : writes) {
-        store->invalidate_hashes(static_cast<kelvane_off_t>(offset), LENGTH);
+// The steps of who writes to the target. A flush that fails is tried again.
+struct Writer {
+    explicit Writer(CrashLab& owner)
+        : lab(owner)
+        , store(lab.open(SIZE))
+    {
     }
-    EXPECT_TRUE(store->sync_to_disk());
-    for (const auto& [offset, bytes] : writes) {
-        lab.writeTarget(offset, bytes);
-    }
-    lab.flushTarget();
-    for (auto [offset, bytes] : writes) {
-        store->update_hashes(static_cast<kelvane_off_t>(offset), bytes.data(), LENGTH);
-    }
-}
 
-// A write without update, and the hash of what the system has of it, before or after that is on the disk.
-template <bool IsFlushed>
-void writeAndHash(CrashLab& lab)
-{
-    const auto store = lab.open(SIZE);
-    const TargetWriteGuard guard(*store, 8 * BLOCK, 4 * BLOCK);
-    lab.writeTarget(8 * BLOCK, randomBytes(4 * BLOCK, 6));
-    IsFlushed ? lab.flushTarget() : void();
-    MemoryTarget target = lab.target();
-    store->get_hash(0, SIZE, target.supplier());
-    EXPECT_TRUE(store->sync_to_disk());
-}
+    void invalidate() { store->invalidate_hashes(OFFSET, LENGTH); }
+    void sync()
+    {
+        while (!store->sync_to_disk()) { }
+    }
 
-// Two writes to the same blocks, in the safe order. When a flush fails, all is done again that it covered.
-template <bool DropsHashes>
-void writeUntilFlushed(CrashLab& lab)
-{
-    auto store = lab.open(SIZE);
-    for (const unsigned seed : {21, 22}) {
-        const Bytes bytes = randomBytes(LENGTH, seed);
-        std::optional<TargetWriteGuard> guard;
-        while (!guard) {
-            try {
-                guard.emplace(*store, OFFSET, LENGTH);
-            } catch (const std::runtime_error&) {
-                if (DropsHashes) {
-                    store.reset();
-                    lab.dropHashes();
-                    store = lab.open(SIZE);
-                    store->discard_torn_entries();
-                }
+    // When the flush fails, the hashes are invalidated again; before that, what the system has of them is dropped.
+    template <bool DropsHashes = false>
+    void guard()
+    {
+        while (failureOf([&] { const TargetWriteGuard guard(*store, OFFSET, LENGTH); }) != "(none)") {
+            if (DropsHashes) {
+                store.reset();
+                lab.dropHashes();
+                store = lab.open(SIZE);
+                store->discard_torn_entries();
             }
         }
+    }
+
+    void write() { lab.writeTarget(OFFSET, bytes); }
+    void flush()
+    {
+        while (!lab.flushesTarget()) { }
+    }
+    void writeUntilFlushed()
+    {
         do {
-            lab.writeTarget(OFFSET, bytes);
+            write();
         } while (!lab.flushesTarget());
-        guard->commit(std::as_bytes(std::span(bytes)));
     }
-}
-
-// When the flush fails, what the system has of the target is dropped before it is hashed, or not.
-template <bool DropsTarget>
-void writeFlushAndHash(CrashLab& lab)
-{
-    const auto store = lab.open(SIZE);
-    const TargetWriteGuard guard(*store, OFFSET, LENGTH);
-    lab.writeTarget(OFFSET, randomBytes(LENGTH, 23));
-    while (!lab.flushesTarget()) {
-        DropsTarget ? lab.dropTarget() : void();
-    }
-    MemoryTarget target = lab.target();
-    store->get_hash(0, SIZE, target.supplier());
-}
-
-// Takes a flush for done that succeeds after one that failed.
-void flushTheHashesAgain(CrashLab& lab)
-{
-    const Bytes bytes = randomBytes(LENGTH, 24);
-    const auto store = lab.open(SIZE);
-    store->invalidate_hashes(OFFSET, LENGTH);
-    while (!store->sync_to_disk()) { }
-    lab.writeTarget(OFFSET, bytes);
-    lab.flushTarget();
-    store->update_hashes(OFFSET, std::as_bytes(std::span(bytes)));
-}
-
-void flushTheTargetAgain(CrashLab& lab)
-{
-    const Bytes bytes = randomBytes(LENGTH, 25);
-    const auto store = lab.open(SIZE);
-    TargetWriteGuard guard(*store, OFFSET, LENGTH);
-    lab.writeTarget(OFFSET, bytes);
-    while (!lab.flushesTarget()) { }
-    guard.commit(std::as_bytes(std::span(bytes)));
-}
-
-// The target shrinks, and grows again with other bytes.
-enum class Invalidated { BeforeShrinking, BeforeGrowing };
-
-template <Invalidated When>
-void shrinkAndGrow(CrashLab& lab)
-{
-    const auto invalidate = [&](Invalidated now) {
-        const auto store = now == When ? lab.open(SIZE) : nullptr;
-        if (store) {
-            store->invalidate_hashes(SMALLER, SIZE - SMALLER);
-            EXPECT_TRUE(store->sync_to_disk());
+    void flushOrDrop()
+    {
+        while (!lab.flushesTarget()) {
+            lab.dropTarget();
         }
-    };
-    invalidate(Invalidated::BeforeShrinking);
-    lab.shrinkTarget();
-    lab.flushTarget();
-    lab.open(SMALLER);
-    invalidate(Invalidated::BeforeGrowing);
-    lab.writeTarget(SMALLER, randomBytes(SIZE - SMALLER, 11));
-    lab.flushTarget();
-    lab.open(SIZE);
+    }
+    void update()
+    {
+        store->update_hashes(OFFSET, std::as_bytes(std::span(bytes)));
+        bytes = randomBytes(LENGTH, 5); // to be written next
+    }
+    void hash() // of what the system has of the target
+    {
+        MemoryTarget target = lab.target();
+        store->get_hash(0, SIZE, target.supplier());
+    }
+
+    // The target shrinks, and grows again with other bytes.
+    void shrink()
+    {
+        lab.shrinkTarget();
+        flush();
+        store = lab.open(SMALLER);
+    }
+    void invalidateEnd()
+    {
+        store = lab.open(SIZE);
+        store->invalidate_hashes(SMALLER, SIZE - SMALLER);
+        sync();
+    }
+    void grow()
+    {
+        lab.writeTarget(SMALLER, randomBytes(SIZE - SMALLER, 11));
+        flush();
+        store = lab.open(SIZE);
+    }
+
+    CrashLab& lab;
+    std::unique_ptr<BlockHashStore> store;
+    Bytes bytes = randomBytes(LENGTH, 4);
+};
+
+template <auto... Steps>
+void inOrder(CrashLab& lab)
+{
+    Writer writer(lab);
+    ((writer.*Steps)(), ...);
 }
+
+// To the same blocks, in the safe order; when a flush fails, all is done again that it covered.
+template <bool DropsHashes>
+constexpr auto writeTwice = inOrder<&Writer::guard<DropsHashes>, &Writer::writeUntilFlushed, &Writer::update,
+                                    &Writer::guard<DropsHashes>, &Writer::writeUntilFlushed, &Writer::update>;
 
 struct Scenario {
     const char* name;
@@ -445,27 +411,29 @@ struct Scenario {
     Faulty faulty = Faulty::Nothing;
 };
 
-const Scenario SCENARIOS[]
-    = {{"safe order", writeInSafeOrder, true, 157},
-       {"safe order for two writes", writeBoth, true, 160},
-       {"hashed after the flush", writeAndHash<true>, true, 160},
-       {"create", [](CrashLab& lab) { lab.create(500); }, true, 0, true},
-       {"shrink and grow, invalidated before shrinking", shrinkAndGrow<Invalidated::BeforeShrinking>, true, 99, true},
-       {"shrink and grow, invalidated before growing", shrinkAndGrow<Invalidated::BeforeGrowing>, true, 99, true},
-       {"failed flush of the hashes, invalidated again", writeUntilFlushed<false>, true, 160, false, true,
-        Faulty::HashFile},
-       {"failed flush of the hashes, dropped", writeUntilFlushed<true>, true, 160, false, true, Faulty::HashFile},
-       {"failed flush of the target, written again", writeUntilFlushed<false>, true, 160, false, true, Faulty::Target},
-       {"failed flush of the target, dropped", writeFlushAndHash<true>, true, 160, false, true, Faulty::Target},
-       {"negative control: target first", writeTheTargetFirst, false, 160},
-       {"negative control: hashed before the flush", writeAndHash<false>, false, 160},
-       {"negative control: torn entries kept", writeInSafeOrder, false, 157, false, false},
-       {"negative control: failed flush of the hashes, flushed again", flushTheHashesAgain, false, 160, false, true,
-        Faulty::HashFile},
-       {"negative control: failed flush of the target, flushed again", flushTheTargetAgain, false, 160, false, true,
-        Faulty::Target},
-       {"negative control: failed flush of the target, hashed", writeFlushAndHash<false>, false, 160, false, true,
-        Faulty::Target}};
+using W = Writer;
+
+const Scenario SCENARIOS[] = {
+    {"safe order", writeInSafeOrder, true, 157},
+    {"safe order without a guard", inOrder<&W::invalidate, &W::sync, &W::write, &W::flush, &W::update>, true, 160},
+    {"hashed after the flush", inOrder<&W::guard<>, &W::write, &W::flush, &W::hash, &W::sync>, true, 160},
+    {"create", [](CrashLab& lab) { lab.create(500); }, true, 0, true},
+    {"shrink and grow, invalidated before shrinking", inOrder<&W::invalidateEnd, &W::shrink, &W::grow>, true, 99, true},
+    {"shrink and grow, invalidated before growing", inOrder<&W::shrink, &W::invalidateEnd, &W::grow>, true, 99, true},
+    {"failed flush of the hashes, invalidated again", writeTwice<false>, true, 160, false, true, Faulty::HashFile},
+    {"failed flush of the hashes, dropped", writeTwice<true>, true, 160, false, true, Faulty::HashFile},
+    {"failed flush of the target, written again", writeTwice<false>, true, 160, false, true, Faulty::Target},
+    {"failed flush of the target, dropped", inOrder<&W::guard<>, &W::write, &W::flushOrDrop, &W::hash>, true, 160,
+     false, true, Faulty::Target},
+    {"negative control: target first", inOrder<&W::write, &W::update>, false, 160},
+    {"negative control: hashed before the flush", inOrder<&W::guard<>, &W::write, &W::hash, &W::sync>, false, 160},
+    {"negative control: torn entries kept", writeInSafeOrder, false, 157, false, false},
+    {"negative control: failed flush of the hashes, flushed again",
+     inOrder<&W::invalidate, &W::sync, &W::write, &W::flush, &W::update>, false, 160, false, true, Faulty::HashFile},
+    {"negative control: failed flush of the target, flushed again",
+     inOrder<&W::guard<>, &W::write, &W::flush, &W::update>, false, 160, false, true, Faulty::Target},
+    {"negative control: failed flush of the target, hashed", inOrder<&W::guard<>, &W::write, &W::flush, &W::hash>,
+     false, 160, false, true, Faulty::Target}};
 
 // Runs a scenario once, or for every flush that can fail, which fails once or twice.
 Figures figuresOf(const Scenario& scenario)

@@ -1,13 +1,8 @@
-// The edges of what the format and the system allow, with real files and the kernel's own failures.
-#include <csignal>
-#include <fcntl.h>
-#include <sys/resource.h>
-
+// The edges of what the format and the system allow, with real files.
 #include <iostream>
 
 #include "Allocations.h"
 #include "Support.h"
-#include "TargetWriteGuard.h"
 
 namespace kelvane::testing {
 
@@ -99,47 +94,6 @@ TEST(LimitsTest, AHoleOf15TiB)
     const auto more = openFor(2 * LONGEST, BLOCK);
     EXPECT_FALSE(more->learn_hashes(0, 2 * LONGEST, hole, [](auto) { return false; }));
     EXPECT_TRUE(more->hash_range(0, 2 * LONGEST, hole, [](auto) { return false; }).empty());
-}
-
-// Files may end at a limit, where the kernel first writes short and then fails.
-std::string failuresWhereFilesEnd()
-{
-    MemoryStore memory(1000 * BLOCK, 0, BLOCK); // 40960 bytes of hash file
-    const std::string other = memory.directory.file("other");
-    TargetWriteGuard guard(*memory.store, 0, 1000 * BLOCK);
-    rlimit limit = {20000, RLIM_INFINITY};
-    std::signal(SIGXFSZ, SIG_IGN);
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    std::string texts = failureOf([&] { guard.commit(memory.target.bytes.data()); });
-    texts += ", " + failureOf([&] { BlockHashStore::create(other, Blake2dHashFunctionType, 1 << 30, 0, BLOCK, true); });
-    limit.rlim_cur = 60000;
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    texts += ", " + failureOf([&] { BlockHashStore::open(memory.path, 2000 * BLOCK); });
-    const bool right = memory->get_hash(0, 1000 * BLOCK, memory.target.supplier())
-        == aggregateDigest(memory.target.bytes, BLOCK, 0, 1000 * BLOCK);
-    return texts + (right && memory.target.calls == 1 && !std::filesystem::exists(other) ? "" : ", wrong");
-}
-
-TEST(LimitsDeathTest, AFileThatMayNotGrowAndAFullDevice)
-{
-    EXPECT_EXIT(std::cerr << failuresWhereFilesEnd();
-                std::_Exit(0), ::testing::ExitedWithCode(0),
-                "failed to write hash: 0: 27, failed to write to block hash file, "
-                "error in write while initting file region: 27$");
-
-    MemoryStore memory(300 * BLOCK, 0, BLOCK);
-    const std::string link = memory.directory.file("full");
-    std::filesystem::create_symlink("/dev/full", link);
-    EXPECT_EQ(failureOf([&] { BlockHashStore::create(link, Blake2dHashFunctionType, 1 << 20, 0, BLOCK, true); }),
-              "failed to write to block hash file");
-    EXPECT_FALSE(std::filesystem::exists(link)); // the link, that is
-    SimpleCachedReader& file = Peer::file(*memory.store);
-    ASSERT_GE(file.open("/dev/full", O_RDWR), 0);
-    EXPECT_EQ(failureOf([&] { memory->get_hash(0, 300 * BLOCK, memory.target.supplier()); }),
-              "failed to write hash: 0: 28");
-    EXPECT_EQ(failureOf([&] { memory->update_hashes(BLOCK, memory.target.bytes.data(), BLOCK); }),
-              "failed to write hash: 4096: 28");
-    std::cout << "kernel failures: 3 at a size limit, 3 on a full device" << (HasFailure() ? ": wrong\n" : ": right\n");
 }
 
 } // namespace

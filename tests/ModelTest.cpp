@@ -71,68 +71,46 @@ struct Model {
     Bytes::const_iterator entry(int64_t block) const { return file.begin() + static_cast<int64_t>(entryAt(at(block))); }
     bool isKnown(int64_t block) const { return *entry(block) % 2 == 1; }
 
-    // The runs of bytes that a query needs, in external offsets.
-    std::vector<std::pair<int64_t, int64_t>> missing(int64_t start, int64_t length) const
+    using Ranges = std::vector<std::pair<int64_t, int64_t>>;
+
+    // The stretches of those blocks of a range that are such, as far as they lie in it, in external offsets.
+    Ranges stretches(int64_t start, int64_t length, const std::function<bool(int64_t)>& isSuch) const
     {
-        std::vector<std::pair<int64_t, int64_t>> runs;
-        int64_t end = -1; // of the last run, inside the target
+        Ranges stretches;
         for (const int64_t block : blocks(start, length)) {
             const int64_t from = std::max(start, block * blockSize);
             const int64_t to = std::min(start + length, (block + 1) * blockSize);
-            if (from != to && (!covers(start, length, block) || !isKnown(block))) {
-                if (end != from) {
-                    runs.emplace_back(partitionOffset + from, 0);
-                }
-                runs.back().second += to - from;
-                end = to;
-            }
-        }
-        return runs;
-    }
-
-    // The stretches of blocks that lie in a range and are such, in external offsets.
-    std::vector<std::pair<int64_t, int64_t>> stretches(int64_t start, int64_t length,
-                                                       const std::function<bool(int64_t)>& isSuch) const
-    {
-        std::vector<std::pair<int64_t, int64_t>> stretches;
-        for (const int64_t block : blocks(start, length)) {
-            const int64_t offset = partitionOffset + block * blockSize;
-            if (!covers(start, length, block) || !isSuch(block)) {
+            if (from == to || !isSuch(block)) {
                 continue;
             }
+            const int64_t offset = partitionOffset + from;
             if (stretches.empty() || stretches.back().first + stretches.back().second != offset) {
                 stretches.emplace_back(offset, 0);
             }
-            stretches.back().second += blockSize;
+            stretches.back().second += to - from;
         }
         return stretches;
     }
 
-    std::vector<std::pair<int64_t, int64_t>> known(int64_t start, int64_t length) const
+    // What a query needs.
+    Ranges missing(int64_t start, int64_t length) const
     {
-        return stretches(start, length, [&](int64_t block) { return isKnown(block); });
+        return stretches(start, length, [&](auto block) { return !covers(start, length, block) || !isKnown(block); });
     }
 
-    std::vector<std::pair<int64_t, int64_t>> unknown(int64_t start, int64_t length) const
+    Ranges whole(int64_t start, int64_t length, bool known) const
     {
-        return stretches(start, length, [&](int64_t block) { return !isKnown(block); });
+        return stretches(start, length,
+                         [&](auto block) { return covers(start, length, block) && isKnown(block) == known; });
     }
 
-    std::vector<std::pair<int64_t, int64_t>> wrong(int64_t start, int64_t length) const
+    Ranges wrong(int64_t start, int64_t length) const
     {
-        return stretches(start, length, [&](int64_t block) {
+        return stretches(start, length, [&](auto block) {
             const Bytes digest = blockDigest(target, blockSize, block, 0, size());
-            return isKnown(block) && !std::equal(digest.begin(), digest.end(), entry(block) + 1);
+            return covers(start, length, block) && isKnown(block)
+                && !std::equal(digest.begin(), digest.end(), entry(block) + 1);
         });
-    }
-
-    void learn(int64_t start, int64_t length)
-    {
-        for (const int64_t block : blocks(start, length)) {
-            if (covers(start, length, block) && !isKnown(block)) {
-                setEntry(file, block, blockDigest(target, blockSize, block, 0, size()));
-            }
-        }
     }
 
     Bytes query(int64_t start, int64_t length)
@@ -310,7 +288,7 @@ private:
                              [&](int64_t) { return 1 + (most > 5000 ? most : m_random.below(most)); });
         source.knowsHoles = m_random.chance(50);
         const kelvane_off_t offset = m_model.partitionOffset + start;
-        std::vector<std::pair<int64_t, int64_t>> wrong;
+        Model::Ranges wrong;
         Bytes aggregate;
         kelvane_buf_len_t done = -1;
         const auto progress = [&](kelvane_buf_len_t bytes) { return (done = bytes) >= 0; };
@@ -332,17 +310,15 @@ private:
         EXPECT_EQ(failure, "(none)");
         EXPECT_EQ(source.asked,
                   use == SourceUse::Hash        ? m_model.missing(start, length)
-                      : use == SourceUse::Learn ? m_model.unknown(start, length)
-                                                : m_model.known(start, length));
+                      : use == SourceUse::Learn ? m_model.whole(start, length, false)
+                                                : m_model.whole(start, length, true));
         EXPECT_TRUE(done == length || done == -1);
-        const std::size_t unknown = m_model.unknown(start, length).size();
+        const std::size_t unknown = m_model.whole(start, length, false).size();
         EXPECT_EQ(counter[Call::WriteAt] > 0, use != SourceUse::FindWrong && unknown > 0);
         EXPECT_LE(counter[Call::WriteAt], at(length / m_model.blockSize / 4096) + 1);
         EXPECT_EQ(wrong, use == SourceUse::FindWrong ? m_model.wrong(start, length) : wrong);
-        use == SourceUse::Learn ? m_model.learn(start, length) : void();
-        if (use == SourceUse::Hash) {
-            EXPECT_EQ(aggregate, m_model.query(start, length));
-        }
+        const Bytes right = use == SourceUse::FindWrong ? Bytes() : m_model.query(start, length);
+        EXPECT_EQ(aggregate, use == SourceUse::Hash ? right : Bytes());
     }
 
     // Without the store: an inspector sees what the file holds, and answers without changing it.
@@ -360,21 +336,21 @@ private:
                   m_model.file.size());
         EXPECT_EQ(std::tuple(m_store->target_size_in_bytes(), m_store->partition_offset_in_bytes()),
                   std::tuple(endOffset(), m_model.partitionOffset));
-        std::vector<std::pair<int64_t, int64_t>> found, foundOfAll, foundByStore;
+        Model::Ranges found, foundOfAll, foundByStore;
         const auto into = [](auto& list) { return [&list](auto at, auto size) { list.emplace_back(at, size); }; };
         inspector.for_each_unknown_range(into(foundOfAll));
-        EXPECT_EQ(foundOfAll, m_model.unknown(0, m_model.size()));
+        EXPECT_EQ(foundOfAll, m_model.whole(0, m_model.size(), false));
         if (m_model.accepts(start, length)) {
             inspector.for_each_unknown_range(offset, length, into(found));
             m_store->for_each_unknown_range(offset, length, into(foundByStore));
-            EXPECT_EQ(found, m_model.unknown(start, length));
+            EXPECT_EQ(found, m_model.whole(start, length, false));
             EXPECT_EQ(foundByStore, found);
             MemoryTarget target {m_model.target, m_model.partitionOffset};
             const Bytes right = Model(m_model).query(start, length);
             EXPECT_EQ(inspector.get_hash(offset, length, target.supplier()), right);
             MemorySource source(m_model.partitionOffset, m_model.target.data(), m_model.size());
             EXPECT_EQ(inspector.hash_range(offset, length, source), right);
-            std::vector<std::pair<int64_t, int64_t>> wrong;
+            Model::Ranges wrong;
             EXPECT_TRUE(inspector.find_wrong_hashes(offset, length, source, into(wrong)));
             EXPECT_EQ(wrong, m_model.wrong(start, length));
         }

@@ -232,36 +232,5 @@ TEST(RequestTest, FailsWithoutItsFile)
     }
 }
 
-// A hash function with digests of another size, which repeat one byte.
-struct SizedHash : IHashFunction {
-    explicit SizedHash(std::size_t sizeInBytes)
-        : size(sizeInBytes)
-    {
-    }
-    HashValue get_hash(kelvane_buf_t buffer, kelvane_buf_len_t length) override
-    {
-        return HashValue(size, BlakeHash().get_hash(buffer, length)[0]);
-    }
-    kelvane_size_t hash_size_in_bytes() const override { return size; }
-
-    std::size_t size;
-};
-
-TEST(RequestTest, FollowsTheDigestSizeOfTheHashFunction)
-{
-    for (const std::size_t size : {1U, 100U}) {
-        MemoryStore store(400, 0, 10);
-        Peer::hashFunction(*store.store) = std::make_unique<SizedHash>(size);
-        Bytes digests;
-        for (std::size_t block = 0; block < 40; ++block) {
-            digests.resize(digests.size() + size,
-                           digestOf(Bytes(&store.target.bytes[block * 10], &store.target.bytes[block * 10] + 10))[0]);
-        }
-        const Bytes aggregate(size, digestOf(digests)[0]);
-        EXPECT_EQ(store->get_hash(0, 400, store.target.supplier()), aggregate);
-        EXPECT_EQ(store->get_hash(0, 400, nullptr), aggregate); // from the file
-    }
-}
-
 } // namespace
 } // namespace kelvane::testing

@@ -107,6 +107,15 @@ struct Model {
         EXPECT_EQ(position(), start);
     }
 
+    void openAnother()
+    {
+        content = randomBytes(static_cast<std::size_t>(size()), static_cast<unsigned>(random.generator()));
+        path = directory.file(std::to_string(size()));
+        writeFile(path, content);
+        EXPECT_GE(reader.open(path, O_RDWR), 0);
+        EXPECT_EQ(position(), 0);
+    }
+
     void runAtRandom(Size cacheSize)
     {
         isRandom = true;
@@ -115,11 +124,12 @@ struct Model {
             const Size some = std::max<Size>(0, sizes[random.below(std::ssize(sizes))] + random.below(5) - 2);
             const Size near = std::max<Size>(0, position() + random.below(3) - random.below(2) * some);
             const Size place = random.chance(10) ? random.below(size() + PAGE) : random.chance(50) ? near : position();
-            const Size choice = random.below(20);
-            choice < 10       ? transfer(Call::ReadAt, place, some)
-                : choice < 17 ? transfer(Call::WriteAt, place, some)
-                : choice < 19 ? truncate(place)
-                              : move();
+            const Size choice = random.below(100);
+            choice < 50       ? transfer(Call::ReadAt, place, some)
+                : choice < 85 ? transfer(Call::WriteAt, place, some)
+                : choice < 94 ? truncate(place)
+                : choice < 99 ? move()
+                              : openAnother();
         }
         EXPECT_EQ(readFile(path), content);
         EXPECT_GT(std::min(failures, thrown), 5);
@@ -169,26 +179,6 @@ TEST(SimpleCachedReaderTest, FetchesPagesOrStraightAndAheadWhereReadsAscend)
         model.transfer(Call::ReadAt, 70000, length);
     }
     EXPECT_EQ(model.transfers, (std::vector<Size> {1, 3300, CACHE - 1})); // only the writes
-}
-
-TEST(SimpleCachedReaderTest, DoesNotMakeUpTheByteBetweenTwoWrites)
-{
-    Model model(CACHE);
-    model.transfer(Call::WriteAt, 200000, 10);
-    model.transfer(Call::WriteAt, 200011, 10);
-    model.transfer(Call::ReadAt, 200000, 21);
-}
-
-TEST(SimpleCachedReaderTest, ForgetsItsFileWhenItOpensAnother)
-{
-    Model model(CACHE);
-    model.transfer(Call::ReadAt, 5000, 10);
-    model.content = randomBytes(20000, 9);
-    model.path = model.directory.file("other");
-    writeFile(model.path, model.content);
-    EXPECT_GE(model.reader.open(model.path, O_RDWR), 0);
-    EXPECT_EQ(model.position(), 0);
-    model.transfer(Call::ReadAt, 5000, 10);
 }
 
 TEST(SimpleCachedReaderTest, RepeatsInterruptedCalls)

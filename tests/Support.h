@@ -28,22 +28,15 @@ namespace kelvane {
 struct BlockHashStoreTestPeer {
     using Store = BlockHashStore;
     using Header = Store::Header;
-    static std::unique_ptr<Store> make() { return std::unique_ptr<Store>(new Store()); }
     static Header& header(Store& store) { return store.m_header; }
     static SimpleCachedReader& file(Store& store) { return store.m_file; }
     static std::unique_ptr<IHashFunction>& hashFunction(Store& store) { return store.m_hashFunction; }
-    static const char* hashBuffer(const Store& store) { return store.m_hashBuffer.get(); }
     static kelvane_buf_len_t hashBufferSize(const Store& store) { return store.m_hashBufferSize; }
-    static void growHashBufferWhenNeeded(Store& store, kelvane_buf_len_t size) { store.growHashBufferWhenNeeded(size); }
-    static void init(Store& store) { store.init(); }
     static void initFileRegion(Store& store, uint64_t offset, uint64_t length) { store.initFileRegion(offset, length); }
-    static void createFile(const std::string& path, uint64_t size) { Store::createFile(path, size); }
-    static void openInternal(Store& s, const std::string& path, uint64_t target) { s.open_internal(path, target); }
     static void initHeader(const std::string& path, uint64_t target, int64_t partition, uint32_t block, uint32_t id)
     {
         Store::initHeader(path, target, partition, block, id);
     }
-    static void validateHeader(Store& s, uint64_t target, uint64_t file) { s.validateHeader(target, file); }
     static uint64_t computeFileSize(uint64_t t, uint32_t b, uint64_t h) { return Store::computeFileSize(t, b, h); }
     static int64_t toInternalOffset(const Store& s, int64_t offset) { return s.toInternalOffset(offset); }
     static int64_t fromInternalOffset(const Store& s, int64_t offset) { return s.fromInternalOffset(offset); }

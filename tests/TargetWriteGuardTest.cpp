@@ -27,7 +27,6 @@ struct TargetWriteGuardTest : ::testing::Test {
 
     void guard() { m_guard.emplace(*memory.store, 2 * BLOCK, 3 * BLOCK); }
     void commit() { m_guard->commit(static_cast<const void*>(&memory.target.bytes[2 * BLOCK])); }
-    void drop() { m_guard.reset(); }
 
     MemoryStore memory;
     Bytes known, unknown; // the hash file
@@ -35,24 +34,6 @@ struct TargetWriteGuardTest : ::testing::Test {
 private:
     std::optional<TargetWriteGuard> m_guard;
 };
-
-TEST_F(TargetWriteGuardTest, KeepsTheRangeUnknownOnTheDiskUntilItIsCommitted)
-{
-    std::vector<Call> calls;
-    const CallHook hook([&](const CallRecord& record) {
-        calls.push_back(record.call);
-        return Outcome();
-    });
-    guard();
-    EXPECT_THAT(std::exchange(calls, {}), ElementsAre(Call::WriteAt, Call::Fsync));
-    EXPECT_EQ(memory.file(), unknown);
-    commit();
-    EXPECT_THAT(std::exchange(calls, {}), ElementsAre(Call::WriteAt));
-    EXPECT_EQ(memory.file(), known);
-    guard();
-    drop();
-    EXPECT_EQ(memory.file(), unknown);
-}
 
 TEST_F(TargetWriteGuardTest, MakesTheRangeUnknownAgainWhenItsHashesCannotBeStored)
 {

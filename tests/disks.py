@@ -11,8 +11,8 @@ import oracle
 from program import BLOCK, PROGRAM, Case, shimmed
 
 LIBC = ctypes.CDLL(None, use_errno=True)
-CALLS = {"x86_64": {"userfaultfd": 323, "io_setup": 206, "io_destroy": 207, "io_getevents": 208, "io_submit": 209},
-         "aarch64": {"userfaultfd": 282, "io_setup": 0, "io_destroy": 1, "io_submit": 2, "io_getevents": 4}}
+CALLS = {"x86_64": {"io_setup": 206, "io_destroy": 207, "io_getevents": 208, "io_submit": 209},
+         "aarch64": {"io_setup": 0, "io_destroy": 1, "io_submit": 2, "io_getevents": 4}}
 MAKE = {"ext4": "mkfs.ext4 -q -F", "xfs": "mkfs.xfs -q -f", "btrfs": "mkfs.btrfs -q -f"}
 SIZE = {"ext4": 64 << 20, "xfs": 320 << 20, "btrfs": 128 << 20}  # the least that they are made of
 
@@ -135,42 +135,6 @@ def shut_down(mounted):
     os.close(directory)
 
 
-class Begun:
-    """A write that began, and goes on to its end with `go`."""
-    is_over = False
-
-    def go(self):
-        if not self.is_over:
-            self.is_over = True
-            self.end()
-
-
-class SlowSource(Begun):
-    """Of this process: the second page of what it writes is not there yet, as in a long copy from another file."""
-
-    def __init__(self, image, offset, data):
-        self.data, self.pages = data, mmap.mmap(-1, len(data), flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS)
-        self.faults = system_call("userfaultfd", os.O_CLOEXEC)
-        fcntl.ioctl(self.faults, 0xc018aa3f, struct.pack("QQQ", 0xaa, 0, 0))  # UFFDIO_API
-        fcntl.ioctl(self.faults, 0xc020aa00, struct.pack("QQQQ", address_of(self.pages), len(data), 1, 0))
-        self.give(0)
-        writer = os.open(image, os.O_WRONLY)
-        self.thread = threading.Thread(target=lambda: (os.pwrite(writer, self.pages, offset), os.close(writer)))
-        self.thread.start()
-        os.read(self.faults, 32)  # until it waits
-
-    def give(self, page):
-        source = ctypes.create_string_buffer(self.data[page * 4096:(page + 1) * 4096], 4096)
-        fcntl.ioctl(self.faults, 0xc028aa03,  # UFFDIO_COPY
-                    struct.pack("QQQQQ", address_of(self.pages) + page * 4096, ctypes.addressof(source), 4096, 0, 0))
-
-    def end(self):
-        for page in range(1, len(self.data) // 4096):
-            self.give(page)
-        self.thread.join()
-        os.close(self.faults)
-
-
 class Throttle:
     """A group of processes whose writes to a disk are held back by the system, until `go`."""
 
@@ -211,9 +175,11 @@ class Throttle:
                 time.sleep(0.01)
 
 
-class Held(Begun):
-    """A direct write of another process, that the system holds back. With `closes`, that process has closed
+class Held:
+    """A direct write of another process, that the system holds back until `go`. With `closes`, that process has closed
     the image already: nobody can be named who writes."""
+
+    is_over = False
 
     def __init__(self, throttle, image, offset, data, closes=False):
         self.throttle = throttle
@@ -242,9 +208,11 @@ class Held(Begun):
         if os.waitpid(self.process, os.WNOHANG)[0]:
             raise unittest.SkipTest("the system does not hold back what a group of processes writes")
 
-    def end(self):
-        self.throttle.go()
-        os.waitpid(self.process, 0)
+    def go(self):
+        if not self.is_over:
+            self.is_over = True
+            self.throttle.go()
+            os.waitpid(self.process, 0)
 
 
 # ---------------------------------------------------------------------------------------------------

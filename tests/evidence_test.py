@@ -10,8 +10,7 @@ from pathlib import Path
 from random import randbytes
 from subprocess import PIPE, STDOUT, Popen, TimeoutExpired, run
 
-from disks import (LIBC, MAKE, SIZE, WRITERS, Direct, Disks, Held, Mapped, Rows, SlowSource, Throttle, shut_down,
-                   write)
+from disks import LIBC, MAKE, SIZE, WRITERS, Direct, Disks, Held, Mapped, Rows, Throttle, shut_down, write
 from program import BLOCK, FAR, PROGRAM, SHIM, doubt_here, drop_override, flip, main, shimmed
 
 BLOCKS = 50
@@ -40,8 +39,7 @@ class Evidence(Disks):
     def test_writes_that_began_before_and_end_later(self):
         """Their stamps are those of their beginning; their bytes come when the command has ended."""
         for kind, how, when in (("ext4", "direct", "before"), ("ext4", "closed", "meanwhile"),
-                                ("xfs", "closed", "before"), ("xfs", "direct", "meanwhile"),
-                                ("xfs", "slow", "meanwhile")):
+                                ("xfs", "closed", "before"), ("xfs", "direct", "meanwhile")):
             with self.row(kind, how, when):
                 device = self.file_system(kind)
                 for command in "build m/a", "diff m/a m/c", "sync m/a m/b", "sync m/b m/a":
@@ -52,11 +50,8 @@ class Evidence(Disks):
         writes = []
 
         def begin():
-            if how == "slow":
-                writes.append(SlowSource("m/a", PLACE, OTHER))
-            else:
-                throttle = self.stack.enter_context(closing(Throttle(device)))
-                writes.append(Held(throttle, "m/a", PLACE, OTHER, how == "closed"))
+            throttle = self.stack.enter_context(closing(Throttle(device)))
+            writes.append(Held(throttle, "m/a", PLACE, OTHER, how == "closed"))
 
         if when == "before":
             begin()
@@ -440,7 +435,7 @@ class Swaps(Rows):
                 places = {(name, calls[0]) for name in names}
                 for i, call in enumerate(calls):
                     kind, name = call.split()[0], call.split("/")[-1].split()[-1]
-                    if kind in ("open", "link", "rename", "unlink") and name.startswith("n"):
+                    if kind in ("open", "link", "unlink") and name.startswith("n"):
                         places.add((name, f"{call}#{calls[:i + 1].count(call)}"))
                 self.assertLessEqual({"n", "n.hashes"}, {name for name, place in places if "#" in place})
                 for (name, place), how in product(sorted(places), SWAPS):

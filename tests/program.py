@@ -84,6 +84,13 @@ class Case(unittest.TestCase):
         self.call(command, shim={"SHIM_LOG": "calls", **shim})
         return Path("calls").read_text().splitlines()
 
+    @staticmethod
+    def frames(log="log"):
+        """Direction, type and size of those that went through relay.py since it was asked last."""
+        frames = [line.split() for line in Path(log).read_text().splitlines()]
+        os.remove(log)
+        return [(way, int(kind), int(size)) for way, kind, size in frames]
+
     def at(self, command, call, share, **shim):
         """One of the calls of a kind that a command makes, from the first one at 0 to the last one at 1."""
         count = self.calls(command, **shim).count(call)

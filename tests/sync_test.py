@@ -3,6 +3,7 @@ import json, os, resource, shutil, subprocess, unittest
 from pathlib import Path
 from random import randbytes
 
+from frames import HELLO
 from program import BLOCK, DEVICE, FAR, Case, built, doubt_here, drop_override, flip, main
 
 
@@ -20,20 +21,8 @@ def in_memory(name):
 
 
 class Sync(Case):
-    def test_sync_changes_sizes_and_keeps_the_store_true(self):
-        a = randbytes(700 * BLOCK + 300)
-        Path("source").write_bytes(a)
-        self.call("build source --block-size 4096")
-        for name, old, expected in (("same", a, 8 * BLOCK), ("long", a + bytes(50000), 8 * BLOCK),
-                                    ("short", a[:400 * BLOCK + 5], len(a) - 395 * BLOCK), ("new", b"", len(a))):
-            if old:
-                Path(name).write_bytes(old)
-                flip(name, *range(0, len(old), 90 * BLOCK + 1))
-                self.call("build " + name)
-            self.assertEqual(self.json(f"sync source {name} --verify -j 2")["bytesCopied"], expected, name)
-            self.assertEqual(Path(name).read_bytes(), a, name)
-            self.check_hash_file(name)
-            self.assertEqual(self.json(f"sync source {name}")["bytesCopied"], 0, name)
+    def test_block_sizes_are_those_of_hash_files_that_are_there(self):
+        Path("source").write_bytes(randbytes(70 * BLOCK + 300))
         self.call("build source --hash-file large --block-size 64K")
         self.call("sync source other --source-hash-file large")
         self.call("build other --hash-file small --block-size 512")
@@ -91,6 +80,8 @@ class Sync(Case):
                     self.assertEqual([told["bytesCompared"], done["bytesCompared"]],
                                      [min(len(a), len(old)), len(a)] if old else [0, 0])
                     self.assertEqual(Path("t").read_bytes(), a)
+                    self.check_hash_file("t")
+                    self.assertEqual(self.json(f"sync {source} {destination} --verify {FAR}")["bytesCopied"], 0)
         os.truncate("t", BLOCK)
         for command, cause in ("source t --verify", "excludes"), ("source no/t", "no/t: .*No such file"), ("t t", "itself"):
             self.check_complaint(f"sync -n {command}", cause)
@@ -148,7 +139,6 @@ class Sync(Case):
                 shutil.copy("s/1.img", place + "1.img")
                 shutil.rmtree(place + "2.img", ignore_errors=True)
                 os.mkdir(place + "2.img")  # which is no image
-                Path("log").unlink(missing_ok=True)
                 command = f"sync {' '.join(near + 's/' + name for name in names)} {directory} {FAR}"
                 log = {"env": dict(os.environ, RELAY_LOG="log")}
                 done = self.call(command, 2, **log)
@@ -157,18 +147,16 @@ class Sync(Case):
                 self.assertRegex(done.stdout, r"\A" + "".join(
                     rf"{far}{place}{names[i]}: equal, {copied.pop(0)} of .* copied, .* s\n" for i in (0, 1, 3)) + r"\Z")
                 if near + far:  # a connection ends with what fails there
-                    self.assertEqual([line.split()[1] for line in Path("log").read_text().splitlines()
-                                      if line[0] == ">"].count("1"), 2 if far else 1)
+                    self.assertEqual([frame[:2] for frame in self.frames()].count((">", HELLO)), 2 if far else 1)
                 os.rmdir(place + "2.img")
-                Path("log").unlink(missing_ok=True)
                 all_done = json.loads(self.call(command + " --json", **log).stdout)
                 self.assertEqual([each["bytesCopied"] for each in all_done], [0, 0, 10 * BLOCK + 2, 0])
                 self.assertEqual([each["destination"] for each in all_done], [far + place + name for name in names])
                 if near + far:
-                    frames = [line.split() for line in Path("log").read_text().splitlines()]
-                    self.assertEqual([kind for way, kind, _ in frames if way == ">"].count("1"), 1)
+                    frames = self.frames()
+                    self.assertEqual([frame[:2] for frame in frames].count((">", HELLO)), 1)
                     for way, total in ("<", "bytesReceived"), (">", "bytesSent"):
-                        self.assertEqual(sum(int(size) for found, _, size in frames if found == way),
+                        self.assertEqual(sum(size for found, _, size in frames if found == way),
                                          sum(each["line"][total] for each in all_done))
                 for name in names:
                     self.assertEqual(Path(place + name).read_bytes(), Path("s/" + name).read_bytes())

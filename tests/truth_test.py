@@ -231,7 +231,7 @@ def order_is_safe(calls):
     """A record says "not clean" before the hash file is changed, and more only once the changes are flushed."""
     for name in NAMES:
         records = [i for i, call in enumerate(calls)
-                   if call in (f"{kind} {name}.hashes.state" for kind in ("rename", "link", "pwrite"))]
+                   if call in (f"{kind} {name}.hashes.state" for kind in ("link", "pwrite"))]
         changes = [i for i, call in enumerate(calls) if call == f"pwrite {name}.hashes"]
         flushes = [i for i, call in enumerate(calls) if call == f"fsync {name}.hashes"]
         if changes and not (records and records[0] < changes[0] and flushes and changes[-1] < flushes[-1]

@@ -223,11 +223,6 @@ int fallocate64(int fd, int mode, off64_t offset, off64_t length)
         : next("fallocate64", fallocate64)(fd, mode, offset, length);
 }
 
-int rename(const char* from, const char* to) noexcept
-{
-    return note(std::string("rename ") + to) ? -1 : next("rename", rename)(from, to);
-}
-
 int open64(const char* path, int flags, ...)
 {
     std::va_list arguments;
@@ -257,11 +252,6 @@ int unlink(const char* path) noexcept
     return noteName("unlink ", path) ? -1 : next("unlink", unlink)(path);
 }
 
-int unlinkat(int directory, const char* path, int flags) noexcept
-{
-    return noteName("unlink ", path) ? -1 : next("unlinkat", unlinkat)(directory, path, flags);
-}
-
 int linkat(int fromDirectory, const char* from, int toDirectory, const char* to, int flags) noexcept
 {
     struct stat status;
@@ -273,16 +263,6 @@ int linkat(int fromDirectory, const char* from, int toDirectory, const char* to,
         namedLater = status.st_ino;
     }
     return next("linkat", linkat)(fromDirectory, from, toDirectory, to, flags);
-}
-
-int renameat(int fromDirectory, const char* from, int toDirectory, const char* to) noexcept
-{
-    return noteName("rename ", to) ? -1 : next("renameat", renameat)(fromDirectory, from, toDirectory, to);
-}
-
-int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) noexcept
-{
-    return noteName("rename ", to) ? -1 : next("renameat2", renameat2)(fromDirectory, from, toDirectory, to, flags);
 }
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept
@@ -310,10 +290,8 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
 
 // The same calls by their other names.
 ssize_t pread(int, void*, size_t, off_t) __attribute__((alias("pread64")));
-void* mmap(void*, size_t, int, int, int, off_t) noexcept __attribute__((alias("mmap64")));
 ssize_t pwrite(int, const void*, size_t, off_t) __attribute__((alias("pwrite64")));
 int ftruncate(int, off_t) noexcept __attribute__((alias("ftruncate64")));
 int open(const char*, int, ...) __attribute__((alias("open64")));
-int openat(int, const char*, int, ...) __attribute__((alias("openat64")));
 
 } // extern "C"
