@@ -187,7 +187,7 @@ class Lists(Case):
                 (THIN_DELTA % '<different begin="0"/>', 'entry 1: no "length"'),
                 (THIN_DELTA % '<different begin="-1" length="1"/>', 'entry 1: "begin" is no number: -1'),
                 (THIN_DELTA % '<same begin="0" length="0"/>', "entry 1: impossible range"),
-                (THIN_DELTA % '<same begin="%d" length="1"/>' % (1 << 47), "entry 1: impossible range"),
+                (THIN_DELTA % '<same begin="0" length="%d"/>' % (1 << 47), "entry 1: impossible range"),
                 (THIN_DELTA % '<left_only begin="1" length="2"/>', r"entry 1: 65536 \+ 131072 is not in a"),
                 (THIN_DELTA.replace("128", "100") % "", '"data_block_size" is none of a pool: 100')):
             with self.subTest(text):
