@@ -189,7 +189,8 @@ class Lists(Case):
                 (THIN_DELTA % '<same begin="0" length="0"/>', "entry 1: impossible range"),
                 (THIN_DELTA % '<same begin="0" length="%d"/>' % (1 << 47), "entry 1: impossible range"),
                 (THIN_DELTA % '<left_only begin="1" length="2"/>', r"entry 1: 65536 \+ 131072 is not in a"),
-                (THIN_DELTA.replace("128", "100") % "", '"data_block_size" is none of a pool: 100')):
+                *((THIN_DELTA.replace("128", sectors) % "", f'"data_block_size" is none of a pool: {sectors}$')
+                  for sectors in ("0", "100", "192", "2097280"))):
             with self.subTest(text):
                 self.check_refused(text, cause)
 

@@ -1,13 +1,15 @@
 #include "commands/Build.h"
 
-#include "work/LocalSide.h"
+#include "work/HashedImage.h"
+#include "work/OpenImage.h"
 
 namespace kelvane::tool {
 
 BuildResult build(const ImageArguments& arguments, bool afterCrash, const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
-    const Image image = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const Image& image = *opened;
     HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
     BuildResult result;
     if (afterCrash) {

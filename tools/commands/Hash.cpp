@@ -4,7 +4,8 @@
 
 #include "base/Failure.h"
 #include "base/Text.h"
-#include "work/LocalSide.h"
+#include "work/HashedImage.h"
+#include "work/OpenImage.h"
 
 namespace kelvane::tool {
 
@@ -26,7 +27,8 @@ Range inImage(const Range& onDevice, const Image& image, const HashFile& hashFil
 
 HashResult hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
-    const Image image = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const Image& image = *opened;
     HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
     hashed.adaptToImage();
     const HashFile& hashFile = hashed.hashFile();

@@ -7,6 +7,7 @@
 
 #include "base/Failure.h"
 #include "hash_file/HashFile.h"
+#include "image/FileImage.h"
 
 namespace kelvane::tool {
 
@@ -40,9 +41,8 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
 Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
     try {
-        const Image image(record.image.identity.path, Image::Access::Read);
-        const ImageState state = stateOf(image);
-        return doubtAbout(record, hashFileState(hashFile), state, writersOf(image));
+        const FileImage image(record.image.identity.path, Image::Access::Read);
+        return doubtAbout(record, hashFileState(hashFile), image.state(), image.writers());
     } catch (const Failure& failure) {
         return {Doubt::Because::Untold, failure.what()};
     }

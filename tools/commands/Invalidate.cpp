@@ -10,7 +10,8 @@
 #include "base/Interrupt.h"
 #include "base/Text.h"
 #include "lists/ListParser.h"
-#include "work/LocalSide.h"
+#include "work/HashedImage.h"
+#include "work/OpenImage.h"
 
 namespace kelvane::tool {
 
@@ -113,7 +114,8 @@ Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Com
 
 InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
 {
-    const Image image = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     Forgotten forgotten = forget(hashed, what, common);
     if (!forgotten.doubt.empty()) {

@@ -35,7 +35,7 @@ std::unique_ptr<RemoteSide> openFar(const RemotePath& path, const ImageArguments
 
 void keepSidesApart(const LocalSide& first, const LocalSide& second, bool writesSecond)
 {
-    if (writesSecond && first.image().isSame(second.image())) {
+    if (writesSecond && second.image().isAt(first.image().place())) {
         throw Failure(second.name(), "this is the source itself");
     }
     keepApart(first.name(), second.hashFilePath());

@@ -12,7 +12,7 @@ namespace {
 
 void refuseUnfitPair(Side& source, Side& destination)
 {
-    if (destination.opening().isBlockDevice && destination.opening().size < source.opening().size) {
+    if (destination.opening().hasFixedSize && destination.opening().size < source.opening().size) {
         throw Failure(destination.name(), destination.opening().size,
                       "the device is too small for an image of " + counted(source.opening().size, "byte"));
     }
@@ -103,7 +103,7 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
     const Conclusions ends = conclude(from, to, common);
     const Opening& former = destination.opening();
     const bool isEqual = !difference && change.wasUnchanged && areSure(ends);
-    const bool isResized = !former.isMissing && !former.isBlockDevice && former.size != size;
+    const bool isResized = !former.isMissing && !former.hasFixedSize && former.size != size;
     return {difference    ? Verdict::Different
                 : isEqual ? Verdict::Equal
                           : Verdict::Undecided,
@@ -140,7 +140,7 @@ SyncResult foresee(Side& source, Side& destination, const PairArguments& argumen
         ends = conclude(both.first, both.second, common);
     }
     append(comparison.differing, between(compared, size));
-    const bool isResized = !found.isMissing && !found.isBlockDevice && found.size != size;
+    const bool isResized = !found.isMissing && !found.hasFixedSize && found.size != size;
     const bool isEqual = comparison.differing.empty() && !found.isMissing && !isResized;
     return {.verdict = !areSure(ends) ? Verdict::Undecided
                 : isEqual             ? Verdict::Equal

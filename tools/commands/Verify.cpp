@@ -7,7 +7,8 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "work/Blocks.h"
-#include "work/LocalSide.h"
+#include "work/HashedImage.h"
+#include "work/OpenImage.h"
 
 namespace kelvane::tool {
 
@@ -80,7 +81,8 @@ std::string settle(HashedImage& hashed, const std::vector<Range>& wrong, bool ma
 
 VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
 {
-    const Image image = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();
     hashed.belief().leaveRecordOfOther();

@@ -138,12 +138,7 @@ bool giveName(const Descriptor& file, const std::string& path)
 
 std::string HashFileOptions::pathFor(const Image& image) const
 {
-    if (path.empty() && image.isBlockDevice()) {
-        throw Failure(image.path(),
-                      "a block device: say where its hash file is, with --hash-file or its like; beside the device "
-                      "it would be in memory, and lost when the machine is started again");
-    }
-    const std::string found = path.empty() ? image.path() + ".hashes" : path;
+    const std::string found = path.empty() ? image.hashFile() : path;
     keepApart(image.path(), found);
     return found;
 }
@@ -346,7 +341,7 @@ void HashFile::checkOwner(const Image& image, const HashFileOptions& options)
     const bool fits = m_geometry.targetSize == image.size();
     std::string owner = "an image of " + counted(m_geometry.targetSize, "byte");
     if (m_record && !image.isMissing()) {
-        const Owner relation = ownerOf(*m_record, identityOf(image));
+        const Owner relation = ownerOf(*m_record, image.identity());
         if (relation == Owner::Same || (fits && relation == Owner::Successor)) {
             return;
         }

@@ -8,7 +8,6 @@
 #include <filesystem>
 
 #include "base/SmallFile.h"
-#include "image/BlockDevice.h"
 
 #ifndef STATX_MNT_ID_UNIQUE
 #define STATX_MNT_ID_UNIQUE 0x00004000U
@@ -140,21 +139,21 @@ std::string failuresOf(const Descriptor& file)
     return failures;
 }
 
-Identity identityOf(const Image& image)
+Identity identityOf(const std::string& path, const Descriptor& bytes, const BlockDevice* device)
 {
     Identity identity;
     std::error_code error;
-    const std::filesystem::path absolute = std::filesystem::canonical(image.path(), error);
-    identity.path = error ? image.path() : absolute.string();
-    if (image.isBlockDevice()) {
+    const std::filesystem::path absolute = std::filesystem::canonical(path, error);
+    identity.path = error ? path : absolute.string();
+    if (device != nullptr) {
         identity.traits["kind"] = "device";
-        identifyDevice(image.device(), "", identity);
+        identifyDevice(*device, "", identity);
     } else {
         identity.traits["kind"] = "file";
     }
-    if (const Descriptor& file = image.fileWithBytes()) {
-        identity.traits.merge(fileTraits(file));
-        identity.instance.merge(mountTraits(file));
+    if (bytes) {
+        identity.traits.merge(fileTraits(bytes));
+        identity.instance.merge(mountTraits(bytes));
         if (!identity.traits.contains("born") && !identity.traits.contains("generation")) {
             identity.doubt = "its file system does not tell one file from the next with the same number";
         }

@@ -3,7 +3,8 @@
 
 #include <string>
 
-#include "image/Image.h"
+#include "base/Descriptor.h"
+#include "image/BlockDevice.h"
 #include "image/Traits.h"
 
 namespace kelvane::tool {
@@ -24,7 +25,8 @@ struct Identity {
     std::string doubt; // why another image could have the same; empty when none can
 };
 
-Identity identityOf(const Image& image);
+// Of the file that holds the bytes, if there is one, and of the device by which they are reached, if they are.
+Identity identityOf(const std::string& path, const Descriptor& bytes, const BlockDevice* device);
 
 // The same of a regular file, but for the start of the machine.
 Traits fileTraits(const Descriptor& file);

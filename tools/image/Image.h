@@ -1,24 +1,22 @@
-// The disk images that the program works on: regular files and block devices.
+// The disk images that the program works on, whatever holds them.
 #pragma once
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Descriptor.h"
 #include "base/Failure.h"
 #include "base/Range.h"
-#include "image/BlockDevice.h"
+#include "image/ImageState.h"
+#include "image/Writers.h"
 
 namespace kelvane::tool {
 
-// The system could not write to the disk what it had taken. What it holds in memory may never reach the disk, though
-// the next flush succeeds.
+// What an image's disk was given may never reach it, though the next flush succeeds.
 class FlushFailed : public Failure {
 public:
     using Failure::Failure;
@@ -30,126 +28,94 @@ class Image {
 public:
     enum class Access { Read, Write, WriteOrMissing };
 
-    // With WriteOrMissing, one that is not there counts as empty until `create` is called. What is to be written must
-    // not be in use by the system, by being mounted for instance.
-    Image(std::string path, Access access, AtLink atLink = AtLink::Follow);
+    virtual ~Image() = default;
 
-    const std::string& path() const { return m_path; }
-    std::int64_t size() const { return m_size; }
-    bool isBlockDevice() const { return m_isBlockDevice; }
-    bool isMissing() const { return !m_file; }
-    mode_t permissions() const { return m_permissions; }
-    const Descriptor& file() const { return m_file; }
+    virtual const std::string& path() const = 0; // as it was given
+    virtual std::int64_t size() const = 0;       // at the time of opening, or of the last resizing by this program
+    virtual std::int64_t currentSize() const = 0;
+    virtual bool hasFixedSize() const = 0; // as a block device: it is neither made nor resized
+    virtual bool isMissing() const = 0;    // until it is created
+    virtual mode_t permissions() const = 0;
 
-    // Of a block device: whether nobody else uses it as a whole, as the system does with one that is mounted.
-    bool isClaimed() const { return m_isClaimed; }
-    const BlockDevice& device() const { return *m_device; }
+    // Where its hash file is when the user names none. Fails where one must be named.
+    virtual std::string hashFile() const = 0;
 
-    // The file that holds its bytes: itself; of a loop device that can only be read, the one that it shows. None where
-    // that file can be written through the device, or is not to be seen.
-    const Descriptor& fileWithBytes() const { return m_isBlockDevice ? m_shown : m_file; }
+    // A text that leads to it, whatever it is called; whether one does. None of what is missing.
+    virtual std::string place() const = 0;
+    virtual bool isAt(const std::string& place) const = 0;
 
-    // `size` is that of the time of opening, or of the last resizing by this program.
-    std::int64_t currentSize() const;
+    // Evidence. The state is looked at after a flush, once no later change can look the same. What begins to write
+    // before `writers` is called is over when that finds nobody.
+    virtual Identity identity() const = 0;
+    virtual ImageState state() const = 0;
+    virtual Writers writers() const = 0;
 
-    // Whether another one is the same file or device, by whatever path.
-    bool isSame(const Image& other) const
-    {
-        return !isMissing() && !other.isMissing() && leadsTo(other.m_file.place(), m_file);
-    }
+    // While this program writes to it, others are noticed in another way, from the beginning of this on. One at a time.
+    class Watch {
+    public:
+        virtual ~Watch() = default;
 
-    // Whether its path still leads to it.
-    bool isNamed() const { return leadsTo(m_path, m_file); }
+        // Whether others that wrote to it, too, would have been noticed. Between two states of it.
+        virtual bool wasAlone(const ImageState& before, const ImageState& after) const = 0;
+    };
+    virtual std::unique_ptr<Watch> watch() const = 0;
 
-    // Whether every change of it leaves a stamp of this machine's clock once it is flushed, those by mappings, too, and
-    // what is mapped is what is read. Not where the file system is not known to work so: in memory, over a network, in
-    // user space, or put together from several others.
-    bool isStamped() const { return m_isStamped; }
+    virtual void read(char* buffer, Range range) const = 0;
 
-    // A block device is read from the disk: what the system holds in memory of it is not always what was written to it
-    // past it, to the whole disk or to the file that holds it.
-    void read(char* buffer, Range range) const;
+    // The first range of data at or behind an offset and before `end`; what lies before it is a hole. Empty, at `end`,
+    // when there is only a hole. More data may follow at once.
+    virtual Range nextData(std::int64_t offset, std::int64_t end) const = 0;
 
     // From the disk, past what the system holds in memory and without leaving anything there; as `read` does where that
     // cannot be done.
-    void readFromDisk(char* buffer, Range range) const;
+    virtual void readFromDisk(char* buffer, Range range) const = 0;
 
     // Whether any page of a range is in memory, while the image is written, too; true where that cannot be told.
-    bool isAnyInMemory(Range range) const;
+    virtual bool isAnyInMemory(Range range) const = 0;
 
-    // Whether all pages of a range are in memory; which of them are. All of them where that cannot be told, or where
-    // nothing can be read past it.
+    // Which pages of a range are in memory: all of them where that cannot be told, or where nothing can be read past
+    // it.
     struct Run {
         Range range;
         bool isInMemory;
     };
-    bool isInMemory(Range range) const;
-    std::vector<Run> residency(Range range) const;
+    virtual std::vector<Run> residency(Range range) const = 0;
 
-    // The first range of data at or behind an offset and before `end`; what lies before it is a hole. Empty,
-    // at `end`, when there is only a hole.
-    Range nextData(std::int64_t offset, std::int64_t end) const;
+    // To map what is in memory of it; none where what is mapped need not be what is read.
+    virtual const Descriptor& mappable() const = 0;
 
-    // Brings what the system holds in memory to the disk. After a FlushFailed that is dropped from memory, as far as
-    // possible.
-    void flush() const;
-
-    // What is read from now on comes from the disk. False when a part of it stays in memory; `mustDropCache` then
-    // fails.
-    bool dropCache() const;
-    void mustDropCache() const;
+    // What is read from now on comes from the disk. False when a part of it stays in memory.
+    virtual bool dropCache() const = 0;
 
     // Drops a range from memory, once it is on the disk.
-    void drop(Range range) const;
+    virtual void drop(Range range) const = 0;
 
     // Fails when the image, or one that is made, could not have a size.
-    void checkSize(std::int64_t size) const;
+    virtual void checkSize(std::int64_t size) const = 0;
 
-    void create(mode_t permissions); // which begins writing
-    void beginWriting();
-    bool isWriting() const { return m_isWriting; }
-    void endWriting();
-    void write(const char* buffer, Range range);
-    void resize(std::int64_t size); // regular files alone
+    virtual void create(mode_t permissions) = 0; // which begins writing
+    virtual void beginWriting() = 0;
+    virtual bool isWriting() const = 0;
+    virtual void endWriting() = 0;
+    virtual void resize(std::int64_t size) = 0; // unless its size is fixed
+
+    // What is written may be on its way when this returns, and needs its memory for so long; a failure comes out of a
+    // later call then, of `flush` at the latest. Without that memory all has been written.
+    virtual void write(const char* buffer, Range range, const std::shared_ptr<const void>& memory) = 0;
+
+    // Into zeros, which take room or not; false where that cannot be done.
+    virtual bool zero(Range range, bool takesRoom) = 0;
 
     // Has the system write a range to the disk at once; waits until that has happened, and fails as `flush` does. Only
     // a flush makes it durable.
-    void beginWriteBack(Range range) const;
-    void awaitWriteBack(Range range) const;
+    virtual void beginWriteBack(Range range) const = 0;
+    virtual void awaitWriteBack(Range range) const = 0;
+
+    // Brings what was written to the disk. After a FlushFailed that is dropped from memory, as far as possible.
+    virtual void flush() const = 0;
 
     // Whether a FlushFailed was thrown: what was written may be nowhere.
-    bool hasLostWrites() const { return *m_hasLostWrites; }
-    bool punch(Range range); // into zeros that take no room; false where that cannot be done
-
-    // By this program.
-    std::int64_t bytesWritten() const { return m_bytesWritten; }
-
-private:
-    void checkDirectory() const;
-    void openForReading(const Descriptor& found);
-    void take(Descriptor file, const struct stat& status);
-    void refuseUse() const;
-    const Descriptor& fileForDisk() const { return m_isBlockDevice ? m_file : m_direct; }
-    void openForDisk();
-    [[noreturn]] void failFlush(int error) const;
-    std::int64_t readAt(const Descriptor& file, char* buffer, Range range) const;
-    void writeAt(const Descriptor& file, const char* buffer, Range range);
-    void writeToDevice(const char* buffer, Range range);
-
-    std::string m_path;
-    Descriptor m_file;
-    Descriptor m_direct; // a file again, to be read past what is in memory of it; none while it is written
-    std::optional<BlockDevice> m_device;
-    Descriptor m_shown;   // by a loop device
-    Descriptor m_written; // a device, beside m_file, which claims it
-    std::int64_t m_size = 0;
-    mode_t m_permissions = 0;
-    bool m_isBlockDevice = false;
-    bool m_isClaimed = false;
-    bool m_isStamped = false;
-    bool m_isWriting = false;
-    std::int64_t m_bytesWritten = 0;
-    std::unique_ptr<std::atomic<bool>> m_hasLostWrites = std::make_unique<std::atomic<bool>>(false);
+    virtual bool hasLostWrites() const = 0;
 };
 
 } // namespace kelvane::tool

@@ -102,10 +102,15 @@ void ImageReader::readInMemory(char* buffer, Range range) const
     }
 }
 
-// Only where what is mapped is what is read.
+bool ImageReader::isInMemory(Range pages) const
+{
+    const std::vector<Image::Run> runs = m_image.residency(pages);
+    return runs.size() == 1 && runs[0].isInMemory;
+}
+
 Mapping ImageReader::mapping(Range pages) const
 {
-    return m_image.isStamped() && !m_image.isBlockDevice() ? Mapping(m_image, pages) : Mapping();
+    return m_image.mappable() ? Mapping(m_image, pages) : Mapping();
 }
 
 // Reads piece by piece, for the place and the cause.
@@ -122,7 +127,7 @@ Mapping::Mapping(const Image& image, Range pages)
 {
     [[maybe_unused]] static const bool isInstalled = installHandler();
     const auto length = static_cast<std::size_t>(pages.length);
-    void* const start = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.file().get(), pages.offset);
+    void* const start = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, image.mappable().get(), pages.offset);
     if (start == MAP_FAILED) {
         return;
     }
@@ -161,7 +166,7 @@ ImageData::ImageData(const ImageReader& reader, Range range)
     , m_range(range)
 {
     const Range pages = pagesOf(range);
-    if (reader.m_cache == Cache::Keep || reader.image().isInMemory(pages)) {
+    if (reader.m_cache == Cache::Keep || reader.isInMemory(pages)) {
         m_mapping = reader.mapping(pages);
     }
     if (!m_mapping) {

@@ -33,6 +33,7 @@ public:
 private:
     friend class ImageData;
 
+    bool isInMemory(Range pages) const;
     Mapping mapping(Range pages) const;
     void read(char* buffer, Range range) const;
     void readInMemory(char* buffer, Range range) const;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "image/Identity.h"
-#include "image/Image.h"
 #include "image/Marks.h"
 
 namespace kelvane::tool {
@@ -23,9 +22,5 @@ struct ImageState {
             && marks.traits == other.marks.traits;
     }
 };
-
-// Flushes the image first. Waits until the clock has left the moment of the last change behind, for another change
-// within that moment would have the same stamp, and until nothing is on its way to a device.
-ImageState stateOf(const Image& image);
 
 } // namespace kelvane::tool

@@ -1,11 +1,12 @@
 #include "image/Marks.h"
 
-#include "image/BlockDevice.h"
 #include "image/Identity.h"
 
 namespace kelvane::tool {
 
 namespace {
+
+constexpr const char* WRITTEN = "written";
 
 std::string textOf(const timespec& time)
 {
@@ -17,7 +18,7 @@ void markDevice(const BlockDevice& device, const std::string& prefix, Marks& mar
     const Counters found = device.counters();
     const Counters again = device.counters();
     marks.isMoving = marks.isMoving || found != again || found.inFlight > 0;
-    marks.traits[prefix + "written"] = std::to_string(found.written);
+    marks.traits[prefix + WRITTEN] = std::to_string(found.written);
     marks.traits[prefix + "discarded"] = std::to_string(found.discarded);
     marks.traits[prefix + "written past it"] = std::to_string(found.writtenPast);
     marks.traits[prefix + "discarded past it"] = std::to_string(found.discardedPast);
@@ -45,19 +46,23 @@ Traits stampsOf(const Descriptor& file, timespec& latest)
     return {{"changed", textOf(status.st_ctim)}, {"modified", textOf(status.st_mtim)}, {FAILURES, failuresOf(file)}};
 }
 
-Marks marksOf(const Image& image)
+Marks marksOf(const Descriptor& bytes, const BlockDevice* device, bool isStamped)
 {
     Marks marks;
-    if (image.isBlockDevice()) {
-        markDevice(image.device(), "", marks);
-    } else if (!image.isStamped()) {
+    if (device != nullptr) {
+        markDevice(*device, "", marks);
+    } else if (!isStamped) {
         marks.doubt = "its file system may not record every change";
     }
-    if (const Descriptor& file = image.fileWithBytes()) {
-        marks.traits.merge(stampsOf(file, marks.latest));
+    if (bytes) {
+        marks.traits.merge(stampsOf(bytes, marks.latest));
     }
-    marks.size = image.currentSize();
     return marks;
+}
+
+std::int64_t sectorsWritten(const Marks& before, const Marks& after)
+{
+    return std::stoll(after.traits.at(WRITTEN)) - std::stoll(before.traits.at(WRITTEN));
 }
 
 // A stamp without a fraction may come from a file system that keeps whole seconds.

@@ -5,7 +5,8 @@
 #include <ctime>
 #include <string>
 
-#include "image/Image.h"
+#include "base/Descriptor.h"
+#include "image/BlockDevice.h"
 #include "image/Traits.h"
 
 namespace kelvane::tool {
@@ -21,8 +22,12 @@ struct Marks {
     bool isMoving = false; // more is on its way to it
 };
 
-// Of the image as it stands; what waits in memory would be stamped, or counted, later.
-Marks marksOf(const Image& image);
+// Of the image as it stands, by the file that holds its bytes or the device by which they are reached, but for its
+// size; what waits in memory would be stamped, or counted, later. `isStamped`: the file records every change.
+Marks marksOf(const Descriptor& bytes, const BlockDevice* device, bool isStamped);
+
+// How many sectors were written to a device between two of them.
+std::int64_t sectorsWritten(const Marks& before, const Marks& after);
 
 // The times of a regular file, and under this name how often its file system has failed.
 constexpr const char* FAILURES = "failures";

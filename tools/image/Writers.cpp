@@ -11,7 +11,6 @@
 #include <fstream>
 
 #include "base/SmallFile.h"
-#include "image/BlockDevice.h"
 
 namespace kelvane::tool {
 
@@ -118,12 +117,12 @@ bool hasLoop(const BlockDevice& device)
     return device.loopFile().has_value() || std::any_of(beneath.begin(), beneath.end(), hasLoop);
 }
 
-std::string doubtAboutDevice(const Image& image)
+std::string doubtAboutDevice(const Descriptor& bytes, const BlockDevice& device, bool isClaimed)
 {
-    if (!image.isClaimed()) {
+    if (!isClaimed) {
         return "the system, or another program, uses this device; is it mounted?";
     }
-    return hasLoop(image.device()) && !image.fileWithBytes()
+    return hasLoop(device) && !bytes
         ? "the file that this loop device shows can be written at any time, through the device at least"
         : "";
 }
@@ -141,15 +140,15 @@ int askForLease(const Descriptor& file)
 
 } // namespace
 
-Writers writersOf(const Image& image)
+Writers writersOf(const Descriptor& bytes, const BlockDevice* device, bool isClaimed)
 {
     Writers writers;
-    writers.doubt = image.isBlockDevice() ? doubtAboutDevice(image) : "";
-    if (const Descriptor& file = image.fileWithBytes()) {
-        const int error = askForLease(file);
+    writers.doubt = device != nullptr ? doubtAboutDevice(bytes, *device, isClaimed) : "";
+    if (bytes) {
+        const int error = askForLease(bytes);
         writers.areSome = error == EAGAIN;
         if (writers.areSome) {
-            writers.programs = programsWriting(file);
+            writers.programs = programsWriting(bytes);
         } else if (error == EACCES) {
             writers.doubt = "it belongs to another user, and only its owner is told who writes to it";
         } else if (error != 0) {
@@ -159,11 +158,11 @@ Writers writersOf(const Image& image)
     return writers;
 }
 
-ExclusiveUse::ExclusiveUse(const Image& image)
+ExclusiveUse::ExclusiveUse(const Descriptor& file)
 {
     [[maybe_unused]] static const bool isInstalled = installHandler();
     isShared = false;
-    leased = image.file().get();
+    leased = file.get();
     m_isGranted = ::fcntl(leased, F_SETLEASE, F_WRLCK) == 0;
 }
 

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "image/Image.h"
+#include "base/Descriptor.h"
+#include "image/BlockDevice.h"
 
 namespace kelvane::tool {
 
@@ -25,22 +26,23 @@ struct Writers {
     std::string doubt; // why there could be some all the same; empty when there could not
 };
 
-// At this moment. What began before is over when there are none; what begins later leaves a trace. The image must not
-// be open for writing by this program.
-Writers writersOf(const Image& image);
+// At this moment, by the file that holds the image's bytes, if there is one, and the device by which they are reached,
+// if they are, and whether nobody else uses that. What began before is over when there are none; what begins later
+// leaves a trace. The image must not be open for writing by this program.
+Writers writersOf(const Descriptor& bytes, const BlockDevice* device, bool isClaimed);
 
-// While this program writes to an image, the stamps of that do not tell whether another one does, too. As long as this
-// lives, the system tells when another process opens the image. One at a time.
+// While this program writes to a file, the stamps of that do not tell whether another one does, too. As long as this
+// lives, the system tells when another process opens the file. One at a time.
 class ExclusiveUse {
 public:
-    // The system does not do so of block devices, of images that another process has open, and of those that belong to
+    // The system does not do so of block devices, of files that another process has open, and of those that belong to
     // another user.
-    explicit ExclusiveUse(const Image& image);
+    explicit ExclusiveUse(const Descriptor& file);
     ~ExclusiveUse();
     ExclusiveUse(const ExclusiveUse&) = delete;
     ExclusiveUse& operator=(const ExclusiveUse&) = delete;
 
-    // Whether no other process had the image open, or opens it now, which waits for the end of this.
+    // Whether no other process had the file open, or opens it now, which waits for the end of this.
     bool isGranted() const;
 
 private:

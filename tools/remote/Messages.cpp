@@ -113,7 +113,7 @@ Open Open::decode(std::string_view payload)
 std::string encode(const Opening& opening)
 {
     FieldWriter to;
-    to.i64(opening.size).u32(opening.permissions).flag(opening.isMissing).flag(opening.isBlockDevice);
+    to.i64(opening.size).u32(opening.permissions).flag(opening.isMissing).flag(opening.hasFixedSize);
     to.string(opening.hashFile);
     return to.u32(opening.blockSize.value_or(0)).done();
 }
@@ -125,11 +125,11 @@ Opening decodeOpening(std::string_view payload)
         opening.size = from.i64(GREATEST / 2);
         opening.permissions = atMost(from.u32(), MOST_PERMISSIONS, "permissions");
         opening.isMissing = from.flag();
-        opening.isBlockDevice = from.flag();
+        opening.hasFixedSize = from.flag();
         opening.hashFile = from.string();
         const std::uint32_t blockSize = from.u32();
         opening.blockSize = blockSize == 0 ? std::nullopt : std::optional(blockSize);
-        if (opening.isMissing && (opening.size != 0 || opening.isBlockDevice)) {
+        if (opening.isMissing && (opening.size != 0 || opening.hasFixedSize)) {
             throw ProtocolError("an image that is missing and is not");
         }
         return opening;

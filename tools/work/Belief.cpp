@@ -8,12 +8,6 @@ namespace {
 
 constexpr const char* WRONG = "some of them were found to be wrong";
 
-std::int64_t sectorsWritten(const ImageState& state)
-{
-    const auto found = state.marks.traits.find("written");
-    return found == state.marks.traits.end() ? 0 : std::stoll(found->second);
-}
-
 } // namespace
 
 Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
@@ -48,7 +42,10 @@ Doubt Belief::doubtNow(const Writers& writers) const
 void Belief::readFromDiskWhereNeeded() const
 {
     if (m_doubtOfRecord.isAboutMemory() || hasFailedUntold(m_hashFile.record(), m_state)) {
-        m_image.mustDropCache();
+        if (!m_image.dropCache()) {
+            throw Failure(m_image.path(),
+                          "a part of it stays in memory, in use or never written, so that the disk cannot be read");
+        }
     } else if (!m_hashFile.wasMade() && m_doubtOfRecord.because == Doubt::Because::NoRecord) {
         static_cast<void>(m_image.dropCache());
     }
@@ -77,7 +74,7 @@ void Belief::lookForWriters()
     if (m_image.isWriting()) { // by this program
         return;
     }
-    const Writers now = writersOf(m_image);
+    const Writers now = m_image.writers();
     m_writers.areSome = m_writers.areSome || now.areSome;
     m_writers.programs = now.programs.empty() ? m_writers.programs : now.programs;
     m_writers.doubt = now.doubt;
@@ -101,7 +98,7 @@ void Belief::recordLostWrites()
     m_hasLostWrites = true;
     m_hashFile.dropCache();
     if (m_state.identity.traits.empty()) { // at the first look
-        m_state.identity = identityOf(m_image);
+        m_state.identity = m_image.identity();
         leaveRecordOfOther();
     }
     record(Record::Standing::FlushFailed);
@@ -117,7 +114,7 @@ bool Belief::hasLostWrites()
 
 ImageState Belief::currentState()
 {
-    return flushing([&] { return stateOf(m_image); });
+    return flushing([&] { return m_image.state(); });
 }
 
 void Belief::record(Record::Standing standing, const std::string& reason)
@@ -231,23 +228,16 @@ Conclusion Belief::conclude(bool isAnsweredFor)
 
 ImageChange::ImageChange(Belief& belief)
     : m_belief(belief)
-    , m_use(belief.m_image)
+    , m_watch(belief.m_image.watch())
     , m_before(belief.currentState())
-    , m_written(belief.m_image.bytesWritten())
 {
 }
 
-// Of a device the system tells how much was written to it.
 OwnChange ImageChange::end()
 {
     const bool wasUnchanged = m_belief.m_state.isSame(m_before);
     m_belief.takeState();
-    const ImageState& now = m_belief.m_state;
-    const Image& image = m_belief.m_image;
-    const bool wasAlone = image.isBlockDevice() ? now.doubt().empty()
-            && (sectorsWritten(now) - sectorsWritten(m_before)) * 512 == image.bytesWritten() - m_written
-                                                : m_use.isGranted();
-    return {wasUnchanged, wasAlone};
+    return {wasUnchanged, m_watch->wasAlone(m_before, m_belief.m_state)};
 }
 
 } // namespace kelvane::tool

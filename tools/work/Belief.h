@@ -1,14 +1,12 @@
 // Whether what a hash file knows is believed, from the beginning of a run to its end, and what is recorded of that.
 #pragma once
 
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include "hash_file/HashFile.h"
 #include "image/Image.h"
-#include "image/ImageState.h"
-#include "image/Writers.h"
 #include "work/Common.h"
 #include "work/Conclusion.h"
 
@@ -113,9 +111,8 @@ public:
 
 private:
     Belief& m_belief;
-    ExclusiveUse m_use; // before anything is looked at
+    std::unique_ptr<Image::Watch> m_watch; // before anything is looked at
     ImageState m_before;
-    std::int64_t m_written; // before
 };
 
 } // namespace kelvane::tool

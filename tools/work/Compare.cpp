@@ -86,7 +86,7 @@ private:
         }
     }
 
-    static bool isStillToBeMade(Side& side) { return !side.opening().isBlockDevice && side.opening().size == 0; }
+    static bool isStillToBeMade(Side& side) { return !side.opening().hasFixedSize && side.opening().size == 0; }
 
     void start(HashedSide& side, std::size_t i)
     {

@@ -9,6 +9,7 @@
 #include "base/Interrupt.h"
 #include "base/Text.h"
 #include "work/BlockDigests.h"
+#include "work/OpenImage.h"
 #include "work/Pump.h"
 
 namespace kelvane::tool {
@@ -26,25 +27,9 @@ bool isAllZeros(const char* data, std::int64_t length)
 
 } // namespace
 
-Image openImage(const std::string& path, Image::Access access, AtLink atLink)
-{
-    constexpr Range BEGINNING = {0, 1 << 14}; // which looking at the first page brings into memory
-    Image image(path, access, atLink);
-    const bool wasInMemory = image.isMissing() || image.isAnyInMemory(BEGINNING);
-    if (!image.isMissing() && isHashFile(image.file().place())) {
-        throw Failure(path, "this is a hash file, not an image");
-    }
-    if (!image.isMissing() && isRecord(image.file())) {
-        throw Failure(path, "this is the record beside a hash file, not an image");
-    }
-    if (!wasInMemory) {
-        image.drop(BEGINNING);
-    }
-    return image;
-}
-
 LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common)
-    : m_image(openImage(path, access, options.atLink))
+    : m_opened(openImage(path, access, options.atLink))
+    , m_image(*m_opened)
     , m_isDestination(access != Image::Access::Read)
     , m_options(std::move(options))
     , m_common(common)
@@ -55,8 +40,8 @@ const Opening& LocalSide::opening()
 {
     if (!m_opening) {
         m_hashFile = HashFile::find(m_image, m_options, m_common.reporter);
-        m_opening = {m_image.size(),          m_image.permissions(), m_image.isMissing(),
-                     m_image.isBlockDevice(), hashFilePath(),        std::nullopt};
+        m_opening = {m_image.size(),         m_image.permissions(), m_image.isMissing(),
+                     m_image.hasFixedSize(), hashFilePath(),        std::nullopt};
         if (m_hashFile) {
             m_opening->blockSize = static_cast<std::uint32_t>(m_hashFile->geometry().blockSize);
         }

@@ -16,9 +16,6 @@
 
 namespace kelvane::tool {
 
-// Refuses an image that is a hash file, or the record beside one.
-Image openImage(const std::string& path, Image::Access access, AtLink atLink = AtLink::Follow);
-
 class LocalSide : public Side, private HashedSide, private StartedSide, private WritingSide {
 public:
     // Opens the image alone.
@@ -39,7 +36,7 @@ public:
     // The image's size once the side is started.
     std::int64_t sizeAfter(const Start& start) const
     {
-        return m_isDestination && !m_image.isBlockDevice() ? start.targetSize : m_image.size();
+        return m_isDestination && !m_image.hasFixedSize() ? start.targetSize : m_image.size();
     }
 
 private:
@@ -63,7 +60,7 @@ private:
     void distrust() override { m_hashed->belief().contradict(); }
     const Conclusion& conclude() override;
 
-    bool isToBeMade() const { return m_isDestination && !m_image.isBlockDevice() && m_image.size() == 0; }
+    bool isToBeMade() const { return m_isDestination && !m_image.hasFixedSize() && m_image.size() == 0; }
     void prepare();
     void forgetAll();
     void resizeImage(std::int64_t size);
@@ -75,7 +72,8 @@ private:
     Digest digestOfBlocks(Range blocks);
     Digest digestOfNode(int level, std::int64_t index);
 
-    Image m_image;
+    std::unique_ptr<Image> m_opened;
+    Image& m_image;
     bool m_isDestination;
     HashFileOptions m_options;
     const Common& m_common;

@@ -28,7 +28,7 @@ struct Opening {
     std::int64_t size = 0; // 0 where there is no image yet
     std::uint32_t permissions = 0;
     bool isMissing = false;
-    bool isBlockDevice = false;
+    bool hasFixedSize = false; // as that of a block device
     std::string hashFile;
     std::optional<std::uint32_t> blockSize; // of the hash file, when there is one
 };

@@ -68,24 +68,24 @@ void Writer::write(const Piece& piece)
 
 void Writer::put(const Piece& piece)
 {
-    piece.data == nullptr ? putZeros(piece.range) : putData(piece.range, piece.data);
+    piece.data == nullptr ? putZeros(piece.range) : putData(piece.range, piece.data, piece.memory);
 }
 
 void Writer::putZeros(Range range)
 {
     const bool isHole = m_destination.nextData(range.offset, range.end()).length == 0;
-    if (m_isSparse && (isHole || m_destination.punch(range))) {
+    if ((m_isSparse && isHole) || m_destination.zero(range, !m_isSparse)) {
         return;
     }
-    const Memory zeros = pagesFor(LONGEST_PIECE);
+    const std::shared_ptr<char[]> zeros = pagesFor(LONGEST_PIECE);
     std::fill_n(zeros.get(), LONGEST_PIECE, '\0');
     while (range.length > 0) {
         throwWhenInterrupted();
-        putData(takeFirst(range, LONGEST_PIECE), zeros.get());
+        putData(takeFirst(range, LONGEST_PIECE), zeros.get(), zeros);
     }
 }
 
-void Writer::putData(Range range, const char* data)
+void Writer::putData(Range range, const char* data, const std::shared_ptr<const void>& memory)
 {
     if (range.offset < m_window.offset || range.end() > m_window.end()) {
         beginWindow(range);
@@ -94,7 +94,7 @@ void Writer::putData(Range range, const char* data)
     if (leavesAsFound && (m_isWindowUncached || !m_destination.isAnyInMemory(range))) {
         append(m_batch.uncached, range);
     }
-    m_destination.write(data, range);
+    m_destination.write(data, range, memory);
     m_batch.bytes += range.length;
     m_windowBytes += range.length;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <future>
+#include <memory>
 #include <vector>
 
 #include "base/Range.h"
@@ -58,7 +59,7 @@ private:
     bool forget(Range range);
     void put(const Piece& piece);
     void putZeros(Range range);
-    void putData(Range range, const char* data);
+    void putData(Range range, const char* data, const std::shared_ptr<const void>& memory);
     void beginWindow(Range range);
     void fillHoles();
     void remember(Range blocks, const DigestBytes& digests);

@@ -1,15 +1,18 @@
-#include "image/Image.h"
+#include "image/FileImage.h"
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 #include <utility>
 
 #include "base/Bytes.h"
+#include "base/Interrupt.h"
 #include "image/FileSystem.h"
 #include "image/Memory.h"
 
@@ -28,7 +31,7 @@ bool isAligned(const char* buffer, Range range)
 
 } // namespace
 
-Image::Image(std::string path, Access access, AtLink atLink)
+FileImage::FileImage(std::string path, Access access, AtLink atLink)
     : m_path(std::move(path))
 {
     Descriptor found = openFile(m_path, O_PATH, atLink); // which waits for nothing, and changes nothing
@@ -51,7 +54,7 @@ Image::Image(std::string path, Access access, AtLink atLink)
 }
 
 // In which it can be made.
-void Image::checkDirectory() const
+void FileImage::checkDirectory() const
 {
     const std::string directory = std::filesystem::path(m_path).parent_path().string();
     if (::faccessat(AT_FDCWD, directory.empty() ? "." : directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
@@ -59,35 +62,37 @@ void Image::checkDirectory() const
     }
 }
 
-void Image::openForReading(const Descriptor& found)
+void FileImage::openForReading(const Descriptor& found)
 {
     struct stat status;
     if (::fstat(found.get(), &status) != 0) {
         throw Failure(m_path, errorText(errno));
     }
-    m_isBlockDevice = S_ISBLK(status.st_mode);
-    if (!m_isBlockDevice && !S_ISREG(status.st_mode)) {
+    const bool isDevice = S_ISBLK(status.st_mode);
+    if (!isDevice && !S_ISREG(status.st_mode)) {
         throw Failure(m_path,
                       S_ISLNK(status.st_mode) ? "a link, which is not followed here"
                                               : "neither a regular file nor a block device");
     }
-    Descriptor file = openAgain(found, m_isBlockDevice ? O_RDONLY | O_DIRECT | O_EXCL : O_RDONLY);
-    m_isClaimed = m_isBlockDevice && file;
-    if (m_isBlockDevice && !file && errno == EBUSY) {
+    Descriptor file = openAgain(found, isDevice ? O_RDONLY | O_DIRECT | O_EXCL : O_RDONLY);
+    m_isClaimed = isDevice && file;
+    if (isDevice && !file && errno == EBUSY) {
         file = openAgain(found, O_RDONLY | O_DIRECT);
     }
     if (!file) {
         throw Failure(m_path, "cannot open: " + errorText(errno));
     }
-    take(std::move(file), status);
-    if (m_isBlockDevice) {
+    if (isDevice) {
         m_device.emplace(status.st_rdev);
+    }
+    take(std::move(file), status);
+    if (isDevice) {
         m_shown = openShownFile(*m_device);
         m_isStamped = m_shown && isStampingFileSystem(m_shown);
     }
 }
 
-void Image::take(Descriptor file, const struct stat& status)
+void FileImage::take(Descriptor file, const struct stat& status)
 {
     m_file = std::move(file);
     m_permissions = status.st_mode & 0777;
@@ -97,24 +102,93 @@ void Image::take(Descriptor file, const struct stat& status)
     openForDisk();
 }
 
-void Image::openForDisk()
+void FileImage::openForDisk()
 {
-    m_direct = m_isStamped && !m_isBlockDevice ? openAgain(m_file, O_RDONLY | O_DIRECT) : Descriptor();
+    m_direct = m_isStamped && !m_device ? openAgain(m_file, O_RDONLY | O_DIRECT) : Descriptor();
 }
 
 // What is written by two ways at once comes out as neither says.
-void Image::refuseUse() const
+void FileImage::refuseUse() const
 {
-    if (m_isBlockDevice && !m_isClaimed) {
+    if (m_device && !m_isClaimed) {
         throw Failure(m_path, "the system uses this device; is it mounted?");
     }
-    const std::vector<std::string> devices = m_isBlockDevice ? std::vector<std::string>() : usedLoopDevicesOf(m_file);
+    const std::vector<std::string> devices = m_device ? std::vector<std::string>() : usedLoopDevicesOf(m_file);
     if (!devices.empty()) {
         throw Failure(m_path, "the system uses this file, as " + devices[0] + "; is that mounted?");
     }
 }
 
-std::int64_t Image::currentSize() const
+std::string FileImage::hashFile() const
+{
+    if (m_device) {
+        throw Failure(m_path,
+                      "a block device: say where its hash file is, with --hash-file or its like; beside the device "
+                      "it would be in memory, and lost when the machine is started again");
+    }
+    return m_path + ".hashes";
+}
+
+Identity FileImage::identity() const
+{
+    return identityOf(m_path, fileWithBytes(), device());
+}
+
+ImageState FileImage::state() const
+{
+    constexpr std::chrono::seconds LONGEST_WAIT(2);
+    const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;
+    for (;;) {
+        const timespec clock = stampingClock();
+        flush();
+        ImageState state = {identity(), marksOf(fileWithBytes(), device(), m_isStamped), isAt(m_path)};
+        state.marks.size = currentSize();
+        if (!state.marks.isMoving && !isRecent(state.marks.latest, clock)) {
+            return state;
+        }
+        if (std::chrono::steady_clock::now() > end) {
+            state.marks.doubt = "it changes all the time, or its times of change lie in the future";
+            return state;
+        }
+        throwWhenInterrupted();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+Writers FileImage::writers() const
+{
+    return writersOf(fileWithBytes(), device(), m_isClaimed);
+}
+
+// Of a file the system tells who opens it, of a device how much was written to it.
+class FileImage::WritesCounted final : public Watch {
+public:
+    explicit WritesCounted(const FileImage& image)
+        : m_image(image)
+        , m_use(image.m_file)
+        , m_written(image.m_bytesWritten)
+    {
+    }
+
+    bool wasAlone(const ImageState& before, const ImageState& after) const override
+    {
+        return m_image.m_device ? after.doubt().empty()
+                && sectorsWritten(before.marks, after.marks) * 512 == m_image.m_bytesWritten - m_written
+                                : m_use.isGranted();
+    }
+
+private:
+    const FileImage& m_image;
+    ExclusiveUse m_use;
+    std::int64_t m_written;
+};
+
+std::unique_ptr<Image::Watch> FileImage::watch() const
+{
+    return std::make_unique<WritesCounted>(*this);
+}
+
+std::int64_t FileImage::currentSize() const
 {
     const off_t size = ::lseek(m_file.get(), 0, SEEK_END);
     if (size < 0) {
@@ -123,7 +197,7 @@ std::int64_t Image::currentSize() const
     return size;
 }
 
-std::int64_t Image::readAt(const Descriptor& file, char* buffer, Range range) const
+std::int64_t FileImage::readAt(const Descriptor& file, char* buffer, Range range) const
 {
     for (;;) {
         const ssize_t count = ::pread(file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
@@ -137,9 +211,9 @@ std::int64_t Image::readAt(const Descriptor& file, char* buffer, Range range) co
     }
 }
 
-void Image::read(char* buffer, Range range) const
+void FileImage::read(char* buffer, Range range) const
 {
-    if (m_isBlockDevice) {
+    if (m_device) {
         readFromDisk(buffer, range);
         return;
     }
@@ -151,7 +225,7 @@ void Image::read(char* buffer, Range range) const
 }
 
 // What is aligned goes to its place, the rest to a place that is.
-void Image::readFromDisk(char* buffer, Range range) const
+void FileImage::readFromDisk(char* buffer, Range range) const
 {
     const Descriptor& file = fileForDisk();
     if (!file) {
@@ -179,13 +253,7 @@ void Image::readFromDisk(char* buffer, Range range) const
     }
 }
 
-bool Image::isInMemory(Range range) const
-{
-    const std::vector<Run> runs = residency(range);
-    return runs.size() == 1 && runs[0].isInMemory;
-}
-
-std::vector<Image::Run> Image::residency(Range range) const
+std::vector<FileImage::Run> FileImage::residency(Range range) const
 {
     const Range pages = between(roundDown(range.offset, ALIGNMENT), std::min(roundUp(range.end(), ALIGNMENT), m_size));
     const auto count = m_direct ? pagesInMemory(m_file, pages) : std::nullopt;
@@ -208,7 +276,7 @@ std::vector<Image::Run> Image::residency(Range range) const
     return runs;
 }
 
-Range Image::nextData(std::int64_t offset, std::int64_t end) const
+Range FileImage::nextData(std::int64_t offset, std::int64_t end) const
 {
     const off_t start = ::lseek(m_file.get(), offset, SEEK_DATA);
     if (start < 0) {
@@ -222,7 +290,7 @@ Range Image::nextData(std::int64_t offset, std::int64_t end) const
     return between(start, hole <= start ? end : std::min<std::int64_t>(hole, end));
 }
 
-void Image::flush() const
+void FileImage::flush() const
 {
     if (::fsync(m_file.get()) == 0 || errno == EINVAL) {
         return;
@@ -236,7 +304,7 @@ void Image::flush() const
     }
 }
 
-void Image::failFlush(int error) const
+void FileImage::failFlush(int error) const
 {
     *m_hasLostWrites = true;
     dropFromMemory(m_file);
@@ -244,17 +312,17 @@ void Image::failFlush(int error) const
 }
 
 // What goes to a block device goes past the system's memory.
-void Image::beginWriteBack(Range range) const
+void FileImage::beginWriteBack(Range range) const
 {
-    if (!m_isBlockDevice) {
+    if (!m_device) {
         ::sync_file_range(m_file.get(), range.offset, range.length, SYNC_FILE_RANGE_WRITE);
     }
 }
 
-void Image::awaitWriteBack(Range range) const
+void FileImage::awaitWriteBack(Range range) const
 {
     constexpr unsigned ALL = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    if (m_isBlockDevice || ::sync_file_range(m_file.get(), range.offset, range.length, ALL) == 0) {
+    if (m_device || ::sync_file_range(m_file.get(), range.offset, range.length, ALL) == 0) {
         return;
     }
     const int error = errno; // of the file system's own choice; no flush tells of it once more
@@ -263,32 +331,31 @@ void Image::awaitWriteBack(Range range) const
     }
 }
 
-bool Image::isAnyInMemory(Range range) const
+const Descriptor& FileImage::mappable() const
 {
-    const auto count = m_isStamped && !m_isBlockDevice ? pagesInMemory(m_file, range) : std::nullopt;
+    static const Descriptor NONE;
+    return m_isStamped && !m_device ? m_file : NONE;
+}
+
+bool FileImage::isAnyInMemory(Range range) const
+{
+    const auto count = m_isStamped && !m_device ? pagesInMemory(m_file, range) : std::nullopt;
     return count != 0;
 }
 
-bool Image::dropCache() const
+bool FileImage::dropCache() const
 {
     return dropFromMemory(m_file);
 }
 
-void Image::mustDropCache() const
-{
-    if (!dropCache()) {
-        throw Failure(m_path, "a part of it stays in memory, in use or never written, so that the disk cannot be read");
-    }
-}
-
-void Image::drop(Range range) const
+void FileImage::drop(Range range) const
 {
     ::posix_fadvise(m_file.get(), range.offset, range.length, POSIX_FADV_DONTNEED);
 }
 
-void Image::checkSize(std::int64_t size) const
+void FileImage::checkSize(std::int64_t size) const
 {
-    if (m_isBlockDevice || size <= m_size) {
+    if (m_device || size <= m_size) {
         return;
     }
     const std::string directory = std::filesystem::path(m_path).parent_path().string();
@@ -302,7 +369,7 @@ void Image::checkSize(std::int64_t size) const
     }
 }
 
-void Image::create(mode_t permissions)
+void FileImage::create(mode_t permissions)
 {
     Descriptor file = openFile(m_path, O_RDWR | O_CREAT | O_EXCL, AtLink::Refuse, permissions);
     struct stat status;
@@ -314,23 +381,23 @@ void Image::create(mode_t permissions)
     m_isWriting = true;
 }
 
-void Image::beginWriting()
+void FileImage::beginWriting()
 {
     if (m_isWriting) {
         return;
     }
-    Descriptor file = openAgain(m_file, m_isBlockDevice ? O_RDWR | O_DIRECT : O_RDWR);
+    Descriptor file = openAgain(m_file, m_device ? O_RDWR | O_DIRECT : O_RDWR);
     if (!file) {
         throw Failure(m_path, "cannot open for writing: " + errorText(errno));
     }
-    (m_isBlockDevice ? m_written : m_file) = std::move(file);
+    (m_device ? m_written : m_file) = std::move(file);
     m_direct = {}; // another opening would count as somebody else's
     m_isWriting = true;
 }
 
-void Image::endWriting()
+void FileImage::endWriting()
 {
-    Descriptor file = m_isBlockDevice || !m_isWriting ? Descriptor() : openAgain(m_file, O_RDONLY);
+    Descriptor file = m_device || !m_isWriting ? Descriptor() : openAgain(m_file, O_RDONLY);
     if (file) { // which one who may write need not be allowed to do
         m_file = std::move(file);
         openForDisk();
@@ -339,7 +406,7 @@ void Image::endWriting()
     m_isWriting = false;
 }
 
-void Image::writeAt(const Descriptor& file, const char* buffer, Range range)
+void FileImage::writeAt(const Descriptor& file, const char* buffer, Range range)
 {
     while (range.length > 0) {
         const ssize_t count = ::pwrite(file.get(), buffer, static_cast<std::size_t>(range.length), range.offset);
@@ -355,14 +422,14 @@ void Image::writeAt(const Descriptor& file, const char* buffer, Range range)
     }
 }
 
-void Image::write(const char* buffer, Range range)
+void FileImage::write(const char* buffer, Range range, const std::shared_ptr<const void>& /*memory*/)
 {
-    m_isBlockDevice ? writeToDevice(buffer, range) : writeAt(m_file, buffer, range);
+    m_device ? writeToDevice(buffer, range) : writeAt(m_file, buffer, range);
 }
 
 // Past what the system holds of it in memory, which may be older than the disk, and would go there beside the new
 // bytes.
-void Image::writeToDevice(const char* buffer, Range range)
+void FileImage::writeToDevice(const char* buffer, Range range)
 {
     Memory memory;
     while (range.length > 0) {
@@ -385,7 +452,7 @@ void Image::writeToDevice(const char* buffer, Range range)
     }
 }
 
-void Image::resize(std::int64_t size)
+void FileImage::resize(std::int64_t size)
 {
     if (::ftruncate(m_file.get(), size) != 0) {
         throw Failure(m_path, size, "cannot change the size: " + errorText(errno));
@@ -393,10 +460,13 @@ void Image::resize(std::int64_t size)
     m_size = size;
 }
 
-bool Image::punch(Range range)
+bool FileImage::zero(Range range, bool takesRoom)
 {
+    if (takesRoom) {
+        return false;
+    }
     std::uint64_t extent[] = {static_cast<std::uint64_t>(range.offset), static_cast<std::uint64_t>(range.length)};
-    const bool isDone = m_isBlockDevice
+    const bool isDone = m_device
         ? ::ioctl(m_written.get(), BLKZEROOUT, extent) == 0
         : ::fallocate(m_file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.offset, range.length) == 0;
     m_bytesWritten += isDone ? range.length : 0;

@@ -1,0 +1,25 @@
+#include "work/OpenImage.h"
+
+#include "hash_file/HashFile.h"
+#include "image/FileImage.h"
+
+namespace kelvane::tool {
+
+std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, AtLink atLink)
+{
+    constexpr Range BEGINNING = {0, 1 << 14}; // which looking at the first page brings into memory
+    auto image = std::make_unique<FileImage>(path, access, atLink);
+    const bool wasInMemory = image->isMissing() || image->isAnyInMemory(BEGINNING);
+    if (!image->isMissing() && isHashFile(image->file().place())) {
+        throw Failure(path, "this is a hash file, not an image");
+    }
+    if (!image->isMissing() && isRecord(image->file())) {
+        throw Failure(path, "this is the record beside a hash file, not an image");
+    }
+    if (!wasInMemory) {
+        image->drop(BEGINNING);
+    }
+    return image;
+}
+
+} // namespace kelvane::tool
