@@ -79,6 +79,10 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::Frames, frames + unfinished + frames},
         {Kind::Frames, frames + tooLong},
         {Kind::Frames, frames + frame(static_cast<FrameType>(99), "x")},
+        {Kind::List, R"([{"offset":0,"length":4096,"exists":"true"},{"offset":8192,"length":9,"exists":"false"}])"},
+        {Kind::List, R"(<superblock time="2" data_block_size="128"><diff left="1"><same begin="0" length="9"/>
+<right_only><range begin="9" data_begin="7" length="1"/></right_only></diff></superblock>)"},
+        {Kind::List, R"(<blocks> <block block="3"/> <range begin="10" end = "13"/> </blocks>)"},
     };
 }
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "base/Failure.h"
-#include "lists/RangeList.h"
+#include "lists/ListParser.h"
 #include "remote/Channel.h"
 #include "remote/Data.h"
 #include "remote/Messages.h"
@@ -78,7 +78,7 @@ void checkPiece(const std::string& text)
 
 void checkList(const std::string& text, std::optional<ListFormat> format)
 {
-    const RangeList list = parseRangeList(text, "list", format, MapEntries::All);
+    const RangeList list = parseRangeList(text, "list", {format, MapEntries::All, BLOCK});
     for (const auto& [range, number] : list.entries) {
         require(range.offset >= 0 && range.length >= 0 && range.end() >= range.offset && number > 0,
                 "an impossible range");

@@ -40,7 +40,9 @@ class CommandLine(Case):
                 ("build a --adopt --assume-unchanged", "excludes"), ("build a --check --assume-unchanged", "excludes"),
                 ("sync -P a b", "-P.*--progress json"), ("sync a b -zP", "-P.*--progress json"),
                 ("sync --progress a b", "--progress: not one of auto, json, none: a"), ("sync -Q a b", "-Q"),
-                ("invalidate a --from b --format nbd", "--format: not one of diff, lines, nbdinfo, qemu-img: nbd")):
+                ("invalidate a --from b --format nbd", "--format: not one of diff, era_invalidate, lines, nbdinfo, qemu"),
+                *((f"sync a b --changes l --era-block-size {size}", f"--era-block-size: not .* its unit.*: {size}")
+                  for size in ("128", "64", "4095B", "9s", "0K", f"{1 << 60}s"))):
             self.check_complaint(command, cause)
         Path("there").write_text(f'#!/bin/sh\necho "$@" >way\nshift 2\nexec {PROGRAM} "$@"\n')
         os.chmod("there", 0o755)

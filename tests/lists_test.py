@@ -1,9 +1,14 @@
 """Lists of changed ranges, as `invalidate` takes them: lists_test.py PROGRAM SHIM"""
-import json, os, re, shutil, unittest
+import json, os, random, re, shutil, unittest
 from pathlib import Path
+from random import randbytes
 from subprocess import PIPE, Popen, run
 
 from program import BLOCK, DEVICE, ORACLE, PROGRAM, Case, built, doubt_here, flip, main
+
+CHUNK = 128 * 512
+THIN = '<superblock uuid="" time="2" transaction="2" version="2" data_block_size="128" nr_data_blocks="999">%s</superblock>'
+THIN_DELTA = THIN % "<diff>%s</diff>"
 
 
 class Lists(Case):
@@ -60,6 +65,36 @@ class Lists(Case):
             self.assertLessEqual(result["bytesRead"], 2 * read)
             self.assertEqual(result["told"]["bytes"], 128 << 10)
 
+    @unittest.skipUnless(shutil.which("thin_delta") and shutil.which("era_invalidate"), "no thin-provisioning-tools")
+    def test_changes_that_the_device_mapper_tells(self):
+        """Of devices that are metadata alone: which chunk stands where, and when it was written."""
+        chunks = 62
+        Path("a").write_bytes(randbytes((chunks - 1) * CHUNK + BLOCK + 1))
+        before, after = ([random.choice((None, i, other + i)) for i in range(chunks)] for other in (100, 200))
+        eras = [random.randint(1, 4) for _ in range(chunks)]
+        devices = "".join(f'<device dev_id="{number}" mapped_blocks="{chunks - device.count(None)}" transaction="0" '
+                          'creation_time="0" snap_time="0">' + "".join(
+                              f'<single_mapping origin_block="{i}" data_block="{chunk}" time="0"/>'
+                              for i, chunk in enumerate(device) if chunk is not None) + "</device>"
+                          for number, device in enumerate((before, after)))
+        metadata = {"thin": THIN % devices,
+                    "era": f'<superblock uuid="" block_size="128" nr_blocks="{chunks}" current_era="4"><era_array>' + "".join(
+                        f'<era block="{i}" era="{era}"/>' for i, era in enumerate(eras)) + "</era_array></superblock>"}
+        for name, text in metadata.items():
+            Path(f"{name}.xml").write_text(text)
+            run(f"truncate -s 4M {name} && {name}_restore -q -i {name}.xml -o {name}", shell=True, check=True,
+                capture_output=True)
+        moved = [old != new for old, new in zip(before, after)]
+        for command, changed in (("thin_delta --thin1 0 --thin2 1 thin", moved),
+                                 ("thin_delta --verbose --thin1 0 --thin2 1 thin", moved),
+                                 ("era_invalidate --written-since 3 era", [era >= 3 for era in eras])):
+            run(f"{command} >list", shell=True, check=True)
+            self.call("build a")
+            self.call("invalidate a --from list --era-block-size 128s")
+            entries = Path("a.hashes").read_bytes()[4096::33]  # as far as their flags
+            unknown = [entry == 0 for entry in entries[:(chunks - 1) * CHUNK // BLOCK + 1]]
+            self.assertEqual(unknown, [changed[i * BLOCK // CHUNK] for i in range(len(unknown))], command)
+
     def test_what_is_listed_is_forgotten(self):
         built()
         flip("a", 3 * BLOCK, 12 * BLOCK)
@@ -69,6 +104,8 @@ class Lists(Case):
                      '"differing": [{"offset": %d, "length": 9}], "line": {}}' % (DEVICE + 3 * BLOCK), BLOCK),
             "bitmap": ('[{"offset": 0, "length": 4096, "type": 2}, {"offset": 8192, "length": 5000, "type": 3}, '
                        '{"offset": 77824, "length": 4608, "type": 1}]', 3 * BLOCK),  # of whole sectors, as QEMU has it
+            "rbd": ('[{"offset":8192,"length":5000,"exists":"true"},{"offset":77824,"length":4608,"exists":"false"}]',
+                    3 * BLOCK),
             "map": ('[{"start": 0, "length": 4096, "zero": true, "data": false}, '
                     '{"start": 4096, "length": 8192, "zero": false, "data": true}, '
                     '{"start": 77824, "length": 4196, "zero": false, "data": true}, '
@@ -86,7 +123,7 @@ class Lists(Case):
             self.assertEqual(answer["freshness"]["recorded"], not doubt_here())
             answer = self.json("build a")
             found = answer["bytesRead"], answer["freshness"]["doubt"], answer["freshness"]["repairedBlocks"]
-            told = name in ("bitmap", "map")  # what else was changed; where it is not, there is only the promise
+            told = name in ("bitmap", "rbd", "map")  # what else was changed; where it is not, there is only the promise
             self.assertEqual(found, (20 * BLOCK, doubt_here(), 1 - told) if doubt_here() else (unknown, "", 0))
         self.json("build a --check")
         self.call("invalidate a --from map --what zero")
@@ -136,7 +173,24 @@ class Lists(Case):
                 ('{"differing": [], "changedMeanwhile": ["a"]}', "diff was undecided"),
                 ('{"differing": [], "changedMeanwhile": "a"}', '"changedMeanwhile" is no list'),
                 (f"{1 << 62} + {1 << 62}\n{DEVICE} + {(1 << 63) - 1}\n", "line 1"),
-                (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2")):
+                (f"{DEVICE} + 1\n{1 << 64} + 1\n", "line 2"),
+                ('[{"offset": 0, "length": 1, "exists": true}]', 'entry 1: "exists" is no text'),
+                ('[{"offset": 0, "length": 1, "exists": "no"}]', 'entry 1: "exists" is neither'),
+                ("<html><body/></html>", "<html> is no list"), ("<blocks/>", "name --era-block-size"), ("<", "no XML from"),
+                ('<!DOCTYPE superblock [<!ENTITY x "0">]>' + THIN_DELTA % "", "has a document type"),
+                (THIN_DELTA % '<different begin="&x;" length="1"/>', "no XML from byte .*: undefined entity"),
+                (THIN_DELTA % "" + "<blocks/>", "no XML from"), (THIN % "", "no <diff>"), (THIN % "<device/>", "<device> is un"),
+                (THIN_DELTA[:-13] % '<different begin="0" length="1"/>', "entry 1: no XML from byte"),
+                (THIN_DELTA % "<same><same><same>", "<same> is unknown there"), (THIN_DELTA % "0", "text between"),
+                (THIN_DELTA % '<same begin="0" length="1"><range/>', "entry 1: <range> is unknown there"),
+                (THIN_DELTA % "<different/>", "<different> holds no range"),
+                (THIN_DELTA % '<different begin="0"/>', 'entry 1: no "length"'),
+                (THIN_DELTA % '<different begin="-1" length="1"/>', 'entry 1: "begin" is no number: -1'),
+                (THIN_DELTA % '<same begin="0" length="0"/>', "entry 1: impossible range"),
+                (THIN_DELTA % '<same begin="0" length="%d"/>' % (1 << 47), "entry 1: impossible range"),
+                (THIN_DELTA % '<left_only begin="1" length="2"/>', r"entry 1: 65536 \+ 131072 is not in a"),
+                *((THIN_DELTA.replace("128", sectors) % "", f'"data_block_size" is none of a pool: {sectors}$')
+                  for sectors in ("0", "100", "192", "2097280"))):
             with self.subTest(text):
                 self.check_refused(text, cause)
 
@@ -154,12 +208,13 @@ class Lists(Case):
 
     def test_memory_is_that_of_the_text(self):
         built()
-        for name, text in ("wide", '{"freshness": [' + "0," * (25 << 20)), ("deep", "[" * (50 << 20)):
+        for name, text in (("wide", '{"freshness": [' + "0," * (25 << 20)), ("deep", "[" * (50 << 20)),
+                           ("tag", '<superblock a="' + "x" * (20 << 20)), ("tags", "<blocks>" * (2 << 20))):
             Path(name).write_text(text)
             with Popen([PROGRAM, "invalidate", "a", "--from", name], stderr=PIPE) as process:
                 complaint = process.stderr.read().decode()
                 _, process.returncode, usage = os.wait4(process.pid, 0)
-            self.assertRegex(complaint, f"{name}: .*(no JSON from byte|is no range|nested too deep).*\n")
+            self.assertRegex(complaint, f"{name}: .*(no JSON from byte|is no range|nested too deep|tag without end|--era-block).*\n")
             self.assertLess(usage.ru_maxrss, 500 << 10, name)  # KiB
 
     def test_lists_of_diff(self):

@@ -62,6 +62,19 @@ std::int64_t parseSize(const std::string& text)
     return *number << (10 * power);
 }
 
+// With a unit, for a number of sectors that is taken for one of bytes would leave changes out.
+std::int64_t parseEraBlockSize(const std::string& text)
+{
+    const bool isInSectors = text.ends_with('s');
+    const std::int64_t count = parseSize(isInSectors ? text.substr(0, text.size() - 1) : text);
+    constexpr std::int64_t LEAST = 4096; // bytes, and a multiple of them, as the system has it
+    if (isdigit(static_cast<unsigned char>(text.back())) != 0 || count > std::numeric_limits<std::int64_t>::max() / 512
+        || count == 0 || count * (isInSectors ? 512 : 1) % LEAST != 0) {
+        throw CLI::ValidationError("not the size of a block with its unit, like 4M or 8192s: " + text);
+    }
+    return count * (isInSectors ? 512 : 1);
+}
+
 double parseShare(const std::string& text)
 {
     double share = 0;
@@ -325,9 +338,10 @@ private:
                               "The list of all ranges of SOURCE that have changed since its hashes were true, as for "
                               "invalidate; - is standard input")
                   ->type_name("FILE");
-        addListOptions(app, m_changes);
+        addListOptions(app, m_changes.options);
         app->get_option("--format")->needs(changes);
         app->get_option("--what")->needs(changes);
+        app->get_option("--era-block-size")->needs(changes);
         addTrust(app);
         changes->excludes("--check");
         addWork(app);
@@ -406,18 +420,26 @@ private:
         app->add_flag("--read-only", m_serve.isReadOnly, "Write nothing");
     }
 
-    static void addListOptions(CLI::App* app, InvalidateArguments& arguments)
+    static void addListOptions(CLI::App* app, ListOptions& options)
     {
         addChoice<ListFormat>(app, "--format", "HOW",
-                              "lines (OFFSET + LENGTH), diff, nbdinfo or qemu-img; default: as it looks like",
+                              "lines (OFFSET + LENGTH), diff, nbdinfo, qemu-img, rbd, thin_delta or era_invalidate; "
+                              "default: as it looks like",
                               {{"lines", ListFormat::Lines},
                                {"diff", ListFormat::Diff},
                                {"nbdinfo", ListFormat::Bitmap},
-                               {"qemu-img", ListFormat::Map}},
-                              arguments.format);
+                               {"qemu-img", ListFormat::Map},
+                               {"rbd", ListFormat::Rbd},
+                               {"thin_delta", ListFormat::Thin},
+                               {"era_invalidate", ListFormat::Era}},
+                              options.format);
         addChoice<MapEntries>(app, "--what", "ENTRIES", "Of the list of qemu-img: data (default), zero or all",
                               {{"data", MapEntries::Data}, {"zero", MapEntries::Zero}, {"all", MapEntries::All}},
-                              arguments.entries);
+                              options.entries);
+        addValue(app, "--era-block-size", "SIZE",
+                 "How large the blocks of era_invalidate are, with a unit: 4M, or sectors as in the device's table, "
+                 "8192s",
+                 [&options](const std::string& text) { options.eraBlockSize = parseEraBlockSize(text); });
     }
 
     void addInvalidate()
@@ -430,7 +452,7 @@ private:
         app->add_option("--from", m_invalidate.list, "The list of ranges; - is standard input")
             ->required()
             ->type_name("FILE");
-        addListOptions(app, m_invalidate);
+        addListOptions(app, m_invalidate.options);
         addTrust(app);
         addWork(app);
     }

@@ -9,6 +9,7 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
+#include "lists/ListParser.h"
 #include "work/HashedImage.h"
 #include "work/OpenImage.h"
 
@@ -56,7 +57,8 @@ std::vector<Range> rangesIn(const HashedImage& hashed, const RangeList& list, co
     std::vector<Range> ranges;
     for (const auto& [listed, number] : list.entries) {
         const Range range = {listed.offset - origin, listed.length};
-        if (range.offset < 0 || range.end() > roundUp(size, list.sizeUnit())) {
+        const std::int64_t excess = roundUp(size % list.sizeUnit, list.sizeUnit) - size % list.sizeUnit;
+        if (range.offset < 0 || range.end() - excess > size) {
             throw Failure(source,
                           placeIn(list.format, number) + ": " + std::to_string(listed.offset) + " + "
                               + std::to_string(listed.length) + " is not in " + hashed.image().path()
@@ -72,11 +74,11 @@ std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedIma
 {
     const std::string source = what.list == "-" ? "standard input" : what.list;
     const std::string list = listIn(what.list, source);
-    if (!what.format && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
+    if (!what.options.format
+        && list.find_first_not_of(" \t\r\n") == std::string::npos) { // as of a command that has failed
         throw Failure(source, "is empty; name its --format if that means that nothing has changed");
     }
-    return rangesIn(hashed, parseRangeList(list, source, what.format, what.entries), source,
-                    hashed.hashFile().onDevice(0));
+    return rangesIn(hashed, parseRangeList(list, source, what.options), source, hashed.hashFile().onDevice(0));
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "commands/Conclusions.h"
@@ -13,8 +12,7 @@ namespace kelvane::tool {
 
 struct InvalidateArguments {
     std::string list; // a path, or "-" for standard input
-    std::optional<ListFormat> format;
-    MapEntries entries = MapEntries::Data;
+    ListOptions options;
 };
 
 struct Forgotten {

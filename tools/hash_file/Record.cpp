@@ -45,6 +45,7 @@ Record fromJson(const Json& json)
     record.image.marks.size = json.at("size").get<std::int64_t>();
     record.image.marks.traits = json.at("marks").get<Traits>();
     record.hashFile = json.at("hashFile").get<Traits>();
+    record.point = json.value("point", "");
     return record;
 }
 
@@ -110,6 +111,9 @@ std::string Record::encode() const
                  {"size", image.marks.size},
                  {"marks", image.marks.traits},
                  {"hashFile", hashFile}};
+    if (!point.empty()) {
+        json["point"] = point;
+    }
     json["checksum"] = checksumOf(textOf(json));
     return textOf(json);
 }
@@ -191,8 +195,39 @@ bool hasFailedUntold(const std::optional<Record>& record, const ImageState& imag
     return !isTold && !valueOf(image.marks.traits, FAILURES).empty();
 }
 
+namespace {
+
+// What an image shows of itself, and of who could be changing it.
+Doubt doubtOfEvidence(const ImageState& image, const Writers& writers)
+{
+    using Because = Doubt::Because;
+    if (!image.doubt().empty() || !writers.doubt.empty()) {
+        return {Because::Untold, image.doubt().empty() ? writers.doubt : image.doubt()};
+    }
+    if (writers.areSome) {
+        const std::string names = namesOf(writers.programs);
+        return {Because::OpenForWriting, "it is open for writing" + (names.empty() ? "" : ", by " + names)};
+    }
+    return {};
+}
+
+Doubt doubtOfPoint(const std::string& point, const Moment& moment)
+{
+    using Because = Doubt::Because;
+    if (!point.empty() && point == moment.point) {
+        return {};
+    }
+    if (!point.empty() && point == moment.since) {
+        return {Because::NotYetForgotten, "what has changed since the point " + point + " may be among them"};
+    }
+    return {Because::AnotherPoint,
+            point.empty() ? "of which point they are is not recorded" : "they are of the point " + point};
+}
+
+} // namespace
+
 Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, const ImageState& image,
-                 const Writers& writers)
+                 const Writers& writers, const Moment& moment)
 {
     using Because = Doubt::Because;
     if (!record) {
@@ -210,12 +245,8 @@ Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, co
     if (ownerOf(*record, image.identity) != Owner::Same) {
         return {Because::AnotherImage, "another image has taken its place"};
     }
-    if (!image.doubt().empty() || !writers.doubt.empty()) {
-        return {Because::Untold, image.doubt().empty() ? writers.doubt : image.doubt()};
-    }
-    if (writers.areSome) {
-        const std::string names = namesOf(writers.programs);
-        return {Because::OpenForWriting, "it is open for writing" + (names.empty() ? "" : ", by " + names)};
+    if (const Doubt doubt = doubtOfEvidence(image, writers); doubt.isAny() && !moment.isNamed()) {
+        return doubt;
     }
     if (record->standing == Record::Standing::Unproven) {
         return {Because::Unproven, record->reason};
@@ -231,6 +262,9 @@ Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, co
     }
     if (then.identity.instance != instance) {
         return {Because::AnotherImage, "another image has taken its place"};
+    }
+    if (moment.isNamed()) {
+        return doubtOfPoint(record->point, moment);
     }
     if (differ(then.marks.traits, image.marks.traits, FAILURES)) {
         return {Because::FlushFailed, "its file system has failed since"};

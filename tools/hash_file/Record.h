@@ -21,7 +21,8 @@ struct Record {
     Standing standing = Standing::Open;
     std::string reason;
     ImageState image;
-    Traits hashFile; // its state, when they were true
+    Traits hashFile;   // its state, when they were true
+    std::string point; // at which they were true, when the image's user named one
 
     // Whether a text is a record, perhaps a damaged one, or what a crash left of one.
     static bool isIn(const std::string& text);
@@ -46,6 +47,14 @@ bool isRecord(const Descriptor& file);
 enum class Owner { Same, Successor, Other };
 Owner ownerOf(const Record& record, const Identity& image);
 
+// What the user says of the image that a run sees: no evidence shows it.
+struct Moment {
+    std::string point; // the name of this moment, for no other; empty when it has none
+    std::string since; // a point: all that has changed since will be told; empty when it will not
+
+    bool isNamed() const { return !point.empty() || !since.empty(); }
+};
+
 // Why known hashes are not believed.
 struct Doubt {
     enum class Because {
@@ -62,6 +71,8 @@ struct Doubt {
         StartedAgain,
         MountedAgain,
         Unproven,
+        NotYetForgotten, // that is: what has changed since the point of which they are true
+        AnotherPoint,
         Changed
     };
 
@@ -78,7 +89,8 @@ struct Doubt {
 // need not be on the disk then, though the program that wrote it was told and the next flush succeeds.
 bool hasFailedUntold(const std::optional<Record>& record, const ImageState& image);
 
+// Of an image whose moment is named, what is seen of it says nothing.
 Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, const ImageState& image,
-                 const Writers& writers);
+                 const Writers& writers, const Moment& moment = {});
 
 } // namespace kelvane::tool

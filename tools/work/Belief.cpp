@@ -18,14 +18,24 @@ Belief::Belief(const Image& image, HashFile& hashFile, const Common& common)
     if (!image.isMissing()) {
         look();
     }
-    m_doubtOfRecord = doubtAbout(hashFile.record(), hashFile.state(), m_state, {});
-    m_doubt = judge();
-    m_holds = !m_doubt.isAny();
-    m_isAssumed = common.trust == Trust::Everything && !hashFile.wasMade()
-        && doubtAbout(hashFile.record(), hashFile.state(), m_state, m_writers).isAny();
+    takeMoment({});
     if (!image.isMissing()) {
         readFromDiskWhereNeeded();
     }
+}
+
+void Belief::takeMoment(const Moment& moment)
+{
+    m_moment = moment;
+    m_doubtOfRecord = doubtNow({});
+    m_doubt = judge();
+    m_holds = !m_doubt.isAny();
+    m_isAssumed = m_common.trust == Trust::Everything && !m_hashFile.wasMade() && doubtNow(m_writers).isAny();
+}
+
+Doubt Belief::doubtNow(const Writers& writers) const
+{
+    return doubtAbout(m_hashFile.record(), m_hashFile.state(), m_state, writers, m_moment);
 }
 
 // What no record tells of was most likely left in order.
@@ -49,8 +59,7 @@ Doubt Belief::judge()
     if (m_common.trust == Trust::Nothing) {
         return {Doubt::Because::AskedFor, "that was asked for"};
     }
-    return m_image.isMissing() ? m_doubtOfRecord
-                               : doubtAbout(m_hashFile.record(), m_hashFile.state(), m_state, m_writers);
+    return m_image.isMissing() ? m_doubtOfRecord : doubtNow(m_writers);
 }
 
 // What has begun before its state was taken is over when nobody is found then; what begins later changes its state.
@@ -111,7 +120,7 @@ ImageState Belief::currentState()
 void Belief::record(Record::Standing standing, const std::string& reason)
 {
     if (!m_leavesRecord && !m_hashFile.isServedReadOnly()) {
-        m_hashFile.write({standing, reason, m_state, {}});
+        m_hashFile.write({standing, reason, m_state, {}, standing == Record::Standing::True ? m_moment.point : ""});
     }
 }
 
@@ -181,10 +190,11 @@ std::string Belief::reasonAgainst(bool isUnchanged, bool isAnsweredFor) const
     if (!isUnchanged) {
         return "it was changed while the last run used it";
     }
-    if (!m_state.doubt().empty() || !m_writers.doubt.empty()) {
+    const bool needsEvidence = m_moment.point.empty();
+    if (needsEvidence && (!m_state.doubt().empty() || !m_writers.doubt.empty())) {
         return m_state.doubt().empty() ? m_writers.doubt : m_state.doubt();
     }
-    if (m_writers.areSome && !isAnsweredFor) {
+    if (needsEvidence && m_writers.areSome && !isAnsweredFor) {
         return "others had it open for writing while the last run used it";
     }
     if (m_isAssumed) {
@@ -204,7 +214,7 @@ Conclusion Belief::conclude(bool isAnsweredFor)
     found.writers = m_writers.programs;
     m_state.marks.doubt = now.marks.doubt; // whether a device counts is seen once it was read
     const std::string reason = reasonAgainst(found.isUnchanged, isAnsweredFor);
-    const Doubt doubt = doubtAbout(m_hashFile.record(), m_hashFile.state(), m_state, {});
+    const Doubt doubt = doubtNow({});
     const bool isKept = !hasLostWrites();
     found.isRecorded = isKept && reason.empty() && (m_hashFile.isWritable() || !doubt.isAny());
     const bool saysMore = m_isMarked || (reason.empty() && doubt.isAny());

@@ -24,6 +24,10 @@ public:
     // Looks at the image before anything of it is read. Both must outlive it.
     Belief(const Image& image, HashFile& hashFile, const Common& common);
 
+    // Judges again by what the user says of the image. To be called before anything else.
+    void takeMoment(const Moment& moment);
+    const Moment& moment() const { return m_moment; }
+
     // Whether the known hashes are to be taken for true.
     bool holds() const { return m_holds; }
 
@@ -66,6 +70,7 @@ public:
 private:
     friend class ImageChange;
 
+    Doubt doubtNow(const Writers& writers) const;
     Doubt judge();
     void readFromDiskWhereNeeded() const;
     ImageState currentState();
@@ -80,6 +85,7 @@ private:
     const Image& m_image;
     HashFile& m_hashFile;
     const Common& m_common;
+    Moment m_moment;
     ImageState m_state;
     Writers m_writers; // so far
     Doubt m_doubtOfRecord;

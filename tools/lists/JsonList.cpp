@@ -1,71 +1,23 @@
-#include "lists/RangeList.h"
+#include "lists/JsonList.h"
 
-#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <string_view>
 #include <utility>
 #include <variant>
 
 #include "base/Failure.h"
-#include "base/Number.h"
 #include "base/Text.h"
 
 namespace kelvane::tool {
 
 namespace {
 
-constexpr const char* UNDECIDED_LIST = "diff was undecided: more may differ than it lists";
-
-bool isPossible(const Range& range)
-{
-    return range.offset >= 0 && range.length >= 0
-        && range.length <= std::numeric_limits<std::int64_t>::max() - range.offset;
-}
-
-std::optional<Range> rangeOf(std::string_view line)
-{
-    const std::size_t digits = std::min(line.find_first_not_of("0123456789"), line.size());
-    const std::string_view rest = line.substr(digits);
-    const std::size_t gap = rest.starts_with(" + ") ? 3 : rest.find_first_not_of(" \t") == 1 ? 1 : 0;
-    const auto offset = parseNumber<std::int64_t>(line.substr(0, digits));
-    const auto length = parseNumber<std::int64_t>(rest.substr(gap));
-    const bool isGood = offset && gap > 0 && length && isPossible({*offset, *length});
-    return isGood ? std::optional(Range {*offset, *length}) : std::nullopt;
-}
-
-RangeList parseLines(std::string_view text, const std::string& source)
-{
-    RangeList list {ListFormat::Lines, {}};
-    for (std::int64_t number = 1; !text.empty(); ++number) {
-        const auto refuse
-            = [&](const std::string& cause) { throw Failure(source, placeIn(list.format, number) + ": " + cause); };
-        const std::size_t end = text.find('\n');
-        if (end == std::string_view::npos) {
-            refuse("has no line end: the list may have been cut off");
-        }
-        const std::string_view line = text.substr(0, end);
-        text.remove_prefix(end + 1);
-        if (line.starts_with(std::string(RangeList::REMARK) + RangeList::UNDECIDED)) {
-            refuse(UNDECIDED_LIST);
-        }
-        if (line.empty() || line.starts_with('#')) {
-            continue;
-        }
-        const std::optional<Range> range = rangeOf(line);
-        if (!range) {
-            refuse("not a range like \"4096 + 8192\": " + printable(std::string(line.substr(0, 101)), 100));
-        }
-        list.entries.push_back({*range, number});
-    }
-    return list;
-}
-
 const std::set<std::string>& keysOf(ListFormat format)
 {
     static const std::map<ListFormat, std::set<std::string>> KEYS = {
         {ListFormat::Diff, {"offset", "length"}},
+        {ListFormat::Rbd, {"offset", "length", "exists"}},
         {ListFormat::Bitmap, {"offset", "length", "type", "description"}},
         {ListFormat::Map, {"start", "length", "depth", "present", "zero", "data", "compressed", "offset", "filename"}}};
     return KEYS.at(format);
@@ -81,7 +33,7 @@ public:
         , m_keys(keysOf(format))
         , m_listName(format == ListFormat::Diff ? "differing" : "")
         , m_listDepth(format == ListFormat::Diff ? 2 : 1)
-        , m_list {format, {}}
+        , m_list {format, format == ListFormat::Diff ? 1 : RangeList::SECTOR, {}}
     {
     }
 
@@ -205,12 +157,12 @@ private:
         } else if (m_depth == 1 && m_member == VERDICT) {
             const auto& verdict = require<std::string>(value, "\"verdict\" is no text");
             if (verdict != "equal" && verdict != "different") {
-                refuse(verdict == RangeList::UNDECIDED ? UNDECIDED_LIST : "\"verdict\" is not one of diff");
+                refuse(verdict == RangeList::UNDECIDED ? RangeList::UNDECIDED_LIST : "\"verdict\" is not one of diff");
             }
         } else if (m_depth == 1 && m_member == CHANGED) {
             require<Array>(value, "\"changedMeanwhile\" is no list");
         } else if (m_depth == 2 && m_member == CHANGED) {
-            refuse(UNDECIDED_LIST);
+            refuse(RangeList::UNDECIDED_LIST);
         }
     }
 
@@ -243,6 +195,12 @@ private:
             const bool isZero = at<bool>("zero", "neither true nor false");
             return m_entries == MapEntries::All || (m_entries == MapEntries::Data ? isData : isZero);
         }
+        if (m_list.format == ListFormat::Rbd) { // what is no longer there has changed as well
+            const auto& exists = at<std::string>("exists", "no text");
+            if (exists != "true" && exists != "false") {
+                refuse("\"exists\" is neither \"true\" nor \"false\"");
+            }
+        }
         return true;
     }
 
@@ -272,30 +230,11 @@ private:
     std::map<std::string, Value> m_values; // of an entry
 };
 
-// By the first entry, as these programs print it.
-ListFormat jsonFormatOf(std::string_view text)
-{
-    const bool isMap = text.substr(0, text.find('}')).find("\"start\"") != std::string_view::npos;
-    return text[0] == '{' ? ListFormat::Diff : isMap ? ListFormat::Map : ListFormat::Bitmap;
-}
-
 } // namespace
 
-std::string placeIn(ListFormat format, std::int64_t number)
+RangeList parseJsonList(const std::string& text, const std::string& source, ListFormat format, MapEntries entries)
 {
-    return (format == ListFormat::Lines ? "line " : "entry ") + std::to_string(number);
-}
-
-RangeList parseRangeList(const std::string& text, const std::string& source, std::optional<ListFormat> format,
-                         MapEntries entries)
-{
-    const std::size_t start = std::min(text.find_first_not_of(" \t\r\n"), text.size());
-    const std::string_view content = std::string_view(text).substr(start);
-    const bool looksLikeJson = content.starts_with('{') || content.starts_with('[');
-    if (format ? *format == ListFormat::Lines : !looksLikeJson) {
-        return parseLines(text, source);
-    }
-    return JsonReader(source, format ? *format : jsonFormatOf(content), entries).read(text);
+    return JsonReader(source, format, entries).read(text);
 }
 
 } // namespace kelvane::tool
