@@ -39,13 +39,13 @@ def check_of(data, number):
 
 def encoded(frames):
     """The bytes of frames, which are pairs of type and payload, or bytes as they are."""
-    stream = b""
+    stream = []
     for number, each in enumerate(frames):
         if not isinstance(each, bytes):
             header = struct.pack("<IB", len(each[1]), each[0]) + check_of(each[1], number)
             each = header + check_of(header + struct.pack("<q", number), number) + each[1]
-        stream += each
-    return stream
+        stream.append(each)
+    return b"".join(stream)
 
 
 def hello(version=3, capabilities=1, timeout=60):

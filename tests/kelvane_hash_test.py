@@ -204,6 +204,10 @@ class Answers(Case):
         self.check_complaint("build c --hash-file other",
                              "other: made for an image of 82,020 bytes, not for c of 50,000")
         self.check_complaint("build b --hash-file a.hashes", "made for .*/a, an image of 82,020 bytes, not for b of")
+        self.check_complaint("verify b --hash-file a.hashes --mark", "a.hashes: what is wrong of b may be true of .*/a")
+        self.call("build a --check", -9, shim={"SHIM_AT": "fsync a.hashes", "SHIM_DO": "9"})
+        Path("list").write_text(f"{DEVICE} 1\n")
+        self.check_complaint("invalidate c --from list --hash-file a.hashes", "another image has taken its place")
         self.assertEqual(self.json("build b --hash-file a.hashes --adopt")["freshness"],
                          judged("b", NO_RECORD, 20, recorded=not doubt_here()))
 

@@ -262,7 +262,7 @@ class Remote(RemoteCase):
         lies = {
             "closed": ([], "ended with 0"), "text": ([b"Welcome to this machine!\n" * 10], "Welcome to this machine!"),
             "version": (hello(2), "speaks version 2 of the protocol"),
-            "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"),
+            "magic": (frame(HELLO, bytes(16)), "no kelvane-hash"), "kind": (frame(DATA, hello()[0][1]), "no greeting"),
             "zeros": (hello() + [b"\0" * 13], "damaged"), "type": (hello() + frame(99), "of type 99 with"),
             "long": (hello() + frame(OPENED, bytes(2 << 20)), "with 2097152 bytes"),
             "order": (hello() + started, "type 5"),
@@ -351,6 +351,14 @@ class Remote(RemoteCase):
                 self.assertEqual(text == b"a frame is too long", number >= len(lies) - 6, text)
                 self.assertEqual(Path("there/far").read_bytes()[BLOCK:], before[BLOCK:])  # a part of one may come first
                 self.check_known("there/far")
+
+    def test_frames_without_content_are_not_held_without_bound(self):
+        self.images()
+        many = hello() + opening("there/far", rate=100000) + start(0, 60 * BLOCK)
+        many += frame(READ, struct.pack("<Bqq", 0, 0, 60 * BLOCK)) + 60000 * frame(DROP_CACHE)
+        done = subprocess.run([sys.executable, "-c", PEAK, "sh", "-c", f"exec {PROGRAM} serve >&2"],
+                              input=encoded(many), capture_output=True, timeout=120)
+        self.assertLess(int(done.stdout.split()[-1]), 128 << 10)
 
     def test_a_server_that_is_ended(self):
         with subprocess.Popen([PROGRAM, "serve"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as server:

@@ -107,6 +107,7 @@ class Sync(Case):
                 source = self.json("sync a b --changes list --assume-unchanged")["freshness"][0]
                 self.assertEqual((source["believed"], source["recorded"], source["checkedBlocks"]), (True, True, 0))
                 self.assertEqual(Path("a").read_bytes(), Path("b").read_bytes())
+                flip("b", 2 * BLOCK)  # no list and no word is of the destination
             source = self.json("sync a b --changes list", 1)["freshness"][0]
             self.assertEqual((source["believed"], source["openForWriting"], source["recorded"]), (True, True, False))
         source = self.json("sync a b --changes list")["freshness"][0]  # what the list adds to is not known
@@ -272,7 +273,7 @@ class Sync(Case):
 
         def seen(command):
             os.system("rm -f a.hashes*")
-            for name in filter(os.path.exists, "abcd"):
+            for name in filter(os.path.exists, "abcdf"):
                 with open(name, "rb") as image:
                     os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
                     os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_RANDOM)
@@ -280,9 +281,10 @@ class Sync(Case):
             before, disk = in_memory("a"), resource.getrusage(resource.RUSAGE_CHILDREN).ru_inblock
             self.call(f"{command} {FAR if 'sync' in command else ''}")
             read = (resource.getrusage(resource.RUSAGE_CHILDREN).ru_inblock - disk) * 512
-            return before, in_memory("a"), sum(map(in_memory, filter(os.path.exists, "bcd"))), read
+            return before, in_memory("a"), sum(map(in_memory, filter(os.path.exists, "bcdf"))), read
 
-        for command in "build a", "sync a b", "sync a h:c", "sync h:a d -j 1", "verify b", "diff a b", "sync a e --keep-cache":
+        for command in "build a", "sync a b", "sync a h:c", "sync h:a d -j 1", "verify b", "diff a b", "sync a f --block-size 3000", \
+                "hash a", "hash a --range 1048577:99999", "sync a e --keep-cache":
             for _ in range(5):  # whatever else runs on this machine may empty its memory
                 before, after, others, read = seen(command)
                 if after == (40 << 20 if "keep" in command else before):

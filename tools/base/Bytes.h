@@ -50,6 +50,7 @@ public:
     char* data() { return m_memory.get(); }
     const char* data() const { return m_memory.get(); }
     std::size_t size() const { return m_size; }
+    std::size_t room() const; // that it takes
     std::string_view view() const { return {m_memory.get(), m_size}; }
 
 private:
@@ -72,7 +73,11 @@ public:
     {
         Bytes bytes;
         bytes.m_size = size;
-        if (size <= SMALL || size > m_most) {
+        if (size <= SMALL) {
+            bytes.m_memory.reset(static_cast<char*>(std::malloc(size + 1)));
+            return bytes.m_memory ? std::move(bytes) : throw std::bad_alloc();
+        }
+        if (size > m_most) {
             bytes.m_memory = pagesFor(size);
             return bytes;
         }
@@ -102,6 +107,11 @@ private:
     std::mutex m_mutex;
     std::vector<Memory> m_kept;
 };
+
+inline std::size_t Bytes::room() const
+{
+    return m_pool ? m_pool->m_most : m_size;
+}
 
 inline Bytes::~Bytes()
 {

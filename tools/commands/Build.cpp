@@ -19,14 +19,14 @@ BuildResult build(const ImageArguments& arguments, bool afterCrash, const Common
     hashed.adaptToImage();
     hashed.complete({0, image.size()}, "build");
     result.traffic = hashed.traffic();
-    result.found = conclude(hashed, common);
+    result.found = conclude(hashed);
     result.wasUnchanged = changedOf(result.found).empty();
     if (!result.wasUnchanged) { // once, not for ever
         hashed.belief().look();
         hashed.belief().dismiss();
         hashed.complete({0, image.size()}, "check");
         result.traffic.read += hashed.traffic().read;
-        result.found = conclude(hashed, common);
+        result.found = conclude(hashed);
     }
     result.verdict = result.wasUnchanged && areSure(result.found) ? Verdict::Done : Verdict::Undecided;
     result.image = image.path();

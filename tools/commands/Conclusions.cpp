@@ -18,15 +18,14 @@ std::vector<Conclusions::OfImage> selected(const Conclusions& found, Condition c
 
 } // namespace
 
-Conclusions conclude(HashedImage& image, const Common& common, bool isAnsweredFor)
+Conclusions conclude(HashedImage& image, bool isAnsweredFor)
 {
-    return {{{image.image().path(), image.conclude(isAnsweredFor)}},
-            isAnsweredFor || common.trust == Trust::Everything};
+    return {{{image.image().path(), image.conclude(isAnsweredFor)}}};
 }
 
-Conclusions conclude(StartedSide& first, StartedSide& second, const Common& common)
+Conclusions conclude(StartedSide& first, StartedSide& second)
 {
-    return {{{first.name(), first.conclude()}, {second.name(), second.conclude()}}, common.trust == Trust::Everything};
+    return {{{first.name(), first.conclude()}, {second.name(), second.conclude()}}};
 }
 
 std::vector<Conclusions::OfImage> changedOf(const Conclusions& found)
@@ -36,7 +35,7 @@ std::vector<Conclusions::OfImage> changedOf(const Conclusions& found)
 
 std::vector<Conclusions::OfImage> openForWritingOf(const Conclusions& found)
 {
-    return selected(found, [&](const Conclusion& each) { return each.isOpenForWriting && !found.isAnsweredFor; });
+    return selected(found, [](const Conclusion& each) { return each.isOpenForWriting && !each.isAnsweredFor; });
 }
 
 bool areSure(const Conclusions& found)

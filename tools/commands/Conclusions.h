@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "commands/Verdict.h"
-#include "work/Common.h"
 #include "work/Conclusion.h"
 #include "work/HashedImage.h"
 #include "work/Side.h"
@@ -19,12 +18,11 @@ struct Conclusions {
     };
 
     std::vector<OfImage> all; // one for each image
-    bool isAnsweredFor;       // by the user: nobody writes to them
 };
 
 // End the use of the images.
-Conclusions conclude(HashedImage& image, const Common& common, bool isAnsweredFor = false);
-Conclusions conclude(StartedSide& first, StartedSide& second, const Common& common);
+Conclusions conclude(HashedImage& image, bool isAnsweredFor = false);
+Conclusions conclude(StartedSide& first, StartedSide& second);
 
 // Those that were changed meanwhile; those that could have been without a trace, as far as the user does not answer for
 // that.

@@ -36,9 +36,10 @@ HashResult hash(const ImageArguments& arguments, const std::optional<Range>& onD
     hashed.complete(range, "hash");
     std::atomic<std::int64_t> bytesRead = hashed.traffic().read;
     // Everything whole is known, and nothing is to be stored.
-    const Digest value = range.length > 0 ? hashFile.anotherStore(Store::Access::Read).hash(range, image, bytesRead)
-                                          : BlakeHash().get_hash(nullptr, 0);
-    const Conclusions found = conclude(hashed, common);
+    const Digest value = range.length > 0
+        ? hashFile.anotherStore(Store::Access::Read).hash(range, hashed.reader(), bytesRead)
+        : BlakeHash().get_hash(nullptr, 0);
+    const Conclusions found = conclude(hashed);
     return {areSure(found) ? Verdict::Done : Verdict::Undecided,
             image.path(),
             value,

@@ -93,10 +93,11 @@ Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Com
     }
     Belief& belief = hashed.belief();
     const Doubt& doubt = belief.doubtOfRecord();
-    if (common.trust != Trust::Everything
-        && (doubt.because == Because::NoRecord || doubt.because == Because::AnotherImage)) {
+    const bool isOfOther = doubt.because == Because::AnotherImage || belief.isRecordOfOther();
+    if (common.trust != Trust::Everything && (isOfOther || doubt.because == Because::NoRecord)) {
         throw Failure(hashed.image().path(),
-                      "what was told may be of another image: " + doubt.text + "; build checks it");
+                      "what was told may be of another image: "
+                          + (isOfOther ? "another image has taken its place" : doubt.text) + "; build checks it");
     }
     hashed.adaptToImage();
     belief.mark();
@@ -121,7 +122,7 @@ InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArg
     if (!forgotten.doubt.empty()) {
         hashed.belief().dismiss();
     }
-    const Conclusions found = conclude(hashed, common, true);
+    const Conclusions found = conclude(hashed, true);
     return {areSure(found) ? Verdict::Done : Verdict::Undecided, hashed.hashFile().path(), std::move(forgotten), found};
 }
 

@@ -46,7 +46,9 @@ void keepSidesApart(const LocalSide& first, const LocalSide& second, bool writes
 } // namespace
 
 // The near one first: what is wrong with it needs no connection.
-Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& common, RemoteSide::Line* line)
+Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& common, Trust trustInSecond,
+           RemoteSide::Line* line)
+    : commonOfSecond {common.reporter, common.jobs, trustInSecond, common.cache, common.timeout}
 {
     const std::optional<RemotePath> farFirst = remotePath(arguments.first.image);
     const std::optional<RemotePath> farSecond = remotePath(arguments.second.image);
@@ -54,7 +56,7 @@ Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& comm
         throw Failure(arguments.second.image, "one of the two images must be on this machine");
     }
     auto nearFirst = farFirst ? nullptr : openNear(arguments.first, false, common);
-    auto nearSecond = farSecond ? nullptr : openNear(arguments.second, writesSecond, common);
+    auto nearSecond = farSecond ? nullptr : openNear(arguments.second, writesSecond, commonOfSecond);
     if (nearFirst && nearSecond) {
         keepSidesApart(*nearFirst, *nearSecond, writesSecond);
     }
@@ -63,7 +65,7 @@ Pair::Pair(const PairArguments& arguments, bool writesSecond, const Common& comm
     if (farFirst) {
         first = openFar(*farFirst, arguments.first, false, arguments.remote, common, line);
     } else if (farSecond) {
-        second = openFar(*farSecond, arguments.second, writesSecond, arguments.remote, common, line);
+        second = openFar(*farSecond, arguments.second, writesSecond, arguments.remote, commonOfSecond, line);
     }
 }
 

@@ -29,7 +29,8 @@ struct PairTraffic {
 // At most one of them on another machine.
 struct Pair {
     // `line`: the connection for this one and the next; see RemoteSide.
-    Pair(const PairArguments& arguments, bool writesSecond, const Common& common, RemoteSide::Line* line = nullptr);
+    Pair(const PairArguments& arguments, bool writesSecond, const Common& common, Trust trustInSecond,
+         RemoteSide::Line* line = nullptr);
 
     // Calls a command for them. When it fails, what was done on this machine is kept, and recorded.
     template <class Command>
@@ -49,6 +50,7 @@ struct Pair {
     // Forgets what is known of the first image, once its hashes are open, as a list says. Fails when it is not here.
     void whenFirstIsOpened(std::function<void(HashedImage& hashed)> work) const;
 
+    const Common commonOfSecond;
     std::unique_ptr<Side> first;
     std::unique_ptr<Side> second;
 };

@@ -18,6 +18,12 @@ void refuseUnfitPair(Side& source, Side& destination)
     }
 }
 
+// What the user says besides what has changed is said of the source.
+Trust trustInDestination(const SyncArguments& how, const Common& common)
+{
+    return how.changes && common.trust == Trust::Everything ? Trust::Record : common.trust;
+}
+
 // A far destination is brought to what the source is, whatever it was. Where its hash file is not needed to tell the
 // block size, it need not be waited for.
 std::optional<std::uint32_t> foregoneBlockSize(Side& source, Side& destination, const HashFileOptions& options)
@@ -95,12 +101,12 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
         ? copy(from, to, found.differing, how.isSparse, Line(source, destination), common.reporter)
         : OwnChange();
     // What others wrote at the same time shows in the data alone.
-    const bool isReread = how.reread || (!change.wasAlone && common.trust != Trust::Everything);
+    const bool isReread = how.reread || (!change.wasAlone && trustInDestination(how, common) != Trust::Everything);
     const std::optional<std::int64_t> difference = isReread ? reread(from, to, size, common.reporter) : std::nullopt;
     if (difference || !change.wasUnchanged) {
         to.distrust();
     }
-    const Conclusions ends = conclude(from, to, common);
+    const Conclusions ends = conclude(from, to);
     const Opening& former = destination.opening();
     const bool isEqual = !difference && change.wasUnchanged && areSure(ends);
     const bool isResized = !former.isMissing && !former.hasFixedSize && former.size != size;
@@ -123,7 +129,7 @@ SyncResult syncSides(Side& source, Side& destination, const PairArguments& argum
             {}};
 }
 
-SyncResult foresee(Side& source, Side& destination, const PairArguments& arguments, const Common& common)
+SyncResult foresee(Side& source, Side& destination, const PairArguments& arguments)
 {
     const auto start = std::chrono::steady_clock::now();
     refuseUnfitPair(source, destination);
@@ -132,12 +138,12 @@ SyncResult foresee(Side& source, Side& destination, const PairArguments& argumen
     const std::int64_t size = source.opening().size;
     const std::int64_t compared = std::min(size, found.size);
     Comparison comparison;
-    Conclusions ends = {{}, common.trust == Trust::Everything};
+    Conclusions ends;
     if (!found.isMissing) {
         const Start compares = {blockSize, found.size, found.permissions, compared};
         Compared both = compare(source, destination, compares, {[] {}, false});
         comparison = std::move(both.comparison);
-        ends = conclude(both.first, both.second, common);
+        ends = conclude(both.first, both.second);
     }
     append(comparison.differing, between(compared, size));
     const bool isResized = !found.isMissing && !found.hasFixedSize && found.size != size;
@@ -165,13 +171,13 @@ SyncResult foresee(Side& source, Side& destination, const PairArguments& argumen
 
 SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const Common& common, RemoteSide::Line* line)
 {
-    const Pair pair(arguments, true, common, line);
+    const Pair pair(arguments, true, common, trustInDestination(how, common), line);
     std::optional<Forgotten> told;
     if (how.changes) {
         pair.whenFirstIsOpened([&](HashedImage& hashed) { told = forget(hashed, *how.changes, common); });
     }
     SyncResult result = pair.run([&](Side& source, Side& destination) {
-        return how.isDryRun ? foresee(source, destination, arguments, common)
+        return how.isDryRun ? foresee(source, destination, arguments)
                             : syncSides(source, destination, arguments, how, common);
     });
     result.traffic = pair.traffic();

@@ -86,6 +86,11 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();
+    if (how.mark && hashed.belief().isRecordOfOther()) {
+        throw Failure(hashFile.path(),
+                      "what is wrong of " + image.path() + " may be true of " + hashFile.record()->image.identity.path
+                          + ", for which it was made");
+    }
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
     const std::int64_t recorded = hashFile.geometry().targetSize;
@@ -100,7 +105,7 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     const StartingAnew startingAnew;
     Checked checked = checkKnown(hashed, slices, common, *phase);
     std::string falseRecord = settle(hashed, checked.wrong, how.mark, all && recorded == image.size());
-    const Conclusions found = conclude(hashed, common);
+    const Conclusions found = conclude(hashed);
     const bool isGood = checked.wrong.empty() && recorded == image.size();
     const std::int64_t wrongBlocks = totalLength(checked.wrong) / blockSize;
     for (Range& wrong : checked.wrong) {

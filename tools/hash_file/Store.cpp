@@ -46,8 +46,8 @@ namespace {
 // Reads what is asked for.
 class ReadingSource : public TargetSource {
 public:
-    ReadingSource(const Image& image, std::int64_t start, std::atomic<std::int64_t>& bytesRead)
-        : m_image(image)
+    ReadingSource(const ImageReader& reader, std::int64_t start, std::atomic<std::int64_t>& bytesRead)
+        : m_reader(reader)
         , m_start(start)
         , m_bytesRead(bytesRead)
     {
@@ -57,17 +57,16 @@ public:
     {
         constexpr std::int64_t AT_ONCE = 1 << 20;
         const Range range = {offset - m_start, std::min(length, AT_ONCE)};
-        m_buffer = m_buffer ? std::move(m_buffer) : pagesFor(AT_ONCE);
-        m_image.read(m_buffer.get(), range);
+        m_copy = m_reader.copy(range);
         m_bytesRead += range.length;
-        return {m_buffer.get(), range.length};
+        return {m_copy.data, range.length};
     }
 
 private:
-    const Image& m_image;
+    const ImageReader& m_reader;
     std::int64_t m_start; // of the image on its device
     std::atomic<std::int64_t>& m_bytesRead;
-    Memory m_buffer;
+    ImageReader::Copy m_copy;
 };
 
 // Lends what is at hand.
@@ -91,9 +90,9 @@ private:
 
 } // namespace
 
-Digest Store::hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead)
+Digest Store::hash(Range range, const ImageReader& reader, std::atomic<std::int64_t>& bytesRead)
 {
-    ReadingSource source(image, m_geometry.partitionOffset, bytesRead);
+    ReadingSource source(reader, m_geometry.partitionOffset, bytesRead);
     return hashWith(source, range);
 }
 

@@ -11,7 +11,7 @@
 #include "base/Range.h"
 #include "hash_file/Digests.h"
 #include "hash_file/Inspection.h"
-#include "image/Image.h"
+#include "image/ImageReader.h"
 
 namespace kelvane::tool {
 
@@ -32,7 +32,7 @@ public:
 
     // The aggregate hash of a range, in bounded memory. Data that it still takes, of partial blocks for instance, is
     // read from the image and counted.
-    Digest hash(Range range, const Image& image, std::atomic<std::int64_t>& bytesRead);
+    Digest hash(Range range, const ImageReader& reader, std::atomic<std::int64_t>& bytesRead);
 
     // Of whole blocks that are known, those whose hash is not the data's; null is zeros.
     std::vector<Range> wrong(Range blocks, const char* data);

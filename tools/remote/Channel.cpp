@@ -31,6 +31,12 @@ constexpr std::chrono::hours LONGEST_WAIT(31 * 24);
 constexpr std::size_t LONGEST_LINE = 1000; // that is looked at where there are no frames
 constexpr const char* BLANK = " \t\r\n";
 
+// That a frame takes while it is held, what it costs to hold it included.
+std::size_t roomOf(const Frame& frame)
+{
+    return 256 + frame.payload.room();
+}
+
 void makeNonBlocking(int fd)
 {
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -301,7 +307,7 @@ void Channel::takePayload()
     if (frame.type == FrameType::Alive) {
         FieldReader(frame.payload.view()).end();
     } else {
-        m_held += HEADER + frame.payload.size();
+        m_held += roomOf(frame);
         m_frames.push_back(std::move(frame));
     }
 }
@@ -365,7 +371,7 @@ Frame Channel::receive()
     }
     Frame frame = std::move(m_frames.front());
     m_frames.pop_front();
-    m_held -= HEADER + frame.payload.size();
+    m_held -= roomOf(frame);
     if (frame.type != FrameType::Progress && frame.type != FrameType::Note) {
         m_givesUp.reset();
     }

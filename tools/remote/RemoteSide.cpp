@@ -79,6 +79,7 @@ RemoteSide::RemoteSide(const RemotePath& path, Open open, const RemoteOptions& o
     , m_host(path.shownHost)
     , m_program(options.program)
     , m_isDestination(open.isDestination)
+    , m_isAnsweredFor(open.trust == Trust::Everything)
     , m_compression(options.compression)
     , m_reporter(reporter)
     , m_line(line)
@@ -153,7 +154,9 @@ void RemoteSide::beGreeted()
 Hello RemoteSide::greeting()
 {
     try {
-        return Hello::decode(m_channel->receive().payload.view());
+        const Frame frame = m_channel->receive();
+        return frame.type == FrameType::Hello ? Hello::decode(frame.payload.view())
+                                              : throw ProtocolError("no greeting comes first");
     } catch (const std::runtime_error&) {
         throwWhyNotGreeted();
     }
@@ -421,6 +424,7 @@ Conclusion RemoteSide::shown(Conclusion conclusion) const
     for (std::string line; count < MOST_REMARKS && std::getline(lines, line); ++count) {
         conclusion.remarks += m_host + ": " + printable(line, LONGEST_TEXT) + "\n";
     }
+    conclusion.isAnsweredFor = m_isAnsweredFor;
     conclusion.doubt = printable(conclusion.doubt, LONGEST_TEXT);
     for (Program& program : conclusion.writers) {
         program.command = printable(program.command, LONGEST_PHASE);

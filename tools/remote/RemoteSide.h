@@ -93,6 +93,7 @@ private:
     std::string m_host; // as it is shown
     std::string m_program;
     bool m_isDestination;
+    bool m_isAnsweredFor;
     std::uint32_t m_compression;
     Reporter& m_reporter;
     Line* m_line;

@@ -29,6 +29,9 @@ public:
     // A text, with paths as the other side knows them.
     std::string shown(std::string text) const;
 
+    // Of what was resolved so far.
+    void letGo() { m_directories.clear(); }
+
 private:
     struct Directory {
         Descriptor descriptor;

@@ -128,6 +128,7 @@ private:
     {
         m_started = nullptr;
         m_side.reset();
+        m_paths->letGo();
         this->open(open);
         start(StartSide::decode(expect(FrameType::Start).view()));
     }

@@ -124,10 +124,15 @@ void Belief::record(Record::Standing standing, const std::string& reason)
     }
 }
 
-void Belief::leaveRecordOfOther()
+bool Belief::isRecordOfOther() const
 {
     const std::optional<Record>& record = m_hashFile.record();
-    m_leavesRecord = record && ownerOf(*record, m_state.identity) != Owner::Same;
+    return record && ownerOf(*record, m_state.identity) != Owner::Same;
+}
+
+void Belief::leaveRecordOfOther()
+{
+    m_leavesRecord = isRecordOfOther();
 }
 
 void Belief::startAnew()

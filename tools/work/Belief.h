@@ -46,7 +46,8 @@ public:
     // Some of the known hashes were found to be wrong. Fails when a record says the opposite and cannot be changed.
     void contradict();
 
-    // The record is of another image, and stays.
+    // Whether the record is of another image; then it stays.
+    bool isRecordOfOther() const;
     void leaveRecordOfOther();
 
     // Before the first reading, and before all is read once more: the image as it is now is what all that follows is

@@ -17,6 +17,7 @@ struct Conclusion {
     // answer is of then, but by the user's word that they do not write.
     bool isOpenForWriting = false;
     std::vector<Program> writers;
+    bool isAnsweredFor = false; // by that word
 
     // Whether what is known of it was believed at first; why not; what was checked then.
     bool isBelieved = true;

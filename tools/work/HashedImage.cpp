@@ -20,7 +20,7 @@ HashedImage::HashedImage(const Image& image, HashFile hashFile, const Common& co
 void HashedImage::complete(Range range, const char* phase)
 {
     const bool believes = m_belief.holds();
-    if (!believes && m_belief.doubt().isAny()) {
+    if (!believes && m_belief.doubt().isAny() && !std::exchange(m_isDoubtTold, true)) {
         m_common.reporter.note(m_image.path() + ": its known hashes are checked: " + m_belief.doubt().text);
     }
     const std::int64_t blockSize = store().blockSize();
@@ -43,6 +43,24 @@ void HashedImage::complete(Range range, const char* phase)
     if (range.length == m_image.size()) {
         m_belief.confirm();
     }
+}
+
+void HashedImage::forgetFrom(std::int64_t offset)
+{
+    Range rest = wholeBlocks(between(roundDown(offset, store().blockSize()), m_image.size()), store().blockSize());
+    const auto forget = [&](Range known) {
+        if (known.length > 0) {
+            m_belief.mark();
+            store().invalidate(known);
+        }
+    };
+    for (const Range& unknown : store().unknown(rest)) {
+        forget(between(rest.offset, unknown.offset));
+        rest = between(unknown.end(), rest.end());
+    }
+    forget(rest);
+    m_belief.flushHashes();
+    m_belief.confirm();
 }
 
 void HashedImage::store(Store& store, Range range, const char* data)
@@ -126,6 +144,7 @@ std::string HashedImage::remarks() const
 Conclusion HashedImage::conclude(bool isAnsweredFor)
 {
     Conclusion found = m_belief.conclude(isAnsweredFor);
+    found.isAnsweredFor = isAnsweredFor || m_common.trust == Trust::Everything;
     found.isBelieved = !m_belief.doubt().isAny();
     found.doubt = m_belief.doubt().text;
     found.checkedBlocks = m_checked;

@@ -37,6 +37,9 @@ public:
     // that was the whole image, its hashes are believed.
     void complete(Range range, const char* phase);
 
+    // Forgets what is known from an offset on, once all before it was completed: all that it knows is true then.
+    void forgetFrom(std::int64_t offset);
+
     // Of blocks that were read for another purpose: what is unknown becomes known. Known hashes that turn out to be
     // wrong are repaired; they contradict those that were believed.
     void learn(Range blocks, const DigestBytes& digests); // of zeros: none
@@ -87,6 +90,7 @@ private:
     std::mutex m_mutex; // of the next one
     std::vector<std::int64_t> m_newBlocks;
     std::optional<std::int64_t> m_formerSize;
+    bool m_isDoubtTold = false;
     std::optional<std::int64_t> m_contradictedAt;
     Traffic m_traffic;
     std::atomic<std::int64_t> m_checked = 0; // blocks

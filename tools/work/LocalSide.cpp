@@ -82,8 +82,7 @@ StartedSide& LocalSide::start(bool isFirst)
     m_started.isNew = isToBeMade();
     m_isDestination ? prepare() : m_hashed->adaptToImage();
     if (!m_started.isNew && (!isFirst || !m_hashed->hashFile().isWritable())) {
-        const bool believes = m_hashed->belief().holds();
-        m_hashed->complete(believes ? Range {0, m_start.compared} : Range {0, m_image.size()}, "hash");
+        complete();
     }
     const Geometry& geometry = m_hashed->hashFile().geometry();
     m_started.partitionOffset = geometry.partitionOffset;
@@ -92,6 +91,17 @@ StartedSide& LocalSide::start(bool isFirst)
     m_blockSize = geometry.blockSize;
     m_compared = roundDown(m_start.compared, m_blockSize);
     return *this;
+}
+
+// Hashes that are not believed are all checked, but those behind the end of a larger disk, which nobody asks for.
+void LocalSide::complete()
+{
+    const bool believes = m_hashed->belief().holds();
+    const bool isInPart = m_isDestination && m_image.hasFixedSize();
+    m_hashed->complete(believes || isInPart ? Range {0, m_start.compared} : Range {0, m_image.size()}, "hash");
+    if (isInPart && !believes) {
+        m_hashed->forgetFrom(m_start.compared);
+    }
 }
 
 // Makes the destination what its hash file is to describe: there, and of that size.
@@ -153,7 +163,7 @@ Range LocalSide::rangeOf(int level, std::int64_t index) const
 Digest LocalSide::digestOfBlocks(Range blocks)
 {
     std::atomic<std::int64_t> bytesRead = 0; // all is known
-    return m_hashed->store().hash(blocks, m_image, bytesRead);
+    return m_hashed->store().hash(blocks, m_hashed->reader(), bytesRead);
 }
 
 // That of a high node is the hash of its low nodes' hashes.

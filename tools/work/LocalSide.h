@@ -61,6 +61,7 @@ private:
     const Conclusion& conclude() override;
 
     bool isToBeMade() const { return m_isDestination && !m_image.hasFixedSize() && m_image.size() == 0; }
+    void complete();
     void prepare();
     void forgetAll();
     void resizeImage(std::int64_t size);

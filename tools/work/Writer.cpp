@@ -12,11 +12,18 @@ namespace {
 // How much is written between two flushes, and in how long: what a crash leaves to be read once more.
 constexpr std::int64_t MOST_BYTES = std::int64_t {4} << 30;
 constexpr std::chrono::seconds LONGEST(15);
-constexpr std::size_t MOST_DIGEST_BYTES = 16 << 20; // that are kept in memory meanwhile
-constexpr std::size_t MOST_WRITTEN = 1 << 16;       // ranges, the same
+constexpr std::size_t MOST_DIGEST_BYTES = 32 << 20; // that are kept in memory meanwhile
+constexpr std::size_t MOST_RANGES = 1 << 15;        // the same
 
 constexpr std::int64_t MOST_DIRTY = 128 << 20; // that may wait for the disk
 constexpr std::int64_t WINDOW = 1 << 20;       // in which the disk begins with all that was written at once
+
+// The first page may have been written as the last one of the window before.
+Range ownPages(Range window)
+{
+    constexpr std::int64_t PAGE = 4096;
+    return between(std::min(roundUp(window.offset, PAGE), window.end()), window.end());
+}
 
 } // namespace
 
@@ -113,7 +120,7 @@ void Writer::beginWindow(Range range)
     }
     m_windowBytes = 0;
     m_window = between(range.offset, std::max(range.end(), roundUp(range.end(), WINDOW)));
-    m_isWindowUncached = !m_destination.isAnyInMemory(m_window);
+    m_isWindowUncached = !m_destination.isAnyInMemory(ownPages(m_window));
 }
 
 void Writer::remember(Range blocks, const DigestBytes& digests)
@@ -133,8 +140,9 @@ void Writer::remember(Range blocks, const DigestBytes& digests)
 // program knows that it has failed.
 void Writer::flushWhenDue()
 {
-    const auto isAbove = [&](int share) {
-        return m_batch.digestBytes > MOST_DIGEST_BYTES / 4 * share || m_batch.written.size() > MOST_WRITTEN / 4 * share;
+    const auto isAbove = [&](std::size_t factor) {
+        return m_batch.digestBytes > MOST_DIGEST_BYTES * factor
+            || m_batch.written.size() + m_batch.uncached.size() > MOST_RANGES * factor;
     };
     const bool isDue
         = m_batch.bytes > MOST_BYTES || isAbove(1) || std::chrono::steady_clock::now() - m_batch.begin > LONGEST;
@@ -187,6 +195,7 @@ void Writer::fillHoles()
         throwWhenInterrupted();
         const Range data = m_destination.nextData(rest.offset, rest.end());
         putZeros(between(rest.offset, data.offset));
+        flushWhenDue();
         rest = between(data.end(), rest.end());
         phase->reach(rest.offset);
     }
