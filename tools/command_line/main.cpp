@@ -24,7 +24,8 @@ namespace {
 constexpr int DIFFERS = 1;
 constexpr int ERROR = 2;
 
-constexpr const char* NEAR_OR_FAR = "A regular file or a block device; HOST:PATH for one on another machine";
+constexpr const char* NEAR_OR_FAR
+    = "A regular file, a block device, or the URI of an NBD export; HOST:PATH for a file or device on another machine";
 
 int complain(const std::string& text, int code)
 {
@@ -156,7 +157,7 @@ private:
         app->callback([this, command] {
             m_command = [this, command] {
                 const auto reporter = standardError(m_progress);
-                return report(command({*reporter, m_jobs, m_trust, m_cache}));
+                return report(command({*reporter, m_jobs, m_trust, m_cache, m_pair.remote.timeout}));
             };
         });
         return app;
@@ -166,6 +167,12 @@ private:
     {
         addValue(app, "--jobs,-j", "N", "Threads that hash; default: as many as cores",
                  [this](const std::string& text) { m_jobs = parseWithin(text, 1U, 1024U); });
+        addValue(app, "--timeout", "N",
+                 "Seconds without a sign of life of another machine, or of an export's server, after which it is given "
+                 "up; default: 60",
+                 [this](const std::string& text) {
+                     m_pair.remote.timeout = std::chrono::seconds(parseWithin(text, 1U, 86400U));
+                 });
         app->add_flag_callback(
             "--keep-cache", [this] { m_cache = Cache::Keep; },
             "Leave in memory what is read and written; otherwise it is left there as it was found");
@@ -214,7 +221,7 @@ private:
     }
 
     static void addImage(CLI::App* app, ImageArguments& arguments, const std::string& name, const std::string& option,
-                         const std::string& text = "A regular file or a block device")
+                         const std::string& text = "A regular file, a block device, or the URI of an NBD export")
     {
         app->add_option(name, arguments.image, text)->required()->type_name("");
         app->add_option(option, arguments.hashFile.path, "Its hash file; default: " + name + ".hashes")
@@ -393,10 +400,6 @@ private:
             ->type_name("COMMAND");
         app->add_option("--remote-program", m_pair.remote.program, "This program there; default: kelvane-hash")
             ->type_name("PATH");
-        addValue(app, "--timeout", "N", "Seconds without a sign of life after which it is given up; default: 60",
-                 [this](const std::string& text) {
-                     m_pair.remote.timeout = std::chrono::seconds(parseWithin(text, 1U, 86400U));
-                 });
         app->add_flag("--compress,-z")
             ->each([this](const std::string& text) {
                 m_pair.remote.compression = text == "true" ? 3 : parseWithin(text, 1U, 19U);

@@ -8,7 +8,7 @@ namespace kelvane::tool {
 BuildResult build(const ImageArguments& arguments, bool afterCrash, const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
-    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read, common);
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
     BuildResult result;

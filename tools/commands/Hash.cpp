@@ -27,7 +27,7 @@ Range inImage(const Range& onDevice, const Image& image, const HashFile& hashFil
 
 HashResult hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
-    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read, common);
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
     hashed.adaptToImage();

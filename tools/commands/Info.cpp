@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/Failure.h"
+#include "base/Uri.h"
 #include "hash_file/HashFile.h"
 #include "image/FileImage.h"
 
@@ -40,6 +41,9 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
 
 Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
+    if (isExport(record.image.identity.path)) { // whose server need not be there
+        return {Doubt::Because::Untold, EXPORT_DOUBT};
+    }
     try {
         const FileImage image(record.image.identity.path, Image::Access::Read);
         return doubtAbout(record, hashFileState(hashFile), image.state(), image.writers());

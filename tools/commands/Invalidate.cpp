@@ -114,7 +114,7 @@ Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Com
 
 InvalidateResult invalidate(const ImageArguments& arguments, const InvalidateArguments& what, const Common& common)
 {
-    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read, common);
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     Forgotten forgotten = forget(hashed, what, common);

@@ -14,7 +14,7 @@ void refuseUnfitPair(Side& source, Side& destination)
 {
     if (destination.opening().hasFixedSize && destination.opening().size < source.opening().size) {
         throw Failure(destination.name(), destination.opening().size,
-                      "the device is too small for an image of " + counted(source.opening().size, "byte"));
+                      "too small, and of a fixed size, for an image of " + counted(source.opening().size, "byte"));
     }
 }
 

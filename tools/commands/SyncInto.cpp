@@ -5,6 +5,7 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "base/Uri.h"
 
 namespace kelvane::tool {
 
@@ -12,6 +13,9 @@ namespace {
 
 std::string nameOf(const std::string& source)
 {
+    if (isExport(source)) {
+        throw Failure(source, "an export has no name in a directory; name the file that it is to become");
+    }
     const auto far = remotePath(source);
     std::string name = std::filesystem::path(far ? far->path : source).filename().string();
     if (name.empty() || name == "." || name == "..") {

@@ -51,7 +51,8 @@ Checked checkKnown(HashedImage& hashed, Slices& slices, const Common& common, Ph
         const std::scoped_lock lock(mutex);
         checked.wrong.insert(checked.wrong.end(), found.begin(), found.end());
     };
-    checked.traffic = forBlocks(hashed.hashFile(), hashed.reader(), slices, Which::Known, common.jobs, phase, check);
+    checked.traffic
+        = forBlocks(hashed.hashFile(), hashed.reader(), slices, Which::Known, common.threads(), phase, check);
     checked.wrong = sorted(std::move(checked.wrong));
     return checked;
 }
@@ -81,7 +82,7 @@ std::string settle(HashedImage& hashed, const std::vector<Range>& wrong, bool ma
 
 VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
 {
-    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read);
+    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read, common);
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();

@@ -9,6 +9,9 @@
 
 namespace kelvane::tool {
 
+// Of what another program serves.
+constexpr const char* EXPORT_DOUBT = "an export shows no evidence";
+
 // Never the same for two images. Names are no part of it: an image can be renamed, and another one take its name.
 struct Identity {
     std::string path; // absolute, to be told to people

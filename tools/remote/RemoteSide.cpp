@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Text.h"
+#include "base/Uri.h"
 #include "remote/Data.h"
 #include "remote/Words.h"
 
@@ -31,6 +32,9 @@ Ranges batchFrom(const std::vector<Range>& ranges, std::size_t first)
 
 std::optional<RemotePath> remotePath(const std::string& argument)
 {
+    if (isExport(argument)) {
+        return std::nullopt;
+    }
     const std::size_t open = std::min(argument.find("@[") + 1, argument.size()); // 0 when there is none
     const std::size_t closed
         = !argument.empty() && argument[open] == '[' ? argument.find("]:", open) : std::string::npos;

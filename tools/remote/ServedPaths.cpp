@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "base/Failure.h"
+#include "base/Uri.h"
 #include "hash_file/SideFiles.h"
 
 namespace kelvane::tool {
@@ -148,6 +149,9 @@ ServedPaths::Place ServedPaths::follow(const std::filesystem::path& path, const 
 
 std::string ServedPaths::resolve(const std::string& path)
 {
+    if (isExport(path)) {
+        throw Failure(path, "an export is opened where the command runs, not on the other machine");
+    }
     const std::filesystem::path given = atHome(path);
     if (!m_descriptor) {
         return given;

@@ -182,11 +182,9 @@ std::int64_t holeSliceSize(std::int64_t blockSize)
     return std::max(sliceSize(blockSize), BLOCKS <= HOLE / blockSize ? BLOCKS * blockSize : inBlocks(HOLE, blockSize));
 }
 
-Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, Slices& slices, Which which, unsigned jobsWanted,
+Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, Slices& slices, Which which, unsigned jobs,
                   Phase& phase, const Work& work)
 {
-    const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
-    const unsigned jobs = jobsWanted > 0 ? jobsWanted : cores;
     std::atomic<bool> stop = false;
     std::mutex mutex;
     std::exception_ptr failure;

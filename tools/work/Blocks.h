@@ -36,7 +36,7 @@ std::int64_t holeSliceSize(std::int64_t blockSize);
 
 // As many are worked on at once as there are jobs, while the next ones are read. Each thread has its own store. They
 // never share a block, so no store sees or overwrites what another one stored. Stops with Interrupted.
-Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, Slices& slices, Which which, unsigned jobsWanted,
+Traffic forBlocks(HashFile& hashFile, const ImageReader& reader, Slices& slices, Which which, unsigned jobs,
                   Phase& phase, const Work& work);
 
 } // namespace kelvane::tool

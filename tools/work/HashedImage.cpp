@@ -32,7 +32,7 @@ void HashedImage::complete(Range range, const char* phase)
     const StartingAnew isCheck(!believes);
     try {
         const auto shown = m_common.reporter.begin(phase, all.length);
-        m_traffic = forBlocks(m_hashFile, m_reader, slices, believes ? Which::Unknown : Which::All, m_common.jobs,
+        m_traffic = forBlocks(m_hashFile, m_reader, slices, believes ? Which::Unknown : Which::All, m_common.threads(),
                               *shown, work);
     } catch (const Interrupted&) {
         m_belief.flushHashes(); // what is done is kept

@@ -28,7 +28,7 @@ bool isAllZeros(const char* data, std::int64_t length)
 } // namespace
 
 LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common)
-    : m_opened(openImage(path, access, options.atLink))
+    : m_opened(openImage(path, access, common, options.atLink))
     , m_image(*m_opened)
     , m_isDestination(access != Image::Access::Read)
     , m_options(std::move(options))

@@ -1,12 +1,17 @@
 #include "work/OpenImage.h"
 
+#include "base/Uri.h"
 #include "hash_file/HashFile.h"
 #include "image/FileImage.h"
+#include "nbd/Export.h"
 
 namespace kelvane::tool {
 
-std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, AtLink atLink)
+std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, const Common& common, AtLink atLink)
 {
+    if (isExport(path)) {
+        return openExport(path, access, common.threads(), common.timeout);
+    }
     constexpr Range BEGINNING = {0, 1 << 14}; // which looking at the first page brings into memory
     auto image = std::make_unique<FileImage>(path, access, atLink);
     const bool wasInMemory = image->isMissing() || image->isAnyInMemory(BEGINNING);

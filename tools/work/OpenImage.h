@@ -5,10 +5,12 @@
 #include <string>
 
 #include "image/Image.h"
+#include "work/Common.h"
 
 namespace kelvane::tool {
 
-// Refuses what is a hash file, or the record beside one.
-std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, AtLink atLink = AtLink::Follow);
+// A path, or the URI of an export. Refuses what is a hash file, or the record beside one.
+std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, const Common& common,
+                                 AtLink atLink = AtLink::Follow);
 
 } // namespace kelvane::tool
