@@ -6,6 +6,7 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "commands/Points.h"
 #include "work/Blocks.h"
 #include "work/HashedImage.h"
 #include "work/OpenImage.h"
@@ -86,6 +87,10 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();
+    takePoints(hashed, arguments.points);
+    if (hashed.belief().doubt().because == Doubt::Because::AnotherPoint) {
+        throw Failure(hashed.image().path(), "its known hashes cannot be wrong of it: " + hashed.belief().doubt().text);
+    }
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
     const std::int64_t recorded = hashFile.geometry().targetSize;
