@@ -89,7 +89,8 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     HashFile& hashFile = hashed.hashFile();
     takePoints(hashed, arguments.points);
     if (hashed.belief().doubt().because == Doubt::Because::AnotherPoint) {
-        throw Failure(hashed.image().path(), "its known hashes cannot be wrong of it: " + hashed.belief().doubt().text);
+        throw Failure(hashed.image().path(),
+                      "cannot be held against its known hashes: " + hashed.belief().doubt().text);
     }
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
