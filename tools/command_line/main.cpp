@@ -13,6 +13,7 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Number.h"
+#include "base/Text.h"
 #include "commands/Results.h"
 #include "remote/Server.h"
 #include "terminal/StandardError.h"
@@ -84,6 +85,17 @@ double parseShare(const std::string& text)
         throw CLI::ValidationError("not a share like 0.05, above 0 and up to 1: " + text);
     }
     return share;
+}
+
+std::string parseName(const std::string& text)
+{
+    constexpr std::size_t LONGEST = 255;
+    const bool isPrintable
+        = std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; });
+    if (text.empty() || text.size() > LONGEST || !isPrintable) {
+        throw CLI::ValidationError("not a name: " + printable(text, LONGEST));
+    }
+    return text;
 }
 
 // Reads the options of a command into the arguments of its function, which runs when all are read.
@@ -248,6 +260,28 @@ private:
                  });
     }
 
+    void addPoint(CLI::App* app)
+    {
+        addValue(app, "--point", "NAME",
+                 "The export shows the moment that has this name, for ever and no other, as that of a checkpoint: the "
+                 "hashes are recorded as true at it",
+                 [this](const std::string& text) { m_pair.first.points.point = parseName(text); });
+    }
+
+    void addPoints(CLI::App* app)
+    {
+        PointArguments& points = m_pair.first.points;
+        addPoint(app);
+        addValue(app, "--since", "NAME",
+                 "Believe hashes that are recorded as true at this point, but for what has changed since by --bitmap",
+                 [&points](const std::string& text) { points.since = parseName(text); });
+        addValue(app, "--bitmap", "NAME", "The dirty bitmap of the export that was begun at --since",
+                 [&points](const std::string& text) { points.bitmap = parseName(text); });
+        app->get_option("--since")->needs("--bitmap")->excludes("--check")->excludes("--assume-unchanged");
+        app->get_option("--bitmap")->needs("--since");
+        app->get_option("--point")->excludes("--assume-unchanged");
+    }
+
     void addBuild()
     {
         CLI::App* const app
@@ -259,6 +293,7 @@ private:
                       "First forget hashes of which a crash of the machine, or of a program that wrote them, may have "
                       "left a half");
         addTrust(app);
+        addPoints(app);
         addWork(app);
     }
 
@@ -286,6 +321,7 @@ private:
             m_range = Range {parseSize(text.substr(0, colon)), parseSize(text.substr(colon + 1))};
         });
         addTrust(app);
+        addPoints(app);
         addWork(app);
     }
 
@@ -300,6 +336,7 @@ private:
             m_verify.seed = parseWithin<std::uint64_t>(text, 0, std::numeric_limits<std::uint64_t>::max());
         });
         app->add_flag("--mark", m_verify.mark, "Make what is wrong unknown, for build to hash it again");
+        addPoint(app);
         addWork(app);
     }
 
@@ -343,7 +380,10 @@ private:
         app->get_option("--what")->needs(changes);
         app->get_option("--era-block-size")->needs(changes);
         addTrust(app);
+        addPoints(app);
         changes->excludes("--check");
+        changes->excludes("--point");
+        changes->excludes("--since");
         addWork(app);
     }
 
@@ -367,10 +407,10 @@ private:
         if (pairs.size() == 1) {
             return report(sync(pairs[0], m_sync, common));
         }
-        const bool isForOne
-            = !m_changes.list.empty() || !m_pair.first.hashFile.path.empty() || !m_pair.second.hashFile.path.empty();
+        const bool isForOne = !m_changes.list.empty() || m_pair.first.points.areSome()
+            || !m_pair.first.hashFile.path.empty() || !m_pair.second.hashFile.path.empty();
         if (isForOne) {
-            throw CLI::ValidationError("--changes and the options for hash files take one SOURCE at a time");
+            throw CLI::ValidationError("--changes, points and the options for hash files take one SOURCE at a time");
         }
         return runSyncInto(pairs, common);
     }

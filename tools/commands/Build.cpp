@@ -1,5 +1,6 @@
 #include "commands/Build.h"
 
+#include "commands/Points.h"
 #include "work/HashedImage.h"
 #include "work/OpenImage.h"
 
@@ -8,9 +9,11 @@ namespace kelvane::tool {
 BuildResult build(const ImageArguments& arguments, bool afterCrash, const Common& common)
 {
     const auto start = std::chrono::steady_clock::now();
-    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read, common);
+    const std::unique_ptr<Image> opened
+        = openImage(arguments.image, Image::Access::Read, common, AtLink::Follow, arguments.points.bitmap);
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
+    takePoints(hashed, arguments.points);
     BuildResult result;
     if (afterCrash) {
         hashed.belief().mark();

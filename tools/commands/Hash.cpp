@@ -4,6 +4,7 @@
 
 #include "base/Failure.h"
 #include "base/Text.h"
+#include "commands/Points.h"
 #include "work/HashedImage.h"
 #include "work/OpenImage.h"
 
@@ -27,9 +28,11 @@ Range inImage(const Range& onDevice, const Image& image, const HashFile& hashFil
 
 HashResult hash(const ImageArguments& arguments, const std::optional<Range>& onDevice, const Common& common)
 {
-    const std::unique_ptr<Image> opened = openImage(arguments.image, Image::Access::Read, common);
+    const std::unique_ptr<Image> opened
+        = openImage(arguments.image, Image::Access::Read, common, AtLink::Follow, arguments.points.bitmap);
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openOrMake(image, arguments.hashFile, common.reporter), common);
+    takePoints(hashed, arguments.points);
     hashed.adaptToImage();
     const HashFile& hashFile = hashed.hashFile();
     const Range range = onDevice ? inImage(*onDevice, image, hashFile) : Range {0, image.size()};

@@ -42,7 +42,10 @@ std::string drawMap(const std::vector<Range>& unknown, std::int64_t blocks, std:
 Doubt doubtNow(const Record& record, const Descriptor& hashFile)
 {
     if (isExport(record.image.identity.path)) { // whose server need not be there
-        return {Doubt::Because::Untold, EXPORT_DOUBT};
+        ImageState now = record.image;
+        now.identity.instance = bootTraits();
+        now.identity.doubt = EXPORT_DOUBT;
+        return doubtAbout(record, hashFileState(hashFile), now, {}, {record.point, ""});
     }
     try {
         const FileImage image(record.image.identity.path, Image::Access::Read);

@@ -83,6 +83,16 @@ std::vector<Range> listedRanges(const InvalidateArguments& what, const HashedIma
 
 } // namespace
 
+void forgetRanges(HashedImage& hashed, const std::vector<Range>& ranges)
+{
+    hashed.adaptToImage();
+    hashed.belief().mark();
+    for (const Range& range : ranges) {
+        hashed.store().invalidate(range);
+    }
+    hashed.belief().flushHashes();
+}
+
 Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Common& common)
 {
     using Because = Doubt::Because;
@@ -99,12 +109,7 @@ Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Com
                       "what was told may be of another image: "
                           + (isOfOther ? "another image has taken its place" : doubt.text) + "; build checks it");
     }
-    hashed.adaptToImage();
-    belief.mark();
-    for (const Range& range : ranges) {
-        hashed.store().invalidate(range);
-    }
-    belief.flushHashes();
+    forgetRanges(hashed, ranges);
     if (doubt.because == Because::Nothing || doubt.because == Because::Changed) {
         belief.believeTold();
     } else {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "commands/Conclusions.h"
 #include "commands/ImageArguments.h"
@@ -27,6 +28,9 @@ struct InvalidateResult {
     Forgotten forgotten;
     Conclusions found;
 };
+
+// Makes ranges unknown, on the disk.
+void forgetRanges(HashedImage& hashed, const std::vector<Range>& ranges);
 
 // As a part of another command, with an image whose hash file is open. Fails when what was told may be of another one.
 Forgotten forget(HashedImage& hashed, const InvalidateArguments& what, const Common& common);

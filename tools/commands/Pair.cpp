@@ -14,7 +14,7 @@ namespace {
 std::unique_ptr<LocalSide> openNear(const ImageArguments& arguments, bool isDestination, const Common& common)
 {
     const auto access = isDestination ? Image::Access::WriteOrMissing : Image::Access::Read;
-    return std::make_unique<LocalSide>(arguments.image, access, arguments.hashFile, common);
+    return std::make_unique<LocalSide>(arguments.image, access, arguments.hashFile, common, arguments.points.bitmap);
 }
 
 std::unique_ptr<RemoteSide> openFar(const RemotePath& path, const ImageArguments& arguments, bool isDestination,
@@ -74,7 +74,7 @@ void Pair::whenFirstIsOpened(std::function<void(HashedImage& hashed)> work) cons
     auto* const side = dynamic_cast<LocalSide*>(first.get());
     if (side == nullptr) {
         throw Failure(first->name(),
-                      "what has changed is told where the image is: --changes takes one on this machine");
+                      "what has changed is told where the image is: --changes and --point take one on this machine");
     }
     side->whenOpened(std::move(work));
 }

@@ -80,10 +80,14 @@ Json jsonOf(const std::optional<InfoResult::Recorded>& recorded)
         return nullptr;
     }
     const Record& record = recorded->record;
-    return {{"clean", record.standing == Record::Standing::True},
-            {"image", record.image.identity.path},
-            {"size", record.image.marks.size},
-            {"marks", record.image.marks.traits}};
+    Json json = {{"clean", record.standing == Record::Standing::True},
+                 {"image", record.image.identity.path},
+                 {"size", record.image.marks.size},
+                 {"marks", record.image.marks.traits}};
+    if (!record.point.empty()) {
+        json["point"] = record.point;
+    }
+    return json;
 }
 
 // What another command would find now.

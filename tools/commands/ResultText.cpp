@@ -76,8 +76,10 @@ std::string textOf(const std::optional<InfoResult::Recorded>& recorded)
     if (recorded->record.standing == Record::Standing::Open) {
         return "not clean: a run on " + image + " is under way, or was cut short";
     }
+    const std::string& point = recorded->record.point;
     return recorded->doubt.isAny() ? "not believed of " + image + ": " + recorded->doubt.text
-                                   : "true of " + image + ", which is unchanged";
+        : point.empty()            ? "true of " + image + ", which is unchanged"
+                                   : "true of " + image + " at the point " + point;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "base/Failure.h"
 #include "base/Interrupt.h"
 #include "base/Text.h"
+#include "commands/Points.h"
 
 namespace kelvane::tool {
 
@@ -175,6 +176,8 @@ SyncResult sync(const PairArguments& arguments, const SyncArguments& how, const 
     std::optional<Forgotten> told;
     if (how.changes) {
         pair.whenFirstIsOpened([&](HashedImage& hashed) { told = forget(hashed, *how.changes, common); });
+    } else if (arguments.first.points.areSome()) {
+        pair.whenFirstIsOpened([&](HashedImage& hashed) { told = takePoints(hashed, arguments.first.points); });
     }
     SyncResult result = pair.run([&](Side& source, Side& destination) {
         return how.isDryRun ? foresee(source, destination, arguments)

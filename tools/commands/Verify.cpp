@@ -6,6 +6,7 @@
 
 #include "base/Failure.h"
 #include "base/Interrupt.h"
+#include "commands/Points.h"
 #include "work/Blocks.h"
 #include "work/HashedImage.h"
 #include "work/OpenImage.h"
@@ -78,6 +79,20 @@ std::string settle(HashedImage& hashed, const std::vector<Range>& wrong, bool ma
     return falseRecord;
 }
 
+void refuseOther(const HashedImage& hashed, bool marks)
+{
+    const HashFile& hashFile = hashed.hashFile();
+    if (marks && hashed.belief().isRecordOfOther()) {
+        throw Failure(hashFile.path(),
+                      "what is wrong of " + hashed.image().path() + " may be true of "
+                          + hashFile.record()->image.identity.path + ", for which it was made");
+    }
+    if (hashed.belief().doubt().because == Doubt::Because::AnotherPoint) {
+        throw Failure(hashed.image().path(),
+                      "cannot be held against its known hashes: " + hashed.belief().doubt().text);
+    }
+}
+
 } // namespace
 
 VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how, const Common& common)
@@ -86,11 +101,8 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     const Image& image = *opened;
     HashedImage hashed(image, HashFile::openExisting(image, arguments.hashFile, common.reporter), common);
     HashFile& hashFile = hashed.hashFile();
-    if (how.mark && hashed.belief().isRecordOfOther()) {
-        throw Failure(hashFile.path(),
-                      "what is wrong of " + image.path() + " may be true of " + hashFile.record()->image.identity.path
-                          + ", for which it was made");
-    }
+    takePoints(hashed, arguments.points);
+    refuseOther(hashed, how.mark);
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
     const std::int64_t recorded = hashFile.geometry().targetSize;

@@ -245,6 +245,9 @@ Doubt doubtAbout(const std::optional<Record>& record, const Traits& hashFile, co
     if (ownerOf(*record, image.identity) != Owner::Same) {
         return {Because::AnotherImage, "another image has taken its place"};
     }
+    if (!moment.isNamed() && !record->point.empty()) {
+        return {Because::AnotherPoint, "they are of the point " + record->point};
+    }
     if (const Doubt doubt = doubtOfEvidence(image, writers); doubt.isAny() && !moment.isNamed()) {
         return doubt;
     }

@@ -42,6 +42,7 @@ public:
     // past it, to the whole disk or to the file that holds it.
     void read(char* buffer, Range range) const override;
     Range nextData(std::int64_t offset, std::int64_t end) const override;
+    std::vector<Range> changedRanges() const override { throw Failure(m_path, "has no bitmap of what has changed"); }
     void readFromDisk(char* buffer, Range range) const override;
     bool isAnyInMemory(Range range) const override;
     std::vector<Run> residency(Range range) const override;

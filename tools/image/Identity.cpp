@@ -115,6 +115,13 @@ Traits fileTraits(const Descriptor& file)
     return traits;
 }
 
+Traits bootTraits()
+{
+    Traits traits;
+    setIfAny(traits, "boot", lineIn("/proc/sys/kernel/random/boot_id"));
+    return traits;
+}
+
 // A mount has a number of its own in every namespace, its file system one directory: that comes first.
 Traits mountTraits(const Descriptor& file)
 {
@@ -161,7 +168,7 @@ Identity identityOf(const std::string& path, const Descriptor& bytes, const Bloc
             identity.doubt = "the system does not tell when its file system was mounted";
         }
     }
-    setIfAny(identity.instance, "boot", lineIn("/proc/sys/kernel/random/boot_id"));
+    identity.instance.merge(bootTraits());
     if (!identity.instance.contains("boot")) {
         identity.doubt = "the system does not tell when it was started";
     }

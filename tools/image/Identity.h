@@ -31,6 +31,9 @@ struct Identity {
 // Of the file that holds the bytes, if there is one, and of the device by which they are reached, if they are.
 Identity identityOf(const std::string& path, const Descriptor& bytes, const BlockDevice* device);
 
+// What is new with every start of the machine.
+Traits bootTraits();
+
 // The same of a regular file, but for the start of the machine.
 Traits fileTraits(const Descriptor& file);
 Traits mountTraits(const Descriptor& file);

@@ -66,6 +66,9 @@ public:
     // when there is only a hole. More data may follow at once.
     virtual Range nextData(std::int64_t offset, std::int64_t end) const = 0;
 
+    // What has changed since the bitmap was begun that the image was opened with.
+    virtual std::vector<Range> changedRanges() const = 0;
+
     // From the disk, past what the system holds in memory and without leaving anything there; as `read` does where that
     // cannot be done.
     virtual void readFromDisk(char* buffer, Range range) const = 0;

@@ -22,6 +22,8 @@ constexpr std::int64_t LONGEST_PIECE = 32 << 20;  // that every server takes
 constexpr std::int64_t LONGEST_ZEROS = 128 << 20; // that go by one request
 constexpr std::int64_t LONGEST_EXTENTS = 1 << 30; // that are asked for by one
 constexpr std::size_t MOST_EXTENTS = 1 << 14;     // that are kept of its answer
+constexpr const char* BITMAP = "qemu:dirty-bitmap:";
+constexpr std::uint32_t DIRTY = 1;                // a flag of its extents
 constexpr std::size_t MOST = 64;                  // requests on their way
 constexpr std::chrono::seconds LONGEST_STEP(2);   // that a signal waits for what is on its way, while that comes
 constexpr std::chrono::seconds LONGEST_END(5);    // that a command which was to stop waits in the end
@@ -40,6 +42,7 @@ struct Connection::Request {
     Range range;
     bool isRead = false;
     std::vector<Extent>* told = nullptr;
+    const char* about = nullptr; // the name of the extents that are told
     std::shared_ptr<const void> memory = {};
     std::vector<Range> chunks = {}; // of data that has come
     bool isWrong = false;
@@ -61,10 +64,11 @@ struct Connection::Calls {
                       std::size_t count, int* /*error*/)
     {
         Request& request = *static_cast<Request*>(data);
-        if (std::strcmp(context, LIBNBD_CONTEXT_BASE_ALLOCATION) != 0) {
+        if (std::strcmp(context, request.about) != 0) {
             return 0;
         }
         const std::int64_t size = request.connection->m_traits.size;
+        const std::uint32_t flag = request.about == request.connection->m_changes.c_str() ? DIRTY : LIBNBD_STATE_ZERO;
         std::int64_t offset = request.range.offset;
         request.isWrong = request.isWrong || !request.told->empty();
         for (std::size_t i = 0; i + 1 < count && !request.isWrong; i += 2) {
@@ -72,7 +76,7 @@ struct Connection::Calls {
             request.isWrong = range.length == 0 || range.length % request.connection->m_traits.unit != 0
                 || offset >= request.range.end() || range.length > size - offset;
             if (request.told->size() < MOST_EXTENTS) {
-                request.told->push_back({range, (entries[i + 1] & LIBNBD_STATE_ZERO) != 0});
+                request.told->push_back({range, (entries[i + 1] & flag) != 0});
             }
             offset = range.end();
         }
@@ -116,9 +120,10 @@ private:
     }
 };
 
-Connection::Connection(std::string uri, std::chrono::seconds timeout)
+Connection::Connection(std::string uri, std::chrono::seconds timeout, const std::string& bitmap)
     : m_uri(std::move(uri))
     , m_timeout(timeout)
+    , m_changes(bitmap.empty() ? "" : BITMAP + bitmap)
     , m_handle(::nbd_create())
 {
     if (m_handle == nullptr) {
@@ -146,6 +151,7 @@ void Connection::connect()
     ::nbd_set_pread_initialize(m_handle, false); // what has not come is noticed
     ::nbd_set_uri_allow_local_file(m_handle, true);
     if (::nbd_add_meta_context(m_handle, LIBNBD_CONTEXT_BASE_ALLOCATION) != 0
+        || (!m_changes.empty() && ::nbd_add_meta_context(m_handle, m_changes.c_str()) != 0)
         || ::nbd_aio_connect_uri(m_handle, m_uri.c_str()) != 0) {
         lose(place(), lastError());
     }
@@ -174,6 +180,9 @@ void Connection::learn()
     const std::int64_t longest = ::nbd_get_block_size(m_handle, LIBNBD_SIZE_MAXIMUM);
     m_traits.piece = std::min({std::max(PIECE, preferred), LONGEST_PIECE, longest > 0 ? longest : LONGEST_PIECE});
     m_traits.piece = roundDown(m_traits.piece, m_traits.unit);
+    if (!m_changes.empty() && ::nbd_can_meta_context(m_handle, m_changes.c_str()) != 1) {
+        throw Failure(m_uri, "the server does not show " + m_changes + "; without it all is to be checked");
+    }
     if (m_traits.size < 0) {
         throw Failure(m_uri, lastError());
     }
@@ -288,11 +297,14 @@ void Connection::read(char* buffer, Range range)
     await(0);
 }
 
-std::vector<Extent> Connection::extents(Range range)
+std::vector<Extent> Connection::extents(Range range, Asked asked)
 {
     std::vector<Extent> told;
+    const bool isOfZeros = asked == Asked::Zeros;
+    const char* const about = isOfZeros ? LIBNBD_CONTEXT_BASE_ALLOCATION : m_changes.c_str();
+    const char* const what = isOfZeros ? "tell data from holes" : "tell what has changed";
     range.length = std::min(range.length, LONGEST_EXTENTS);
-    start({{"tell data from holes", range.offset}, range, false, &told},
+    start({{what, range.offset}, range, false, &told, about},
           [&](Request* request, nbd_completion_callback completion) {
               return ::nbd_aio_block_status(m_handle, static_cast<std::uint64_t>(range.length),
                                             static_cast<std::uint64_t>(range.offset), {Calls::extent, request, nullptr},
@@ -307,7 +319,7 @@ void Connection::write(const char* buffer, Range range, const std::shared_ptr<co
     for (Range rest = range; rest.length > 0;) {
         const Range piece = takeFirst(rest, m_traits.piece - rest.offset % m_traits.piece);
         const char* const place = buffer + (piece.offset - range.offset);
-        start({{"write", piece.offset}, piece, false, nullptr, memory},
+        start({{"write", piece.offset}, piece, false, nullptr, nullptr, memory},
               [&](Request* /*request*/, nbd_completion_callback completion) {
                   return ::nbd_aio_pwrite(m_handle, place, static_cast<std::size_t>(piece.length),
                                           static_cast<std::uint64_t>(piece.offset), completion, 0);

@@ -34,7 +34,7 @@ struct ExportTraits {
 
 struct Extent {
     Range range;
-    bool isZero;
+    bool isSet; // reads as zeros; or has changed
 };
 
 // For one thread at a time. All ranges are of whole units inside the export. Every failure is a Failure that names the
@@ -42,7 +42,8 @@ struct Extent {
 // than the timeout has failed; what it says is believed only as far as it cannot be checked.
 class Connection {
 public:
-    Connection(std::string uri, std::chrono::seconds timeout);
+    // `bitmap`: shows what has changed since it was begun; empty where that is not asked for.
+    Connection(std::string uri, std::chrono::seconds timeout, const std::string& bitmap = {});
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -51,8 +52,10 @@ public:
 
     void read(char* buffer, Range range);
 
-    // From the beginning of a range on, without a gap; perhaps not up to its end.
-    std::vector<Extent> extents(Range range);
+    // From the beginning of a range on, without a gap; perhaps not up to its end. Of what was changed with a bitmap
+    // alone.
+    enum class Asked { Zeros, Changes };
+    std::vector<Extent> extents(Range range, Asked asked = Asked::Zeros);
 
     // These are on their way when they return. What fails then comes out of the next call of any of these.
     void write(const char* buffer, Range range, const std::shared_ptr<const void>& memory);
@@ -85,7 +88,8 @@ private:
 
     std::string m_uri;
     std::chrono::seconds m_timeout;
-    nbd_handle* m_handle; // none once it was lost
+    std::string m_changes; // the name of a bitmap's extents; empty: none
+    nbd_handle* m_handle;  // none once it was lost
     ExportTraits m_traits;
     std::list<Request> m_onTheirWay;
     std::optional<Failure> m_failure; // the first one of those that have ended

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/Bytes.h"
+#include "base/Interrupt.h"
 #include "nbd/Connection.h"
 
 namespace kelvane::tool {
@@ -19,10 +20,10 @@ namespace {
 // Between threads, each of which has one at a time.
 class Connections {
 public:
-    Connections(std::string uri, unsigned most, std::chrono::seconds timeout)
+    Connections(std::string uri, unsigned most, std::chrono::seconds timeout, const std::string& bitmap)
         : m_uri(std::move(uri))
         , m_timeout(timeout)
-        , m_first(m_uri, timeout)
+        , m_first(m_uri, timeout, bitmap)
         , m_most(m_first.traits().takesSeveral ? most : 1)
         , m_free {&m_first}
     {
@@ -80,6 +81,48 @@ private:
     std::vector<Connection*> m_free;
 };
 
+// Ascending ranges, in bounded memory: where there are too many, they take in what lies between them.
+class CoarseRanges {
+public:
+    explicit CoarseRanges(std::int64_t end)
+        : m_end(end)
+    {
+    }
+
+    void add(Range range)
+    {
+        append(range);
+        constexpr std::size_t MOST = 1 << 20;
+        while (m_ranges.size() > MOST) {
+            m_unit *= 2;
+            for (const Range& each : std::exchange(m_ranges, {})) {
+                append(each);
+            }
+        }
+    }
+
+    std::vector<Range> all() && { return std::move(m_ranges); }
+
+private:
+    void append(Range range)
+    {
+        const std::int64_t begin = roundDown(range.offset, m_unit);
+        const std::int64_t end = m_end - range.end() < m_unit ? m_end : roundUp(range.end(), m_unit);
+        if (range.length == 0) {
+            return;
+        }
+        if (!m_ranges.empty() && begin <= m_ranges.back().end()) {
+            m_ranges.back() = between(m_ranges.back().offset, end);
+        } else {
+            m_ranges.push_back(between(begin, end));
+        }
+    }
+
+    std::int64_t m_end;
+    std::int64_t m_unit = 1; // of which they are whole ones
+    std::vector<Range> m_ranges;
+};
+
 // The value of a field of a URI's query; empty when there is none.
 std::string fieldOf(const std::string& uri, const std::string& name)
 {
@@ -108,15 +151,16 @@ Identity identityOf(const std::string& uri, const ExportTraits& traits)
              {"socket", socket.empty() ? "" : std::filesystem::absolute(socket, error).lexically_normal().string()},
              {"export", traits.name},
              {"size", std::to_string(traits.size)}},
-            {},
+            bootTraits(),
             EXPORT_DOUBT};
 }
 
 class ExportImage final : public Image {
 public:
-    ExportImage(const std::string& uri, Access access, unsigned jobs, std::chrono::seconds timeout)
+    ExportImage(const std::string& uri, Access access, unsigned jobs, std::chrono::seconds timeout,
+                const std::string& bitmap)
         : m_uri(uri)
-        , m_connections(uri, jobs, timeout)
+        , m_connections(uri, jobs, timeout, bitmap)
         , m_identity(identityOf(uri, traits()))
     {
         if (access != Access::Read && traits().isReadOnly) {
@@ -191,6 +235,21 @@ public:
             }
         }
         return between(end, end);
+    }
+
+    std::vector<Range> changedRanges() const override
+    {
+        CoarseRanges changed(size());
+        m_connections.with(true, [&](Connection& connection) {
+            for (std::int64_t at = 0; at < size();) {
+                throwWhenInterrupted();
+                for (const Extent& extent : connection.extents(between(at, size()), Connection::Asked::Changes)) {
+                    changed.add(extent.isSet ? extent.range : Range {at, 0});
+                    at = extent.range.end();
+                }
+            }
+        });
+        return std::move(changed).all();
     }
 
     void readFromDisk(char* buffer, Range range) const override { read(buffer, range); }
@@ -330,7 +389,7 @@ private:
             extents = connection.extents(between(start, size()));
         });
         for (const Extent& extent : extents) {
-            addData(between(std::max(at, extent.range.offset), extent.isZero ? 0 : extent.range.end()));
+            addData(between(std::max(at, extent.range.offset), extent.isSet ? 0 : extent.range.end()));
             m_seen.length = extent.range.end() - m_seen.offset;
         }
     }
@@ -369,9 +428,9 @@ private:
 } // namespace
 
 std::unique_ptr<Image> openExport(const std::string& uri, Image::Access access, unsigned jobs,
-                                  std::chrono::seconds timeout)
+                                  std::chrono::seconds timeout, const std::string& bitmap)
 {
-    return std::make_unique<ExportImage>(uri, access, jobs, timeout);
+    return std::make_unique<ExportImage>(uri, access, jobs, timeout, bitmap);
 }
 
 } // namespace kelvane::tool

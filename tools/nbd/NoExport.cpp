@@ -3,7 +3,7 @@
 namespace kelvane::tool {
 
 std::unique_ptr<Image> openExport(const std::string& uri, Image::Access /*access*/, unsigned /*jobs*/,
-                                  std::chrono::seconds /*timeout*/)
+                                  std::chrono::seconds /*timeout*/, const std::string& /*bitmap*/)
 {
     throw Failure(uri, "this program was built without libnbd, which NBD exports take");
 }

@@ -27,8 +27,9 @@ bool isAllZeros(const char* data, std::int64_t length)
 
 } // namespace
 
-LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common)
-    : m_opened(openImage(path, access, common, options.atLink))
+LocalSide::LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common,
+                     const std::string& bitmap)
+    : m_opened(openImage(path, access, common, options.atLink, bitmap))
     , m_image(*m_opened)
     , m_isDestination(access != Image::Access::Read)
     , m_options(std::move(options))

@@ -19,7 +19,8 @@ namespace kelvane::tool {
 class LocalSide : public Side, private HashedSide, private StartedSide, private WritingSide {
 public:
     // Opens the image alone.
-    LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common);
+    LocalSide(const std::string& path, Image::Access access, HashFileOptions options, const Common& common,
+              const std::string& bitmap = {});
 
     // What is done with the hashes once they are open: those are forgotten of which the user knows that they are old.
     void whenOpened(std::function<void(HashedImage& hashed)> work) { m_whenOpened = std::move(work); }

@@ -7,10 +7,11 @@
 
 namespace kelvane::tool {
 
-std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, const Common& common, AtLink atLink)
+std::unique_ptr<Image> openImage(const std::string& path, Image::Access access, const Common& common, AtLink atLink,
+                                 const std::string& bitmap)
 {
     if (isExport(path)) {
-        return openExport(path, access, common.threads(), common.timeout);
+        return openExport(path, access, common.threads(), common.timeout, bitmap);
     }
     constexpr Range BEGINNING = {0, 1 << 14}; // which looking at the first page brings into memory
     auto image = std::make_unique<FileImage>(path, access, atLink);

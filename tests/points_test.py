@@ -1,0 +1,159 @@
+"""Moments of exports that have names: points_test.py PROGRAM SHIM"""
+import json, os, random, select, shutil, signal, socket, sys, unittest
+from pathlib import Path
+from subprocess import DEVNULL, PIPE, Popen, run
+
+from oracle import known_are_true
+from program import ORACLE, PROGRAM, SHIM, Case, main
+
+sys.path.insert(0, str(ORACLE.parent.with_name("examples")))
+import night
+
+SIZE = 8 << 20
+CHUNK = 64 << 10  # of a bitmap
+MOMENT = "nbd+unix:///moment?socket=nbd"
+TOOLS = "qemu-storage-daemon", "qemu-img", "qemu-io"
+
+
+@unittest.skipUnless(all(map(shutil.which, TOOLS)), "no qemu-utils, or no qemu-system-common")
+class Points(Case):
+    """A disk in QEMU's storage daemon, which is written."""
+    def setUp(self):
+        super().setUp()
+        run(f"qemu-img create -q -f qcow2 disk.qcow2 {SIZE}", shell=True, check=True)
+        monitors = [word for name in ("qmp", "other") for word in (
+            "--chardev", f"socket,path={name},server=on,wait=off,id={name}", "--monitor", f"chardev={name}")]
+        daemon = Popen(["qemu-storage-daemon", *monitors, "--blockdev", "driver=qcow2,node-name=disk,file.driver=file,file.filename=disk.qcow2",
+                        "--nbd-server", "addr.type=unix,addr.path=nbd", "--export",
+                        "type=nbd,id=disk,node-name=disk,name=disk,writable=on", "--daemonize", "--pidfile", "pid"])
+        self.assertEqual(daemon.wait(60), 0)
+        self.addCleanup(lambda pid: os.kill(pid, signal.SIGKILL), int(Path("pid").read_text()))
+        self.monitor = night.Monitor("qmp")
+        self.addCleanup(self.monitor.socket.close)
+
+    def write(self, *chunks):
+        for chunk in chunks:
+            offset, length = chunk * CHUNK + 9, random.randrange(1, CHUNK - 9)
+            run(["qemu-io", "-f", "raw", "-c", f"write -q -P {random.randrange(256)} {offset} {length}",
+                 "nbd+unix:///disk?socket=nbd"], check=True)
+
+    def begin(self, point, since=None):
+        """The export shows the disk as it is now, and what has changed since a point."""
+        self.monitor.clear("disk")
+        run(f"qemu-img create -q -f qcow2 scratch {SIZE}", shell=True, check=True)
+        self.monitor.begin("disk", point, since, os.path.abspath("scratch"))
+        run(["qemu-img", "convert", "-f", "raw", "-O", "raw", MOMENT, "moment.raw"], check=True)
+
+    def told(self, command, **options):
+        answer = self.json(f"{command} {MOMENT} --hash-file h", **options)
+        return answer["bytesRead"], answer["freshness"]["doubt"], answer["freshness"]["recorded"]
+
+    def test_by_which_names_hashes_are_believed(self):
+        self.write(*range(SIZE // CHUNK))  # no holes
+        self.begin("p0")
+        self.assertEqual(self.told("build --point p0"), (SIZE, "", True))
+        self.assertEqual(self.told("build --point p0"), (0, "", True))
+        self.write(3, 70, 71)
+        self.begin("p1", since="p0")
+        self.write(5)
+        before = Path("h").read_bytes()
+        for options, cause in (("--point p1 --since p0 --bitmap lost", "does not show qemu:dirty-bitmap:lost"),
+                               ("--point p0 --since p0 --bitmap changes", "two moments have one name: p0"),
+                               ("--point p1 --since p0", "--since requires --bitmap"), ("--bitmap b", "requires --since"),
+                               ("--check --since p0 --bitmap changes", "excludes"), ("--point \x1b", r"not a name: \?"),
+                               ("--assume-unchanged --point p1", "excludes"), ("--point ", "not a name: ")):
+            self.check_complaint("build", cause, arguments=[MOMENT, "--hash-file", "h", *options.split(" ")])
+        self.check_complaint("build moment.raw --point p1", "points are those of exports")
+        self.check_complaint(f"verify {MOMENT} --hash-file h --point p1", "they are of the point p0")
+        self.assertEqual(Path("h").read_bytes(), before)
+        self.assertEqual(self.json("info h")["record"]["point"], "p0")
+        self.assertEqual(self.told("build --point p1 --since p0 --bitmap changes"), (3 * CHUNK, "", True))
+        self.assertIn("at the point p1\n", self.call("info h").stdout)
+        self.assertTrue(known_are_true(Path("h").read_bytes(), Path("moment.raw").read_bytes()))
+        self.call(f"verify {MOMENT} --hash-file h --point p1")
+        for options, read, doubt, recorded in (
+                ("--point p2", SIZE, "they are of the point p1", True),
+                ("--point p3 --since p1 --bitmap changes", SIZE, "they are of the point p2", True),
+                ("--since p3 --bitmap changes", 3 * CHUNK, "", False),
+                ("--point p4", SIZE, "an export shows no evidence", True), ("", SIZE, "they are of the point p4", False),
+                ("--point p4", 0, "", True), ("--point p4 --check", SIZE, "that was asked for", True)):
+            self.assertEqual(self.told(f"build {options}"), (read, doubt, recorded), options)
+        record = Path("h.state")
+        record.write_text(record.read_text().replace('"p4"', '"p5"'))
+        self.assertEqual(self.told("build --point p5")[:2], (SIZE, "no record says that they are true of it"))
+        other = Path("boot")
+        other.write_text("another start of the machine\n")
+        self.assertEqual(self.told("build --point p5", shim={"SHIM_BOOT": "boot"})[:2],
+                         (SIZE, "the machine was started again since"))
+
+    def test_what_is_said_is_true_whatever_happens(self):
+        """Kills and failures, points of now and of before; never a hash that is not true of the moment recorded."""
+        random.seed(int(os.environ.get("SEED", 1)))
+        moments, good = [], 0
+        for number in range(25):
+            self.write(*random.sample(range(SIZE // CHUNK), random.randrange(4)))
+            since = random.choice((moments or [None])[-2:])
+            point = f"p{number}"
+            self.begin(point, since)
+            moments.append(point)
+            for _ in range(random.randrange(1, 4)):
+                words = ["build", MOMENT, "--hash-file", "h"] if random.random() < 0.5 else [
+                    "sync", MOMENT, "copy", "--source-hash-file", "h"]
+                words += ["--point", point] if random.random() < 0.9 else []
+                words += ["--since", since, "--bitmap", "changes"] if since and random.random() < 0.7 else []
+                shim = {"SHIM_AT": str(random.randrange(1, 90)), "SHIM_DO": random.choice(("9", "15", "fail 5"))}
+                done = self.call(words[0], None, arguments=words[1:], shim=shim if random.random() < 0.5 else None)
+                moment = Path("moment.raw").read_bytes()
+                if done.returncode == 0:
+                    good += 1
+                    self.assertTrue(known_are_true(Path("h").read_bytes(), moment), words)
+                    self.assertTrue(words[0] == "build" or Path("copy").read_bytes() == moment, words)
+                if os.path.exists("h") and (self.json("info h")["record"] or {}).get("point") == point:
+                    self.assertTrue(known_are_true(Path("h").read_bytes(), moment), words)
+        self.assertGreater(good, 15)
+
+    def copy(self, cut=None):
+        """A night whose connection to the monitor ends with a command, and what it found in the end."""
+        Path("bin").mkdir(exist_ok=True)
+        Path("bin/kelvane-hash").write_text(f"""#!/bin/sh
+            if [ $1 = sync ]; then qemu-img convert -f raw -O raw "$2" moment.raw; exec >result; fi
+            [ $1 = sync ] && rm killed 2>/dev/null && export LD_PRELOAD={SHIM} SHIM_AT='pwrite h' SHIM_DO=9
+            exec {PROGRAM} "$@" """)
+        os.chmod("bin/kelvane-hash", 0o755)
+        with socket.create_server("cut", family=socket.AF_UNIX) as server:
+            script = Popen([ORACLE.parent.with_name("examples") / "night.py", "cut", "disk", "nbd", "h", "copy", "--json"],
+                           stderr=PIPE, env=dict(os.environ, PATH=f"{os.getcwd()}/bin:{os.environ['PATH']}"))
+            near, far = server.accept()[0], socket.socket(socket.AF_UNIX)
+        os.unlink("cut")
+        far.connect("other")
+        with near, far:
+            count = 0
+            while ready := select.select([near, far], [], [])[0]:
+                data = ready[0].recv(1 << 16)
+                count += ready[0] is near
+                if not data or count == cut:
+                    break
+                (far if ready[0] is near else near).sendall(data)
+        script.communicate(timeout=60)
+        return script.returncode
+
+    def test_a_night_that_fails_at_any_step(self):
+        writer = Popen(["bash", "-c", "while echo write -q -P $((RANDOM % 256)) $((RANDOM * 200)) 3000; do sleep 0.01; done |"
+                        "exec qemu-io -f raw nbd+unix:///disk?socket=nbd"], start_new_session=True, stdout=DEVNULL)
+        self.addCleanup(lambda: (os.killpg(writer.pid, signal.SIGKILL), writer.wait()))
+        self.assertEqual(self.copy(), 0)
+        for step in range(1, 99):
+            if step == 1:
+                Path("killed").touch()
+            if self.copy(None if step == 1 else step) == 0:
+                break
+            with self.subTest(step=step):
+                self.assertEqual(self.copy(), 0)
+                result = json.loads(Path("result").read_text())
+                self.assertEqual(Path("copy").read_bytes(), Path("moment.raw").read_bytes())
+                self.assertEqual(result["freshness"][0]["doubt"], "the last run was cut short" if step == 1 else "")
+                self.assertEqual(list(self.monitor.bitmaps("disk")), [self.json("info h")["record"]["point"]])
+        self.assertGreater(step, 15)
+
+
+main()
