@@ -26,6 +26,7 @@ constexpr const char* BITMAP = "qemu:dirty-bitmap:";
 constexpr std::uint32_t DIRTY = 1;                // a flag of its extents
 constexpr std::size_t MOST = 64;                  // requests on their way
 constexpr std::chrono::seconds LONGEST_STEP(2);   // that a signal waits for what is on its way, while that comes
+constexpr std::chrono::seconds LONGEST_END(5);    // that a command which was to stop waits in the end
 constexpr std::chrono::milliseconds SILENCE(100); // the same, while nothing comes
 
 std::string lastError()
@@ -240,8 +241,9 @@ void Connection::step(Clock::time_point begin)
     if (ready <= 0 || now - begin > LONGEST_STEP) {
         stopWhenInterrupted();
     }
-    if (now - m_lastSign > m_timeout) {
-        lose(oldest, "the server has said nothing for " + std::to_string(m_timeout.count()) + " seconds");
+    const auto patience = interruptSignal() != 0 ? std::min(m_timeout, LONGEST_END) : m_timeout;
+    if (now - m_lastSign > patience) {
+        lose(oldest, "the server has said nothing for " + std::to_string(patience.count()) + " seconds");
     }
     int result = 0;
     if (reads && (socket.revents & ~POLLOUT) != 0) {
@@ -271,6 +273,7 @@ void Connection::start(Request request, Issue issue)
     await(MOST - 1);
     const Place place = request.place;
     if (m_handle == nullptr) {
+        throwWhenInterrupted(); // on another thread, which has closed it
         throw failure(place, "the connection was lost");
     }
     Request& started = m_onTheirWay.emplace_back(std::move(request));

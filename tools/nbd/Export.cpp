@@ -389,9 +389,19 @@ private:
             extents = connection.extents(between(start, size()));
         });
         for (const Extent& extent : extents) {
-            append(m_data, between(std::max(at, extent.range.offset), extent.isSet ? 0 : extent.range.end()));
+            addData(between(std::max(at, extent.range.offset), extent.isSet ? 0 : extent.range.end()));
             m_seen.length = extent.range.end() - m_seen.offset;
         }
+    }
+
+    // A short hole is read faster than data is asked for in two goes.
+    void addData(Range range) const
+    {
+        if (range.length > 0 && !m_data.empty() && range.offset - m_data.back().end() < traits().piece) {
+            range = between(m_data.back().offset, range.end());
+            m_data.pop_back();
+        }
+        append(m_data, range);
     }
 
     // What was written does not lie before what comes next, as a rule.
