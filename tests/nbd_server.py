@@ -12,9 +12,9 @@ class Server:
     `falsify(server, command, offset, length, chunks)` gives the chunks of an answer, or None for silence; OSError ends the
     connection."""
 
-    def __init__(self, path, data, unit=1, flags=FLAGS, falsify=None, size=None, patience=0, bitmap=None):
+    def __init__(self, path, data, unit=1, flags=FLAGS, falsify=None, size=None, patience=0, bitmap=False):
         self.data, self.unit, self.flags, self.falsify, self.patience = data, unit, flags, falsify, patience
-        self.bitmap = bitmap  # the extents of "b", from an offset on
+        self.bitmap = bitmap  # whether there is one, "b"; its extents have the number 2
         self.size = size or (lambda server: len(server.data))
         self.lines, self.most = [], 0  # connections, and how many requests were on their way on one of them
         self.log = []  # of what was done: command, offset, length, flags
@@ -90,8 +90,6 @@ class Server:
             chunks = [(DATA, struct.pack(">Q", offset) + self.data[offset:offset + length])]
         elif command == STATUS:
             chunks = [(EXTENTS, struct.pack(">I", 1) + self.extents(offset, offset + length))]
-            if self.bitmap:
-                chunks.append((EXTENTS, struct.pack(">I", 2) + self.bitmap(offset)))
         if self.falsify:
             chunks = self.falsify(self, command, offset, length, chunks)
         if chunks is None:
