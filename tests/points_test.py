@@ -5,7 +5,7 @@ from subprocess import DEVNULL, PIPE, Popen, run
 
 from nbd_server import EXTENTS, STATUS, Server, uri
 from oracle import known_are_true
-from program import MEASURED, ORACLE, PROGRAM, SHIM, Case, main
+from program import FAR, MEASURED, ORACLE, PROGRAM, SHIM, Case, main
 
 sys.path.insert(0, str(ORACLE.parent.with_name("examples")))
 import night
@@ -172,7 +172,7 @@ class Disks(Case):
             exec {PROGRAM} "$@" """)
         os.chmod("bin/kelvane-hash", 0o755)
         with socket.create_server("cut", family=socket.AF_UNIX) as server:
-            script = Popen([ORACLE.parent.with_name("examples") / "night.py", "cut", "disk", "nbd", "h", "copy", "--json"],
+            script = Popen([ORACLE.parent.with_name("examples") / "night.py", "cut", "disk", "nbd", "h", "far:copy", "--json", *FAR.split()],
                            stderr=PIPE, env=dict(os.environ, PATH=f"{os.getcwd()}/bin:{os.environ['PATH']}"))
             near, far = server.accept()[0], socket.socket(socket.AF_UNIX)
         os.unlink("cut")
