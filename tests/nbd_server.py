@@ -12,8 +12,9 @@ class Server:
     `falsify(server, command, offset, length, chunks)` gives the chunks of an answer, or None for silence; OSError ends the
     connection."""
 
-    def __init__(self, path, data, unit=1, flags=FLAGS, falsify=None, size=None, patience=0):
+    def __init__(self, path, data, unit=1, flags=FLAGS, falsify=None, size=None, patience=0, bitmap=False):
         self.data, self.unit, self.flags, self.falsify, self.patience = data, unit, flags, falsify, patience
+        self.bitmap = bitmap  # whether there is one, "b"; its extents have the number 2
         self.size = size or (lambda server: len(server.data))
         self.lines, self.most = [], 0  # connections, and how many requests were on their way on one of them
         self.log = []  # of what was done: command, offset, length, flags
@@ -70,6 +71,8 @@ class Server:
                 reply(3, struct.pack(">HIII", 3, self.unit, max(4096, self.unit), 1 << 20))
             elif option == 10 and b"base:allocation" in asked:
                 reply(4, struct.pack(">I", 1) + b"base:allocation")
+                if b"qemu:dirty-bitmap:b" in asked and self.bitmap:
+                    reply(4, struct.pack(">I", 2) + b"qemu:dirty-bitmap:b")
             elif option not in (8, 10):  # structured replies, contexts
                 reply(1 << 31 | 1)
                 continue

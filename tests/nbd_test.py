@@ -5,13 +5,9 @@ from random import randbytes
 from subprocess import PIPE, Popen, run
 
 from nbd_server import DATA, EXTENTS, FLAGS, FLUSH, HOLE, NONE, READ, READ_ONLY, SEVERAL, STATUS, WRITE, ZERO, Server, uri
-from program import BLOCK, FAR, PROGRAM, Case, main
+from program import BLOCK, FAR, MEASURED, PROGRAM, Case, main
 
 UNIT = 64 << 10
-MEASURED = """import os, sys  # which is small itself, for memory is counted from before the program took its place on
-_, status, usage = os.wait4(os.posix_spawn(sys.argv[1], sys.argv[1:], os.environ), 0)
-print(usage.ru_maxrss)
-sys.exit(os.waitstatus_to_exitcode(status))"""
 TOOLS = shutil.which("nbdkit") and shutil.which("qemu-nbd")
 
 

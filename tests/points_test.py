@@ -1,10 +1,11 @@
 """Moments of exports that have names: points_test.py PROGRAM SHIM"""
-import json, os, random, select, shutil, signal, socket, sys, unittest
+import json, os, random, select, shutil, signal, socket, struct, sys, unittest
 from pathlib import Path
 from subprocess import DEVNULL, PIPE, Popen, run
 
+from nbd_server import EXTENTS, STATUS, Server, uri
 from oracle import known_are_true
-from program import ORACLE, PROGRAM, SHIM, Case, main
+from program import FAR, MEASURED, ORACLE, PROGRAM, SHIM, Case, main
 
 sys.path.insert(0, str(ORACLE.parent.with_name("examples")))
 import night
@@ -15,8 +16,58 @@ MOMENT = "nbd+unix:///moment?socket=nbd"
 TOOLS = "qemu-storage-daemon", "qemu-img", "qemu-io"
 
 
+def extents(*entries):
+    return EXTENTS, struct.pack(">I", 2) + b"".join(struct.pack(">II", *entry) for entry in entries)
+
+
+class Bitmaps(Case):
+    """By a server of ours."""
+    size, dirty = 2 << 30, (1 << 30) + (8 << 20)
+
+    def serve(self, name, changed=None):
+        """All zeros. `changed`: the answer on the bitmap from an offset on."""
+        def answer(_server, command, offset, length, chunks):
+            if command != STATUS:
+                return chunks
+            zeros = EXTENTS, struct.pack(">III", 1, min(length, self.size - offset), 3)
+            return [zeros, *changed(offset)] if changed else [zeros]
+
+        server = Server(name, b"", size=lambda _: self.size, bitmap=bool(changed), falsify=answer)
+        server.extents = lambda *_: b""
+        self.addCleanup(server.close)
+
+    def test_what_is_no_list_of_changes(self):
+        """It is an error, and forgets nothing."""
+        build = "build nbd+unix:///?socket={} --hash-file h --block-size 1M --adopt --point {}"
+        self.serve("s")
+        self.call(build.format("s", "p0"))
+        for name, changed in (("none", lambda offset: []), ("twice", lambda offset: 2 * [extents((4096, 0))]),
+                              ("empty", lambda offset: [extents((0, 1))]), ("other", lambda offset: [(EXTENTS, bytes(12))]),
+                              ("behind", lambda offset: [extents((1 << 30, 0), (4096, 1))]),
+                              ("ends", lambda offset: [extents((1 << 30, 0))] if offset == 0 else [])):
+            os.rename("s", "before")
+            self.serve("s", changed)
+            with self.subTest(name):
+                self.check_complaint(build.format("s", "p1") + " --since p0 --bitmap b", "cannot tell what has changed")
+        os.unlink("s")
+        self.serve("s", lambda offset: [extents((min(1 << 30, self.size - offset), 0))])
+        answer = self.json(build.format("s", "p1") + " --since p0 --bitmap b")
+        self.assertEqual((answer["bytesOfHoles"], answer["freshness"]["doubt"]), (0, ""))
+
+    def test_memory_of_many_changes(self):
+        """What lies between them counts as changed, but not what lies behind."""
+        build = f"build {uri('s')} --hash-file h --block-size 1M -j 1 --point".split()
+        self.serve("s", lambda offset: [extents(*((512, 1), (512, 0)) * 8192) if offset < self.dirty else extents(
+            (min(1 << 30, self.size - offset), 0))])
+        self.call(build[0], arguments=[*build[1:], "p0"])
+        told = run([sys.executable, "-c", MEASURED, PROGRAM, *build, "p1", "--since", "p0", "--bitmap", "b"],
+                   stdout=PIPE, text=True, check=True).stdout
+        self.assertIn("1.01 GiB of holes, 1016.00 MiB known before", told)
+        self.assertLess(int(told.split()[-1]), 64 << 10, "KiB")
+
+
 @unittest.skipUnless(all(map(shutil.which, TOOLS)), "no qemu-utils, or no qemu-system-common")
-class Points(Case):
+class Disks(Case):
     """A disk in QEMU's storage daemon, which is written."""
     def setUp(self):
         super().setUp()
@@ -121,7 +172,7 @@ class Points(Case):
             exec {PROGRAM} "$@" """)
         os.chmod("bin/kelvane-hash", 0o755)
         with socket.create_server("cut", family=socket.AF_UNIX) as server:
-            script = Popen([ORACLE.parent.with_name("examples") / "night.py", "cut", "disk", "nbd", "h", "copy", "--json"],
+            script = Popen([ORACLE.parent.with_name("examples") / "night.py", "cut", "disk", "nbd", "h", "far:copy", "--json", *FAR.split()],
                            stderr=PIPE, env=dict(os.environ, PATH=f"{os.getcwd()}/bin:{os.environ['PATH']}"))
             near, far = server.accept()[0], socket.socket(socket.AF_UNIX)
         os.unlink("cut")

@@ -273,6 +273,7 @@ void Connection::start(Request request, Issue issue)
     await(MOST - 1);
     const Place place = request.place;
     if (m_handle == nullptr) {
+        throwWhenInterrupted(); // on another thread, which has closed it
         throw failure(place, "the connection was lost");
     }
     Request& started = m_onTheirWay.emplace_back(std::move(request));

@@ -92,7 +92,7 @@ public:
     void add(Range range)
     {
         append(range);
-        constexpr std::size_t MOST = 1 << 20;
+        constexpr std::size_t MOST = 1 << 18;
         while (m_ranges.size() > MOST) {
             m_unit *= 2;
             for (const Range& each : std::exchange(m_ranges, {})) {
