@@ -1,7 +1,6 @@
 // kelvane-hash: keeps, shows, checks and uses the hash files of disk images.
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <cstdio>
 #include <functional>
 #include <iostream>
@@ -12,8 +11,7 @@
 #include "base/Descriptor.h"
 #include "base/Failure.h"
 #include "base/Interrupt.h"
-#include "base/Number.h"
-#include "base/Text.h"
+#include "command_line/Values.h"
 #include "commands/Results.h"
 #include "remote/Server.h"
 #include "terminal/StandardError.h"
@@ -32,70 +30,6 @@ int complain(const std::string& text, int code)
 {
     std::fprintf(stderr, "kelvane-hash: %s\n", text.c_str());
     return code;
-}
-
-// The functions that read a value throw a ValidationError, to which the name of the option is added.
-template <class Number>
-Number parseWithin(const std::string& text, Number least, Number most)
-{
-    const auto number = parseNumber<Number>(text);
-    if (!number || *number < least || *number > most) {
-        throw CLI::ValidationError("not a number from " + std::to_string(least) + " to " + std::to_string(most) + ": "
-                                   + text);
-    }
-    return *number;
-}
-
-// Bytes, with a unit of powers of 1024 that is written as K, KB, Ki or KiB, large or small.
-std::int64_t parseSize(const std::string& text)
-{
-    constexpr std::string_view UNITS = "bkmgtpe";
-    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
-    const auto number = parseNumber<std::int64_t>(text.substr(0, digits));
-    const std::string unit = CLI::detail::to_lower(CLI::detail::trim_copy(text.substr(digits)));
-    const std::size_t power = unit.empty() ? 0 : UNITS.find(unit[0]);
-    const std::string rest = unit.empty() ? "" : unit.substr(1);
-    const bool isUnit
-        = power < UNITS.size() && (rest.empty() || (power > 0 && (rest == "b" || rest == "i" || rest == "ib")));
-    if (!number || !isUnit || *number > std::numeric_limits<std::int64_t>::max() >> (10 * power)) {
-        throw CLI::ValidationError("not a size like 4096, 64K or 1GiB: " + text);
-    }
-    return *number << (10 * power);
-}
-
-// With a unit, for a number of sectors that is taken for one of bytes would leave changes out.
-std::int64_t parseEraBlockSize(const std::string& text)
-{
-    const bool isInSectors = text.ends_with('s');
-    const std::int64_t count = parseSize(isInSectors ? text.substr(0, text.size() - 1) : text);
-    constexpr std::int64_t LEAST = 4096; // bytes, and a multiple of them, as the system has it
-    if (isdigit(static_cast<unsigned char>(text.back())) != 0 || count > std::numeric_limits<std::int64_t>::max() / 512
-        || count == 0 || count * (isInSectors ? 512 : 1) % LEAST != 0) {
-        throw CLI::ValidationError("not the size of a block with its unit, like 4M or 8192s: " + text);
-    }
-    return count * (isInSectors ? 512 : 1);
-}
-
-double parseShare(const std::string& text)
-{
-    double share = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, share);
-    if (error != std::errc() || stop != end || !(share >= 1e-9 && share <= 1)) {
-        throw CLI::ValidationError("not a share like 0.05, above 0 and up to 1: " + text);
-    }
-    return share;
-}
-
-std::string parseName(const std::string& text)
-{
-    constexpr std::size_t LONGEST = 255;
-    const bool isPrintable
-        = std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; });
-    if (text.empty() || text.size() > LONGEST || !isPrintable) {
-        throw CLI::ValidationError("not a name: " + printable(text, LONGEST));
-    }
-    return text;
 }
 
 // Reads the options of a command into the arguments of its function, which runs when all are read.
