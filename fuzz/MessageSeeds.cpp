@@ -79,6 +79,8 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::Frames, frames + unfinished + frames},
         {Kind::Frames, frames + tooLong},
         {Kind::Frames, frames + frame(static_cast<FrameType>(99), "x")},
+        {Kind::StartWriting, encodeStartWriting(true)},
+        {Kind::StartWriting, encodeStartWriting(false) + "x"},
     };
 }
 

@@ -139,7 +139,7 @@ Heard expectedOf(const std::string& stream)
         const std::uint8_t type = fields.u8();
         const std::uint32_t check = fields.u32();
         heard.isBroken = header != headerOf(length, type, check, number) || length > Channel::LARGEST_FRAME || type == 0
-            || type > static_cast<std::uint8_t>(FrameType::Note);
+            || type > static_cast<std::uint8_t>(FrameType::Announce);
         if (heard.isBroken || stream.size() - at - HEADER < length) {
             break;
         }
@@ -217,6 +217,9 @@ const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
                      [](FieldWriter& to, const Conclusion& conclusion) { encode(to, conclusion); }),
     checkStream,
     [](const std::string& text) { checkStream(streamOf(text)); },
+    [](const std::string& text) {
+        require(encodeStartWriting(decodeStartWriting(text)) == text, "a message comes out otherwise");
+    },
 };
 
 } // namespace
