@@ -83,6 +83,8 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::List, R"(<superblock time="2" data_block_size="128"><diff left="1"><same begin="0" length="9"/>
 <right_only><range begin="9" data_begin="7" length="1"/></right_only></diff></superblock>)"},
         {Kind::List, R"(<blocks> <block block="3"/> <range begin="10" end = "13"/> </blocks>)"},
+        {Kind::StartWriting, encodeStartWriting(true)},
+        {Kind::StartWriting, encodeStartWriting(false) + "x"},
     };
 }
 

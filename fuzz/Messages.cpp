@@ -217,6 +217,9 @@ const std::array<std::function<void(const std::string&)>, KINDS> CHECKS = {
                      [](FieldWriter& to, const Conclusion& conclusion) { encode(to, conclusion); }),
     checkStream,
     [](const std::string& text) { checkStream(streamOf(text)); },
+    [](const std::string& text) {
+        require(encodeStartWriting(decodeStartWriting(text)) == text, "a message comes out otherwise");
+    },
 };
 
 } // namespace

@@ -17,7 +17,7 @@ enum class Kind : std::uint8_t {
     AskNodes,
     AskBytes,
     Digests,
-    Read,
+    Read, // the ranges of Announce, too
     Data,
     List,
     Bitmap,
@@ -25,11 +25,12 @@ enum class Kind : std::uint8_t {
     End,
     Concluded,
     Stream, // bytes as they come from the line
-    Frames  // what frames are made of, with their checks: for each type, length and payload; from type 128 on, of the
+    Frames, // what frames are made of, with their checks: for each type, length and payload; from type 128 on, of the
             // type that is 128 less, a u32 in between: how much longer the frame says to be
+    StartWriting
 };
 
-constexpr std::size_t KINDS = 17;
+constexpr std::size_t KINDS = 18;
 
 enum class Verdict { NoKind, Refused, Understood };
 

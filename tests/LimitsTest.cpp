@@ -24,14 +24,7 @@ void checkEndOfTarget(int64_t partition, int64_t length)
     const auto store = BlockHashStore::open(path, size);
     Bytes data = randomBytes(BLOCK, 1);
     store->update_hashes(end - BLOCK, data.data(), BLOCK);
-    Bytes entry = digestOf(data);
-    EXPECT_EQ(store->get_hash(end - BLOCK, BLOCK, nullptr), digestOf(entry));
-    entry.insert(entry.begin(), 1);
-    Bytes stored(ENTRY);
-    std::ifstream file(path, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(entryAt(static_cast<std::size_t>(length / BLOCK) - 1)));
-    file.read(reinterpret_cast<char*>(stored.data()), ENTRY);
-    EXPECT_EQ(stored, entry);
+    EXPECT_EQ(store->get_hash(end - BLOCK, BLOCK, nullptr), digestOf(digestOf(data)));
     EXPECT_EQ(failureOf([&] { store->invalidate_hashes(end, 0); }),
               "update_hashes: offset is out of bounds: " + std::to_string(end) + ", " + std::to_string(length));
     const auto hash = [&] { store->get_hash(partition, length, nullptr); };

@@ -3,7 +3,7 @@
 None is in a comment, a string, a character, an #include or a static_assert, and none in what only becomes a text for
 people: what is thrown, what goes to a function that fails or notes, a line of the log. Nor in what only fetches ahead
 into the processor's cache, which nothing but a clock can tell."""
-import json, re, shlex, sys
+import json, re, sys
 from collections import defaultdict
 from concurrent.futures import ProcessPoolExecutor
 from dataclasses import dataclass

@@ -38,7 +38,7 @@ class CommandLine(Case):
         for command, cause in (
                 ("bulid", r"unknown command: bulid \(see"), ("bulid a --help", "unknown command: bulid"),
                 ("build a --adopt --assume-unchanged", "excludes"), ("build a --check --assume-unchanged", "excludes"),
-                ("sync -P a b", "-P.*--progress json"), ("sync a b -zP", "-P.*--progress json"),
+                ("serve --json", "--json"), ("sync -P a b", "-P.*--progress json"), ("sync a b -zP", "-P.*--progress json"),
                 ("sync --progress a b", "--progress: not one of auto, json, none: a"), ("sync -Q a b", "-Q"),
                 ("invalidate a --from b --format nbd", "--format: not one of diff, era_invalidate, lines, nbdinfo, qemu"),
                 *((f"sync a b --changes l --era-block-size {size}", f"--era-block-size: not .* its unit.*: {size}")

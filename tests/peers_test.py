@@ -113,12 +113,17 @@ class Peers(OneSided):
             Path("answer").write_bytes(encoded(hello() + opened(SIZE) + frame(ERROR, text)))
             told = self.against("diff h:far near", "cat answer; exec cat >/dev/null")
             self.assertEqual(re.sub(r"\A.* note: near: .*\n", "", told), f"kelvane-hash: h: {shown}\n")
-        progress = [frame(PROGRESS, string("hash") + struct.pack("<qq", *numbers))
-                    for numbers in ((1, 2), ((1 << 63) - 1, 1), (1, (1 << 63) - 1))]
-        self.prepare(hello() + opened(SIZE), 400 * sum(progress, []))
+        most = (1 << 63) - 1
+        self.prepare(hello() + opened(SIZE), sum((300 * frame(PROGRESS, string(name) + struct.pack("<qq", done, total))
+                                                  for name, done, total in (("hash", 1, 2), ("hash", most, 1),
+                                                                            ("x" * 99, 1, most))), []))
         told = self.against("diff h:far near", TALK + "0", "--progress", "json", SHIM_CLOCK="5")
         self.assertRegex(told, '"secondsLeft":[0-9]')
         self.assertNotRegex(told, '"secondsLeft":-')
+        command = ["script", "-qec", f"{PROGRAM} diff h:far near --rsh ./peer", "/dev/null"]  # on a terminal
+        seen = subprocess.run(command, stdout=subprocess.PIPE, env=shimmed(SHIM_CLOCK="5")).stdout.decode()
+        self.assertRegex(seen, r"\A(kelvane-hash: note: .*\r\n)*(\r[^-\r\n]{0,79}\x1b\[K)+\r\x1b\[Kkelvane-hash: h: .*\n\Z")
+        self.assertRegex(seen, r"hash +\[#{15} {15}\] +50%  .*hash +\[#{30}\] 100% .* \d+.* left")
 
     def test_nodes_behind_the_end(self):
         ready = hello() + opening("near", True) + start(SIZE, SIZE)

@@ -2,7 +2,7 @@
 import ctypes, functools, json, mmap, os, random, sys, tempfile, unittest
 from pathlib import Path
 from random import randbytes
-from subprocess import PIPE, run
+from subprocess import DEVNULL, PIPE, Popen, run
 
 from file_systems import images_are_believed
 
@@ -81,6 +81,14 @@ class Case(unittest.TestCase):
 
     def json(self, command, expect=0, **options):
         return json.loads(self.call(command + " --json", expect, **options).stdout)
+
+    def check_memory(self, command, most, expect=0):
+        """It holds no more bytes at a time. What it complains of."""
+        with Popen([PROGRAM, *command.split()], stdout=DEVNULL, stderr=PIPE, text=True) as process:
+            complaint = process.stderr.read()
+            _, process.returncode, usage = os.wait4(process.pid, 0)
+        self.assertTrue(process.returncode == expect << 8 and usage.ru_maxrss << 10 < most, (command, usage))
+        return complaint
 
     def calls(self, command, **shim):
         """What the program does with files, in order."""

@@ -19,7 +19,9 @@ print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
 sys.exit(code)"""
 
 
-class RemoteCase(OneSided):
+class Remote(OneSided):
+    PUSH, PULL = "sync near host:there/far", "sync host:there/far near"
+
     def images(self):
         shutil.rmtree("there", ignore_errors=True)
         for path in Path().glob("near*"):
@@ -42,10 +44,6 @@ class RemoteCase(OneSided):
 
     def check_known(self, name):
         self.assertTrue(known_are_true(Path(name + ".hashes").read_bytes(), Path(name).read_bytes()), name)
-
-
-class Remote(RemoteCase):
-    PUSH, PULL = "sync near host:there/far", "sync host:there/far near"
 
     def test_does_what_it_does_on_one_machine(self):
         for source, destination, options in (("near", "host:there/far", ""), ("host:there/far", "near", "--compress"),
@@ -167,10 +165,15 @@ class Remote(RemoteCase):
         self.assertRegex(wrong.stderr, "its blocks have 4,096 bytes|made for a block size of 8192")
         with open("near.hashes") as used:
             fcntl.flock(used, fcntl.LOCK_EX)
-            for name in "short", "new":
-                self.assertRegex(self.remote(f"sync near host:there/{name}", 2).stderr, "near.hashes: .*in use")
+            for images in "near host:there/short", "near host:there/new", "host:near new", "near new":
+                self.assertRegex(self.remote(f"sync {images}", 2).stderr, "near.hashes: .*in use")
+        shutil.copy("near.hashes", "kept.hashes")
+        for name in "new", "kept":
+            fails = {"SHIM_AT": f"open {name}#2", "SHIM_DO": "fail"}
+            self.check_complaint(f"sync near {name} --adopt", f"{name}: cannot make", shim=fails)
         self.assertEqual(Path("there/short").read_bytes(), bytes(5 * BLOCK))
-        self.assertFalse(Path("there/new").exists())
+        self.assertEqual([*Path().rglob("new*")], [], "not even a hash file")
+        self.assertTrue(Path("kept.hashes").exists())
         flip("near", 0)  # what is read for long is not read in vain
         wrong = self.remote("sync near host:there/far.hashes", 2)
         self.assertRegex(wrong.stderr, r"\Akelvane-hash: host: .*a hash file, not an image\n\Z")
@@ -248,6 +251,7 @@ class Remote(RemoteCase):
                 rate = int(20 * BLOCK / seconds / 5)
             sent = [size for way, kind, size in frames  # of which each one waits for those before it
                     if kind in (ASK_NODES, DIGESTS, DATA) and way == (">" if command == self.PUSH else "<")]
+            self.assertLess(max(sent), 2 * max(limit, BLOCK), "a piece takes no longer than a second, or is one block")
             least = sum(sent[:-1]) / limit
             self.assertGreater(least, 2 * free)
             self.assertGreaterEqual(seconds, least)

@@ -61,21 +61,17 @@ class SideFiles(Case):
 
     def test_a_killed_run_leaves_nothing_in_the_way(self):
         run(["truncate", "-s", "20G", "large"], check=True)
-        calls = self.calls("build large")
-        steps = [i for i, call in enumerate(calls, 1) if call == "pwrite unnamed"]
-        for at in (*steps[::len(steps) // 3], "link large.hashes"):
+        for named, name in ({}, "unnamed"), ({"SHIM_NAMED": "1"}, "large.hashes"):
+            calls = self.calls("build large", **named)
+            steps = [i for i, call in enumerate(calls, 1) if call == "pwrite " + name]
+            for at in (*steps[::len(steps) // 3], *["link large.hashes"] * (not named)):
+                os.remove("large.hashes")
+                self.call("build large", -signal.SIGKILL, shim={**named, "SHIM_AT": str(at), "SHIM_DO": "9"})
+                self.assertTrue(named or not os.path.exists("large.hashes"))
+                again = run([PROGRAM, "build", "large"], capture_output=True, text=True)
+                self.assertEqual((again.returncode, "cut short, unless one is under way; remove it" in again.stderr),
+                                 (2, True) if again.returncode and named else (0, False), again)
             os.remove("large.hashes")
-            self.call("build large", -signal.SIGKILL, shim={"SHIM_AT": str(at), "SHIM_DO": "9"})
-            self.assertFalse(os.path.exists("large.hashes"))
-            self.call("build large")
-        os.remove("large.hashes")
-        steps = [i for i, call in enumerate(self.calls("build large", SHIM_NAMED="1"), 1) if call == "pwrite large.hashes"]
-        for at in steps[::len(steps) // 3]:
-            os.remove("large.hashes")
-            self.call("build large", -signal.SIGKILL, shim={"SHIM_NAMED": "1", "SHIM_AT": str(at), "SHIM_DO": "9"})
-            again = run([PROGRAM, "build", "large"], capture_output=True, text=True)
-            self.assertEqual((again.returncode, "cut short, unless one is under way; remove it" in again.stderr),
-                             (2, True) if again.returncode else (0, False), again)
 
 
 main()

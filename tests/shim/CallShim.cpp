@@ -206,7 +206,7 @@ int fsync(int fd)
 int sync_file_range(int fd, off64_t offset, off64_t length, unsigned flags)
 {
     const bool isAwaited = (flags & SYNC_FILE_RANGE_WAIT_AFTER) != 0;
-    return isAwaited && note("await " + nameOf(fd))
+    return isAwaited && note("await " + nameOf(fd), toldRange(offset, length))
         ? -1
         : next("sync_file_range", sync_file_range)(fd, offset, length, flags);
 }

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <kelvane/Logger.h>
 #include <limits>
+#include <type_traits>
 #include <utility>
 
 #include "base/Descriptor.h"
@@ -99,7 +100,9 @@ private:
     {
         CLI::App* const app = m_app.add_subcommand(name, text);
         app->footer("Example:\n  kelvane-hash " + example);
-        app->add_flag("--json", m_json, "Print the result as JSON");
+        if constexpr (!std::is_same_v<std::invoke_result_t<Command, const Common&>, bool>) { // which is all it tells
+            app->add_flag("--json", m_json, "Print the result as JSON");
+        }
         app->callback([this, command] {
             m_command = [this, command] {
                 const auto reporter = standardError(m_progress);

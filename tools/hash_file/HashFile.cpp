@@ -375,6 +375,14 @@ void HashFile::dropCache() const
     dropFromMemory(m_lock->file());
 }
 
+void HashFile::remove() const
+{
+    if (isInPlace()) {
+        removeRecord(m_path);
+        ::unlink(m_path.c_str());
+    }
+}
+
 Store HashFile::anotherStore(Store::Access access) const
 {
     return {m_path, m_lock->file().place(), m_geometry, access, m_hasLostWrites};

@@ -95,6 +95,9 @@ public:
     // Forgets what the system holds of it in memory, as far as that can be done.
     void dropCache() const;
 
+    // Removes it, with its record, unless something else has its name.
+    void remove() const;
+
 private:
     class Lock;
 

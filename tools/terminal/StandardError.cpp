@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -73,8 +74,11 @@ private:
         const std::string bar(static_cast<std::size_t>(share * WIDTH), '#');
         const double rate = bytesPerSecond();
         const std::optional<double> left = secondsLeft();
-        std::fprintf(stderr, "\r%-8s [%-*s] %3.0f%%  %s/s  %s left\033[K", name().c_str(), WIDTH, bar.c_str(),
-                     share * 100, humanSize(rate).c_str(), rate > 0 && left ? humanTime(*left).c_str() : "?");
+        std::array<char, 80> line; // with its end: a terminal would break a longer one
+        std::snprintf(line.data(), line.size(), "%-8s [%-*s] %3.0f%%  %s/s  %s left", name().c_str(), WIDTH,
+                      bar.c_str(), share * 100, humanSize(rate).c_str(),
+                      rate > 0 && left ? humanTime(*left).c_str() : "?");
+        std::fprintf(stderr, "\r%s\033[K", line.data());
     }
 
     bool m_isDrawn = false;

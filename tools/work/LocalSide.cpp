@@ -327,7 +327,9 @@ void LocalSide::abandon()
         }
         m_writer.reset(); // once its last flush has ended
         m_image.endWriting();
-        if (m_hashed) {
+        if (m_hashed && m_image.isMissing() && m_hashed->hashFile().wasMade()) { // for nothing
+            m_hashed->hashFile().remove();
+        } else if (m_hashed) {
             m_hashed->belief().flushHashes();
             m_hashed->conclude();
         }
