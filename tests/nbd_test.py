@@ -217,6 +217,7 @@ class Exports(Case):
             self.assertEqual(self.json(build + " --adopt")["freshness"]["repairedBlocks"], repaired)
 
     @unittest.skipUnless(TOOLS, "no nbdkit, or no qemu-utils")
+    @unittest.skipIf(b"__asan_init" in Path(PROGRAM).read_bytes(), "sanitizers take memory")
     def test_memory_at_15_tib(self):
         self.start("nbdkit -f data size=15T data=1@0x80000000000(2*30000000)@0xEFFFFFFFFFF3")
         command = [PROGRAM, "build", uri("s"), "--hash-file", "h", "--block-size", "4M", "-j", "2"]
