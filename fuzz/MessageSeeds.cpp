@@ -42,7 +42,7 @@ std::vector<std::pair<Kind, std::string>> seeds()
     const Open open {"disk.img", "disk.hashes", true, true, Trust::Nothing, Cache::Keep, 4, 1 << 20, 3, 1 << 20};
     const std::vector<Program> writers = {{1234, "qemu"}, {0, "/dev/loop3"}};
     const Conclusion conclusion {
-        false, true, writers, false, "it was changed since", 5, 2, true, "2 blocks repaired\n"};
+        false, true, writers, false, false, "it was changed since", 5, 2, true, "2 blocks repaired\n"};
     const Digest digest(32, 7);
     const std::string data(BLOCK, 'x');
     const DigestBytes ofBlocks = digestsOf(data.data(), BLOCK, BLOCK);
