@@ -5,7 +5,7 @@ from subprocess import DEVNULL, PIPE, Popen, run
 
 from nbd_server import EXTENTS, STATUS, Server, uri
 from oracle import known_are_true
-from program import FAR, MEASURED, ORACLE, PROGRAM, SHIM, Case, main
+from program import FAR, MEASURED, ORACLE, PROGRAM, SHIM, Case, main, service
 
 sys.path.insert(0, str(ORACLE.parent.with_name("examples")))
 import night
@@ -164,16 +164,16 @@ class Disks(Case):
         self.assertGreater(good, 15)
 
     def copy(self, cut=None):
-        """A night whose connection to the monitor ends with a command, and what it found in the end."""
+        """A night whose connection to the monitor ends with a command, and what is told of it."""
         Path("bin").mkdir(exist_ok=True)
         Path("bin/kelvane-hash").write_text(f"""#!/bin/sh
-            if [ $1 = sync ]; then qemu-img convert -f raw -O raw "$2" moment.raw; exec >result; fi
+            [ $1 = sync ] && qemu-img convert -f raw -O raw "$2" moment.raw
             [ $1 = sync ] && rm killed 2>/dev/null && export LD_PRELOAD={SHIM} SHIM_AT='pwrite h' SHIM_DO=9
             exec {PROGRAM} "$@" """)
         os.chmod("bin/kelvane-hash", 0o755)
         with socket.create_server("cut", family=socket.AF_UNIX) as server:
-            script = Popen([ORACLE.parent.with_name("examples") / "night.py", "cut", "disk", "nbd", "h", "far:copy", "--json", *FAR.split()],
-                           stderr=PIPE, env=dict(os.environ, PATH=f"{os.getcwd()}/bin:{os.environ['PATH']}"))
+            words, environment = service("night", QMP="cut", NBD="nbd", HASHES="h", DEST="far:copy", OPTIONS=FAR)
+            script = Popen(words, stdout=PIPE, stderr=PIPE, env=environment | {"PATH": f"{os.getcwd()}/bin:{environment['PATH']}"})
             near, far = server.accept()[0], socket.socket(socket.AF_UNIX)
         os.unlink("cut")
         far.connect("other")
@@ -185,24 +185,25 @@ class Disks(Case):
                 if not data or count == cut:
                     break
                 (far if ready[0] is near else near).sendall(data)
-        script.communicate(timeout=60)
-        return script.returncode
+        told = json.loads(script.communicate(timeout=60)[0])
+        self.assertEqual(told["exitCode"], script.returncode)
+        return told
 
     def test_a_night_that_fails_at_any_step(self):
         writer = Popen(["bash", "-c", "while echo write -q -P $((RANDOM % 256)) $((RANDOM * 200)) 3000; do sleep 0.01; done |"
                         "exec qemu-io -f raw nbd+unix:///disk?socket=nbd"], start_new_session=True, stdout=DEVNULL)
         self.addCleanup(lambda: (os.killpg(writer.pid, signal.SIGKILL), writer.wait()))
-        self.assertEqual(self.copy(), 0)
+        self.assertEqual(self.copy()["exitCode"], 0)
         for step in range(1, 99):
             if step == 1:
                 Path("killed").touch()
-            if self.copy(None if step == 1 else step) == 0:
+            if self.copy(None if step == 1 else step)["exitCode"] == 0:
                 break
             with self.subTest(step=step):
-                self.assertEqual(self.copy(), 0)
-                result = json.loads(Path("result").read_text())
+                told = self.copy()
+                self.assertEqual(told["exitCode"], 0)
                 self.assertEqual(Path("copy").read_bytes(), Path("moment.raw").read_bytes())
-                self.assertEqual(result["freshness"][0]["doubt"], "the last run was cut short" if step == 1 else "")
+                self.assertEqual(told["result"]["freshness"][0]["doubt"], "the last run was cut short" if step == 1 else "")
                 self.assertEqual(list(self.monitor.bitmaps("disk")), [self.json("info h")["record"]["point"]])
         self.assertGreater(step, 15)
 
