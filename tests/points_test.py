@@ -141,7 +141,7 @@ class Disks(Case):
         """Kills and failures, points of now and of before; never a hash that is not true of the moment recorded."""
         random.seed(int(os.environ.get("SEED", 1)))
         moments, good = [], 0
-        for number in range(25):
+        for number in range(16):
             self.write(*random.sample(range(SIZE // CHUNK), random.randrange(4)))
             since = random.choice((moments or [None])[-2:])
             point = f"p{number}"
@@ -161,7 +161,7 @@ class Disks(Case):
                     self.assertTrue(words[0] == "build" or Path("copy").read_bytes() == moment, words)
                 if os.path.exists("h") and (self.json("info h")["record"] or {}).get("point") == point:
                     self.assertTrue(known_are_true(Path("h").read_bytes(), moment), words)
-        self.assertGreater(good, 15)
+        self.assertGreater(good, 10)
 
     def copy(self, cut=None):
         """A night whose connection to the monitor ends with a command, and what is told of it."""
