@@ -77,3 +77,13 @@ chmod +x there.sh
 show 0 kelvane-hash sync disk.img second:disk.img --rsh ./there.sh
 show 0 kelvane-hash diff disk.img second:disk.img --rsh ./there.sh
 show 0 cmp disk.img second/disk.img
+
+say "Not only files: a qcow2 of the image, served by QEMU over NBD. What changes through the export is copied, too."
+qemu-img convert -f raw -O qcow2 disk.img disk.qcow2
+qemu-nbd --fork --persistent --format=qcow2 --socket="$work/nbd" --pid-file=nbd.pid disk.qcow2
+trap 'kill "$(cat nbd.pid)"; rm -rf "$work"' EXIT
+export='nbd+unix:///?socket=nbd'
+show 0 kelvane-hash build "$export" --hash-file qcow2.hashes
+show 0 qemu-io -f raw -c 'write -q -P 7 5M 100k' "$export"
+show 0 kelvane-hash sync "$export" second:disk.img --source-hash-file qcow2.hashes --rsh ./there.sh
+show 0 qemu-img compare -f raw -F raw "$export" second/disk.img

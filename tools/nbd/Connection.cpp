@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/Interrupt.h"
+#include "base/Text.h"
 
 namespace kelvane::tool {
 
@@ -243,7 +244,7 @@ void Connection::step(Clock::time_point begin)
     }
     const auto patience = interruptSignal() != 0 ? std::min(m_timeout, LONGEST_END) : m_timeout;
     if (now - m_lastSign > patience) {
-        lose(oldest, "the server has said nothing for " + std::to_string(patience.count()) + " seconds");
+        lose(oldest, "the server has said nothing for " + counted(patience.count(), "second"));
     }
     int result = 0;
     if (reads && (socket.revents & ~POLLOUT) != 0) {
@@ -273,7 +274,7 @@ void Connection::start(Request request, Issue issue)
     await(MOST - 1);
     const Place place = request.place;
     if (m_handle == nullptr) {
-        throwWhenInterrupted(); // on another thread, which has closed it
+        throwWhenInterrupted(); // which had closed it
         throw failure(place, "the connection was lost");
     }
     Request& started = m_onTheirWay.emplace_back(std::move(request));

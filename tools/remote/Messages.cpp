@@ -126,6 +126,7 @@ Opening decodeOpening(std::string_view payload)
         opening.permissions = atMost(from.u32(), MOST_PERMISSIONS, "permissions");
         opening.isMissing = from.flag();
         opening.hasFixedSize = from.flag();
+        opening.isBlank = !opening.hasFixedSize && opening.size == 0;
         opening.hashFile = from.string();
         const std::uint32_t blockSize = from.u32();
         opening.blockSize = blockSize == 0 ? std::nullopt : std::optional(blockSize);

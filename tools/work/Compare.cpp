@@ -69,13 +69,13 @@ private:
         std::array<HashedSide*, 2> hashed = {&m_sides[0]->openHashes(m_start), &m_sides[1]->openHashes(m_start)};
         const HashedSide::Effects near = hashed[1]->effects();
         const bool isNearFirst = near.mayFailToStore && !near.changesImage;
-        m_isFirst = m_destination != nullptr && !m_destination->isFar() && isStillToBeMade(*m_destination);
+        m_isFirst = m_destination != nullptr && !m_destination->isFar() && m_destination->opening().isBlank;
         if (!isNearFirst) {
             start(*hashed[0], 0);
         }
         if (near.takesLong || near.changesImage) {
             m_refuse();
-            m_isFirst = m_isFirst || (m_destination != nullptr && isStillToBeMade(*m_destination));
+            m_isFirst = m_isFirst || (m_destination != nullptr && m_destination->opening().isBlank);
         }
         if (near.changesImage) {
             m_started[0]->started();
@@ -85,8 +85,6 @@ private:
             start(*hashed[0], 0);
         }
     }
-
-    static bool isStillToBeMade(Side& side) { return !side.opening().hasFixedSize && side.opening().size == 0; }
 
     void start(HashedSide& side, std::size_t i)
     {

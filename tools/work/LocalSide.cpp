@@ -41,13 +41,20 @@ const Opening& LocalSide::opening()
 {
     if (!m_opening) {
         m_hashFile = HashFile::find(m_image, m_options, m_common.reporter);
-        m_opening = {m_image.size(),         m_image.permissions(), m_image.isMissing(),
-                     m_image.hasFixedSize(), hashFilePath(),        std::nullopt};
+        m_opening = {m_image.size(), m_image.permissions(), m_image.isMissing(), m_image.hasFixedSize(),
+                     isBlank(),      hashFilePath(),        std::nullopt};
         if (m_hashFile) {
             m_opening->blockSize = static_cast<std::uint32_t>(m_hashFile->geometry().blockSize);
         }
     }
     return *m_opening;
+}
+
+// A file of no size is brought to one; only of what has a fixed size its server is asked.
+bool LocalSide::isBlank() const
+{
+    const std::int64_t size = m_image.size();
+    return m_isDestination && (m_image.hasFixedSize() ? m_image.nextData(0, size).length == 0 : size == 0);
 }
 
 // A hash file is made once the image can be what it is to describe.
@@ -80,7 +87,7 @@ HashedSide::Effects LocalSide::effects() const
 // What is new is all zeros, of which nobody needs the hashes; what cannot be stored is found out here.
 StartedSide& LocalSide::start(bool isFirst)
 {
-    m_started.isNew = isToBeMade();
+    m_started.isNew = opening().isBlank;
     m_isDestination ? prepare() : m_hashed->adaptToImage();
     if (!m_started.isNew && (!isFirst || !m_hashed->hashFile().isWritable())) {
         const bool believes = m_hashed->belief().holds();
@@ -100,7 +107,7 @@ void LocalSide::prepare()
 {
     const std::int64_t size = sizeAfter(m_start);
     const bool fits = m_hashed->hashFile().geometry().targetSize == size;
-    if (!m_image.isMissing() && m_image.size() == size && fits) {
+    if (!m_started.isNew && m_image.size() == size && fits) {
         return;
     }
     Belief& belief = m_hashed->belief();

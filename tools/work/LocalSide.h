@@ -61,7 +61,7 @@ private:
     void distrust() override { m_hashed->belief().contradict(); }
     const Conclusion& conclude() override;
 
-    bool isToBeMade() const { return m_isDestination && !m_image.hasFixedSize() && m_image.size() == 0; }
+    bool isBlank() const;
     void prepare();
     void forgetAll();
     void resizeImage(std::int64_t size);

@@ -29,6 +29,7 @@ struct Opening {
     std::uint32_t permissions = 0;
     bool isMissing = false;
     bool hasFixedSize = false; // as that of a block device
+    bool isBlank = false;      // a destination that is missing, of no size, or one hole: there is nothing to compare
     std::string hashFile;
     std::optional<std::uint32_t> blockSize; // of the hash file, when there is one
 };
@@ -51,7 +52,7 @@ struct Started {
     std::int64_t partitionOffset = 0;
     std::int64_t bytesRead = 0;
     std::vector<std::int64_t> newBlocks; // see HashedImage::newBlocks
-    bool isNew = false;                  // a destination that was just made, or was empty: there is nothing to compare
+    bool isNew = false;                  // a destination that was just made, or was blank
 };
 
 // A destination that is written.
