@@ -3,7 +3,7 @@ import json, os, random, select, shutil, signal, socket, struct, sys, unittest
 from pathlib import Path
 from subprocess import DEVNULL, PIPE, Popen, run
 
-from nbd_server import EXTENTS, STATUS, Server, uri
+from nbd_server import EXTENTS, READ, STATUS, Server, uri
 from oracle import known_are_true
 from program import FAR, MEASURED, ORACLE, PROGRAM, SHIM, Case, main, service
 
@@ -35,6 +35,29 @@ class Bitmaps(Case):
         server = Server(name, b"", size=lambda _: self.size, bitmap=bool(changed), falsify=answer)
         server.extents = lambda *_: b""
         self.addCleanup(server.close)
+
+    def test_a_server_that_is_lost(self):
+        """What was hashed until then is of its moment, and of no other."""
+        data = random.randbytes(32 << 20)
+
+        def lose(_server, command, offset, _length, chunks):
+            if command == READ and offset >= 24 << 20:
+                raise OSError
+            return chunks
+
+        for again, read in ("p0", range(1, 28 << 20)), ("p1", [32 << 20]):
+            for falsify in lose, None:
+                server = Server("s", data, falsify=falsify)
+                build = f"build {uri('s')} --hash-file h -j 1 --point"
+                if falsify:
+                    self.check_complaint(f"{build} p0", "cannot read")
+                else:
+                    answer = self.json(f"{build} {again}")
+                    self.assertTrue(answer["bytesRead"] in read and answer["freshness"]["recorded"], answer)
+                server.close()
+                os.unlink("s")
+            self.assertTrue(known_are_true(Path("h").read_bytes(), data))
+            os.unlink("h")
 
     def test_what_is_no_list_of_changes(self):
         """It is an error, and forgets nothing."""

@@ -90,7 +90,8 @@ VerifyResult verify(const ImageArguments& arguments, const VerifyArguments& how,
     takePoints(hashed, arguments.points);
     if (hashed.belief().doubt().because == Doubt::Because::AnotherPoint) {
         throw Failure(hashed.image().path(),
-                      "cannot be held against its known hashes: " + hashed.belief().doubt().text);
+                      "cannot be held against its known hashes: " + hashed.belief().doubt().text
+                          + "; --point says which it shows");
     }
     hashed.belief().leaveRecordOfOther();
     const std::int64_t blockSize = hashFile.store().blockSize();
