@@ -111,4 +111,8 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except (OSError, RuntimeError, ValueError, subprocess.SubprocessError) as failure:
+        print(f"night.py: {failure}", file=sys.stderr)
+        sys.exit(2)

@@ -55,7 +55,7 @@ std::vector<std::pair<Kind, std::string>> seeds()
         {Kind::Open, open.encode()},
         {Kind::Start, StartSide {{BLOCK, 9 * BLOCK, 0640, 8 * BLOCK}, true}.encode()},
         {Kind::Started, encode(Started {1 << 20, 5, {1, 7, 8}, true})},
-        {Kind::Opening, encode(Opening {9 * BLOCK, 0640, false, true, "disk.img.hashes", BLOCK})},
+        {Kind::Opening, encode(Opening {9 * BLOCK, 0640, false, true, false, "disk.img.hashes", BLOCK})},
         {Kind::AskNodes, AskNodes {{18, {0, 3, 5}}, true}.encode()},
         {Kind::AskBytes, AskBytes {{BLOCK, 99}, 10}.encode()},
         {Kind::Digests, Digests {{digest, digest}, {}}.encode()},

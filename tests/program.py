@@ -1,5 +1,5 @@
 """What the tests of the program share; they are called with PROGRAM SHIM [EXAMPLE EXAMPLE]."""
-import ctypes, functools, json, mmap, os, random, sys, tempfile, unittest
+import ctypes, functools, json, mmap, os, random, re, shlex, sys, tempfile, unittest
 from pathlib import Path
 from random import randbytes
 from subprocess import DEVNULL, PIPE, Popen, run
@@ -26,6 +26,21 @@ def flip(path, *offsets):
 
 def shimmed(**shim):
     return dict(os.environ, LD_PRELOAD=SHIM, ASAN_OPTIONS="verify_asan_link_order=0", **shim)
+
+
+def service(unit, **settings):
+    """What a unit of systemd among the examples runs, and with which environment."""
+    examples = ORACLE.parent.with_name("examples")
+    conf = (examples / "systemd/example.conf").read_text()
+    settings = {**dict(line.split("=", 1) for line in conf.splitlines() if line[0] != "#"), **settings}
+    command = re.search("^ExecStart=(.*)$", (examples / f"systemd/kelvane-{unit}@.service").read_text(), re.M)[1]
+    words = []
+    for word in shlex.split(command.replace("%i", "disk")):
+        name = next(iter(re.findall(r"\A/usr/local/lib/kelvane/(.*)", word)), None)
+        split = re.fullmatch(r"\$(\w+)", word)  # the others are one argument, whatever is in them
+        words += ([next(examples.rglob(name))] if name else settings[split[1]].split() if split else
+                  [re.sub(r"\$\{(\w+)\}", lambda variable: settings[variable[1]], word)])
+    return words, dict(os.environ, PATH=f"{os.path.dirname(PROGRAM)}:{os.environ['PATH']}", STATE_DIRECTORY=os.getcwd())
 
 
 def drop_override():

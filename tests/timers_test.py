@@ -1,26 +1,17 @@
 """The units of systemd among the examples: timers_test.py PROGRAM SHIM"""
-import json, os, re, shlex, shutil, signal, unittest
+import json, os, shutil, signal, unittest
 from pathlib import Path
 from subprocess import PIPE, STDOUT, Popen, run
 
-from program import BLOCK, ORACLE, PROGRAM, Case, flip, images, main
+from program import BLOCK, ORACLE, Case, flip, images, main, service
 
 UNITS = ORACLE.parent.with_name("examples") / "systemd"
 
 
 class Timers(Case):
     def start(self, unit, **settings):
-        """What the service would run, with its environment."""
-        file = dict(line.split("=", 1) for line in (UNITS / "example.conf").read_text().splitlines() if line[0] != "#")
-        command = re.search("^ExecStart=(.*)$", (UNITS / f"kelvane-{unit}@.service").read_text(), re.M)[1]
-        settings = dict(file, **settings)
-        words = []
-        for word in shlex.split(command.replace("/usr/local/lib/kelvane", str(UNITS)).replace("%i", "disk")):
-            split = re.fullmatch(r"\$(\w+)", word)  # the others are one argument, whatever is in them
-            words += settings[split[1]].split() if split else [re.sub(r"\$\{(\w+)\}", lambda name: settings[name[1]], word)]
-        path = f"{os.path.dirname(PROGRAM)}:{os.environ['PATH']}"
-        return Popen(words, stdout=PIPE, stderr=PIPE, text=True, start_new_session=True,
-                     env=dict(os.environ, PATH=path, STATE_DIRECTORY=os.getcwd()))
+        words, environment = service(unit, **settings)
+        return Popen(words, stdout=PIPE, stderr=PIPE, text=True, start_new_session=True, env=environment)
 
     def check(self, process, unit, code, cause=None):
         """One line, kept as well; what it says of the result."""
@@ -56,10 +47,10 @@ class Timers(Case):
     @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd")
     def test_what_systemd_says_of_them(self):
         for unit in UNITS.glob("kelvane-*"):
-            Path(unit.name).write_text(unit.read_text().replace("/usr/local/lib/kelvane", str(UNITS)))
+            Path(unit.name).write_text(unit.read_text().replace("/usr/local/lib/kelvane/report", str(UNITS / "report")))
         names = [f"./{name}" for name in sorted(os.listdir())]
         done = run(["systemd-analyze", "verify", *names], stdout=PIPE, stderr=STDOUT, text=True, timeout=60)
-        self.assertEqual((len(names), done.returncode, done.stdout), (4, 0, ""))
+        self.assertEqual((len(names), done.returncode, done.stdout), (6, 0, ""))
 
 
 main()

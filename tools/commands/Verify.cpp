@@ -89,7 +89,8 @@ void refuseOther(const HashedImage& hashed, bool marks)
     }
     if (hashed.belief().doubt().because == Doubt::Because::AnotherPoint) {
         throw Failure(hashed.image().path(),
-                      "cannot be held against its known hashes: " + hashed.belief().doubt().text);
+                      "cannot be held against its known hashes: " + hashed.belief().doubt().text
+                          + "; --point says which it shows");
     }
 }
 

@@ -35,8 +35,13 @@ void HashedImage::complete(Range range, const char* phase)
         m_traffic = forBlocks(m_hashFile, m_reader, slices, believes ? Which::Unknown : Which::All, m_common.threads(),
                               *shown, work);
     } catch (const Interrupted&) {
-        m_belief.flushHashes(); // what is done is kept
-        conclude();
+        keep();
+        throw;
+    } catch (const Failure&) {
+        const LettingFinish finishing;
+        if (m_belief.moment().isNamed() && !m_belief.hasLostWrites()) { // of an export, whose server may be back soon
+            keep();
+        }
         throw;
     }
     m_belief.flushHashes();
@@ -61,6 +66,13 @@ void HashedImage::forgetFrom(std::int64_t offset)
     forget(rest);
     m_belief.flushHashes();
     m_belief.confirm();
+}
+
+// What is done.
+void HashedImage::keep()
+{
+    m_belief.flushHashes();
+    conclude();
 }
 
 void HashedImage::store(Store& store, Range range, const char* data)

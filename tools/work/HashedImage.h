@@ -77,6 +77,7 @@ public:
     Conclusion conclude(bool isAnsweredFor = false);
 
 private:
+    void keep();
     std::string remarks() const;
     void store(Store& store, Range range, const char* data);
     void check(Store& store, Range range, const char* data);
