@@ -68,7 +68,7 @@ sanitize:
 	$(call build,sanitize)
 	$(call run_tests,sanitize)
 
-# The library and its tests for 64-bit ARM, run by an emulator, with digests on NEON.
+# The library and its tests for 64-bit ARM, run by an emulator; digests on NEON are compared with those of Python here.
 arm64:
 	$(INSTALL) build arm64
 	$(call build,arm64)

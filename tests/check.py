@@ -26,7 +26,7 @@ CHECKS = [
     ("fuzzers", ["make", "fuzz", f"FUZZ_SECONDS={FUZZ_SECONDS}"],
      r".*DONE +(cov: \d+).*|Done (\d+ runs in \d+ second).*", 4),
     ("address, undefined", ["make", "sanitize"], r"(\d+% tests passed.*)", 1),
-    ("64-bit ARM", ["make", "arm64"], r"(\d+% tests passed.*)|(digests on NEON: right|left out.*)", 3),
+    ("64-bit ARM", ["make", "arm64"], r"(\d+% tests passed.*)|(digests on NEON.* for 0 of them .*|left out.*)", 3),
     ("coverage", ["make", "coverage"], r"((?:library|program): (?:lines|branches): .*)", 4),
 ]
 

@@ -13,6 +13,8 @@ namespace kelvane::tool {
 
 namespace {
 
+constexpr const char* ERASE = "\r\033[K"; // the line that is drawn
+
 class Silence final : public Phase {
 public:
     using Phase::Phase;
@@ -51,7 +53,7 @@ public:
     ~Line() override
     {
         if (m_isDrawn) {
-            std::fputs("\r\033[K", stderr);
+            std::fputs(ERASE, stderr);
         }
     }
 
@@ -119,7 +121,11 @@ private:
 template <class Shown>
 class StandardError final : public Reporter {
 public:
-    void note(const std::string& text) override { std::fprintf(stderr, "kelvane-hash: note: %s\n", text.c_str()); }
+    void note(const std::string& text) override
+    {
+        const char* const erase = std::is_same_v<Shown, Line> ? ERASE : "";
+        std::fprintf(stderr, "%skelvane-hash: note: %s\n", erase, text.c_str());
+    }
 
 private:
     std::unique_ptr<Phase> phaseOf(const std::string& name, std::optional<std::int64_t> total) override
