@@ -86,7 +86,7 @@ class Bitmaps(Case):
         told = run([sys.executable, "-c", MEASURED, PROGRAM, *build, "p1", "--since", "p0", "--bitmap", "b"],
                    stdout=PIPE, text=True, check=True).stdout
         self.assertIn("1.01 GiB of holes, 1016.00 MiB known before", told)
-        self.assertLess(int(told.split()[-1]), 64 << 10, "KiB")
+        self.check_memory(told)
 
 
 @unittest.skipUnless(all(map(shutil.which, TOOLS)), "no qemu-utils, or no qemu-system-common")
@@ -191,7 +191,8 @@ class Disks(Case):
         Path("bin").mkdir(exist_ok=True)
         Path("bin/kelvane-hash").write_text(f"""#!/bin/sh
             [ $1 = sync ] && qemu-img convert -f raw -O raw "$2" moment.raw
-            [ $1 = sync ] && rm killed 2>/dev/null && export LD_PRELOAD={SHIM} SHIM_AT='pwrite h' SHIM_DO=9
+            [ $1 = sync ] && rm killed 2>/dev/null && export LD_PRELOAD={SHIM} SHIM_AT='pwrite h' SHIM_DO=9 \\
+                ASAN_OPTIONS=verify_asan_link_order=0
             exec {PROGRAM} "$@" """)
         os.chmod("bin/kelvane-hash", 0o755)
         with socket.create_server("cut", family=socket.AF_UNIX) as server:
