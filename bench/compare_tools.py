@@ -22,7 +22,7 @@ ARGUMENTS.add_argument("program", type=os.path.abspath)
 ARGUMENTS.add_argument("--repetitions", type=int, default=7)
 ARGUMENTS.add_argument("--markdown", type=pathlib.Path, help="replaces the table in this file")
 ARGUMENTS.add_argument("--strict", action="store_true", help="fails when a row falls short")
-ARGUMENTS.add_argument("--only", choices=("whole images", "two machines", "first copies"))
+ARGUMENTS.add_argument("--only", choices=("whole images", "two machines", "first copies", "exports"))
 OPTIONS = ARGUMENTS.parse_args()
 SIZE, PIECE, BLOCK = 1 << 30, 8 << 20, 4096
 LINE = f"{sys.executable} -IS {os.path.join(os.path.dirname(os.path.abspath(__file__)), 'line.py')}"  # which starts quickly
@@ -145,8 +145,34 @@ FAR_COPY_COMMANDS = {
     "far, new DEST": (new_copy, [*sync("first.img", "far:new.img"), "--rsh", LINE, "--remote-program", OPTIONS.program]),
     "rsync -W of it, far": (new_copy, ["rsync", "-W", "--inplace", "--fsync", "-e", LINE, "first.img", "far:new.img"]),
 }
+
+
+def served(image, client, *options, apart=False):
+    """By nbdkit; `apart`: it has a core, and the other program another one."""
+    server, own = (["taskset", "-c", "1"], "taskset -c 0 ") if apart else ([], "")
+    return [*server, "nbdkit", "-U", "-", *options, f"file={image}", "--run", own + client.replace("URI", '"$uri"')]
+
+
+def new_export():
+    forget("out", "first.img.hashes", "new.img")
+    quietly(["truncate", "-s", str(2 * SIZE), "new.img"])
+    os.sync()
+
+
+BUILD_EXPORT = " ".join(program("build", "URI", "--hash-file", "out", "--jobs", "{}"))
+SYNC_EXPORT = " ".join(program("sync", "first.img", "URI", "--dest-hash-file", "out"))
+FILE, SLOW = ["file"], ["--filter=rate", "file", "connection-rate=3G"]
+EXPORT_COMMANDS = {
+    "export, one job": (nothing_known, served("first.img", BUILD_EXPORT.format(1), *FILE, apart=True)),
+    "nbdcopy of it to null:": (nothing_known, served("first.img", "nbdcopy --connections=1 --no-extents URI null:", *FILE, apart=True)),
+    "the same, 3 Gbit/s, one job": (nothing_known, served("first.img", BUILD_EXPORT.format(1), *SLOW)),
+    "the same, 3 Gbit/s, two jobs": (nothing_known, served("first.img", BUILD_EXPORT.format(2), *SLOW)),
+    "sync to an export": (new_export, served("new.img", SYNC_EXPORT, *FILE)),
+    "nbdcopy --flush of it": (new_export, served("new.img", "nbdcopy --flush first.img URI", *FILE)),
+}
 GROUPS = [("whole images", COMMANDS, {"": LINES[""]}), ("two machines", FAR_COMMANDS, LINES),
-          ("first copies", COPY_COMMANDS, {"": LINES[""]}), ("first copies", FAR_COPY_COMMANDS, COPY_LINES)]
+          ("first copies", COPY_COMMANDS, {"": LINES[""]}), ("first copies", FAR_COPY_COMMANDS, COPY_LINES),
+          ("exports", EXPORT_COMMANDS, {"": LINES[""]})]
 GROUPS = [(commands, lines) for name, commands, lines in GROUPS if OPTIONS.only in (None, name)]
 with open("/proc/cpuinfo", encoding="utf-8") as cpuinfo:
     IS_WIDE = "avx512dq" in cpuinfo.read()
@@ -167,6 +193,11 @@ ROWS += [
     ("sync, new DEST / cp and sync", "sync, new DEST", "cp and sync", 1.2, False),
     ("the same, cold / reading or writing", "sync, new DEST, cold", "the longer", 1.25, False),
     ("one job, cold / dd of the same", "one job, cold", "dd of the same, cold", 1.15, False),
+]
+ROWS += [
+    ("export, one job / nbdcopy", "export, one job", "nbdcopy of it to null:", 1.25, False),
+    ("export, one job / two jobs", "the same, 3 Gbit/s, one job", "the same, 3 Gbit/s, two jobs", 1.6, True),
+    ("sync to an export / nbdcopy", "sync to an export", "nbdcopy --flush of it", 1.2, False),
 ]
 for line, limit in ("", 1.15), (", 50 ms", 1.15), (", 100 MB/s, 50 ms", 1.05):
     ROWS.append((f"far, new DEST{line} / rsync -W", f"far, new DEST{line}", f"rsync -W of it, far{line}", limit, False))
