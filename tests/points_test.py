@@ -22,7 +22,7 @@ def extents(*entries):
 
 class Bitmaps(Case):
     """By a server of ours."""
-    size, dirty = 2 << 30, (1 << 30) + (8 << 20)
+    size, dirty = 4 << 30, (3 << 30) + (8 << 20)
 
     def serve(self, name, changed=None):
         """All zeros. `changed`: the answer on the bitmap from an offset on."""
@@ -85,7 +85,7 @@ class Bitmaps(Case):
         self.call(build[0], arguments=[*build[1:], "p0"])
         told = run([sys.executable, "-c", MEASURED, PROGRAM, *build, "p1", "--since", "p0", "--bitmap", "b"],
                    stdout=PIPE, text=True, check=True).stdout
-        self.assertIn("1.01 GiB of holes, 1016.00 MiB known before", told)
+        self.assertIn("3.01 GiB of holes, 1016.00 MiB known before", told)
         self.check_memory(told)
 
 
