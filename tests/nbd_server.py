@@ -3,6 +3,7 @@ import random, select, socket, struct, threading
 
 READ, WRITE, DISCONNECT, FLUSH, ZERO, STATUS = 0, 1, 2, 3, 6, 7
 NONE, DATA, HOLE, EXTENTS = 0, 1, 2, 5  # kinds of chunks
+FAILED = [(32769, struct.pack(">IH", 5, 0))]
 FLAGS, READ_ONLY, SEVERAL = 1 | 1 << 2 | 1 << 6, 1 << 1, 1 << 8  # flushes, zeros
 OPTIONS, OPTION_REPLY, REQUEST, CHUNK = 0x49484156454F5054, 0x3E889045565A9, 0x25609513, 0x668E33EF
 
@@ -95,15 +96,15 @@ class Server:
         if chunks is None:
             return
         self.log.append((command, offset, length, flags))
-        if command in (WRITE, ZERO):
+        if command in (WRITE, ZERO) and chunks != FAILED:
             self.data[offset:offset + length] = written or bytes(length)
         for number, (kind, text) in enumerate(chunks, 1):
             line.sendall(struct.pack(">IHHQI", CHUNK, number == len(chunks), kind, cookie, len(text)) + text)
 
     def extents(self, start, end):
-        """Of 4 KiB each."""
+        """Of 4 KiB each. Whether room is taken says nothing of zeros."""
         zeros = [self.data[at:at + 4096].count(0) == len(self.data[at:at + 4096]) for at in range(start, end, 4096)]
-        return b"".join(struct.pack(">II", min(4096, end - start - 4096 * number), 3 * zero)
+        return b"".join(struct.pack(">II", min(4096, end - start - 4096 * number), 2 * zero + random.randrange(2))
                         for number, zero in enumerate(zeros))
 
 
