@@ -60,7 +60,7 @@ struct Connection::Calls {
         return 0;
     }
 
-    // Lengths and flags in turn. Only the last one may reach farther than was asked for.
+    // Lengths and flags in turn; they may reach farther than was asked for.
     static int extent(void* data, const char* context, std::uint64_t /*offset*/, std::uint32_t* entries,
                       std::size_t count, int* /*error*/)
     {
@@ -75,7 +75,7 @@ struct Connection::Calls {
         for (std::size_t i = 0; i + 1 < count && !request.isWrong; i += 2) {
             const Range range = {offset, entries[i]};
             request.isWrong = range.length == 0 || range.length % request.connection->m_traits.unit != 0
-                || offset >= request.range.end() || range.length > size - offset;
+                || range.length > size - offset;
             if (request.told->size() < MOST_EXTENTS) {
                 request.told->push_back({range, (entries[i + 1] & flag) != 0});
             }
