@@ -218,7 +218,7 @@ class Exports(Case):
         command = [PROGRAM, "build", uri("s"), "--hash-file", "h", "--block-size", "4M", "-j", "2"]
         told = run([sys.executable, "-c", MEASURED, *command], stdout=PIPE, text=True, check=True).stdout
         self.assertIn("3,932,160 blocks known\n36.00 MiB read", told)
-        self.check_memory(told)
+        self.check_measured(told)
 
     def test_lies(self):
         """They are errors, and teach nothing."""

@@ -86,7 +86,7 @@ class Bitmaps(Case):
         told = run([sys.executable, "-c", MEASURED, PROGRAM, *build, "p1", "--since", "p0", "--bitmap", "b"],
                    stdout=PIPE, text=True, check=True).stdout
         self.assertIn("3.01 GiB of holes, 1016.00 MiB known before", told)
-        self.check_memory(told)
+        self.check_measured(told)
 
 
 @unittest.skipUnless(all(map(shutil.which, TOOLS)), "no qemu-utils, or no qemu-system-common")

@@ -129,7 +129,7 @@ class Case(unittest.TestCase):
         self.assertRegex(self.call(command, 2, **options).stderr,
                          rf"\A(kelvane-hash: note: .*\n)*kelvane-hash: .*{cause}.*\n\Z", command)
 
-    def check_memory(self, told):
+    def check_measured(self, told):
         """Of what MEASURED ran: 64 MiB at most, but with sanitizers."""
         if b"__asan_init" not in Path(PROGRAM).read_bytes():
             self.assertLess(int(told.split()[-1]), 64 << 10, "KiB")
