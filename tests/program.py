@@ -74,6 +74,14 @@ def doubt_here():
     return doubt
 
 
+def has_warned():
+    """Whether the file system here has told of trouble once: an image that nothing is known of is read from the disk."""
+    device = os.stat(HOME).st_dev
+    name = os.path.basename(os.path.realpath(f"/sys/dev/block/{os.major(device)}:{os.minor(device)}"))
+    counts = [Path(f"/sys/fs/ext4/{name}/{kind}_count") for kind in ("errors", "warning")]
+    return any(count.exists() and int(count.read_text()) > 0 for count in counts)
+
+
 class Case(unittest.TestCase):
     def setUp(self):
         random.seed(1)  # now and then a whole entry looks torn: not in these images
